@@ -1,0 +1,23 @@
+# One helper per kind of target keeps each subsystem's CMakeLists to a few lines.
+
+set(VLINK_WARNINGS -Wall -Wextra -Wshadow -Wconversion -Wno-sign-conversion)
+
+# vlink_library(NAME <target> SRCS ... DEPS ...)
+# A static, position-independent part of libtavo_video_vlink.so. DEPS says what it
+# really uses, so the target graph draws the layering.
+function(vlink_library)
+  cmake_parse_arguments(ARG "" "NAME" "SRCS;DEPS" ${ARGN})
+  add_library(${ARG_NAME} STATIC ${ARG_SRCS})
+  target_include_directories(${ARG_NAME} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+  target_compile_options(${ARG_NAME} PRIVATE ${VLINK_WARNINGS})
+  target_link_libraries(${ARG_NAME} PUBLIC ${ARG_DEPS})
+endfunction()
+
+# vlink_test(NAME <test> SRCS ... DEPS ...)
+function(vlink_test)
+  cmake_parse_arguments(ARG "" "NAME" "SRCS;DEPS" ${ARGN})
+  add_executable(${ARG_NAME} ${ARG_SRCS})
+  target_compile_options(${ARG_NAME} PRIVATE ${VLINK_WARNINGS})
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main)
+  gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

@@ -1,0 +1,134 @@
+// A FIFO with two sides: producers push to one, consumers pop from the other, and the
+// sides swap only when the popping side has run dry, so producers and consumers take
+// different locks almost always.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+template <class T>
+using NonblockingFifo = std::deque<T>;
+
+template <class T>
+class NonblockingQueueProducer {
+ public:
+  explicit NonblockingQueueProducer(std::shared_ptr<NonblockingFifo<T>> fifo)
+      : m_fifo(std::move(fifo)) {}
+  virtual ~NonblockingQueueProducer() = default;
+
+  // True when the FIFO holds exactly this one item now.
+  bool Push(T&& item) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_fifo->push_back(std::move(item));
+    return m_fifo->size() == 1;
+  }
+  bool IsEmpty() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_fifo->empty();
+  }
+
+ private:
+  std::shared_ptr<NonblockingFifo<T>> m_fifo;
+  std::mutex m_lock;  // guards *m_fifo on the producing side
+};
+
+template <class T>
+class NonblockingQueueConsumer {
+ public:
+  explicit NonblockingQueueConsumer(std::shared_ptr<NonblockingFifo<T>> fifo)
+      : m_fifo(std::move(fifo)) {}
+  virtual ~NonblockingQueueConsumer() = default;
+
+  std::optional<T> Pop() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_fifo->empty()) {
+      return std::nullopt;
+    }
+    std::optional<T> item(std::move(m_fifo->front()));
+    m_fifo->pop_front();
+    return item;
+  }
+  bool IsEmpty() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_fifo->empty();
+  }
+
+ private:
+  std::shared_ptr<NonblockingFifo<T>> m_fifo;
+  std::mutex m_lock;  // guards *m_fifo on the consuming side
+};
+
+template <class T>
+struct NonblockingQueue {
+  std::shared_ptr<NonblockingFifo<T>> fifo = std::make_shared<NonblockingFifo<T>>();
+  NonblockingQueueProducer<T> producer{fifo};
+  NonblockingQueueConsumer<T> consumer{fifo};
+};
+
+// Lock order: consumer lock, then producer lock. A side is never written and read at
+// once: pushes go to the write side, pops come from the other, and the write index flips
+// only while both locks are held.
+template <class T>
+class DuelNonblockingQueue {
+ public:
+  DuelNonblockingQueue() = default;
+  virtual ~DuelNonblockingQueue() = default;
+  DuelNonblockingQueue(const DuelNonblockingQueue&) = delete;
+  DuelNonblockingQueue& operator=(const DuelNonblockingQueue&) = delete;
+
+  void Push(T&& item) {
+    std::lock_guard<std::mutex> lock(m_producerLock);
+    if (m_sides[WriteIndex()].producer.Push(std::move(item))) {
+      m_newData.store(true, std::memory_order_release);
+    }
+  }
+
+  std::optional<T> Pop() {
+    std::lock_guard<std::mutex> consumerLock(m_consumerLock);
+    if (std::optional<T> item = m_sides[ReadIndex()].consumer.Pop()) {
+      return item;
+    }
+    {
+      std::lock_guard<std::mutex> producerLock(m_producerLock);
+      if (m_newData.exchange(false, std::memory_order_acq_rel)) {
+        Switch(false);
+      }
+    }
+    return m_sides[ReadIndex()].consumer.Pop();
+  }
+
+  bool IsEmpty() {
+    std::lock_guard<std::mutex> consumerLock(m_consumerLock);
+    if (!m_sides[ReadIndex()].consumer.IsEmpty()) {
+      return false;
+    }
+    std::lock_guard<std::mutex> producerLock(m_producerLock);
+    return m_sides[WriteIndex()].producer.IsEmpty();
+  }
+
+  // Flips the write side; without force only while switching is enabled. Callers hold
+  // both locks.
+  void Switch(bool force) {
+    if (!m_switchEnabled.load(std::memory_order_acquire) && !force) {
+      return;
+    }
+    m_writeIndex.store(static_cast<uint8_t>(1U - WriteIndex()), std::memory_order_release);
+  }
+
+  uint8_t WriteIndex() const { return m_writeIndex.load(std::memory_order_acquire); }
+
+ private:
+  uint8_t ReadIndex() const { return static_cast<uint8_t>(1U - WriteIndex()); }
+
+  std::array<NonblockingQueue<T>, 2> m_sides;
+  std::atomic<uint8_t> m_writeIndex{0};
+  std::atomic<bool> m_newData{false};  // the write side went from empty to non-empty
+  std::atomic<bool> m_switchEnabled{true};
+  std::mutex m_producerLock;  // held by Push, and by a consumer that swaps or inspects
+  std::mutex m_consumerLock;  // held by Pop and IsEmpty
+};

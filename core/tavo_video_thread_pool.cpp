@@ -1,0 +1,130 @@
+#include "core/tavo_video_thread_pool.h"
+
+#include <cstdio>
+#include <exception>
+
+ThreadPool::ThreadPool(unsigned long threadCount) : m_threadCount(threadCount) { Start(); }
+
+ThreadPool::~ThreadPool() {
+  Stop();
+  // Whatever is still queued is dropped unrun; its promises belong to whoever queued it.
+  while (m_queue.Pop()) {
+  }
+}
+
+void ThreadPool::Start() {
+  std::lock_guard<std::mutex> lock(m_poolLock);
+  if (m_running.load()) {
+    return;
+  }
+  m_running.store(true);
+  m_workers.reserve(m_threadCount);
+  for (unsigned long i = 0; i < m_threadCount; ++i) {
+    m_workers.emplace_back(&ThreadPool::ThreadFunc, this);
+  }
+}
+
+void ThreadPool::Stop() {
+  std::vector<std::thread> workers;
+  {
+    std::lock_guard<std::mutex> lock(m_poolLock);
+    if (!m_running.load()) {
+      return;
+    }
+    {
+      // Under the take lock so that no worker is between its check and its wait.
+      std::lock_guard<std::mutex> takeLock(m_takeLock);
+      m_running.store(false);
+    }
+    m_stopping = true;
+    workers.swap(m_workers);
+  }
+  // Joined without the pool lock: a task that is still running may call Add, which then
+  // gets no promise instead of waiting for this join forever.
+  m_workSignal.notify_all();
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+  std::lock_guard<std::mutex> lock(m_poolLock);
+  m_stopping = false;
+}
+
+std::promise<void>* ThreadPool::Add(const std::function<int()>& fn) {
+  auto* promise = new std::promise<void>();
+  std::unique_lock<std::mutex> lock(m_poolLock);
+  if (m_stopping) {
+    delete promise;
+    return nullptr;
+  }
+  if (m_workers.empty()) {
+    lock.unlock();
+    fn();
+    promise->set_value();
+    return promise;
+  }
+  m_queue.Push(PoolTask(fn, promise));
+  {
+    // A worker that has just found the queue empty still holds the take lock until it
+    // sleeps, so taking it here means the wake-up cannot fall between its check and wait.
+    std::lock_guard<std::mutex> takeLock(m_takeLock);
+  }
+  m_workSignal.notify_one();
+  return promise;
+}
+
+std::optional<PoolTask> ThreadPool::Take() {
+  std::unique_lock<std::mutex> lock(m_takeLock);
+  m_workSignal.wait(lock, [this] { return !m_running.load() || !m_queue.IsEmpty(); });
+  return m_queue.Pop();  // nothing when the pool is stopping with an empty queue
+}
+
+void ThreadPool::ThreadFunc() {
+  while (m_running.load()) {
+    std::optional<PoolTask> task = Take();
+    if (!task) {
+      continue;
+    }
+    if (!task->first) {
+      std::fputs("ThreadPool: empty task\n", stderr);
+      std::terminate();
+    }
+    // An exception escaping a task ends the process (the thread function is noexcept in
+    // effect: std::thread terminates).
+    task->first();
+    std::promise<void>* promise = task->second;
+    promise->set_value();
+    // Drop the work (and whatever it captured) only after the promise is fulfilled: if it
+    // held the last reference to a node, that node's destructor waits for this very task.
+    task.reset();
+    if (m_running.load()) {
+      std::lock_guard<std::mutex> lock(m_takeLock);
+      m_progressSignal.notify_one();
+    }
+  }
+}
+
+uint32_t ThreadPool::WaitQueueDrained() {
+  if (!m_running.load()) {
+    return 1;
+  }
+  std::unique_lock<std::mutex> lock(m_takeLock);
+  m_progressSignal.wait(lock, [this] { return m_queue.IsEmpty(); });
+  return 0;
+}
+
+uint32_t ThreadPool::WaitAllEnd() {
+  if (WaitQueueDrained() != 0) {
+    return 1;
+  }
+  Stop();
+  Start();
+  return 0;
+}
+
+uint32_t ThreadPool::WaitAllEndToStop() {
+  if (WaitQueueDrained() != 0) {
+    return 1;
+  }
+  Stop();
+  return 0;
+}

@@ -1,0 +1,54 @@
+// The worker pool every frame hand-off and release runs on.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "core/tavo_video_nonblocking_queue.h"
+
+// The work and the promise the worker fulfils once the work has returned. Whoever queued
+// the task owns the promise afterwards and frees it.
+using PoolTask = std::pair<std::function<int()>, std::promise<void>*>;
+
+class ThreadPool {
+ public:
+  explicit ThreadPool(unsigned long threadCount);
+  ~ThreadPool();
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  void Start();
+  // Joins the workers; tasks still queued stay queued and are not run. Never call it from
+  // a task. While it joins, Add gives no promise.
+  void Stop();
+  // Queues fn and returns the promise a worker will fulfil after running it. A stopped
+  // pool runs fn at once on the caller's thread and returns a fulfilled promise; a pool
+  // that is stopping returns null.
+  std::promise<void>* Add(const std::function<int()>& fn);
+  // Wait until the queue is empty, then stop (and restart). 1 on a stopped pool.
+  uint32_t WaitAllEnd();
+  uint32_t WaitAllEndToStop();
+
+ private:
+  std::optional<PoolTask> Take();
+  void ThreadFunc();
+  uint32_t WaitQueueDrained();
+
+  const unsigned long m_threadCount;
+  std::mutex m_poolLock;  // guards start, stop, adding and m_workers
+  std::mutex m_takeLock;  // held by workers while they look for work and sleep
+  std::vector<std::thread> m_workers;
+  bool m_stopping = false;  // Stop is joining the workers; guarded by m_poolLock
+  std::atomic<bool> m_running{false};
+  std::condition_variable m_workSignal;      // work queued or stopping; waited on with m_takeLock
+  std::condition_variable m_progressSignal;  // a task finished; waited on with m_takeLock
+  DuelNonblockingQueue<PoolTask> m_queue;
+};

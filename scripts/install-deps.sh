@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Installs everything the build, the tests and the host programs need on a fresh Debian 12.
+set -euo pipefail
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update
+$SUDO apt-get install -y --no-install-recommends \
+  build-essential g++ cmake ninja-build pkg-config \
+  libgtest-dev libgmock-dev libbenchmark-dev \
+  libboost1.81-dev libsafec-dev libyuv-dev \
+  clang-14 libclang-rt-14-dev clang-format-14
