@@ -74,8 +74,17 @@ std::promise<void>* ThreadPool::Add(const std::function<int()>& fn) {
 
 std::optional<PoolTask> ThreadPool::Take() {
   std::unique_lock<std::mutex> lock(m_takeLock);
-  m_workSignal.wait(lock, [this] { return !m_running.load() || !m_queue.IsEmpty(); });
-  return m_queue.Pop();  // nothing when the pool is stopping with an empty queue
+  // Popping first saves a separate emptiness check. Add pushes before it takes the take
+  // lock to wake us, so a push is either seen by this pop or followed by a wake-up.
+  for (;;) {
+    if (std::optional<PoolTask> task = m_queue.Pop()) {
+      return task;
+    }
+    if (!m_running.load()) {
+      return std::nullopt;
+    }
+    m_workSignal.wait(lock);
+  }
 }
 
 void ThreadPool::ThreadFunc() {
@@ -96,9 +105,11 @@ void ThreadPool::ThreadFunc() {
     // Drop the work (and whatever it captured) only after the promise is fulfilled: if it
     // held the last reference to a node, that node's destructor waits for this very task.
     task.reset();
-    if (m_running.load()) {
+    // Only WaitAllEnd listens; it registers under the take lock before it checks the
+    // queue, and the task was popped under that lock, so a waiter is never missed.
+    if (m_running.load() && m_progressWaiters.load() > 0) {
       std::lock_guard<std::mutex> lock(m_takeLock);
-      m_progressSignal.notify_one();
+      m_progressSignal.notify_all();
     }
   }
 }
@@ -108,7 +119,9 @@ uint32_t ThreadPool::WaitQueueDrained() {
     return 1;
   }
   std::unique_lock<std::mutex> lock(m_takeLock);
+  ++m_progressWaiters;
   m_progressSignal.wait(lock, [this] { return m_queue.IsEmpty(); });
+  --m_progressWaiters;
   return 0;
 }
 

@@ -50,5 +50,6 @@ class ThreadPool {
   std::atomic<bool> m_running{false};
   std::condition_variable m_workSignal;      // work queued or stopping; waited on with m_takeLock
   std::condition_variable m_progressSignal;  // a task finished; waited on with m_takeLock
+  std::atomic<int> m_progressWaiters{0};     // threads waiting on m_progressSignal
   DuelNonblockingQueue<PoolTask> m_queue;
 };

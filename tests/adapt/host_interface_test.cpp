@@ -1,0 +1,96 @@
+// Loads the built library as a host does and uses only what it exports.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "tavo_video_vlink.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+std::set<std::string> ExportedSymbols(const char* library) {
+  std::set<std::string> symbols;
+  const std::string command = std::string("nm -D --defined-only ") + library;
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  if (!pipe) {
+    return symbols;
+  }
+  char address[64];
+  char kind[8];
+  char name[512];
+  while (std::fscanf(pipe.get(), "%63s %7s %511s", address, kind, name) == 3) {
+    symbols.insert(name);
+  }
+  return symbols;
+}
+
+class HostInterfaceTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    s_library = dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(s_library, nullptr) << dlerror();
+  }
+  template <class F>
+  static F* Symbol(const char* name) {
+    return reinterpret_cast<F*>(dlsym(s_library, name));
+  }
+  static inline void* s_library = nullptr;
+};
+
+TEST_F(HostInterfaceTest, ExportsOnlyTheHostInterface) {
+  const std::set<std::string> expected = {
+      "TavoVideoVlinkInit",           "TavoVideoSetTraceLevel",
+      "TavoVideoRegisterTraceCallBack", "OS_VLink_Debug_SetTraceLevel",
+      "OSV_VLink_GetTraceLevel",      "OS_VLink_Debug_TraceRegister",
+      "OSV_VLink_TracePrintf",        "g_ucOSVLinkTraceLevel",
+      "TavoVideoGetDataContainer",    "TavoVideoReleaseDataContainer",
+  };
+  EXPECT_EQ(ExportedSymbols(VLINK_LIBRARY_PATH), expected);
+}
+
+std::string g_lastTrace;
+void RememberTrace(uint32_t /*level*/, const char* text) { g_lastTrace = text; }
+
+TEST_F(HostInterfaceTest, TraceControlsAndContainersWorkThroughTheExports) {
+  LogCapture logs;
+  auto* init = Symbol<decltype(TavoVideoVlinkInit)>("TavoVideoVlinkInit");
+  auto* setLevel = Symbol<decltype(TavoVideoSetTraceLevel)>("TavoVideoSetTraceLevel");
+  auto* registerTrace =
+      Symbol<decltype(TavoVideoRegisterTraceCallBack)>("TavoVideoRegisterTraceCallBack");
+  auto* getContainer = Symbol<decltype(TavoVideoGetDataContainer)>("TavoVideoGetDataContainer");
+  auto* releaseContainer =
+      Symbol<decltype(TavoVideoReleaseDataContainer)>("TavoVideoReleaseDataContainer");
+  auto* level = Symbol<unsigned char>("g_ucOSVLinkTraceLevel");
+  ASSERT_TRUE(init && setLevel && registerTrace && getContainer && releaseContainer && level);
+
+  EXPECT_EQ(init(0, 0, [] {}), 0U);
+  EXPECT_TRUE(logs.HasModule("TavoVideoVlinkInit OK", 3));
+
+  EXPECT_EQ(registerTrace(0, RememberTrace), 0U);
+  EXPECT_EQ(registerTrace(3, RememberTrace), 0xFFFFFFFFU);
+  EXPECT_TRUE(logs.HasModule("VLink_Debug_TraceRegister failed! type[3].", 1));
+  EXPECT_EQ(setLevel(3), 0U);
+  EXPECT_EQ(*level, 3);
+  EXPECT_EQ(setLevel(5), 0xFFFFFFFFU);
+  EXPECT_EQ(*level, 3);
+  EXPECT_TRUE(logs.HasModule("VLink_Debug_SetTraceLevel failed!", 1));
+  EXPECT_EQ(setLevel(0x104), 0U);  // only the low 8 bits count
+  EXPECT_EQ(*level, 4);
+
+  // A container the host fills is the one the library keeps under that name.
+  DataContainer* container = getContainer("Node[40]PresentParam");
+  ASSERT_NE(container, nullptr);
+  EXPECT_EQ(getContainer("Node[40]PresentParam"), container);
+  container->SetDataByString<uint32_t>("imgNo", 40);
+  EXPECT_EQ(releaseContainer("Node[40]PresentParam"), 0U);
+  EXPECT_EQ(releaseContainer("Node[40]PresentParam"), 1U);
+  EXPECT_NE(g_lastTrace.find("Cannot release dataContainer[Node[40]PresentParam]"),
+            std::string::npos);
+  EXPECT_EQ(setLevel(0), 0U);
+}
+
+}  // namespace

@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "adapt/trace/tavo_video_vlink_log.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+struct Delivered {
+  uint32_t level;
+  std::string text;
+};
+
+std::mutex g_deliveredLock;
+std::vector<Delivered> g_delivered[3];
+
+template <int Channel>
+void Collect(uint32_t level, const char* text) {
+  std::lock_guard<std::mutex> lock(g_deliveredLock);
+  g_delivered[Channel].push_back({level, text});
+}
+
+class TraceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(OS_VLink_Debug_TraceRegister(0, Collect<0>), 0);
+    ASSERT_EQ(OS_VLink_Debug_TraceRegister(1, Collect<1>), 0);
+    ASSERT_EQ(OS_VLink_Debug_TraceRegister(2, Collect<2>), 0);
+    std::lock_guard<std::mutex> lock(g_deliveredLock);
+    for (auto& channel : g_delivered) {
+      channel.clear();
+    }
+  }
+  void TearDown() override { OS_VLink_Debug_SetTraceLevel(0); }
+
+  static std::vector<Delivered> Channel(int channel) {
+    std::lock_guard<std::mutex> lock(g_deliveredLock);
+    return g_delivered[channel];
+  }
+};
+
+void LogOneOfEach() {
+  VLOG_ERR("error %d", 1);
+  VLOG_WRN("warning %d", 2);
+  VLOG_INF("info %d", 3);
+  VLOG_DTL("detail %d", 4);
+}
+
+TEST_F(TraceTest, LevelZeroReachesOnlyTheModuleLog) {
+  LogCapture logs;
+  ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(0), 0);
+  LogOneOfEach();
+  EXPECT_TRUE(Channel(0).empty());
+  EXPECT_TRUE(logs.HasModule("error 1", 1));
+  EXPECT_TRUE(logs.HasModule("warning 2", 2));
+  EXPECT_TRUE(logs.HasModule("info 3", 3));
+  // The module log gets the bare text and the file without its directory.
+  const auto records = logs.Records();
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ(records.front().text, "error 1");
+  EXPECT_EQ(records.front().file, "trace_test.cpp");
+  EXPECT_EQ(records.front().moduleId, TavoVideoGetPrivateLogId(0) & 0xFFFFU);
+}
+
+TEST_F(TraceTest, LevelThreeAdmitsErrorsWarningsAndInformation) {
+  ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(3), 0);
+  LogOneOfEach();
+  const auto delivered = Channel(0);
+  ASSERT_EQ(delivered.size(), 3U);
+  EXPECT_EQ(delivered[0].level, 1U);
+  EXPECT_EQ(delivered[0].text.rfind("\r\n\033[1;31m OS_VLink->[Err] \033[0m [LogOneOfEach][", 0), 0U);
+  EXPECT_NE(delivered[0].text.find("]: error 1"), std::string::npos);
+  EXPECT_NE(delivered[1].text.find("OS_VLink->[Wrn]"), std::string::npos);
+  EXPECT_NE(delivered[2].text.find("OS_VLink->[Inf]"), std::string::npos);
+  ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(4), 0);
+  VLOG_DTL("detail %d", 4);
+  ASSERT_EQ(Channel(0).size(), 4U);
+  EXPECT_NE(Channel(0)[3].text.find("OS_VLink->[Dtl]"), std::string::npos);
+}
+
+TEST_F(TraceTest, ChannelsAndSinksAreKeptApart) {
+  LogCapture logs;
+  ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(3), 0);
+  VLOG_INF_CH(2, "camera says %s", "hi");
+  VLOG_INF_TRACE("trace only");
+  VLOG_ERR_MODULE("module only");
+  ASSERT_EQ(Channel(2).size(), 1U);
+  EXPECT_NE(Channel(2)[0].text.find("camera says hi"), std::string::npos);
+  ASSERT_EQ(Channel(0).size(), 1U);
+  EXPECT_NE(Channel(0)[0].text.find("trace only"), std::string::npos);
+  EXPECT_FALSE(logs.HasModule("trace only"));
+  EXPECT_TRUE(logs.HasModule("module only", 1));
+}
+
+TEST_F(TraceTest, TextsOutsideOneTo510CharactersAreDroppedWhole) {
+  OSV_VLink_TracePrintf(0, 1, "%s", std::string(510, 'a').c_str());
+  OSV_VLink_TracePrintf(0, 1, "%s", std::string(511, 'b').c_str());
+  OSV_VLink_TracePrintf(0, 1, "%s", std::string(4000, 'c').c_str());
+  OSV_VLink_TracePrintf(0, 1, "%s", "");
+  OSV_VLink_TracePrintf(3, 1, "%s", "no such channel");
+  const auto delivered = Channel(0);
+  ASSERT_EQ(delivered.size(), 1U);
+  EXPECT_EQ(delivered[0].text, std::string(510, 'a'));
+}
+
+TEST_F(TraceTest, LevelAndRegistrationRefuseBadValues) {
+  ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(2), 0);
+  EXPECT_EQ(OS_VLink_Debug_SetTraceLevel(5), -1);
+  EXPECT_EQ(OSV_VLink_GetTraceLevel(), 2);
+  EXPECT_EQ(OS_VLink_Debug_TraceRegister(3, Collect<0>), -1);
+  EXPECT_EQ(OS_VLink_Debug_TraceRegister(0, nullptr), -1);
+  // A second callback replaces the first.
+  ASSERT_EQ(OS_VLink_Debug_TraceRegister(2, Collect<1>), 0);
+  OSV_VLink_TracePrintf(2, 1, "to channel %d", 2);
+  EXPECT_TRUE(Channel(2).empty());
+  ASSERT_EQ(Channel(1).size(), 1U);
+  EXPECT_EQ(Channel(1)[0].text, "to channel 2");
+}
+
+}  // namespace

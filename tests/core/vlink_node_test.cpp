@@ -1,0 +1,165 @@
+#include "core/tavo_video_vlink_node.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/test_nodes.h"
+
+namespace {
+
+using NodePtr = VideoVlinkNode::NodePtr;
+
+std::shared_ptr<CountingNode> MakeNode(uint32_t id, bool start) {
+  auto node = std::make_shared<CountingNode>(id);
+  if (start) {
+    node->StartProcess();
+  }
+  return node;
+}
+
+TEST(VlinkNodeTest, FanOutSkipsAStoppedReceiver) {
+  auto source = MakeNode(1, true);
+  auto a = MakeNode(2, true);
+  auto stopped = MakeNode(3, false);
+  auto b = MakeNode(4, true);
+  for (const auto& sink : {a, stopped, b}) {
+    Link(source, sink);
+  }
+  std::atomic<int> refsSeen{0};
+  auto recordRefs = [&](OsvGraphicBuffer* buffer) { refsSeen += static_cast<int>(buffer->GetRefCount()); };
+  a->onFrame = recordRefs;
+  b->onFrame = recordRefs;
+
+  OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
+  frame.SetReleaseTarget(source);
+  frame.IncreaseRef();  // the producer's own hold
+  EXPECT_EQ(source->SendBuffer(&frame), 0U);
+  ASSERT_TRUE(a->handled.WaitFor(1));
+  ASSERT_TRUE(b->handled.WaitFor(1));
+  a->DealTaskHandler(true);
+  b->DealTaskHandler(true);
+  EXPECT_EQ(stopped->handled.Get(), 0);
+  EXPECT_GE(refsSeen, 2);  // each started receiver held its own reference
+  EXPECT_EQ(frame.GetRefCount(), 1U);  // the caller's reference is left as it was
+  EXPECT_EQ(source->released.Get(), 0);
+
+  frame.DecreaseRef();
+  ASSERT_TRUE(source->released.WaitFor(1));
+  source->DealTaskHandler(true);
+  EXPECT_EQ(source->released.Get(), 1);
+  for (const auto& sink : {a, stopped, b}) {
+    Unlink(source, sink);
+  }
+}
+
+TEST(VlinkNodeTest, FrameReturnsToProducerOnceEvenWhenASinkRefusesIt) {
+  LogCapture logs;
+  auto source = MakeNode(1, true);
+  auto taker = MakeNode(2, true);
+  auto refuser = MakeNode(3, true);
+  refuser->handleResult = 1;
+  Link(source, taker);
+  Link(source, refuser);
+  constexpr int kFrames = 200;
+  std::vector<std::unique_ptr<OsvGraphicBuffer>> frames;
+  for (int i = 0; i < kFrames; ++i) {
+    frames.push_back(std::make_unique<OsvGraphicBuffer>(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420));
+    frames.back()->SetReleaseTarget(source);
+    source->SendBuffer(frames.back().get());
+  }
+  ASSERT_TRUE(source->released.WaitFor(kFrames));
+  source->DealTaskHandler(true);
+  EXPECT_EQ(source->released.Get(), kFrames);
+  EXPECT_EQ(taker->handled.Get(), kFrames);
+  EXPECT_EQ(logs.CountModule("[TEST_3] HandleBuffer error!", 1), static_cast<size_t>(kFrames));
+  for (const auto& frame : frames) {
+    EXPECT_TRUE(frame->IsAvailable());
+  }
+  Unlink(source, taker);
+  Unlink(source, refuser);
+}
+
+TEST(VlinkNodeTest, SendWithoutNeighboursReturnsTheFrameAtOnce) {
+  LogCapture logs;
+  auto source = MakeNode(5, true);
+  OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
+  frame.SetReleaseTarget(source);
+  EXPECT_EQ(source->SendBuffer(&frame), 0U);
+  EXPECT_TRUE(logs.HasModule("[TEST_5] m_nextNodes is empty!", 1));
+  ASSERT_TRUE(source->released.WaitFor(1));
+  // A stopped producer still gets its frames back.
+  source->StopProcess();
+  frame.IncreaseRef();
+  frame.DecreaseRef();
+  ASSERT_TRUE(source->released.WaitFor(2));
+  source->DealTaskHandler(true);
+}
+
+TEST(VlinkNodeTest, ConnectAndDisconnectMatchNeighboursById) {
+  LogCapture logs;
+  auto node = MakeNode(1, false);
+  auto peer = MakeNode(2, false);
+  auto impostor = MakeNode(2, false);  // another object with the same id
+  EXPECT_EQ(node->ConnectToNode(peer), 0U);
+  EXPECT_EQ(node->ConnectToNode(peer), 1U);
+  EXPECT_EQ(node->ConnectToNode(impostor), 1U);
+  EXPECT_TRUE(logs.HasModule("[TEST_1] m_nextNodes has m_nodeId[2]", 1));
+  EXPECT_EQ(node->GetNextConnectList().size(), 1U);
+  EXPECT_EQ(node->ConnectFromNode(peer), 0U);  // both upstream and downstream
+
+  EXPECT_EQ(node->DisconnectFromNode(impostor, true), 0U);
+  EXPECT_TRUE(node->GetPrevConnectList().empty());  // upstream goes first
+  EXPECT_EQ(node->GetNextConnectList().size(), 1U);
+  EXPECT_EQ(node->DisconnectFromNode(peer, true), 0U);
+  EXPECT_FALSE(node->HasNextNodes());
+  EXPECT_EQ(node->DisconnectFromNode(peer, true), 1U);
+  EXPECT_TRUE(logs.HasModule("[TEST_1] Node[2] is not attached", 2));
+  EXPECT_EQ(node->DisconnectFromNode(nullptr, true), 0U);
+}
+
+TEST(VlinkNodeTest, DestructionWaitsForQueuedTasks) {
+  auto source = MakeNode(1, true);
+  auto sink = MakeNode(2, true);
+  Link(source, sink);
+  Gate gate;
+  sink->onFrame = [&](OsvGraphicBuffer*) { gate.Pass(); };
+  constexpr int kFrames = 12;  // more than the pool has workers: some stay queued
+  OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
+  for (int i = 0; i < kFrames; ++i) {
+    source->SendBuffer(&frame);
+  }
+  std::atomic<bool> destroyed{false};
+  source->DisconnectFromNode(sink, true);
+  sink->DisconnectFromNode(source, false);
+  std::thread destroyer([&, node = std::move(sink)]() mutable {
+    node.reset();
+    destroyed = true;
+  });
+  EXPECT_FALSE(destroyed);
+  gate.Open();
+  destroyer.join();
+  EXPECT_TRUE(frame.IsAvailable());  // every task ran and dropped its reference
+}
+
+TEST(VlinkNodeTest, StopOnAnIdleNodeReturnsAtOnce) {
+  auto node = MakeNode(1, true);
+  EXPECT_EQ(node->StopProcess(), 0U);
+  EXPECT_FALSE(node->IsStarted());
+  OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
+  EXPECT_EQ(node->QueueBuffer(&frame), 1U);
+}
+
+TEST(VlinkNodeTest, RegistryEntryPoints) {
+  NodePtr created = VideoVlinkNode::CreateNodeByUnique<CountingNode>(4242);
+  ASSERT_TRUE(created);
+  EXPECT_EQ(VideoVlinkNode::CreateNodeByUnique<CountingNode>(4242), created);
+  EXPECT_EQ(VideoVlinkNode::GetNodeByUnique<CountingNode>(4242), created);
+  EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(4242), 0);
+  EXPECT_EQ(VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(4242), nullptr);
+  EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(4242), 1);
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+#include "osv_graphic_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class RecordingTarget : public OsvReleaseBase<OsvGraphicBuffer> {
+ public:
+  void ReleaseBufferDeal(OsvGraphicBuffer* buffer) override {
+    last = buffer;
+    ++calls;
+  }
+  std::atomic<int> calls{0};
+  OsvGraphicBuffer* last = nullptr;
+};
+
+TEST(OsvGraphicBufferTest, LastHolderReleasesExactlyOnce) {
+  auto target = std::make_shared<RecordingTarget>();
+  OsvGraphicBuffer buffer(64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);
+  buffer.SetReleaseTarget(target);
+  EXPECT_TRUE(buffer.IsAvailable());
+  EXPECT_EQ(buffer.IncreaseRef(), 1);
+  EXPECT_EQ(buffer.IncreaseRef(), 2);
+  EXPECT_EQ(buffer.DecreaseRef(), 1);
+  EXPECT_EQ(target->calls, 0);
+  EXPECT_EQ(buffer.DecreaseRef(), 0);
+  EXPECT_EQ(target->calls, 1);
+  EXPECT_EQ(target->last, &buffer);
+  // An unbalanced drop is refused and does not release the frame a second time.
+  EXPECT_EQ(buffer.DecreaseRef(), -1);
+  EXPECT_EQ(target->calls, 1);
+  EXPECT_TRUE(buffer.IsAvailable());
+}
+
+TEST(OsvGraphicBufferTest, ConcurrentHoldersReleaseOnce) {
+  auto target = std::make_shared<RecordingTarget>();
+  OsvGraphicBuffer buffer(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
+  buffer.SetReleaseTarget(target);
+  constexpr int kHolders = 8;
+  constexpr int kRounds = 2000;
+  for (int round = 0; round < 20; ++round) {
+    buffer.IncreaseRef();  // the producer's hold, so the count cannot touch zero early
+    std::vector<std::thread> holders;
+    for (int t = 0; t < kHolders; ++t) {
+      holders.emplace_back([&] {
+        for (int i = 0; i < kRounds; ++i) {
+          buffer.IncreaseRef();
+          buffer.DecreaseRef();
+        }
+      });
+    }
+    for (auto& holder : holders) {
+      holder.join();
+    }
+    EXPECT_EQ(target->calls, round);
+    buffer.DecreaseRef();
+    EXPECT_EQ(target->calls, round + 1);
+  }
+}
+
+TEST(OsvGraphicBufferTest, OwnMemoryIsDescribedPerFormat) {
+  OsvGraphicBuffer i420(65, 33, TAVO_VIDEO_VLINK_FORMAT_I420);
+  OsvGraphicBufferInfo info = i420.GetImageInfo();
+  ASSERT_NE(i420.GetBufHandle(), nullptr);
+  EXPECT_EQ(info.stride[0], 65U);
+  EXPECT_EQ(info.stride[1], 33U);  // odd sizes round the chroma planes up
+  EXPECT_EQ(info.size, 65U * 33U + 2U * 33U * 17U);
+  EXPECT_EQ(i420.GetImageAddr(1), i420.GetImageAddr(0) + 65 * 33);
+  EXPECT_EQ(i420.GetImageAddr(2), i420.GetImageAddr(1) + 33 * 17);
+
+  OsvGraphicBuffer argb(10, 4, TAVO_VIDEO_VLINK_FORMAT_ARGB, true, true);
+  info = argb.GetImageInfo();
+  EXPECT_EQ(info.stride[0], 64U);  // 40 bytes rounded up to the row alignment
+  EXPECT_EQ(info.size, 64U * 4U);
+  EXPECT_EQ(argb.GetImageAddr(0)[info.size - 1], 0);
+  EXPECT_EQ(argb.GetImageAddr(1), nullptr);
+
+  EXPECT_EQ(OsvGraphicBuffer(0, 10, TAVO_VIDEO_VLINK_FORMAT_I420).GetBufHandle(), nullptr);
+  EXPECT_EQ(OsvGraphicBuffer(10, 10, 7).GetBufHandle(), nullptr);
+}
+
+TEST(OsvGraphicBufferTest, PlaneAddressesMustLieInsideKnownMemory) {
+  std::vector<uint8_t> memory(96);
+  OsvGraphicBuffer buffer(memory.data());
+  OsvGraphicBufferInfo info{};
+  info.width = 8;
+  info.height = 8;
+  info.size = 96;
+  buffer.SetImageInfo(info);
+  EXPECT_EQ(buffer.SetImageAddr(nullptr, nullptr, nullptr), -1);
+  EXPECT_EQ(buffer.SetImageAddr(memory.data(), memory.data() + 64, memory.data() + 96), -1);
+  EXPECT_EQ(buffer.GetImageAddr(0), nullptr);
+  EXPECT_EQ(buffer.SetImageAddr(memory.data(), memory.data() + 64, memory.data() + 80), 0);
+  EXPECT_EQ(buffer.GetImageAddr(2), memory.data() + 80);
+  EXPECT_EQ(buffer.GetBufHandle(), memory.data());
+}
+
+}  // namespace

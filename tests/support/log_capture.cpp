@@ -1,0 +1,26 @@
+#include "tests/support/log_capture.h"
+
+LogCapture::LogCapture() {
+  m_previous = OmLogSetSink([this](const OmLogRecord& record) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_records.push_back(record);
+  });
+}
+
+LogCapture::~LogCapture() { OmLogSetSink(std::move(m_previous)); }
+
+size_t LogCapture::CountModule(const std::string& text, uint32_t level) {
+  std::lock_guard<std::mutex> lock(m_lock);
+  size_t count = 0;
+  for (const OmLogRecord& record : m_records) {
+    if ((level == 0 || record.level == level) && record.text.find(text) != std::string::npos) {
+      ++count;
+    }
+  }
+  return count;
+}
+
+std::vector<OmLogRecord> LogCapture::Records() {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_records;
+}
