@@ -74,7 +74,7 @@ class PelvAny {
 // The held T, or null when any is null or holds another type.
 template <class T>
 T* AnyCast(PelvAny* any) {
-  if (any == nullptr || any->Type() != PelvTypeInfo::HashCode<T>()) {
+  if (any == nullptr || !any->m_holder || any->m_holder->Type() != PelvTypeInfo::HashCode<T>()) {
     return nullptr;
   }
   return &static_cast<PelvAny::AnyTypeDervied<T>*>(any->m_holder.get())->m_value;
