@@ -1,6 +1,7 @@
+#include "adapt/tavo_video_param_store.h"
+
 #include <map>
 #include <mutex>
-#include "adapt/tavo_video_param_store.h"
 
 #include "adapt/trace/tavo_video_vlink_log.h"
 

@@ -118,6 +118,6 @@ class InstanceManager {
   }
 
   std::unordered_map<uint64_t, EntryList> m_table;  // guarded by m_lock
-  std::mutex m_lock;  // guards m_table and m_count
+  std::mutex m_lock;                                // guards m_table and m_count
   uint64_t m_count = 0;
 };

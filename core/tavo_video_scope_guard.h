@@ -7,7 +7,9 @@
 
 class ScopeGuard {
  public:
-  static ScopeGuard Create(std::function<void()>&& cleanup) { return ScopeGuard(std::move(cleanup)); }
+  static ScopeGuard Create(std::function<void()>&& cleanup) {
+    return ScopeGuard(std::move(cleanup));
+  }
 
   ScopeGuard(ScopeGuard&& other) noexcept {
     std::lock_guard<std::mutex> lock(other.m_lock);

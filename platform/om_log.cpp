@@ -88,10 +88,10 @@ int32_t TavoOmLogModuleLogRecord(uint32_t level, uint32_t moduleId, const char* 
   if (length < 0) {
     return -1;
   }
-  OmLogRecord record{level, moduleId & 0xFFFFU,
-                     fileName != nullptr ? std::string(fileName, strnlen(fileName, fileNameLen))
-                                         : std::string(),
-                     line, text};
+  OmLogRecord record{
+      level, moduleId & 0xFFFFU,
+      fileName != nullptr ? std::string(fileName, strnlen(fileName, fileNameLen)) : std::string(),
+      line, text};
   std::lock_guard<std::mutex> lock(state.lock);
   if (state.sink) {
     state.sink(record);
@@ -99,8 +99,9 @@ int32_t TavoOmLogModuleLogRecord(uint32_t level, uint32_t moduleId, const char* 
   if (state.output != nullptr) {
     const uint64_t ms = OsVLinkGetTimestampMs();
     std::fprintf(state.output, "%llu.%03llu %s [%04x] %s:%u %s\n",
-                 static_cast<unsigned long long>(ms / 1000), static_cast<unsigned long long>(ms % 1000),
-                 LevelName(level), record.moduleId, record.file.c_str(), line, text);
+                 static_cast<unsigned long long>(ms / 1000),
+                 static_cast<unsigned long long>(ms % 1000), LevelName(level), record.moduleId,
+                 record.file.c_str(), line, text);
     std::fflush(state.output);
   }
   return 0;

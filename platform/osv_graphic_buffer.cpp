@@ -17,8 +17,8 @@ bool Inside(const uint8_t* p, const uint8_t* begin, uint32_t size) {
 
 }  // namespace
 
-OsvGraphicBuffer::OsvGraphicBuffer(uint32_t width, uint32_t height, uint32_t format,
-                                   bool zeroFill, bool alignRows) {
+OsvGraphicBuffer::OsvGraphicBuffer(uint32_t width, uint32_t height, uint32_t format, bool zeroFill,
+                                   bool alignRows) {
   m_info.width = width;
   m_info.height = height;
   m_info.format = format;
@@ -51,7 +51,8 @@ OsvGraphicBuffer::OsvGraphicBuffer(uint32_t width, uint32_t height, uint32_t for
     planeSize[1] = planeSize[2] = uint64_t{m_info.stride[1]} * chromaHeight;
   }
   const uint64_t total = planeSize[0] + planeSize[1] + planeSize[2];
-  auto* memory = static_cast<uint8_t*>(std::aligned_alloc(kRowAlignment, AlignUp(total, kRowAlignment)));
+  auto* memory =
+      static_cast<uint8_t*>(std::aligned_alloc(kRowAlignment, AlignUp(total, kRowAlignment)));
   if (memory == nullptr) {
     m_info = {};
     return;

@@ -22,7 +22,8 @@ void PrintTrace(uint32_t level, const char* text) { std::printf("[trace %u]%s\n"
 
 class DemoNode : public VideoVlinkNode {
  public:
-  DemoNode(uint32_t id, const char* name, bool relay) : VideoVlinkNode(id, OS_E_MPP_DEV_TEST), m_relay(relay) {
+  DemoNode(uint32_t id, const char* name, bool relay)
+      : VideoVlinkNode(id, OS_E_MPP_DEV_TEST), m_relay(relay) {
     m_nodeName = name;
   }
   ~DemoNode() override { DealTaskHandler(true); }
@@ -69,11 +70,12 @@ int main(int argc, char** argv) {
     return 1;
   }
   auto init = reinterpret_cast<decltype(&TavoVideoVlinkInit)>(dlsym(library, "TavoVideoVlinkInit"));
-  auto setLevel = reinterpret_cast<decltype(&TavoVideoSetTraceLevel)>(dlsym(library, "TavoVideoSetTraceLevel"));
+  auto setLevel =
+      reinterpret_cast<decltype(&TavoVideoSetTraceLevel)>(dlsym(library, "TavoVideoSetTraceLevel"));
   auto registerTrace = reinterpret_cast<decltype(&TavoVideoRegisterTraceCallBack)>(
       dlsym(library, "TavoVideoRegisterTraceCallBack"));
-  auto getContainer =
-      reinterpret_cast<decltype(&TavoVideoGetDataContainer)>(dlsym(library, "TavoVideoGetDataContainer"));
+  auto getContainer = reinterpret_cast<decltype(&TavoVideoGetDataContainer)>(
+      dlsym(library, "TavoVideoGetDataContainer"));
   auto releaseContainer = reinterpret_cast<decltype(&TavoVideoReleaseDataContainer)>(
       dlsym(library, "TavoVideoReleaseDataContainer"));
   if (!init || !setLevel || !registerTrace || !getContainer || !releaseContainer) {
@@ -108,7 +110,8 @@ int main(int argc, char** argv) {
   // A pool of 16 frames, as a still-image input keeps: a frame is reused once free.
   std::vector<std::unique_ptr<OsvGraphicBuffer>> pool;
   for (uint32_t i = 0; i < DemoNode::kPoolSize; ++i) {
-    pool.push_back(std::make_unique<OsvGraphicBuffer>(1280, 720, TAVO_VIDEO_VLINK_FORMAT_I420, true));
+    pool.push_back(
+        std::make_unique<OsvGraphicBuffer>(1280, 720, TAVO_VIDEO_VLINK_FORMAT_I420, true));
     pool.back()->SetReleaseTarget(source);
   }
   const uint64_t start = OsVLinkGetTimestampUs();

@@ -1,9 +1,10 @@
 // The trace printer: a level, three channels and a bounded formatter.
+#include "tavo_video_vlink_trace.h"
+
 #include <array>
 #include <atomic>
 
 #include "platform/safe_string.h"
-#include "tavo_video_vlink_trace.h"
 
 namespace {
 

@@ -43,11 +43,16 @@ class HostInterfaceTest : public ::testing::Test {
 
 TEST_F(HostInterfaceTest, ExportsOnlyTheHostInterface) {
   const std::set<std::string> expected = {
-      "TavoVideoVlinkInit",           "TavoVideoSetTraceLevel",
-      "TavoVideoRegisterTraceCallBack", "OS_VLink_Debug_SetTraceLevel",
-      "OSV_VLink_GetTraceLevel",      "OS_VLink_Debug_TraceRegister",
-      "OSV_VLink_TracePrintf",        "g_ucOSVLinkTraceLevel",
-      "TavoVideoGetDataContainer",    "TavoVideoReleaseDataContainer",
+      "TavoVideoVlinkInit",
+      "TavoVideoSetTraceLevel",
+      "TavoVideoRegisterTraceCallBack",
+      "OS_VLink_Debug_SetTraceLevel",
+      "OSV_VLink_GetTraceLevel",
+      "OS_VLink_Debug_TraceRegister",
+      "OSV_VLink_TracePrintf",
+      "g_ucOSVLinkTraceLevel",
+      "TavoVideoGetDataContainer",
+      "TavoVideoReleaseDataContainer",
   };
   EXPECT_EQ(ExportedSymbols(VLINK_LIBRARY_PATH), expected);
 }

@@ -71,7 +71,8 @@ TEST_F(TraceTest, LevelThreeAdmitsErrorsWarningsAndInformation) {
   const auto delivered = Channel(0);
   ASSERT_EQ(delivered.size(), 3U);
   EXPECT_EQ(delivered[0].level, 1U);
-  EXPECT_EQ(delivered[0].text.rfind("\r\n\033[1;31m OS_VLink->[Err] \033[0m [LogOneOfEach][", 0), 0U);
+  EXPECT_EQ(delivered[0].text.rfind("\r\n\033[1;31m OS_VLink->[Err] \033[0m [LogOneOfEach][", 0),
+            0U);
   EXPECT_NE(delivered[0].text.find("]: error 1"), std::string::npos);
   EXPECT_NE(delivered[1].text.find("OS_VLink->[Wrn]"), std::string::npos);
   EXPECT_NE(delivered[2].text.find("OS_VLink->[Inf]"), std::string::npos);

@@ -1,9 +1,8 @@
-#include "core/tavo_video_instance_manager.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
 
+#include "core/tavo_video_instance_manager.h"
 #include "tests/support/test_nodes.h"
 
 namespace {

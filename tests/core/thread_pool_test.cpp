@@ -1,5 +1,3 @@
-#include "core/tavo_video_thread_pool.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,6 +6,7 @@
 #include <vector>
 
 #include "core/tavo_video_scope_guard.h"
+#include "core/tavo_video_thread_pool.h"
 #include "tests/support/wait.h"
 
 namespace {

@@ -1,10 +1,9 @@
-#include "core/tavo_video_vlink_node.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
 
+#include "core/tavo_video_vlink_node.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_nodes.h"
 
@@ -29,7 +28,9 @@ TEST(VlinkNodeTest, FanOutSkipsAStoppedReceiver) {
     Link(source, sink);
   }
   std::atomic<int> refsSeen{0};
-  auto recordRefs = [&](OsvGraphicBuffer* buffer) { refsSeen += static_cast<int>(buffer->GetRefCount()); };
+  auto recordRefs = [&](OsvGraphicBuffer* buffer) {
+    refsSeen += static_cast<int>(buffer->GetRefCount());
+  };
   a->onFrame = recordRefs;
   b->onFrame = recordRefs;
 
@@ -42,7 +43,7 @@ TEST(VlinkNodeTest, FanOutSkipsAStoppedReceiver) {
   a->DealTaskHandler(true);
   b->DealTaskHandler(true);
   EXPECT_EQ(stopped->handled.Get(), 0);
-  EXPECT_GE(refsSeen, 2);  // each started receiver held its own reference
+  EXPECT_GE(refsSeen, 2);              // each started receiver held its own reference
   EXPECT_EQ(frame.GetRefCount(), 1U);  // the caller's reference is left as it was
   EXPECT_EQ(source->released.Get(), 0);
 

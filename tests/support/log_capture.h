@@ -17,7 +17,9 @@ class LogCapture {
 
   // Number of module-log records whose text contains `text`, at `level` (0: any level).
   size_t CountModule(const std::string& text, uint32_t level = 0);
-  bool HasModule(const std::string& text, uint32_t level = 0) { return CountModule(text, level) > 0; }
+  bool HasModule(const std::string& text, uint32_t level = 0) {
+    return CountModule(text, level) > 0;
+  }
   std::vector<OmLogRecord> Records();
 
  private:

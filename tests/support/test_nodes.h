@@ -59,7 +59,8 @@ inline void Link(const VideoVlinkNode::NodePtr& producer, const VideoVlinkNode::
 }
 
 // Takes both halves of the link down again; neighbours keep each other alive until then.
-inline void Unlink(const VideoVlinkNode::NodePtr& producer, const VideoVlinkNode::NodePtr& consumer) {
+inline void Unlink(const VideoVlinkNode::NodePtr& producer,
+                   const VideoVlinkNode::NodePtr& consumer) {
   producer->DisconnectFromNode(consumer, true);
   consumer->DisconnectFromNode(producer, false);
 }
