@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
@@ -59,8 +60,8 @@ class InstanceManager {
     return node;
   }
 
-  // The node under key as a T, without checking the class it was created as: callers ask
-  // for the base class or the creating class.
+  // The node under key as a T: any node when T is the base class, otherwise only a node
+  // created as a T, so that a node is never used as a class it is not.
   template <class T>
   std::optional<std::shared_ptr<T>> GetInstance(uint32_t key) {
     std::lock_guard<std::mutex> lock(m_lock);
@@ -71,6 +72,11 @@ class InstanceManager {
     Entry* entry = Find(slot->second, key);
     if (entry == nullptr || !entry->second.second) {
       return std::nullopt;
+    }
+    if constexpr (!std::is_same_v<T, Base>) {
+      if (entry->second.first != PelvTypeInfo::HashCode<T>()) {
+        return std::nullopt;
+      }
     }
     return std::static_pointer_cast<T>(entry->second.second);
   }

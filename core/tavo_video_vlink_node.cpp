@@ -108,6 +108,16 @@ bool VideoVlinkNode::HasNextNodes() {
   return !m_nextNodes.empty();
 }
 
+VideoVlinkNode::NodeList VideoVlinkNode::GetPrevConnectListCopy() {
+  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  return m_prevNodes;
+}
+
+VideoVlinkNode::NodeList VideoVlinkNode::GetNextConnectListCopy() {
+  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  return m_nextNodes;
+}
+
 uint32_t VideoVlinkNode::QueueTask(std::function<int()> task) {
   DealTaskHandler(false);
   std::lock_guard<std::mutex> lock(m_taskLock);

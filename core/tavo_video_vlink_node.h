@@ -85,6 +85,10 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   void SetViNodeId(uint32_t id) { m_viNodeId = id; }
   bool IsStarted() const { return m_isStart.load(std::memory_order_acquire); }
   bool HasNextNodes();
+  // Copies of the neighbour lists taken under the node lock, for walking a link while
+  // frames flow.
+  NodeList GetPrevConnectListCopy();
+  NodeList GetNextConnectListCopy();
 
   // 0 when a hand-off task was queued, 1 when this node is not started (or the pool is
   // stopping).

@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 int32_t OsPthreadCreate(pthread_t* thread, const pthread_attr_t* attr, void* (*routine)(void*),
@@ -45,4 +46,24 @@ int32_t OsDLibraryClose(void* handle) { return handle == nullptr ? -1 : dlclose(
 const char* OsDLibraryError() {
   const char* error = dlerror();
   return error != nullptr ? error : "no error";
+}
+
+int32_t OsRelPath(const char* path, char* out, uint32_t capacity) {
+  if (path == nullptr || out == nullptr || capacity == 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  char* resolved = realpath(path, nullptr);
+  if (resolved == nullptr) {
+    return -1;
+  }
+  const size_t length = std::strlen(resolved);
+  if (length >= capacity) {
+    std::free(resolved);
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  std::memcpy(out, resolved, length + 1);
+  std::free(resolved);
+  return 0;
 }

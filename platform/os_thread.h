@@ -22,3 +22,9 @@ OSV_API void* OsDLibrarySym(void* handle, const char* name);
 OSV_API int32_t OsDLibraryClose(void* handle);
 OSV_API const char* OsDLibraryError();
 }
+
+extern "C" {
+// Writes the canonical absolute path of an existing file into out (capacity bytes).
+// Non-zero on failure, with errno set.
+OSV_API int32_t OsRelPath(const char* path, char* out, uint32_t capacity);
+}

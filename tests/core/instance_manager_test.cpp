@@ -34,6 +34,9 @@ TEST(InstanceManagerTest, IdTakenByAnotherClassIsRefused) {
   ASSERT_TRUE(found);
   EXPECT_EQ(found->get(), first->get());
   EXPECT_EQ((*found)->GetNodeType(), OS_E_MPP_DEV_VENC);
+  // Asking for the wrong class finds nothing rather than a node of another class.
+  EXPECT_FALSE(registry.GetInstance<OtherNode>(7).has_value());
+  EXPECT_TRUE(registry.GetInstance<CountingNode>(7).has_value());
   EXPECT_EQ(registry.GetCount(), 1U);
 }
 

@@ -1,0 +1,385 @@
+// The seven component tables and the exported functions that work on encoder frames.
+#include "adapt/tavo_video_vlink_adapt.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "adapt/tavo_video_param_store.h"
+#include "builder/tavo_video_vlink_builder_factory.h"
+#include "core/pelv_print_struct.h"
+#include "platform/safe_string.h"
+
+namespace {
+
+bool InfoTraced() { return g_ucOSVLinkTraceLevel.load(std::memory_order_relaxed) >= 3; }
+
+// Node classes a component type is served by, with the record its SetParam takes and
+// how that record is made from the host's.
+struct EncoderComponent {
+  using Node = VirtualEncoderNode;
+  static uint32_t Convert(VencDevInfo& out, uint32_t /*portId*/, uint32_t imgNo,
+                          const tagTavoVideoComponentParam* param) {
+    return ConvertVencInfo(imgNo, out, param->venc);
+  }
+};
+
+struct TestImageComponent {
+  using Node = TestInputInputNode;
+  static uint32_t Convert(TestDevInfo& out, uint32_t portId, uint32_t imgNo,
+                          const tagTavoVideoComponentParam* param) {
+    return VlinkCreateTest(out, portId, imgNo, param);
+  }
+};
+
+template <class Component>
+uint32_t CreateVarietyNode(uint32_t componentId, tagTavoVideoComponentParam* param) {
+  using Node = typename Component::Node;
+  if (param == nullptr) {
+    std::printf("compParam is nullpter\n");
+    VLOG_ERR("null compParam! nodeId[%d].", static_cast<int>(componentId));
+    return 1;
+  }
+  const std::string name = PresentParamContainerName(componentId);
+  std::shared_ptr<DataContainer> container = DataContainer::GetInstance(name);
+  uint32_t imgNo = 0;
+  uint32_t portId = 0;
+  int result = container->GetDataByString<uint32_t>("imgNo", imgNo);
+  if (result != 0) {
+    VLOG_ERR("[%s]GetDataByString imgNo failed!", name.c_str());
+    return static_cast<uint32_t>(result);
+  }
+  result = container->GetDataByString<uint32_t>("portId", portId);
+  if (result != 0) {
+    VLOG_ERR("[%s]GetDataByString portId failed!", name.c_str());
+    return static_cast<uint32_t>(result);
+  }
+  container.reset();
+
+  std::shared_ptr<Node> node = VideoVlinkNode::GetNodeByUnique<Node>(imgNo);
+  if (!node) {
+    VideoVlinkNode::CreateNodeByUnique<Node>(imgNo);
+    node = VideoVlinkNode::GetNodeByUnique<Node>(imgNo);
+  }
+  if (!node) {
+    VLOG_ERR("nodePtr still null");
+    std::printf("nodePtr still null\n");
+    return 1;
+  }
+  VLOG_INF_MODULE("CREATE_VARIETY_NODE, nodeId %d", static_cast<int>(componentId));
+  std::remove_cv_t<std::remove_reference_t<decltype(std::declval<Node>().GetParam())>> record{};
+  Component::Convert(record, portId, imgNo, param);
+  return node->SetParam(record);
+}
+
+template <class Node>
+uint32_t DestroyVarietyNode(uint32_t componentId) {
+  uint32_t id = 0;
+  GetImgNoFromNodeId(componentId, &id);
+  std::shared_ptr<Node> node = VideoVlinkNode::GetNodeByUnique<Node>(id);
+  if (!node) {
+    VLOG_INF_TRACE("node has closed");
+    return 0;
+  }
+  node->StopProcess();
+  VideoVlinkNode::DeleteNodeByUnique(id);
+  VlinkBuilderFactory::GetInstance().DeleteBuilder(id);
+  return 0;
+}
+
+// Rows of component types whose node classes this build does not have yet.
+uint32_t CreateUnsupportedNode(uint32_t componentId, tagTavoVideoComponentParam* /*param*/) {
+  VLOG_ERR("component[%u]: this component type is not available in this build",
+           componentId);
+  return 1;
+}
+
+uint32_t DestroyUnsupportedNode(uint32_t /*componentId*/) {
+  VLOG_INF_TRACE("node has closed");  // such a node can never have been created
+  return 0;
+}
+
+uint32_t UpdateUnsupportedNode(uint32_t componentId, tagTavoVideoComponentParam* param) {
+  if (param == nullptr) {
+    VLOG_ERR("compParam is null! node [%d].", static_cast<int>(componentId));
+    return 1;
+  }
+  VLOG_ERR("not find OutputNode!");
+  return 1;
+}
+
+uint32_t DumpNothing(uint32_t /*componentId*/) { return 0; }
+
+const tagTavoVideoCreateFuncMap kCreateTable[] = {
+    {TAVO_VIDEO_COMPONENT_ENCODER, 0, CreateVarietyNode<EncoderComponent>},
+    {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_CAMERA, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_DECODER, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, CreateVarietyNode<TestImageComponent>},
+    {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, CreateUnsupportedNode},
+};
+
+#define VLINK_BIND_PAIRS(func)                                                        \
+  {{TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, func},                 \
+   {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_CAMERA, func},                 \
+   {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, TAVO_VIDEO_COMPONENT_DECODER, func},          \
+   {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func},      \
+   {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func},             \
+   {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func},             \
+   {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, func},                 \
+   {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, func},                \
+   {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, func},                  \
+   {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_INPUT, func}}
+
+const tagTavoVideoBindFuncMap kBindTable[] = VLINK_BIND_PAIRS(VlinkBind);
+const tagTavoVideoBindFuncMap kUnbindTable[] = VLINK_BIND_PAIRS(VlinkUnbind);
+
+const tagTavoVideoDestroyFuncMap kDestroyTable[] = {
+    {TAVO_VIDEO_COMPONENT_ENCODER, 0, DestroyVarietyNode<VirtualEncoderNode>},
+    {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_CAMERA, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_DECODER, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, DestroyVarietyNode<TestInputInputNode>},
+    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_SCREEN, 0, DestroyUnsupportedNode},
+};
+
+const tagTavoVideoUpdateFuncMap kUpdateTable[] = {
+    {TAVO_VIDEO_COMPONENT_ENCODER, 0, VlinkUpdateVENC},
+    {TAVO_VIDEO_COMPONENT_DECODER, 0, UpdateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, UpdateUnsupportedNode},
+};
+
+const tagTavoVideoDumpFuncMap kDumpTable[] = {
+    {TAVO_VIDEO_COMPONENT_ENCODER, 0, DumpNothing},
+    {TAVO_VIDEO_COMPONENT_DECODER, 0, DumpNothing},
+};
+
+template <class Row, size_t N>
+uint32_t GetTable(const Row (&rows)[N], const Row** table, uint32_t* count) {
+  if (table == nullptr || count == nullptr) {
+    return 1;
+  }
+  *table = rows;
+  *count = static_cast<uint32_t>(N);
+  return 0;
+}
+
+}  // namespace
+
+uint32_t ConvertVencInfo(uint32_t imgNo, VencDevInfo& out, const tagTavoVideoVEncParam& in) {
+  out = VencDevInfo{};
+  out.hostTag = in.hostTag;
+  out.voPort = in.voPort;
+  out.imgNo = imgNo;
+  out.hostKey = in.hostKey;
+  out.width = in.width;
+  out.height = in.height;
+  out.hostValue6 = in.hostValue6;
+  out.frameRate = in.frameRate;
+  out.hostValue8 = in.hostValue8;
+  out.rect = in.rect;
+  out.hostSubKey = in.hostSubKey;
+  out.format = in.format;
+  out.encOutFunc = in.encOutFunc;
+  out.encCreateFunc = in.encCreateFunc;
+  out.codecType = in.codecType;
+  if (InfoTraced()) {
+    VLOG_INF("%s", Pelv::PrintStruct(out).c_str());
+  }
+  return 0;
+}
+
+uint32_t VlinkCreateTest(TestDevInfo& out, uint32_t portId, uint32_t imgNo,
+                         const tagTavoVideoComponentParam* param) {
+  out = TestDevInfo{};
+  const tagTavoVideoTestParam& in = param->test;
+  out.width = in.width;
+  out.height = in.height;
+  out.frameRate = in.frameRate;
+  out.hostValue4 = in.hostValue4;
+  out.imgNo = imgNo;
+  out.portId = portId;
+  // At most 1023 characters: a longer or unterminated name is refused whole.
+  const size_t length = strnlen(in.fileName, sizeof(in.fileName));
+  if (length >= sizeof(in.fileName) ||
+      strcpy_s(out.fileName.data(), sizeof(in.fileName), in.fileName) != 0) {
+    VLOG_ERR("strcpy_s fileName failed!");
+    out = TestDevInfo{};
+    return 1;
+  }
+  if (InfoTraced()) {
+    VLOG_INF("%s", Pelv::PrintStruct(out).c_str());
+  }
+  return 0;
+}
+
+uint32_t VlinkBind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
+  uint32_t sinkId = 0;
+  uint32_t sourceId = 0;
+  GetImgNoFromNodeId(sinkComponentId, &sinkId);
+  GetImgNoFromNodeId(sourceComponentId, &sourceId);
+  VLOG_INF_TRACE("VlinkBind [%d]->[%d]", static_cast<int>(sourceId), static_cast<int>(sinkId));
+  std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(sourceId);
+  if (!builder) {
+    VLOG_ERR("builder is nullptr");
+    return 1;
+  }
+  const uint32_t result = builder->BindVo(sinkId);
+  if (result != 0) {
+    VLOG_ERR("BindVo failed");
+  } else {
+    VlinkBuilderFactory::GetInstance().PrintLink();
+  }
+  return result;
+}
+
+uint32_t VlinkUnbind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
+  uint32_t sinkId = 0;
+  uint32_t sourceId = 0;
+  GetImgNoFromNodeId(sinkComponentId, &sinkId);
+  GetImgNoFromNodeId(sourceComponentId, &sourceId);
+  VLOG_INF_TRACE("VlinkUnbind [%d]->[%d]", static_cast<int>(sourceId), static_cast<int>(sinkId));
+  std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(sourceId);
+  if (!builder) {
+    VLOG_ERR("builder is nullptr");
+    return 1;
+  }
+  const uint32_t result = builder->UnBindVo(sinkId);
+  if (result != 0) {
+    VLOG_ERR("UnBindVo failed");
+  }
+  return result;
+}
+
+uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param) {
+  if (param == nullptr) {
+    VLOG_ERR("null compParam! encId[%u].", componentId);
+    return 1;
+  }
+  uint32_t id = 0;
+  const int read = GetImgNoFromNodeId(componentId, &id);
+  if (read != 0) {
+    VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
+    return static_cast<uint32_t>(read);
+  }
+  std::shared_ptr<VirtualEncoderNode> node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(id);
+  if (!node) {
+    VLOG_ERR("not find encoder Node! encId %u", componentId);
+    return 1;
+  }
+  VencDevInfo info{};
+  ConvertVencInfo(id, info, param->venc);
+  uint32_t result = node->SetParam(info);
+  if (result != 0) {
+    VLOG_ERR("SetParam failed");
+    return result;
+  }
+  if (node->GetViNodeId() == 0xFFFFFFFFU) {
+    return 0;
+  }
+  std::shared_ptr<VlinkBuilder> builder =
+      VlinkBuilderFactory::GetInstance().GetBuilderNoCreate(node->GetViNodeId());
+  if (!builder) {
+    return 0;
+  }
+  result = builder->UpdateVoParam(id, OS_E_MPP_DEV_VENC, param);
+  if (result != 0) {
+    VLOG_ERR("UpdateVoParam failed");
+  }
+  return result;
+}
+
+uint32_t TavoVideoGetCreateNodeFuncMap(const tagTavoVideoCreateFuncMap** table, uint32_t* count) {
+  return GetTable(kCreateTable, table, count);
+}
+uint32_t TavoVideoGetBindNodeFuncMap(const tagTavoVideoBindFuncMap** table, uint32_t* count) {
+  return GetTable(kBindTable, table, count);
+}
+uint32_t TavoVideoGetUnBindNodeFuncMap(const tagTavoVideoBindFuncMap** table, uint32_t* count) {
+  return GetTable(kUnbindTable, table, count);
+}
+uint32_t TavoVideoGetDestroyNodeFuncMap(const tagTavoVideoDestroyFuncMap** table,
+                                        uint32_t* count) {
+  return GetTable(kDestroyTable, table, count);
+}
+uint32_t TavoVideoGetUpdateNodeFuncMap(const tagTavoVideoUpdateFuncMap** table, uint32_t* count) {
+  return GetTable(kUpdateTable, table, count);
+}
+uint32_t TavoVideoGetDumpNodeFuncMap(const tagTavoVideoDumpFuncMap** table, uint32_t* count) {
+  return GetTable(kDumpTable, table, count);
+}
+uint32_t TavoVideoGetSnapshotFuncMap(const tagTavoVideoSnapshotFuncMap** table, uint32_t* count) {
+  if (table == nullptr || count == nullptr) {
+    return 1;
+  }
+  *table = nullptr;  // no snapshot rows
+  *count = 0;
+  return 0;
+}
+
+uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) {
+  if (frame == nullptr) {
+    VLOG_ERR("data is nullptr");
+    return 1;
+  }
+  std::shared_ptr<VirtualEncoderNode> node =
+      VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(frame->imgNo);
+  if (!node) {
+    VLOG_ERR("VirtualEncoderNode is nullptr");
+    std::free(frame);
+    return 1;
+  }
+  node->ReleaseBuffer(frame->buffer);
+  std::free(frame);
+  return 0;
+}
+
+uint32_t TavoVideoReportEncError(uint32_t componentId, uint32_t error) {
+  uint32_t id = 0;
+  const int read = GetImgNoFromNodeId(componentId, &id);
+  if (read != 0) {
+    VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
+    return static_cast<uint32_t>(read);
+  }
+  std::shared_ptr<VirtualEncoderNode> node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(id);
+  if (!node) {
+    VLOG_ERR("not find encoder Node! encId %u", componentId);
+    return 1;
+  }
+  if (node->ReportEncError(static_cast<int>(error)) != 0) {
+    VLOG_ERR("Enc[%u] ReportEncError failed!", id);
+    return 1;
+  }
+  return 0;
+}
+
+// Kept for the host interface only.
+uint32_t TavoVideoFindFreeVoChnId(...) { return 1; }
+#define VLINK_INERT_ENTRY(name) \
+  uint32_t name(...) { return 0; }
+VLINK_INERT_ENTRY(TavoVideoSetSrEnableInAdapt)
+VLINK_INERT_ENTRY(TavoVideoSetMouseDisplay)
+VLINK_INERT_ENTRY(TavoVideoInitTermType)
+VLINK_INERT_ENTRY(TavoVideoMouseStart)
+VLINK_INERT_ENTRY(TavoVideoUploadLocalMouse)
+VLINK_INERT_ENTRY(TavoVideoSetDecAntiJitterStatus)
+VLINK_INERT_ENTRY(TavoVideoSetVoDisplayMode)
+VLINK_INERT_ENTRY(TavoVideoRegisterTimerHandler)
+VLINK_INERT_ENTRY(TavoVideoSetCropRect)
+VLINK_INERT_ENTRY(TavoVideoEnableVoDev)
+VLINK_INERT_ENTRY(TavoVideoGetCropRect)
+VLINK_INERT_ENTRY(TavoVideoSetEptzMove)
+VLINK_INERT_ENTRY(TavoVideoSetEptzMoveSpeed)
+VLINK_INERT_ENTRY(TavoVideoReplaceViPort)
+VLINK_INERT_ENTRY(TavoVideoOverlayCfgProc)
+VLINK_INERT_ENTRY(TavoVideoVlinkGetQueHandle)
+VLINK_INERT_ENTRY(TavoVideoVlinkAddFilterWindow)
+VLINK_INERT_ENTRY(TavoVideoVlinkDeleteFilterWindow)
+VLINK_INERT_ENTRY(TavoVideoVlinkSetAnnotationStatus)
+VLINK_INERT_ENTRY(TavoVideoRegistVlinkOverlayCallBack)
+VLINK_INERT_ENTRY(TavoVideoSetDispParam)
+VLINK_INERT_ENTRY(TavoVideoKeepWindow)
+VLINK_INERT_ENTRY(TavoVideoPrintOverlayCacheInfo)

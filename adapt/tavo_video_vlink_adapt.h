@@ -1,0 +1,16 @@
+// The component tables' functions and the record conversions behind them.
+#pragma once
+
+#include <cstdint>
+
+#include "codec/tavo_video_vlink_venc_node.h"
+#include "tavo_video_vlink_component.h"
+#include "test_input/tavo_video_vlink_test_node.h"
+
+uint32_t ConvertVencInfo(uint32_t imgNo, VencDevInfo& out, const tagTavoVideoVEncParam& in);
+uint32_t VlinkCreateTest(TestDevInfo& out, uint32_t portId, uint32_t imgNo,
+                         const tagTavoVideoComponentParam* param);
+
+uint32_t VlinkBind(uint32_t sinkComponentId, uint32_t sourceComponentId);
+uint32_t VlinkUnbind(uint32_t sinkComponentId, uint32_t sourceComponentId);
+uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param);

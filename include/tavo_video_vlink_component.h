@@ -1,0 +1,179 @@
+// Component tables and the host records they read.
+//
+// The host fetches seven tables (create, bind, unbind, destroy, update, dump, snapshot),
+// each row keyed by a component type, and drives every video component through them with
+// its own component ids. Before creating a component it stores "imgNo" (the node id) and
+// "portId" in the parameter container "Node[<component id>]PresentParam".
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "osv_graphic_buffer.h"
+#include "tavo_video_vlink_trace.h"  // TAVO_VLINK_API
+
+// Component types: the keys of the tables.
+enum TavoVideoComponentType : uint32_t {
+  TAVO_VIDEO_COMPONENT_CAMERA = 0,
+  TAVO_VIDEO_COMPONENT_TEST_IMAGE = 2,
+  TAVO_VIDEO_COMPONENT_DECODER = 3,
+  TAVO_VIDEO_COMPONENT_INPUT = 4,  // appears only as the source of bind and unbind rows
+  TAVO_VIDEO_COMPONENT_SCREEN = 7,
+  TAVO_VIDEO_COMPONENT_ENCODER = 10,
+  TAVO_VIDEO_COMPONENT_PREVIEW = 13,
+  TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA = 29,
+};
+
+// The codec the host encodes with; the library only carries it.
+typedef uint32_t TavoVideoCodecType;
+
+struct tagTavoVideoRect {
+  uint32_t x;
+  uint32_t y;
+  uint32_t width;
+  uint32_t height;
+};
+static_assert(sizeof(tagTavoVideoRect) == 16);
+
+// What the encoder node hands the host with every frame: 144 bytes, allocated by the
+// library, given back with TavoVideoReleaseVEncFrame. Bytes marked unused are not written.
+struct VencOutFrame {
+  uint32_t imgNo;       // 0: the encoder component's node id
+  uint32_t hostSubKey;  // 4
+  uint32_t hostKey;     // 8
+  uint8_t unused12[20];
+  OsvGraphicBuffer* buffer;  // 32: the frame; read the image through it
+  uint8_t unused40[8];
+  uint32_t hostTag;  // 48
+  uint8_t unused52[20];
+  uint64_t sequence;     // 72: frames offered by this encoder before this one
+  uint64_t timestampUs;  // 80: monotonic time of the hand-off
+  uint8_t unused88[56];
+};
+static_assert(sizeof(VencOutFrame) == 144);
+static_assert(offsetof(VencOutFrame, buffer) == 32);
+static_assert(offsetof(VencOutFrame, hostTag) == 48);
+static_assert(offsetof(VencOutFrame, sequence) == 72);
+
+// The host accepts a frame by returning exactly 1; it then owns the record and the frame's
+// reference until it calls TavoVideoReleaseVEncFrame.
+typedef uint32_t (*TavoVideoEncOutFunc)(uint32_t imgNo, uint32_t hostKey, uint32_t hostSubKey,
+                                        VencOutFrame* frame);
+// Asked to create the encoder when the node starts; 0 means created.
+typedef uint32_t (*TavoVideoEncCreateFunc)(uint32_t imgNo, uint32_t hostKey, uint32_t hostSubKey);
+
+// Encoder component (type 10).
+struct tagTavoVideoVEncParam {
+  uint32_t hostTag;     // 0
+  uint32_t voPort;      // 4
+  uint32_t imgNo;       // 8: not read; the node id comes from the parameter container
+  uint32_t hostKey;     // 12
+  uint32_t width;       // 16
+  uint32_t height;      // 20
+  uint32_t hostValue6;  // 24
+  uint32_t frameRate;   // 28
+  uint32_t hostValue8;  // 32
+  tagTavoVideoRect rect;  // 36
+  uint32_t reserved52;
+  uint32_t hostSubKey;  // 56
+  uint32_t format;      // 60: TavoVideoVlinkFormat
+  TavoVideoEncOutFunc encOutFunc;        // 64
+  TavoVideoEncCreateFunc encCreateFunc;  // 72
+  uint32_t reserved80;
+  TavoVideoCodecType codecType;  // 84
+};
+static_assert(offsetof(tagTavoVideoVEncParam, rect) == 36);
+static_assert(offsetof(tagTavoVideoVEncParam, hostSubKey) == 56);
+static_assert(offsetof(tagTavoVideoVEncParam, encOutFunc) == 64);
+static_assert(offsetof(tagTavoVideoVEncParam, codecType) == 84);
+
+// Test-image component (type 2).
+#define TAVO_VIDEO_TEST_FILE_NAME_LEN 1024
+struct tagTavoVideoTestParam {
+  uint32_t width;       // 0: size of a raw I420 file
+  uint32_t height;      // 4
+  uint32_t frameRate;   // 8: must be non-zero; frames go out twice a second regardless
+  uint32_t hostValue4;  // 12
+  uint8_t reserved16[16];
+  char fileName[TAVO_VIDEO_TEST_FILE_NAME_LEN];  // 32: BMP, or raw I420 ("dat"/"yuv")
+};
+static_assert(offsetof(tagTavoVideoTestParam, fileName) == 32);
+
+// The host's component record, read according to the component's type.
+#define TAVO_VIDEO_COMPONENT_PARAM_SIZE 4096
+union tagTavoVideoComponentParam {
+  tagTavoVideoVEncParam venc;
+  tagTavoVideoTestParam test;
+  uint8_t raw[TAVO_VIDEO_COMPONENT_PARAM_SIZE];
+};
+
+// Table rows, 16 bytes each: component type (the sink's for bind and unbind), source type
+// (bind and unbind only, else 0), the function.
+typedef uint32_t (*TavoVideoCreateNodeFunc)(uint32_t componentId, tagTavoVideoComponentParam* param);
+typedef uint32_t (*TavoVideoBindNodeFunc)(uint32_t sinkComponentId, uint32_t sourceComponentId);
+typedef uint32_t (*TavoVideoDestroyNodeFunc)(uint32_t componentId);
+typedef uint32_t (*TavoVideoUpdateNodeFunc)(uint32_t componentId, tagTavoVideoComponentParam* param);
+typedef uint32_t (*TavoVideoDumpNodeFunc)(uint32_t componentId);
+typedef uint32_t (*TavoVideoSnapshotFunc)(uint32_t componentId);
+
+template <class Func>
+struct tagTavoVideoFuncMapRow {
+  uint32_t type;
+  uint32_t srcType;
+  Func func;
+};
+using tagTavoVideoCreateFuncMap = tagTavoVideoFuncMapRow<TavoVideoCreateNodeFunc>;
+using tagTavoVideoBindFuncMap = tagTavoVideoFuncMapRow<TavoVideoBindNodeFunc>;
+using tagTavoVideoDestroyFuncMap = tagTavoVideoFuncMapRow<TavoVideoDestroyNodeFunc>;
+using tagTavoVideoUpdateFuncMap = tagTavoVideoFuncMapRow<TavoVideoUpdateNodeFunc>;
+using tagTavoVideoDumpFuncMap = tagTavoVideoFuncMapRow<TavoVideoDumpNodeFunc>;
+using tagTavoVideoSnapshotFuncMap = tagTavoVideoFuncMapRow<TavoVideoSnapshotFunc>;
+static_assert(sizeof(tagTavoVideoCreateFuncMap) == 16);
+
+// Each getter stores the table's address and row count; 1 when either pointer is null.
+TAVO_VLINK_API uint32_t TavoVideoGetCreateNodeFuncMap(const tagTavoVideoCreateFuncMap** table,
+                                                      uint32_t* count);
+TAVO_VLINK_API uint32_t TavoVideoGetBindNodeFuncMap(const tagTavoVideoBindFuncMap** table,
+                                                    uint32_t* count);
+TAVO_VLINK_API uint32_t TavoVideoGetUnBindNodeFuncMap(const tagTavoVideoBindFuncMap** table,
+                                                      uint32_t* count);
+TAVO_VLINK_API uint32_t TavoVideoGetDestroyNodeFuncMap(const tagTavoVideoDestroyFuncMap** table,
+                                                       uint32_t* count);
+TAVO_VLINK_API uint32_t TavoVideoGetUpdateNodeFuncMap(const tagTavoVideoUpdateFuncMap** table,
+                                                      uint32_t* count);
+TAVO_VLINK_API uint32_t TavoVideoGetDumpNodeFuncMap(const tagTavoVideoDumpFuncMap** table,
+                                                    uint32_t* count);
+TAVO_VLINK_API uint32_t TavoVideoGetSnapshotFuncMap(const tagTavoVideoSnapshotFuncMap** table,
+                                                    uint32_t* count);
+
+// Gives back a record received through the encoder callback (also when its encoder is
+// gone); the record is freed either way. 1 for a null record or a missing encoder.
+TAVO_VLINK_API uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame);
+// Passes an error the host's encoder met to the encoder node's error callback.
+TAVO_VLINK_API uint32_t TavoVideoReportEncError(uint32_t componentId, uint32_t error);
+
+// Kept for the host interface; they take any arguments and do nothing.
+TAVO_VLINK_API uint32_t TavoVideoFindFreeVoChnId(...);  // 1
+TAVO_VLINK_API uint32_t TavoVideoSetSrEnableInAdapt(...);
+TAVO_VLINK_API uint32_t TavoVideoSetMouseDisplay(...);
+TAVO_VLINK_API uint32_t TavoVideoInitTermType(...);
+TAVO_VLINK_API uint32_t TavoVideoMouseStart(...);
+TAVO_VLINK_API uint32_t TavoVideoUploadLocalMouse(...);
+TAVO_VLINK_API uint32_t TavoVideoSetDecAntiJitterStatus(...);
+TAVO_VLINK_API uint32_t TavoVideoSetVoDisplayMode(...);
+TAVO_VLINK_API uint32_t TavoVideoRegisterTimerHandler(...);
+TAVO_VLINK_API uint32_t TavoVideoSetCropRect(...);
+TAVO_VLINK_API uint32_t TavoVideoEnableVoDev(...);
+TAVO_VLINK_API uint32_t TavoVideoGetCropRect(...);
+TAVO_VLINK_API uint32_t TavoVideoSetEptzMove(...);
+TAVO_VLINK_API uint32_t TavoVideoSetEptzMoveSpeed(...);
+TAVO_VLINK_API uint32_t TavoVideoReplaceViPort(...);
+TAVO_VLINK_API uint32_t TavoVideoOverlayCfgProc(...);
+TAVO_VLINK_API uint32_t TavoVideoVlinkGetQueHandle(...);
+TAVO_VLINK_API uint32_t TavoVideoVlinkAddFilterWindow(...);
+TAVO_VLINK_API uint32_t TavoVideoVlinkDeleteFilterWindow(...);
+TAVO_VLINK_API uint32_t TavoVideoVlinkSetAnnotationStatus(...);
+TAVO_VLINK_API uint32_t TavoVideoRegistVlinkOverlayCallBack(...);
+TAVO_VLINK_API uint32_t TavoVideoSetDispParam(...);
+TAVO_VLINK_API uint32_t TavoVideoKeepWindow(...);
+TAVO_VLINK_API uint32_t TavoVideoPrintOverlayCacheInfo(...);

@@ -1,0 +1,304 @@
+#include "test_input/tavo_video_vlink_test_node.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/os_thread.h"
+#include "platform/tavo_video_image_convert.h"
+#include "tavo_video_image_util.h"
+
+namespace {
+
+constexpr uint32_t kPathCapacity = 4096;
+constexpr uint32_t kReleasePolls = 20;
+constexpr uint32_t kReleasePollMs = 5;
+constexpr uint32_t kReleaseAttempts = 3;
+
+}  // namespace
+
+TestInputInputNode::TestInputInputNode(uint32_t id) : VideoVlinkNode(id, OS_E_MPP_DEV_TEST) {
+  m_nodeName = "TEST_" + std::to_string(id);
+  VLOG_INF_CH(1, "create m_nodeId[%u] success", m_nodeId);
+}
+
+TestInputInputNode::~TestInputInputNode() {
+  VLOG_INF_CH(2, "[%s] TestInputInputNode destory m_nodeId[%u] enter.", m_nodeName.c_str(),
+              m_nodeId);
+  if (m_isStart) {
+    VLOG_WRN_CH(2, "m_nodeId[%u] is no closed", m_nodeId);
+    StopProcess();
+  }
+  DealTaskHandler(true);
+  for (uint32_t attempt = 0; attempt < kReleaseAttempts; ++attempt) {
+    if (ReleaseCache() == 0) {
+      delete[] m_imageData;
+      for (uint8_t* image : m_oldImages) {
+        delete[] image;
+      }
+      VLOG_INF_CH(2, "[%s] TestInputInputNode destory index = [%u] m_nodeId[%u] done.",
+                  m_nodeName.c_str(), attempt, m_nodeId);
+      return;
+    }
+  }
+  // Frames still held downstream point into the image: leave it and them allocated.
+  VLOG_ERR_CH(2, "The cache release is fail");
+  VLOG_INF_CH(2, "[%s] TestInputInputNode destory m_nodeId[%u] Ok.", m_nodeName.c_str(),
+              m_nodeId);
+}
+
+uint32_t TestInputInputNode::CheckParam(const TestDevInfo& info) {
+  if (info.frameRate == 0) {
+    VLOG_ERR_CH(2, "invalid frameRate[%d]!", static_cast<int>(info.frameRate));
+    return 1;
+  }
+  return 0;
+}
+
+uint32_t TestInputInputNode::SetParam(const TestDevInfo& info) {
+  if (CheckParam(info) != 0) {
+    VLOG_ERR_CH(2, "ret[0x%x] failed!", 1U);
+    return 1;
+  }
+  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  m_param = info;
+  m_param.fileName.back() = '\0';
+  VLOG_INF_CH(2, "SetDeviceParam[%u] ok", m_nodeId);
+  return 0;
+}
+
+TestDevInfo TestInputInputNode::GetParam() {
+  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  return m_param;
+}
+
+uint32_t TestInputInputNode::StartProcess() {
+  VLOG_INF_CH(2, "StartProcess");
+  if (VideoVlinkNode::StartProcess() != 0) {
+    VLOG_ERR_CH(2, "[%s] StartProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
+    return 1;
+  }
+  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  if (m_isStart) {
+    VLOG_ERR_CH(2, "m_nodeId[%u] is already opened", m_nodeId);
+    return 0;
+  }
+  if (ReadImage(m_param.fileName.data()) != 0) {
+    VLOG_ERR_CH(2, "failed to read test Img!");
+    return 1;
+  }
+  m_isStart = true;
+  m_sendThread = std::thread(&TestInputInputNode::SendTestImgFunc, this);
+  VLOG_INF_CH(2, "StartProcess testNode[%u] portID[%u] ok", m_nodeId, m_param.portId);
+  return 0;
+}
+
+uint32_t TestInputInputNode::StopProcess() {
+  VLOG_INF_CH(2, "[%s] TestInputInputNode StopProcess m_nodeId[%u] enter.", m_nodeName.c_str(),
+              m_nodeId);
+  if (VideoVlinkNode::StopProcess() != 0) {
+    VLOG_ERR_CH(2, "[%s] StopProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
+    return 1;
+  }
+  bool wasStarted = false;
+  {
+    std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+    wasStarted = m_isStart.exchange(false);
+  }
+  if (wasStarted) {
+    {
+      std::lock_guard<std::mutex> wakeLock(m_wakeLock);
+    }
+    m_wake.notify_all();
+    // Joined without the node lock: the sender takes it inside SendBuffer.
+    if (m_sendThread.joinable()) {
+      m_sendThread.join();
+    }
+    VLOG_INF_CH(2, "[%s] TestInputInputNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(),
+                m_nodeId);
+  }
+  return 0;
+}
+
+uint32_t TestInputInputNode::ReadImage(const char* path) {
+  if (path == nullptr) {
+    VLOG_ERR_CH(2, "path is nullptr");
+    return 1;
+  }
+  VLOG_INF_CH(2, "path = [%s]", path);
+  std::vector<char> canonical(kPathCapacity, '\0');
+  if (OsRelPath(path, canonical.data(), kPathCapacity) != 0) {
+    VLOG_ERR_CH(2, "get realpath fail,erron:%d!", errno);
+    return 1;
+  }
+  uint8_t* data = nullptr;
+  uint32_t width = 0;
+  uint32_t height = 0;
+  const uint32_t result = ReadImageFile(canonical.data(), &data, &width, &height);
+  if (result != 0) {
+    VLOG_ERR_CH(2, "ReadImageFile error! ret[%d]", static_cast<int>(result));
+    delete[] data;
+    return 1;
+  }
+  // A restart keeps the earlier image while buffers of the earlier cache may point at it.
+  if (m_imageData != nullptr) {
+    m_oldImages.push_back(m_imageData);
+  }
+  m_imageData = data;
+  m_param.width = width;
+  m_param.height = height;
+  InitCache();
+  VLOG_INF_CH(2, "Read img success, width[%u], height[%u]", width, height);
+  return 0;
+}
+
+uint32_t TestInputInputNode::ReadImageFile(const char* path, uint8_t** data, uint32_t* width,
+                                           uint32_t* height) {
+  if (path == nullptr) {
+    VLOG_ERR_CH(2, "filePath is null!");
+    return CreateBlackPicture(data, width, height);
+  }
+  FILE* file = std::fopen(path, "rb");
+  if (file == nullptr) {
+    VLOG_ERR_CH(2, "Failed to open file!");
+    return CreateBlackPicture(data, width, height);
+  }
+  uint8_t header[8] = {};
+  const size_t got = std::fread(header, 1, sizeof(header), file);
+  std::fclose(file);
+  (void)got;  // a short file leaves the rest zero
+
+  int32_t result = 0;
+  if (ImageUtils::isBmpFormat(header, sizeof(header))) {
+    result = Transbmp2Yuv(path, width, height, data);
+    VLOG_INF_CH(2, "BMP, width[%u], height[%u]", *width, *height);
+  } else if (std::strpbrk(path, "dat") != nullptr) {
+    // Any of the letters d, a, t marks a raw I420 file of the configured size.
+    *width = m_param.width;
+    *height = m_param.height;
+    result = TransDat2Yuv(path, data, *width, *height);
+    VLOG_INF_CH(2, "YUV, width[%u], height[%u]", *width, *height);
+  } else {
+    VLOG_ERR_CH(2, "File format is invalid!");
+    result = static_cast<int32_t>(CreateBlackPicture(data, width, height));
+  }
+  if (result != 0) {
+    VLOG_ERR_CH(2, "Transfer image fail!");
+    return 1;
+  }
+  return 0;
+}
+
+uint32_t TestInputInputNode::CreateBlackPicture(uint8_t** data, uint32_t* width,
+                                                uint32_t* height) {
+  const size_t size = size_t{kBlackWidth} * kBlackHeight * 3;
+  std::unique_ptr<uint8_t[]> rgb(new (std::nothrow) uint8_t[size]());
+  if (!rgb) {
+    VLOG_ERR_CH(2, "convert to yuv420 fail. ret = %d", -1);
+    return 1;
+  }
+  rgb[0] = 255;
+  uint8_t* out = nullptr;
+  const int32_t result = Trans2Yuv(rgb.get(), kBlackWidth, kBlackHeight, true, &out);
+  if (result != 0) {
+    VLOG_ERR_CH(2, "convert to yuv420 fail. ret = %d", result);
+    return 1;
+  }
+  *data = out;
+  *width = kBlackWidth;
+  *height = kBlackHeight;
+  return 0;
+}
+
+uint32_t TestInputInputNode::InitCache() {
+  if (m_imageData == nullptr) {
+    return 1;
+  }
+  const uint32_t width = m_param.width;
+  const uint32_t height = m_param.height;
+  const uint32_t lumaSize = width * height;
+  OsvGraphicBufferInfo info{};
+  info.width = width;
+  info.height = height;
+  info.stride[0] = width;
+  info.stride[1] = width >> 1;
+  info.stride[2] = width >> 1;
+  info.size = (lumaSize * 3) >> 1;
+  info.format = TAVO_VIDEO_VLINK_FORMAT_I420;
+  for (uint32_t i = 0; i < kCacheSize; ++i) {
+    auto buffer = std::make_unique<OsvGraphicBuffer>(m_imageData);
+    buffer->SetImageInfo(info);
+    buffer->SetSrcImgNo(m_param.imgNo);
+    uint8_t* y = m_imageData;
+    uint8_t* u = y + lumaSize;
+    uint8_t* v = u + lumaSize / 4;
+    if (buffer->SetImageAddr(y, u, v) != 0) {
+      VLOG_ERR_CH(2, "Capturer[%u] SetImageAddr failed!", m_nodeId);
+      return 1;
+    }
+    m_cache.push_back(buffer.release());
+  }
+  m_cacheIndex = 0;
+  return 0;
+}
+
+OsvGraphicBuffer* TestInputInputNode::GetFreeCache() {
+  const auto count = static_cast<uint32_t>(m_cache.size());
+  if (count != 0) {
+    // The slot handed out last is looked at only when it is the only one.
+    uint32_t slot = (m_cacheIndex + 1) % count;
+    do {
+      OsvGraphicBuffer* buffer = m_cache[slot];
+      if (buffer != nullptr && buffer->IsAvailable()) {
+        m_cacheIndex = slot;
+        return buffer;
+      }
+      slot = (slot + 1) % count;
+    } while (slot != (m_cacheIndex + 1) % count && slot != m_cacheIndex);
+  }
+  VLOG_INF_CH(2, "get cache fail");
+  return nullptr;
+}
+
+void TestInputInputNode::SendTestImgFunc() {
+  OsPthreadSetName("VLINK_TEST_SEND");
+  VLOG_INF_CH(2, "[%s] TestInputInputNode SendTestImgFunc m_nodeId[%u] m_isStart %u.",
+              m_nodeName.c_str(), m_nodeId, static_cast<unsigned>(m_isStart.load()));
+  while (m_isStart) {
+    OsvGraphicBuffer* buffer = GetFreeCache();
+    if (buffer == nullptr) {
+      VLOG_ERR_CH(2, "[%s] GetFreeCache failed!", m_nodeName.c_str());
+      break;
+    }
+    if (!m_isStart) {
+      break;
+    }
+    SendBuffer(buffer);
+    std::unique_lock<std::mutex> lock(m_wakeLock);
+    m_wake.wait_for(lock, std::chrono::milliseconds(kSendPeriodMs), [this] { return !m_isStart; });
+  }
+  VLOG_INF_CH(2, "[%s] TestInputInputNode SendTestImgFunc m_nodeId[%u] end.", m_nodeName.c_str(),
+              m_nodeId);
+}
+
+uint32_t TestInputInputNode::ReleaseCache() {
+  for (uint32_t slot = 0; slot < m_cache.size(); ++slot) {
+    OsvGraphicBuffer* buffer = m_cache[slot];
+    if (buffer == nullptr) {
+      continue;
+    }
+    bool available = buffer->IsAvailable();
+    for (uint32_t poll = 1; !available && poll < kReleasePolls; ++poll) {
+      OsSleepMs(kReleasePollMs);
+      available = buffer->IsAvailable();
+    }
+    if (!available) {
+      VLOG_INF_CH(2, "Memory has not been released. index = %u, node = %u", slot, m_nodeId);
+      return 1;
+    }
+    delete buffer;
+    m_cache[slot] = nullptr;
+  }
+  m_cache.clear();
+  return 0;
+}

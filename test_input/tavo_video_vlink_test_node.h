@@ -1,0 +1,63 @@
+// A source that needs no device: one still image, read when the node starts, sent twice
+// a second through 16 buffers that all point at the same read-only image.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "core/tavo_video_vlink_node.h"
+
+struct TestDevInfo {
+  uint32_t imgNo;       // stamped on every frame
+  uint32_t portId;      // only logged
+  uint32_t frameRate;   // must be non-zero; the pace is fixed
+  uint32_t hostValue3;  // always 0
+  uint32_t hostValue4;  // carried, not read
+  uint32_t width;       // size of a raw I420 file; then the size of the image read
+  uint32_t height;
+  std::array<char, 4096> fileName;  // NUL-terminated
+};
+
+class TestInputInputNode : public VideoVlinkNode {
+ public:
+  static constexpr uint32_t kCacheSize = 16;
+  static constexpr uint32_t kSendPeriodMs = 500;
+  static constexpr uint32_t kBlackWidth = 1920;
+  static constexpr uint32_t kBlackHeight = 1080;
+
+  explicit TestInputInputNode(uint32_t id);
+  ~TestInputInputNode() override;
+
+  uint32_t StartProcess() override;
+  uint32_t StopProcess() override;
+  virtual uint32_t SetParam(const TestDevInfo& info);
+  virtual uint32_t CheckParam(const TestDevInfo& info);
+
+  uint32_t ReadImage(const char* path);
+  uint32_t ReadImageFile(const char* path, uint8_t** data, uint32_t* width, uint32_t* height);
+  static uint32_t CreateBlackPicture(uint8_t** data, uint32_t* width, uint32_t* height);
+  uint32_t InitCache();
+  OsvGraphicBuffer* GetFreeCache();
+  uint32_t ReleaseCache();
+  void SendTestImgFunc();
+
+  TestDevInfo GetParam();
+  size_t GetCacheSize() const { return m_cache.size(); }
+
+ private:
+  TestDevInfo m_param{};  // guarded by m_nodeLock
+  std::thread m_sendThread;
+  std::mutex m_wakeLock;  // pairs with m_wake so a stop interrupts the pause between frames
+  std::condition_variable m_wake;
+  uint8_t* m_imageData = nullptr;    // the image of the latest start; new[] memory
+  std::vector<uint8_t*> m_oldImages;  // images of earlier starts, still under their buffers
+  uint32_t m_cacheIndex = 0;
+  // Touched by the sender thread while it runs, by the control thread only otherwise.
+  std::vector<OsvGraphicBuffer*> m_cache;
+};
