@@ -13,10 +13,10 @@
 #include "platform/om_log.h"
 
 // This library sits below the trace printer, so its messages go to the module log only.
-#define CONVERT_LOG_ERR(fmt, ...)                                                         \
-  TavoOmLogModuleLogRecord(1, TavoVideoGetPrivateLogId(0) & 0xFFFFU, __FILE_NAME__,       \
-                           sizeof(__FILE_NAME__) - 1, __LINE__, "%s: " fmt, __func__      \
-                           __VA_OPT__(, ) __VA_ARGS__)
+#define CONVERT_LOG_ERR(fmt, ...)                                                   \
+  TavoOmLogModuleLogRecord(1, TavoVideoGetPrivateLogId(0) & 0xFFFFU, __FILE_NAME__, \
+                           sizeof(__FILE_NAME__) - 1, __LINE__, "%s: " fmt,         \
+                           __func__ __VA_OPT__(, ) __VA_ARGS__)
 
 namespace {
 
@@ -86,11 +86,11 @@ uint32_t Le32(const uint8_t* p) {
 }
 
 struct BmpLayout {
-  uint32_t width;      // as stored
-  uint32_t rows;       // absolute height as stored
+  uint32_t width;  // as stored
+  uint32_t rows;   // absolute height as stored
   bool bottomUp;
   uint32_t bytesPerPixel;
-  uint64_t stride;     // row length including the padding to 4 bytes
+  uint64_t stride;  // row length including the padding to 4 bytes
   uint64_t pixelOffset;
 };
 
@@ -116,8 +116,8 @@ bool ParseBmp(const std::vector<uint8_t>& file, BmpLayout* layout) {
   const uint32_t rows = bottomUp ? rawHeight : 0U - rawHeight;
   if (infoSize < kInfoHeaderBytes || rawWidth == 0 || rawWidth > kMaxSide || rows == 0 ||
       rows > kMaxSide || planes != 1) {
-    CONVERT_LOG_ERR("bad BMP header: info[%u] width[%u] height[%u] planes[%u]", infoSize,
-                    rawWidth, rawHeight, planes);
+    CONVERT_LOG_ERR("bad BMP header: info[%u] width[%u] height[%u] planes[%u]", infoSize, rawWidth,
+                    rawHeight, planes);
     return false;
   }
   const bool supported = (bitCount == 24 && compression == kBiRgb) ||
@@ -200,10 +200,10 @@ int32_t Transbmp2Yuv(const char* path, uint32_t* width, uint32_t* height, uint8_
   const int yStride = static_cast<int>(w);
   const int cStride = static_cast<int>(w / 2);
   const int rc = bmp.bytesPerPixel == 3
-                     ? libyuv::RGB24ToI420(src, stride, dstY, yStride, dstU, cStride, dstV,
-                                           cStride, static_cast<int>(w), signedHeight)
-                     : libyuv::ARGBToI420(src, stride, dstY, yStride, dstU, cStride, dstV,
-                                          cStride, static_cast<int>(w), signedHeight);
+                     ? libyuv::RGB24ToI420(src, stride, dstY, yStride, dstU, cStride, dstV, cStride,
+                                           static_cast<int>(w), signedHeight)
+                     : libyuv::ARGBToI420(src, stride, dstY, yStride, dstU, cStride, dstV, cStride,
+                                          static_cast<int>(w), signedHeight);
   if (rc != 0) {
     CONVERT_LOG_ERR("conversion failed [%d]", rc);
     return -1;

@@ -11,7 +11,8 @@
 #include "adapt/trace/tavo_video_vlink_log.h"
 
 // PNG fields are big-endian and are turned around with GetRealValue after a plain read.
-static_assert(std::endian::native == std::endian::little, "GetRealValue assumes a little-endian host");
+static_assert(std::endian::native == std::endian::little,
+              "GetRealValue assumes a little-endian host");
 
 namespace {
 

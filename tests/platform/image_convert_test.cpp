@@ -1,5 +1,3 @@
-#include "platform/tavo_video_image_convert.h"
-
 #include <gtest/gtest.h>
 #include <libyuv.h>
 #include <unistd.h>
@@ -11,6 +9,8 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include "platform/tavo_video_image_convert.h"
 
 namespace {
 
@@ -30,7 +30,8 @@ class ImageConvertTest : public ::testing::Test {
   std::string Write(const Bytes& data) {
     const fs::path path = m_dir / ("f" + std::to_string(m_files++));
     std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+        .write(reinterpret_cast<const char*>(data.data()),
+               static_cast<std::streamsize>(data.size()));
     return path.string();
   }
 
@@ -107,9 +108,9 @@ struct BmpCase {
 
 TEST_F(ImageConvertTest, BmpMatchesLibyuv) {
   const BmpCase cases[] = {
-      {"bottom-up 24", 8, 6, 24, 0},      {"top-down 24", 8, -6, 24, 0},
-      {"odd bottom-up 24", 37, 11, 24, 0}, {"odd top-down 24", 7, -5, 24, 0},
-      {"bottom-up 32", 64, 4, 32, 0},      {"odd bottom-up 32", 9, 7, 32, 0},
+      {"bottom-up 24", 8, 6, 24, 0},        {"top-down 24", 8, -6, 24, 0},
+      {"odd bottom-up 24", 37, 11, 24, 0},  {"odd top-down 24", 7, -5, 24, 0},
+      {"bottom-up 32", 64, 4, 32, 0},       {"odd bottom-up 32", 9, 7, 32, 0},
       {"top-down bitfields", 5, -3, 32, 3},
   };
   for (const BmpCase& c : cases) {
@@ -146,7 +147,11 @@ TEST_F(ImageConvertTest, BadBmpRefusedWithOutputsUntouched) {
       {"zero width", [](Bytes& b) { Put(b, 18, 0, 4); }},
       {"negative width", [](Bytes& b) { Put(b, 18, 0xFFFFFFF8U, 4); }},
       {"width too big", [](Bytes& b) { Put(b, 18, 16385, 4); }},
-      {"claims 16384 square", [](Bytes& b) { Put(b, 18, 16384, 4), Put(b, 22, 16384, 4); }},
+      {"claims 16384 square",
+       [](Bytes& b) {
+         Put(b, 18, 16384, 4);
+         Put(b, 22, 16384, 4);
+       }},
       {"zero height", [](Bytes& b) { Put(b, 22, 0, 4); }},
       {"height INT32_MIN", [](Bytes& b) { Put(b, 22, 0x80000000U, 4); }},
       {"planes", [](Bytes& b) { Put(b, 26, 2, 2); }},
