@@ -41,7 +41,14 @@ TestInputInputNode::~TestInputInputNode() {
       return;
     }
   }
-  // Frames still held downstream point into the image: leave it and them allocated.
+  // Frames still held downstream point into the image: leave it and them allocated, but
+  // free the buffers nobody holds.
+  for (OsvGraphicBuffer*& buffer : m_cache) {
+    if (buffer != nullptr && buffer->IsAvailable()) {
+      delete buffer;
+      buffer = nullptr;
+    }
+  }
   VLOG_ERR_CH(2, "The cache release is fail");
   VLOG_INF_CH(2, "[%s] TestInputInputNode destory m_nodeId[%u] Ok.", m_nodeName.c_str(),
               m_nodeId);

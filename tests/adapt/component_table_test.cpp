@@ -1,0 +1,270 @@
+// Drives the built library only as a host does: dlopen, the component tables, the
+// parameter containers, the exported functions and plain callbacks.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "tavo_video_vlink.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+struct Host {
+  std::mutex lock;  // guards records
+  std::vector<VencOutFrame*> records;
+  uint32_t accept = 1;
+  CountLatch offered;
+};
+Host* g_host = nullptr;
+
+uint32_t OnCreate(uint32_t, uint32_t, uint32_t) { return 0; }
+uint32_t OnFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
+  if (g_host->accept == 1) {
+    std::lock_guard<std::mutex> lock(g_host->lock);
+    g_host->records.push_back(frame);
+  }
+  g_host->offered.Add();
+  return g_host->accept;
+}
+
+template <class Row>
+auto Find(const Row* table, uint32_t count, uint32_t type, uint32_t srcType = 0)
+    -> decltype(table->func) {
+  for (uint32_t i = 0; i < count; ++i) {
+    if (table[i].type == type && table[i].srcType == srcType) {
+      return table[i].func;
+    }
+  }
+  return nullptr;
+}
+
+class ComponentTableTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    s_library = dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(s_library, nullptr) << dlerror();
+  }
+  template <class F>
+  static F* Symbol(const char* name) {
+    return reinterpret_cast<F*>(dlsym(s_library, name));
+  }
+
+  void SetUp() override {
+    g_host = &m_host;
+    ASSERT_EQ(Symbol<decltype(TavoVideoGetCreateNodeFuncMap)>("TavoVideoGetCreateNodeFuncMap")(
+                  &m_create, &m_createCount),
+              0U);
+    ASSERT_EQ(Symbol<decltype(TavoVideoGetBindNodeFuncMap)>("TavoVideoGetBindNodeFuncMap")(
+                  &m_bind, &m_bindCount),
+              0U);
+    ASSERT_EQ(Symbol<decltype(TavoVideoGetUnBindNodeFuncMap)>("TavoVideoGetUnBindNodeFuncMap")(
+                  &m_unbind, &m_unbindCount),
+              0U);
+    ASSERT_EQ(Symbol<decltype(TavoVideoGetDestroyNodeFuncMap)>("TavoVideoGetDestroyNodeFuncMap")(
+                  &m_destroy, &m_destroyCount),
+              0U);
+    m_release = Symbol<decltype(TavoVideoReleaseVEncFrame)>("TavoVideoReleaseVEncFrame");
+    m_getContainer = Symbol<decltype(TavoVideoGetDataContainer)>("TavoVideoGetDataContainer");
+  }
+  void TearDown() override {
+    for (VencOutFrame* record : m_host.records) {
+      m_release(record);
+    }
+    g_host = nullptr;
+  }
+
+  void Store(uint32_t component, uint32_t node, bool withPort = true) {
+    DataContainer* container =
+        m_getContainer(("Node[" + std::to_string(component) + "]PresentParam").c_str());
+    container->SetDataByString<uint32_t>("imgNo", node);
+    if (withPort) {
+      container->SetDataByString<uint32_t>("portId", 0);
+    }
+  }
+  static std::unique_ptr<tagTavoVideoComponentParam> EncoderParam() {
+    auto param = std::make_unique<tagTavoVideoComponentParam>();
+    std::memset(param.get(), 0, sizeof(*param));
+    param->venc.width = 64;
+    param->venc.height = 32;
+    param->venc.hostKey = 3;
+    param->venc.encOutFunc = OnFrame;
+    param->venc.encCreateFunc = OnCreate;
+    return param;
+  }
+  static std::unique_ptr<tagTavoVideoComponentParam> TestParam(const std::string& file) {
+    auto param = std::make_unique<tagTavoVideoComponentParam>();
+    std::memset(param.get(), 0, sizeof(*param));
+    param->test.frameRate = 25;
+    std::snprintf(param->test.fileName, sizeof(param->test.fileName), "%s", file.c_str());
+    return param;
+  }
+  uint32_t Create(uint32_t type, uint32_t component, tagTavoVideoComponentParam* param) {
+    return Find(m_create, m_createCount, type)(component, param);
+  }
+  uint32_t Destroy(uint32_t type, uint32_t component) {
+    return Find(m_destroy, m_destroyCount, type)(component);
+  }
+
+  static inline void* s_library = nullptr;
+  Host m_host;
+  const tagTavoVideoCreateFuncMap* m_create = nullptr;
+  const tagTavoVideoBindFuncMap* m_bind = nullptr;
+  const tagTavoVideoBindFuncMap* m_unbind = nullptr;
+  const tagTavoVideoDestroyFuncMap* m_destroy = nullptr;
+  uint32_t m_createCount = 0, m_bindCount = 0, m_unbindCount = 0, m_destroyCount = 0;
+  decltype(&TavoVideoReleaseVEncFrame) m_release = nullptr;
+  decltype(&TavoVideoGetDataContainer) m_getContainer = nullptr;
+};
+
+TEST_F(ComponentTableTest, TablesHaveTheirRowsInOrder) {
+  const uint32_t createTypes[] = {10, 29, 0, 3, 2, 7, 13};
+  ASSERT_EQ(m_createCount, 7U);
+  for (uint32_t i = 0; i < 7; ++i) {
+    EXPECT_EQ(m_create[i].type, createTypes[i]);
+    EXPECT_NE(m_create[i].func, nullptr);
+  }
+  const uint32_t bindPairs[][2] = {{10, 0}, {13, 0}, {29, 3}, {29, 2}, {10, 2},
+                                   {13, 2}, {10, 7}, {13, 3}, {10, 4}, {13, 4}};
+  ASSERT_EQ(m_bindCount, 10U);
+  ASSERT_EQ(m_unbindCount, 10U);
+  for (uint32_t i = 0; i < 10; ++i) {
+    EXPECT_EQ(m_bind[i].type, bindPairs[i][0]);
+    EXPECT_EQ(m_bind[i].srcType, bindPairs[i][1]);
+    EXPECT_EQ(m_unbind[i].srcType, bindPairs[i][1]);
+  }
+  const uint32_t destroyTypes[] = {10, 29, 0, 3, 2, 13, 7};
+  ASSERT_EQ(m_destroyCount, 7U);
+  for (uint32_t i = 0; i < 7; ++i) {
+    EXPECT_EQ(m_destroy[i].type, destroyTypes[i]);
+  }
+  const tagTavoVideoSnapshotFuncMap* snapshot = nullptr;
+  uint32_t count = 99;
+  auto* getSnapshot = Symbol<decltype(TavoVideoGetSnapshotFuncMap)>("TavoVideoGetSnapshotFuncMap");
+  EXPECT_EQ(getSnapshot(&snapshot, &count), 0U);
+  EXPECT_EQ(count, 0U);
+  EXPECT_EQ(getSnapshot(nullptr, &count), 1U);
+  EXPECT_EQ(Symbol<decltype(TavoVideoFindFreeVoChnId)>("TavoVideoFindFreeVoChnId")(1, 2, 3), 1U);
+  EXPECT_EQ(Symbol<decltype(TavoVideoKeepWindow)>("TavoVideoKeepWindow")(), 0U);
+}
+
+TEST_F(ComponentTableTest, TestImageToEncoderWholeCycle) {
+  LogCapture logs;
+  TempDir dir;
+  const std::string image = dir.Write("bars.bmp", SolidBmp24(64, 32, 255, 0, 0));
+  Store(200, 60);
+  Store(201, 8);
+  auto encoder = EncoderParam();
+  auto test = TestParam(image);
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 200, test.get()), 0U);
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 201, encoder.get()), 0U);
+  auto bind = Find(m_bind, m_bindCount, 10, 2);
+  auto unbind = Find(m_unbind, m_unbindCount, 10, 2);
+  ASSERT_EQ(bind(201, 200), 0U);
+  EXPECT_TRUE(logs.HasModule("links: {TEST_60->(ENC_8) } ", 3));
+
+  ASSERT_TRUE(m_host.offered.WaitFor(2));
+  {
+    std::lock_guard<std::mutex> lock(m_host.lock);
+    ASSERT_GE(m_host.records.size(), 2U);
+    const VencOutFrame* first = m_host.records[0];
+    EXPECT_EQ(first->imgNo, 8U);
+    EXPECT_EQ(first->hostKey, 3U);
+    EXPECT_EQ(first->sequence, 0U);
+    EXPECT_EQ(m_host.records[1]->sequence, 1U);
+    const OsvGraphicBufferInfo info = first->buffer->GetImageInfo();
+    EXPECT_EQ(info.width, 64U);  // the image's own size, not the encoder's
+    EXPECT_EQ(info.height, 32U);
+    EXPECT_EQ(first->buffer->GetSrcImgNo(), 60U);
+  }
+  EXPECT_EQ(unbind(201, 200), 0U);
+  {
+    std::lock_guard<std::mutex> lock(m_host.lock);
+    for (VencOutFrame* record : m_host.records) {
+      EXPECT_EQ(m_release(record), 0U);
+    }
+    m_host.records.clear();
+  }
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 201), 0U);
+  // A record whose encoder is gone is still freed (the leak checker would see it).
+  auto* orphan = static_cast<VencOutFrame*>(std::calloc(1, sizeof(VencOutFrame)));
+  orphan->imgNo = 8;
+  EXPECT_EQ(m_release(orphan), 1U);
+  EXPECT_TRUE(logs.HasModule("VirtualEncoderNode is nullptr", 1));
+  // Every frame came back, so the test node frees its whole cache.
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 200), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 200), 0U);  // "node has closed"
+  EXPECT_FALSE(logs.HasModule("The cache release is fail"));
+  EXPECT_EQ(m_release(nullptr), 1U);
+  EXPECT_TRUE(logs.HasModule("data is nullptr", 1));
+}
+
+TEST_F(ComponentTableTest, BadComponentsAreRefused) {
+  LogCapture logs;
+  auto encoder = EncoderParam();
+  EXPECT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 300, nullptr), 1U);
+  EXPECT_TRUE(logs.HasModule("null compParam! nodeId[300].", 1));
+
+  Store(301, 9, false);  // no "portId"
+  EXPECT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 301, encoder.get()), 1U);
+  EXPECT_TRUE(logs.HasModule("[Node[301]PresentParam]GetDataByString portId failed!", 1));
+
+  Store(302, 226);
+  EXPECT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 302, encoder.get()), 1U);
+  EXPECT_TRUE(logs.HasModule("[ENC_226] invalid imgNo[226]!", 1));
+
+  // The same node id for a component of another class.
+  Store(303, 226);
+  TempDir dir;
+  auto test = TestParam(dir.Write("t.bmp", SolidBmp24(8, 8, 0, 0, 0)));
+  EXPECT_EQ(Create(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 303, test.get()), 1U);
+  EXPECT_TRUE(logs.HasModule("nodePtr still null", 1));
+
+  // A 1024-character file name does not fit.
+  std::memset(test->test.fileName, 'x', sizeof(test->test.fileName));
+  Store(304, 61);
+  EXPECT_EQ(Create(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 304, test.get()), 1U);
+  EXPECT_TRUE(logs.HasModule("strcpy_s fileName failed!", 1));
+
+  // An encoder is no input: binding to it finds no builder.
+  auto bind = Find(m_bind, m_bindCount, 10, 4);
+  Store(305, 227);
+  EXPECT_EQ(bind(305, 302), 1U);
+  EXPECT_TRUE(logs.HasModule("BuilderFac no supoort vi type[5]", 1));
+  EXPECT_TRUE(logs.HasModule("builder is nullptr", 1));
+
+  EXPECT_EQ(Create(TAVO_VIDEO_COMPONENT_PREVIEW, 306, encoder.get()), 1U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 999), 0U);
+  for (uint32_t component : {302U, 304U}) {
+    Destroy(TAVO_VIDEO_COMPONENT_ENCODER, component);
+    Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, component);
+  }
+}
+
+TEST_F(ComponentTableTest, RefusedFramesGoStraightBack) {
+  m_host.accept = 0;
+  TempDir dir;
+  const std::string image = dir.Write("r.bmp", SolidBmp24(16, 16, 1, 1, 1));
+  Store(400, 62);
+  Store(401, 10);
+  auto encoder = EncoderParam();
+  auto test = TestParam(image);
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 400, test.get()), 0U);
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 401, encoder.get()), 0U);
+  ASSERT_EQ(Find(m_bind, m_bindCount, 10, 2)(401, 400), 0U);
+  ASSERT_TRUE(m_host.offered.WaitFor(2));
+  EXPECT_EQ(Find(m_unbind, m_unbindCount, 10, 2)(401, 400), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 401), 0U);
+  // Every refused frame came back, so the test node releases its whole cache.
+  LogCapture logs;
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 400), 0U);
+  EXPECT_FALSE(logs.HasModule("The cache release is fail"));
+}
+
+}  // namespace

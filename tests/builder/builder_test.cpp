@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+
+#include "builder/tavo_video_vlink_builder_factory.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test_nodes.h"
+
+namespace {
+
+using NodePtr = VideoVlinkNode::NodePtr;
+
+// A stand-in builder that only exposes the shared tear-down.
+class PlainBuilder : public VlinkBuilder {
+ public:
+  explicit PlainBuilder(uint32_t viNodeId) : VlinkBuilder(viNodeId, OS_E_MPP_DEV_TEST) {}
+  uint32_t BindVo(uint32_t) override { return 0; }
+  uint32_t UnBindVo(uint32_t voNodeId) override {
+    return UnBindNode(m_viNodeId, VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId));
+  }
+};
+
+class NamedNode : public CountingNode {
+ public:
+  explicit NamedNode(uint32_t id) : CountingNode(id) { m_nodeName = "N" + std::to_string(id); }
+};
+
+NodePtr Register(uint32_t id, bool processing = false) {
+  NodePtr node = VideoVlinkNode::CreateNodeByUnique<NamedNode>(id);
+  if (processing) {
+    node->SetNotViVoFlag();
+  }
+  node->StartProcess();
+  return node;
+}
+
+TEST(BuilderTest, GeneratedIdsStartAt10001) {
+  EXPECT_EQ(VlinkBuilder::GenNodeId(), 10001U);
+  EXPECT_EQ(VlinkBuilder::GenNodeId(), 10002U);
+  EXPECT_EQ(VlinkBuilder::GetNodeType(424242), 17U);
+}
+
+// input 1 -> processing 10 -> processing 11 -> {output 20, output 21}
+TEST(BuilderTest, TearDownClimbsOnlyThroughNodesLeftWithoutOutputs) {
+  LogCapture logs;
+  NodePtr input = Register(1);
+  NodePtr outer = Register(10, true);
+  NodePtr inner = Register(11, true);
+  NodePtr a = Register(20);
+  NodePtr b = Register(21);
+  for (auto [from, to] : {std::pair{input, outer}, {outer, inner}, {inner, a}, {inner, b}}) {
+    ASSERT_EQ(VlinkBuilder::ConnectAndStartNode(from, to), 0U);
+  }
+  EXPECT_EQ(VlinkBuilder::GetNodeString(input), "N1->(N10) N10->(N11) N11->(N20,N21) ");
+
+  std::list<NodePtr> path;
+  ASSERT_EQ(VlinkBuilder::FindNodeList(1, a, path), 0U);
+  EXPECT_EQ(path, (std::list<NodePtr>{inner, outer, input}));
+
+  PlainBuilder builder(1);
+  EXPECT_EQ(builder.UnBindVo(20), 0U);
+  EXPECT_EQ(VlinkBuilder::GetNodeString(input), "N1->(N10) N10->(N11) N11->(N21) ");
+  EXPECT_TRUE(inner->IsStarted());
+
+  EXPECT_EQ(builder.UnBindVo(21), 0U);
+  EXPECT_FALSE(input->HasNextNodes());
+  EXPECT_FALSE(inner->IsStarted());
+  EXPECT_FALSE(outer->IsStarted());
+  EXPECT_EQ(VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(10), nullptr);
+  EXPECT_EQ(VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(11), nullptr);
+  EXPECT_TRUE(input->IsStarted());  // the input and the outputs are left running
+  EXPECT_TRUE(b->IsStarted());
+
+  EXPECT_EQ(builder.UnBindVo(21), 1U);
+  EXPECT_TRUE(logs.HasModule("can't find link! vi[1] vo[21]", 1));
+  for (uint32_t id : {1U, 20U, 21U}) {
+    VideoVlinkNode::DeleteNodeByUnique(id);
+  }
+}
+
+TEST(BuilderTest, ConnectRefusesAnExistingLink) {
+  LogCapture logs;
+  NodePtr input = Register(2);
+  NodePtr output = Register(22);
+  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, nullptr), 1U);
+  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, output), 0U);
+  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, output), 1U);
+  EXPECT_TRUE(logs.HasModule("ConnectToNode failed!", 1));
+  Unlink(input, output);
+  VideoVlinkNode::DeleteNodeByUnique(2);
+  VideoVlinkNode::DeleteNodeByUnique(22);
+}
+
+TEST(BuilderFactoryTest, BuildersExistOnlyForKnownInputTypes) {
+  LogCapture logs;
+  VlinkBuilderFactory& factory = VlinkBuilderFactory::GetInstance();
+  EXPECT_EQ(factory.GetBuilder(999), nullptr);
+  EXPECT_TRUE(logs.HasModule("vi node is nullptr", 1));
+
+  VideoVlinkNode::CreateNodeByUnique<CountingNode>(7);  // an encoder-type node
+  EXPECT_EQ(factory.GetBuilder(7), nullptr);
+  EXPECT_TRUE(logs.HasModule("BuilderFac no supoort vi type[5]", 1));
+  VideoVlinkNode::DeleteNodeByUnique(7);
+
+  factory.PrintLink();
+  EXPECT_TRUE(logs.HasModule("links: ", 3));
+}
+
+}  // namespace

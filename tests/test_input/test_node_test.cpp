@@ -1,0 +1,154 @@
+#include "test_input/tavo_video_vlink_test_node.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/test_nodes.h"
+
+namespace {
+
+TestDevInfo Info(const std::string& path, uint32_t width = 0, uint32_t height = 0) {
+  TestDevInfo info{};
+  info.imgNo = 50;
+  info.frameRate = 30;
+  info.width = width;
+  info.height = height;
+  std::strncpy(info.fileName.data(), path.c_str(), info.fileName.size() - 1);
+  return info;
+}
+
+struct ReadCase {
+  const char* name;  // file name inside the scratch directory
+  bool bmp;          // write a BMP (else raw bytes)
+  uint32_t expectWidth;
+  uint32_t expectHeight;
+};
+
+// Which reader a file gets: BMP by signature, raw I420 when the path has a d, a or t,
+// the black picture otherwise.
+class ReadImageTest : public ::testing::TestWithParam<ReadCase> {};
+
+TEST_P(ReadImageTest, PicksTheReaderFromTheHeaderAndThePath) {
+  const ReadCase& c = GetParam();
+  // The canonical path decides, so the directory itself must be free of d, a and t
+  // when the black-picture fallback is wanted.
+  std::filesystem::path parent = std::filesystem::temp_directory_path();
+  if (!c.bmp && std::strpbrk(c.name, "dat") == nullptr) {
+    parent = "/run";
+    if (access(parent.c_str(), W_OK) != 0) {
+      GTEST_SKIP() << "needs a writable directory without the letters d, a, t";
+    }
+  }
+  TempDir dir(parent, "vlink");
+  const std::string path =
+      dir.Write(c.name, c.bmp ? SolidBmp24(64, 32, 0, 0, 255) : std::vector<uint8_t>(32 * 16 * 3 / 2, 128));
+  TestInputInputNode node(50);
+  ASSERT_EQ(node.SetParam(Info(path, 32, 16)), 0U);
+  ASSERT_EQ(node.ReadImage(path.c_str()), 0U);
+  EXPECT_EQ(node.GetParam().width, c.expectWidth);
+  EXPECT_EQ(node.GetParam().height, c.expectHeight);
+  EXPECT_EQ(node.GetCacheSize(), TestInputInputNode::kCacheSize);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, ReadImageTest,
+    ::testing::Values(ReadCase{"pattern.bmp", true, 64, 32},   // BMP at its own size
+                      ReadCase{"frame.yuv", false, 32, 16},    // 'a' in "frame": raw
+                      ReadCase{"x.yuv", false, 1920, 1080}),   // no d/a/t: black picture
+    [](const auto& param) { return std::to_string(param.index); });
+
+TEST(TestNodeTest, StartFailsForAMissingFileAndAZeroFrameRate) {
+  LogCapture logs;
+  TestInputInputNode node(51);
+  TestDevInfo info = Info("/nonexistent/image.bmp");
+  info.frameRate = 0;
+  EXPECT_EQ(node.SetParam(info), 1U);
+  EXPECT_TRUE(logs.HasModule("invalid frameRate[0]!", 1));
+  info.frameRate = 1;
+  ASSERT_EQ(node.SetParam(info), 0U);
+  EXPECT_EQ(node.StartProcess(), 1U);
+  EXPECT_TRUE(logs.HasModule("get realpath fail,erron:2!", 1));
+  EXPECT_TRUE(logs.HasModule("failed to read test Img!", 1));
+  EXPECT_FALSE(node.IsStarted());
+}
+
+TEST(TestNodeTest, CacheWalkSkipsTheSlotHandedOutLast) {
+  TempDir dir;
+  const std::string path = dir.Write("p.bmp", SolidBmp24(16, 16, 1, 2, 3));
+  TestInputInputNode node(52);
+  ASSERT_EQ(node.SetParam(Info(path)), 0U);
+  ASSERT_EQ(node.ReadImage(path.c_str()), 0U);
+
+  std::vector<OsvGraphicBuffer*> handedOut;
+  for (uint32_t i = 0; i < TestInputInputNode::kCacheSize; ++i) {
+    OsvGraphicBuffer* buffer = node.GetFreeCache();
+    ASSERT_NE(buffer, nullptr);
+    buffer->IncreaseRef();  // held downstream
+    handedOut.push_back(buffer);
+  }
+  // All sixteen held: nothing is free.
+  LogCapture logs;
+  EXPECT_EQ(node.GetFreeCache(), nullptr);
+  EXPECT_TRUE(logs.HasModule("get cache fail", 3));
+  // Only the slot handed out last comes free: the walk does not look at it.
+  handedOut.back()->DecreaseRef();
+  EXPECT_EQ(node.GetFreeCache(), nullptr);
+  // Another slot comes free: it is found.
+  handedOut[3]->DecreaseRef();
+  EXPECT_EQ(node.GetFreeCache(), handedOut[3]);
+
+  // Every buffer describes the one shared image, stamped with the component's number.
+  const OsvGraphicBufferInfo info = handedOut[0]->GetImageInfo();
+  EXPECT_EQ(info.stride[1], 8U);
+  EXPECT_EQ(info.size, 16U * 16U * 3U / 2U);
+  EXPECT_EQ(handedOut[0]->GetImageAddr(0), handedOut[5]->GetImageAddr(0));
+  EXPECT_EQ(handedOut[0]->GetImageAddr(2), handedOut[0]->GetImageAddr(1) + 64);
+  EXPECT_EQ(handedOut[0]->GetSrcImgNo(), 50U);
+  for (size_t i = 0; i + 1 < handedOut.size(); ++i) {
+    if (i != 3) {
+      handedOut[i]->DecreaseRef();
+    }
+  }
+}
+
+TEST(TestNodeTest, SendsToItsSinksAndStopsPromptly) {
+  TempDir dir;
+  const std::string path = dir.Write("p.bmp", SolidBmp24(32, 16, 0, 255, 0));
+  auto node = std::make_shared<TestInputInputNode>(53);
+  auto sink = std::make_shared<CountingNode>(5);
+  sink->StartProcess();
+  ASSERT_EQ(node->SetParam(Info(path)), 0U);
+  Link(node, sink);
+  ASSERT_EQ(node->StartProcess(), 0U);
+  EXPECT_EQ(node->StartProcess(), 0U);  // "already opened"
+  ASSERT_TRUE(sink->handled.WaitFor(2));
+  EXPECT_EQ(node->StopProcess(), 0U);
+  const int afterStop = sink->handled.Get();
+  sink->DealTaskHandler(true);
+  EXPECT_EQ(sink->handled.Get(), afterStop);
+  Unlink(node, sink);
+}
+
+TEST(TestNodeTest, DestroyLeavesMemoryUnderHeldFramesAlone) {
+  LogCapture logs;
+  TempDir dir;
+  const std::string path = dir.Write("p.bmp", SolidBmp24(16, 16, 9, 9, 9));
+  auto node = std::make_unique<TestInputInputNode>(54);
+  ASSERT_EQ(node->SetParam(Info(path)), 0U);
+  ASSERT_EQ(node->ReadImage(path.c_str()), 0U);
+  OsvGraphicBuffer* held = node->GetFreeCache();
+  held->IncreaseRef();
+  node.reset();
+  EXPECT_TRUE(logs.HasModule("The cache release is fail", 1));
+  // Still readable: the image and the buffer were left allocated for the holder.
+  EXPECT_NE(held->GetImageAddr(0)[0], 0);
+  held->DecreaseRef();
+  // The holder owns the leftovers now; a test frees them to keep the leak checker quiet.
+  delete[] static_cast<uint8_t*>(held->GetBufHandle());
+  delete held;
+}
+
+}  // namespace
