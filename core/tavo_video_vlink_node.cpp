@@ -21,10 +21,7 @@ InstanceManager<VideoVlinkNode>* VideoVlinkNode::m_nodeManager =
     &InstanceManager<VideoVlinkNode>::GetInstanceManager();
 
 VideoVlinkNode::VideoVlinkNode(uint32_t id, OS_E_MPP_DEV_TYPE type)
-    : m_nodeId(id), m_nodeType(type) {
-  m_isStart.store(false);
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-}
+    : m_nodeId(id), m_nodeType(type) {}
 
 VideoVlinkNode::~VideoVlinkNode() { DealTaskHandler(true); }
 

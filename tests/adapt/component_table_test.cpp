@@ -17,21 +17,25 @@
 namespace {
 
 struct Host {
-  std::mutex lock;  // guards records
+  std::mutex lock;  // guards records and accept
   std::vector<VencOutFrame*> records;
-  uint32_t accept = 1;
+  uint32_t accept = 1;  // what the callback answers; 0 refuses
   CountLatch offered;
 };
 Host* g_host = nullptr;
 
 uint32_t OnCreate(uint32_t, uint32_t, uint32_t) { return 0; }
 uint32_t OnFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
-  if (g_host->accept == 1) {
+  uint32_t accept = 0;
+  {
     std::lock_guard<std::mutex> lock(g_host->lock);
-    g_host->records.push_back(frame);
+    accept = g_host->accept;
+    if (accept == 1) {
+      g_host->records.push_back(frame);
+    }
   }
   g_host->offered.Add();
-  return g_host->accept;
+  return accept;
 }
 
 template <class Row>
@@ -183,13 +187,19 @@ TEST_F(ComponentTableTest, TestImageToEncoderWholeCycle) {
     EXPECT_EQ(info.height, 32U);
     EXPECT_EQ(first->buffer->GetSrcImgNo(), 60U);
   }
+  {
+    // Frames still on their way after the unbind are refused, and so come back by themselves.
+    std::lock_guard<std::mutex> lock(m_host.lock);
+    m_host.accept = 0;
+  }
   EXPECT_EQ(unbind(201, 200), 0U);
+  std::vector<VencOutFrame*> held;
   {
     std::lock_guard<std::mutex> lock(m_host.lock);
-    for (VencOutFrame* record : m_host.records) {
-      EXPECT_EQ(m_release(record), 0U);
-    }
-    m_host.records.clear();
+    held.swap(m_host.records);
+  }
+  for (VencOutFrame* record : held) {
+    EXPECT_EQ(m_release(record), 0U);  // never under a lock the callback takes
   }
   EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 201), 0U);
   // A record whose encoder is gone is still freed (the leak checker would see it).

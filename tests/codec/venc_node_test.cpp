@@ -1,11 +1,10 @@
-#include "codec/tavo_video_vlink_venc_node.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <mutex>
 #include <vector>
 
+#include "codec/tavo_video_vlink_venc_node.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_nodes.h"
 
@@ -16,7 +15,7 @@ struct HostSide {
   std::mutex lock;
   std::vector<VencOutFrame> copies;  // what each record held when it arrived
   std::vector<VencOutFrame*> records;
-  uint32_t accept = 1;
+  uint32_t accept = 1;  // guarded by lock while frames flow
   int creates = 0;
   CountLatch offered;
 };
@@ -31,15 +30,17 @@ uint32_t OnFrame(uint32_t imgNo, uint32_t hostKey, uint32_t hostSubKey, VencOutF
   EXPECT_EQ(imgNo, frame->imgNo);
   EXPECT_EQ(hostKey, frame->hostKey);
   EXPECT_EQ(hostSubKey, frame->hostSubKey);
+  uint32_t accept = 0;
   {
     std::lock_guard<std::mutex> lock(g_host->lock);
+    accept = g_host->accept;
     g_host->copies.push_back(*frame);
-    if (g_host->accept == 1) {
+    if (accept == 1) {
       g_host->records.push_back(frame);
     }
   }
   g_host->offered.Add();
-  return g_host->accept;
+  return accept;
 }
 
 class VencNodeTest : public ::testing::Test {
@@ -118,7 +119,10 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
 
   source->SendBuffer(&frame);  // accepted
   ASSERT_TRUE(m_host.offered.WaitFor(1));
-  m_host.accept = 0;           // refused: the record is freed, the reference dropped
+  {
+    std::lock_guard<std::mutex> lock(m_host.lock);
+    m_host.accept = 0;  // refused: the record is freed, the reference dropped
+  }
   source->SendBuffer(&frame);
   ASSERT_TRUE(m_host.offered.WaitFor(2));
   encoder->DealTaskHandler(true);
@@ -145,7 +149,10 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
   // Stop and start again: the sequence carries on.
   encoder->StopProcess();
   encoder->StartProcess();
-  m_host.accept = 1;
+  {
+    std::lock_guard<std::mutex> lock(m_host.lock);
+    m_host.accept = 1;
+  }
   source->SendBuffer(&frame);
   ASSERT_TRUE(m_host.offered.WaitFor(3));
   EXPECT_EQ(m_host.copies[2].sequence, 2U);

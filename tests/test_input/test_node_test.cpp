@@ -1,9 +1,8 @@
-#include "test_input/tavo_video_vlink_test_node.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
 
+#include "test_input/tavo_video_vlink_test_node.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
@@ -27,6 +26,8 @@ struct ReadCase {
   uint32_t expectHeight;
 };
 
+void PrintTo(const ReadCase& c, std::ostream* out) { *out << c.name; }
+
 // Which reader a file gets: BMP by signature, raw I420 when the path has a d, a or t,
 // the black picture otherwise.
 class ReadImageTest : public ::testing::TestWithParam<ReadCase> {};
@@ -43,8 +44,8 @@ TEST_P(ReadImageTest, PicksTheReaderFromTheHeaderAndThePath) {
     }
   }
   TempDir dir(parent, "vlink");
-  const std::string path =
-      dir.Write(c.name, c.bmp ? SolidBmp24(64, 32, 0, 0, 255) : std::vector<uint8_t>(32 * 16 * 3 / 2, 128));
+  const std::string path = dir.Write(
+      c.name, c.bmp ? SolidBmp24(64, 32, 0, 0, 255) : std::vector<uint8_t>(32 * 16 * 3 / 2, 128));
   TestInputInputNode node(50);
   ASSERT_EQ(node.SetParam(Info(path, 32, 16)), 0U);
   ASSERT_EQ(node.ReadImage(path.c_str()), 0U);
@@ -55,9 +56,9 @@ TEST_P(ReadImageTest, PicksTheReaderFromTheHeaderAndThePath) {
 
 INSTANTIATE_TEST_SUITE_P(
     Files, ReadImageTest,
-    ::testing::Values(ReadCase{"pattern.bmp", true, 64, 32},   // BMP at its own size
-                      ReadCase{"frame.yuv", false, 32, 16},    // 'a' in "frame": raw
-                      ReadCase{"x.yuv", false, 1920, 1080}),   // no d/a/t: black picture
+    ::testing::Values(ReadCase{"pattern.bmp", true, 64, 32},  // BMP at its own size
+                      ReadCase{"frame.yuv", false, 32, 16},   // 'a' in "frame": raw
+                      ReadCase{"x.yuv", false, 1920, 1080}),  // no d/a/t: black picture
     [](const auto& param) { return std::to_string(param.index); });
 
 TEST(TestNodeTest, StartFailsForAMissingFileAndAZeroFrameRate) {
