@@ -1,0 +1,53 @@
+// A builder connects outputs to one input node and takes them off again.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <string>
+
+#include "core/tavo_video_vlink_node.h"
+#include "tavo_video_vlink_component.h"
+
+class VlinkBuilder {
+ public:
+  using NodePtr = VideoVlinkNode::NodePtr;
+
+  VlinkBuilder(uint32_t viNodeId, OS_E_MPP_DEV_TYPE type);
+  virtual ~VlinkBuilder() = default;
+  VlinkBuilder(const VlinkBuilder&) = delete;
+  VlinkBuilder& operator=(const VlinkBuilder&) = delete;
+
+  // 0 on success; 1 for a missing node, else the failing node operation's code.
+  virtual uint32_t BindVo(uint32_t voNodeId) = 0;
+  virtual uint32_t UnBindVo(uint32_t voNodeId) = 0;
+  virtual uint32_t UpdateVoParam(uint32_t voNodeId, OS_E_MPP_DEV_TYPE voType,
+                                 tagTavoVideoComponentParam* param);
+
+  // Ids for nodes a builder inserts: 10001, 10002, ... for the life of the process.
+  static uint32_t GenNodeId();
+  // The node type of a registered node, or OS_E_MPP_DEV_BUTT (17) when there is none.
+  static uint32_t GetNodeType(uint32_t nodeId);
+  // "NAME->(NEXT1,NEXT2) " for node, then the same for each downstream node, depth first.
+  static std::string GetNodeString(const NodePtr& node);
+  // Links cur -> next in both directions and starts next.
+  static uint32_t ConnectAndStartNode(const NodePtr& cur, const NodePtr& next);
+  // The path from an output back to the input targetId, nearest node first, passing only
+  // through processing nodes. 0 when found.
+  static uint32_t FindNodeList(uint32_t targetId, const NodePtr& node, std::list<NodePtr>& out);
+
+  // Takes voNode off the link of input viNodeId, then stops, unlinks and deletes every
+  // processing node the removal left without outputs, climbing towards the input.
+  uint32_t UnBindNode(uint32_t viNodeId, const NodePtr& voNode);
+  std::string GetLinkString() const;
+  uint32_t GetViNodeId() const { return m_viNodeId; }
+  OS_E_MPP_DEV_TYPE GetViNodeType() const { return m_viNodeType; }
+
+ protected:
+  const uint32_t m_viNodeId;
+  bool m_isFirstBind = true;  // the input is started by the first bind that succeeds
+  const OS_E_MPP_DEV_TYPE m_viNodeType;
+
+ private:
+  static std::atomic<uint32_t> m_nameSlot;
+};

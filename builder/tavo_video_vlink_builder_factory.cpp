@@ -1,0 +1,82 @@
+#include "builder/tavo_video_vlink_builder_factory.h"
+
+#include "builder/tavo_video_vlink_test_builder.h"
+
+VlinkBuilderFactory& VlinkBuilderFactory::GetInstance() {
+  static VlinkBuilderFactory factory;
+  return factory;
+}
+
+VlinkBuilderFactory::~VlinkBuilderFactory() {
+  std::map<uint32_t, std::shared_ptr<VlinkBuilder>> builders;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    builders.swap(m_builders);
+  }
+}
+
+namespace {
+
+std::shared_ptr<VlinkBuilder> MakeBuilder(uint32_t viNodeId, OS_E_MPP_DEV_TYPE type) {
+  switch (type) {
+    case OS_E_MPP_DEV_TEST:
+      return std::make_shared<VlinkTestBuilder>(viNodeId, type);
+    // Camera, decoder and screen inputs get their builders with their node classes.
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<VlinkBuilder> VlinkBuilderFactory::GetBuilder(uint32_t viNodeId) {
+  std::lock_guard<std::mutex> lock(m_lock);
+  if (auto it = m_builders.find(viNodeId); it != m_builders.end()) {
+    return it->second;
+  }
+  VideoVlinkNode::NodePtr viNode = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(viNodeId);
+  if (!viNode) {
+    VLOG_ERR("vi node is nullptr");
+    return nullptr;
+  }
+  VLOG_INF_MODULE("Build builder! viNodeId[%u]", viNodeId);
+  std::shared_ptr<VlinkBuilder> builder = MakeBuilder(viNodeId, viNode->GetNodeType());
+  if (!builder) {
+    VLOG_ERR_MODULE("BuilderFac no supoort vi type[%d]", static_cast<int>(viNode->GetNodeType()));
+    return nullptr;
+  }
+  m_builders.emplace(viNodeId, builder);
+  return builder;
+}
+
+std::shared_ptr<VlinkBuilder> VlinkBuilderFactory::GetBuilderNoCreate(uint32_t viNodeId) {
+  std::lock_guard<std::mutex> lock(m_lock);
+  auto it = m_builders.find(viNodeId);
+  return it == m_builders.end() ? nullptr : it->second;
+}
+
+void VlinkBuilderFactory::DeleteBuilder(uint32_t viNodeId) {
+  std::shared_ptr<VlinkBuilder> removed;  // destroyed after the lock is let go
+  std::lock_guard<std::mutex> lock(m_lock);
+  auto it = m_builders.find(viNodeId);
+  if (it == m_builders.end()) {
+    return;
+  }
+  VLOG_INF_MODULE("Delete Builder! viNodeId[%u]", viNodeId);
+  removed = std::move(it->second);
+  m_builders.erase(it);
+}
+
+std::string VlinkBuilderFactory::GetLinksText() {
+  std::lock_guard<std::mutex> lock(m_lock);
+  std::string text;
+  for (const auto& [id, builder] : m_builders) {
+    text += "{" + builder->GetLinkString() + "} ";
+  }
+  return text;
+}
+
+void VlinkBuilderFactory::PrintLink() {
+  const std::string text = GetLinksText();
+  VLOG_INF_MODULE("links: %s", text.c_str());
+}
