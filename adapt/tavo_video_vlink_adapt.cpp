@@ -9,6 +9,7 @@
 #include "adapt/tavo_video_param_store.h"
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
+#include "platform/os_time.h"
 #include "platform/safe_string.h"
 
 namespace {
@@ -30,6 +31,33 @@ struct TestImageComponent {
   static uint32_t Convert(TestDevInfo& out, uint32_t portId, uint32_t imgNo,
                           const tagTavoVideoComponentParam* param) {
     return VlinkCreateTest(out, portId, imgNo, param);
+  }
+};
+
+struct VirtualCameraComponent {
+  using Node = VirtualCameraNode;
+  static uint32_t Convert(VoDevInfo& out, uint32_t /*portId*/, uint32_t /*imgNo*/,
+                          const tagTavoVideoComponentParam* param) {
+    return VlinkCreateVirCam(out, param);
+  }
+};
+
+// Decoder and preview records begin with the node's own record, copied whole.
+struct DecoderComponent {
+  using Node = VirtualDecoderNode;
+  static uint32_t Convert(tagTavoVideoVDecParam& out, uint32_t /*portId*/, uint32_t /*imgNo*/,
+                          const tagTavoVideoComponentParam* param) {
+    std::memcpy(&out, &param->vdec, sizeof(out));
+    return 0;
+  }
+};
+
+struct PreviewComponent {
+  using Node = VideoPreviewNode;
+  static uint32_t Convert(tagTavoVideoVoChnParam& out, uint32_t /*portId*/, uint32_t /*imgNo*/,
+                          const tagTavoVideoComponentParam* param) {
+    std::memcpy(&out, &param->vo, sizeof(out));
+    return 0;
   }
 };
 
@@ -90,8 +118,7 @@ uint32_t DestroyVarietyNode(uint32_t componentId) {
 
 // Rows of component types whose node classes this build does not have yet.
 uint32_t CreateUnsupportedNode(uint32_t componentId, tagTavoVideoComponentParam* /*param*/) {
-  VLOG_ERR("component[%u]: this component type is not available in this build",
-           componentId);
+  VLOG_ERR("component[%u]: this component type is not available in this build", componentId);
   return 1;
 }
 
@@ -100,56 +127,50 @@ uint32_t DestroyUnsupportedNode(uint32_t /*componentId*/) {
   return 0;
 }
 
-uint32_t UpdateUnsupportedNode(uint32_t componentId, tagTavoVideoComponentParam* param) {
-  if (param == nullptr) {
-    VLOG_ERR("compParam is null! node [%d].", static_cast<int>(componentId));
-    return 1;
-  }
-  VLOG_ERR("not find OutputNode!");
-  return 1;
-}
-
 uint32_t DumpNothing(uint32_t /*componentId*/) { return 0; }
 
 const tagTavoVideoCreateFuncMap kCreateTable[] = {
     {TAVO_VIDEO_COMPONENT_ENCODER, 0, CreateVarietyNode<EncoderComponent>},
-    {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 0, CreateVarietyNode<VirtualCameraComponent>},
     {TAVO_VIDEO_COMPONENT_CAMERA, 0, CreateUnsupportedNode},
-    {TAVO_VIDEO_COMPONENT_DECODER, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_DECODER, 0, CreateVarietyNode<DecoderComponent>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, CreateVarietyNode<TestImageComponent>},
     {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateUnsupportedNode},
-    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, CreateVarietyNode<PreviewComponent>},
 };
 
 #define VLINK_BIND_PAIRS(func)                                                        \
-  {{TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, func},                 \
-   {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_CAMERA, func},                 \
-   {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, TAVO_VIDEO_COMPONENT_DECODER, func},          \
-   {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func},      \
-   {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func},             \
-   {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func},             \
-   {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, func},                 \
-   {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, func},                \
-   {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, func},                  \
-   {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_INPUT, func}}
+  {                                                                                   \
+    {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, func},                \
+        {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_CAMERA, func},            \
+        {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, TAVO_VIDEO_COMPONENT_DECODER, func},    \
+        {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func}, \
+        {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func},        \
+        {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_TEST_IMAGE, func},        \
+        {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, func},            \
+        {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, func},           \
+        {TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, func}, {           \
+      TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_INPUT, func                  \
+    }                                                                                 \
+  }
 
 const tagTavoVideoBindFuncMap kBindTable[] = VLINK_BIND_PAIRS(VlinkBind);
 const tagTavoVideoBindFuncMap kUnbindTable[] = VLINK_BIND_PAIRS(VlinkUnbind);
 
 const tagTavoVideoDestroyFuncMap kDestroyTable[] = {
     {TAVO_VIDEO_COMPONENT_ENCODER, 0, DestroyVarietyNode<VirtualEncoderNode>},
-    {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 0, DestroyVarietyNode<VirtualCameraNode>},
     {TAVO_VIDEO_COMPONENT_CAMERA, 0, DestroyUnsupportedNode},
-    {TAVO_VIDEO_COMPONENT_DECODER, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_DECODER, 0, DestroyVarietyNode<VirtualDecoderNode>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, DestroyVarietyNode<TestInputInputNode>},
-    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, DestroyVarietyNode<VideoPreviewNode>},
     {TAVO_VIDEO_COMPONENT_SCREEN, 0, DestroyUnsupportedNode},
 };
 
 const tagTavoVideoUpdateFuncMap kUpdateTable[] = {
     {TAVO_VIDEO_COMPONENT_ENCODER, 0, VlinkUpdateVENC},
-    {TAVO_VIDEO_COMPONENT_DECODER, 0, UpdateUnsupportedNode},
-    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, UpdateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_DECODER, 0, VlinkUpdateVdec},
+    {TAVO_VIDEO_COMPONENT_PREVIEW, 0, VlinkUpdateVoChn},
 };
 
 const tagTavoVideoDumpFuncMap kDumpTable[] = {
@@ -216,6 +237,18 @@ uint32_t VlinkCreateTest(TestDevInfo& out, uint32_t portId, uint32_t imgNo,
   return 0;
 }
 
+uint32_t VlinkCreateVirCam(VoDevInfo& out, const tagTavoVideoComponentParam* param) {
+  out = VoDevInfo{};
+  const tagTavoVideoVirCamParam& in = param->virCam;
+  out.voPort = in.voPort;
+  out.width = in.width;
+  out.height = in.height;
+  out.frameRate = in.frameRate;
+  out.virtualOutFunc = in.virtualOutFunc;
+  VLOG_INF("VirCamInfo: w[%u] h[%u] fps[%u]", out.width, out.height, out.frameRate);
+  return 0;
+}
+
 uint32_t VlinkBind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
   uint32_t sinkId = 0;
   uint32_t sourceId = 0;
@@ -265,7 +298,8 @@ uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param
     VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
     return static_cast<uint32_t>(read);
   }
-  std::shared_ptr<VirtualEncoderNode> node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(id);
+  std::shared_ptr<VirtualEncoderNode> node =
+      VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(id);
   if (!node) {
     VLOG_ERR("not find encoder Node! encId %u", componentId);
     return 1;
@@ -292,6 +326,111 @@ uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param
   return result;
 }
 
+namespace {
+
+// The decoder's and the preview's updates differ only in the node class.
+template <class Node, class Record>
+uint32_t UpdateOutputNode(uint32_t componentId, const Record& record) {
+  uint32_t id = 0;
+  GetImgNoFromNodeId(componentId, &id);
+  std::shared_ptr<Node> node = VideoVlinkNode::GetNodeByUnique<Node>(id);
+  if (!node) {
+    VLOG_ERR("not find OutputNode!");
+    return 1;
+  }
+  return node->UpdateParam(record);
+}
+
+}  // namespace
+
+uint32_t VlinkUpdateVdec(uint32_t componentId, tagTavoVideoComponentParam* param) {
+  if (param == nullptr) {
+    VLOG_ERR("compParam is null! node [%d].", static_cast<int>(componentId));
+    return 1;
+  }
+  tagTavoVideoVDecParam record;
+  std::memcpy(&record, &param->vdec, sizeof(record));
+  return UpdateOutputNode<VirtualDecoderNode>(componentId, record);
+}
+
+uint32_t VlinkUpdateVoChn(uint32_t componentId, tagTavoVideoComponentParam* param) {
+  if (param == nullptr) {
+    VLOG_ERR("compParam is null! node [%d].", static_cast<int>(componentId));
+    return 1;
+  }
+  tagTavoVideoVoChnParam record;
+  std::memcpy(&record, &param->vo, sizeof(record));
+  return UpdateOutputNode<VideoPreviewNode>(componentId, record);
+}
+
+uint32_t TavoVideoReceiveVDecFrame(uint64_t decId, uint32_t nodeId,
+                                   tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
+  if (frame == nullptr) {
+    VLOG_ERR("null pData! portId[%d], decId[%d].", static_cast<int>(nodeId),
+             static_cast<int>(decId));
+    return 1;
+  }
+  VLOG_INF_TRACE("TavoVideoReceiveVDecFrame is Received! imgNo[%u] timeStamp[%llu]", nodeId,
+                 static_cast<unsigned long long>(OsVLinkGetTimestampUs()));
+  std::shared_ptr<VirtualDecoderNode> node =
+      VideoVlinkNode::GetNodeByUnique<VirtualDecoderNode>(nodeId);
+  if (!node) {
+    VLINK_LOG(0, 2, ::vlink::kToTrace, "Node[%d] is not existed!", static_cast<int>(nodeId));
+    return 1;
+  }
+  const uint32_t result = node->ReceiveVdecFrame(static_cast<int>(decId), nodeId, frame);
+  if (result != 0) {
+    VLINK_LOG(0, 4, ::vlink::kToTrace,
+              "VLink_ReceiveVDecFrame failed! ret[0x%x], decId[%d], portId[%d].", result,
+              static_cast<int>(decId), static_cast<int>(nodeId));
+  }
+  return result;
+}
+
+uint32_t TavoVideoVlinkFreezeLastFrame(uint32_t nodeId, uint64_t /*ignored*/,
+                                       std::vector<TavoVideoDefreezeStrategy>* strategies) {
+  std::shared_ptr<VirtualDecoderNode> node =
+      VideoVlinkNode::GetNodeByUnique<VirtualDecoderNode>(nodeId);
+  if (!node) {
+    VLOG_ERR_MODULE("decnode of inEngNo:%u is null.", nodeId);
+    return 1;
+  }
+  node->SetDecFreeze(strategies != nullptr ? *strategies
+                                           : std::vector<TavoVideoDefreezeStrategy>{});
+  return 0;
+}
+
+uint32_t TavoVideoVlinkVoStopRender(uint32_t componentId, uint64_t winHandle) {
+  uint32_t id = 0;
+  const int read = GetImgNoFromNodeId(componentId, &id);
+  if (read != 0) {
+    VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
+    return static_cast<uint32_t>(read);
+  }
+  std::shared_ptr<VideoPreviewNode> node = VideoVlinkNode::GetNodeByUnique<VideoPreviewNode>(id);
+  if (!node) {
+    VLOG_ERR("not find OutputNode!");
+    return 1;
+  }
+  return node->RenderStop(winHandle);
+}
+
+uint32_t TavoVideoVlinkVoSetDefaultImage(uint32_t nodeId) {
+  if (!VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(nodeId)) {
+    VLOG_ERR_MODULE("node isn't exist! videoPort[%u]", nodeId);
+    return 1;
+  }
+  return 0;
+}
+
+uint32_t TavoVideoSetWinReportCb(std::function<int(TavoVideoDisplayWinInfo&)> winReportCb) {
+  if (!winReportCb) {
+    VLOG_ERR("winReportCb is nullptr");
+    return 1;
+  }
+  return VideoPreviewNode::SetWinReportCb(std::move(winReportCb));
+}
+
 uint32_t TavoVideoGetCreateNodeFuncMap(const tagTavoVideoCreateFuncMap** table, uint32_t* count) {
   return GetTable(kCreateTable, table, count);
 }
@@ -301,8 +440,7 @@ uint32_t TavoVideoGetBindNodeFuncMap(const tagTavoVideoBindFuncMap** table, uint
 uint32_t TavoVideoGetUnBindNodeFuncMap(const tagTavoVideoBindFuncMap** table, uint32_t* count) {
   return GetTable(kUnbindTable, table, count);
 }
-uint32_t TavoVideoGetDestroyNodeFuncMap(const tagTavoVideoDestroyFuncMap** table,
-                                        uint32_t* count) {
+uint32_t TavoVideoGetDestroyNodeFuncMap(const tagTavoVideoDestroyFuncMap** table, uint32_t* count) {
   return GetTable(kDestroyTable, table, count);
 }
 uint32_t TavoVideoGetUpdateNodeFuncMap(const tagTavoVideoUpdateFuncMap** table, uint32_t* count) {
@@ -344,7 +482,8 @@ uint32_t TavoVideoReportEncError(uint32_t componentId, uint32_t error) {
     VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
     return static_cast<uint32_t>(read);
   }
-  std::shared_ptr<VirtualEncoderNode> node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(id);
+  std::shared_ptr<VirtualEncoderNode> node =
+      VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(id);
   if (!node) {
     VLOG_ERR("not find encoder Node! encId %u", componentId);
     return 1;

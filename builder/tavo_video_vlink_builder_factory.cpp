@@ -1,5 +1,6 @@
 #include "builder/tavo_video_vlink_builder_factory.h"
 
+#include "builder/tavo_video_vlink_decode_builder.h"
 #include "builder/tavo_video_vlink_test_builder.h"
 
 VlinkBuilderFactory& VlinkBuilderFactory::GetInstance() {
@@ -21,7 +22,9 @@ std::shared_ptr<VlinkBuilder> MakeBuilder(uint32_t viNodeId, OS_E_MPP_DEV_TYPE t
   switch (type) {
     case OS_E_MPP_DEV_TEST:
       return std::make_shared<VlinkTestBuilder>(viNodeId, type);
-    // Camera, decoder and screen inputs get their builders with their node classes.
+    case OS_E_MPP_DEV_VDEC:
+      return std::make_shared<VlinkDecodeBuilder>(viNodeId, type);
+    // Camera and screen inputs get their builders with their node classes.
     default:
       return nullptr;
   }

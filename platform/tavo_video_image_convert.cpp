@@ -273,3 +273,72 @@ int32_t Trans2Yuv(uint8_t* rgb, uint32_t width, uint32_t height, bool bgrOrder, 
   *out = yuv.release();
   return 0;
 }
+
+namespace {
+
+// Strides are handed to libyuv as int.
+constexpr uint32_t kMaxStride = 1U << 30;
+
+// True when `rows` rows of `rowBytes` bytes, `stride` apart from `plane`, lie inside the
+// frame's memory. Frames over foreign memory of unknown size cannot be checked.
+bool PlaneInside(const OsvGraphicBuffer& buffer, const uint8_t* plane, uint32_t stride,
+                 uint32_t rowBytes, uint32_t rows) {
+  const auto* begin = static_cast<const uint8_t*>(buffer.GetBufHandle());
+  const uint32_t size = buffer.GetImageInfo().size;
+  if (begin == nullptr || size == 0) {
+    return true;
+  }
+  if (plane < begin || plane >= begin + size) {
+    return false;
+  }
+  const uint64_t extent = uint64_t{stride} * (rows - 1U) + rowBytes;
+  return extent <= static_cast<uint64_t>(begin + size - plane);
+}
+
+}  // namespace
+
+int32_t ChangeI420ToRGB(OsvGraphicBuffer* buffer, uint8_t* target, uint32_t width,
+                        uint32_t height) {
+  if (buffer == nullptr || target == nullptr) {
+    CONVERT_LOG_ERR("null argument");
+    return -1;
+  }
+  const OsvGraphicBufferInfo info = buffer->GetImageInfo();
+  if (info.format != TAVO_VIDEO_VLINK_FORMAT_I420) {
+    CONVERT_LOG_ERR("format[%u] is not I420", info.format);
+    return -1;
+  }
+  if (width == 0 || height == 0 || width > kMaxSide || height > kMaxSide || width != info.width ||
+      height != info.height) {
+    CONVERT_LOG_ERR("size %ux%u, frame %ux%u", width, height, info.width, info.height);
+    return -1;
+  }
+  uint8_t* y = buffer->GetImageAddr(0);
+  uint8_t* u = buffer->GetImageAddr(1);
+  uint8_t* v = buffer->GetImageAddr(2);
+  const uint32_t chromaWidth = (width + 1) / 2;
+  const uint32_t chromaHeight = (height + 1) / 2;
+  if (y == nullptr || u == nullptr || v == nullptr || info.stride[0] < width ||
+      info.stride[1] < chromaWidth || info.stride[2] < chromaWidth || info.stride[0] > kMaxStride ||
+      info.stride[1] > kMaxStride || info.stride[2] > kMaxStride) {
+    CONVERT_LOG_ERR("planes missing or strides %u/%u/%u short for width %u", info.stride[0],
+                    info.stride[1], info.stride[2], width);
+    return -1;
+  }
+  if (!PlaneInside(*buffer, y, info.stride[0], width, height) ||
+      !PlaneInside(*buffer, u, info.stride[1], chromaWidth, chromaHeight) ||
+      !PlaneInside(*buffer, v, info.stride[2], chromaWidth, chromaHeight)) {
+    CONVERT_LOG_ERR("planes outside the frame's %u bytes", info.size);
+    return -1;
+  }
+  // RAW is libyuv's name for R, G, B in memory; its RGB24 is B, G, R.
+  const int w = static_cast<int>(width);
+  const int rc = libyuv::I420ToRAW(
+      y, static_cast<int>(info.stride[0]), u, static_cast<int>(info.stride[1]), v,
+      static_cast<int>(info.stride[2]), target, w * 3, w, static_cast<int>(height));
+  if (rc != 0) {
+    CONVERT_LOG_ERR("conversion failed [%d]", rc);
+    return -1;
+  }
+  return 0;
+}

@@ -17,3 +17,10 @@ OSV_API int32_t TransDat2Yuv(const char* path, uint8_t** out, uint32_t width, ui
 // stores them); otherwise R, G, B.
 OSV_API int32_t Trans2Yuv(uint8_t* rgb, uint32_t width, uint32_t height, bool bgrOrder,
                           uint8_t** out);
+// Converts an I420 frame (planes and strides as the frame describes them, BT.601 limited
+// range) to packed 24-bit RGB: R, G, B in memory for every pixel, rows of width*3 bytes
+// without padding. target must hold width*height*3 bytes; width and height must be the
+// frame's own. Fails, target untouched, for null arguments, other formats, a size that is
+// not the frame's, missing planes, or planes the frame's memory does not hold.
+OSV_API int32_t ChangeI420ToRGB(OsvGraphicBuffer* buffer, uint8_t* target, uint32_t width,
+                                uint32_t height);

@@ -1,0 +1,226 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+
+#include "builder/tavo_video_vlink_builder_factory.h"
+#include "codec/tavo_video_vlink_vdec_node.h"
+#include "codec/tavo_video_vlink_virtual_camera_node.h"
+#include "render/tavo_video_vlink_preview_node.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test_nodes.h"
+
+namespace {
+
+// The host's decoder: allocates records and buffers the way the library may free them.
+struct HostDecoder {
+  std::mutex lock;  // guards returned
+  std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, int> returned;
+  uint32_t answer = 1;  // what decReleaseFunc returns; 0 hands the frame to the library
+  CountLatch backCount;
+};
+HostDecoder* g_decoder = nullptr;
+
+uint32_t OnDecRelease(uint32_t /*nodeId*/, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
+  uint32_t answer = 0;
+  {
+    std::lock_guard<std::mutex> lock(g_decoder->lock);
+    ++g_decoder->returned[frame];
+    answer = g_decoder->answer;
+  }
+  g_decoder->backCount.Add();
+  return answer;
+}
+
+tagOS_S_VIDEO_CODEC_IMG_INFO* NewFrame() {
+  auto* frame = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(
+      std::calloc(1, sizeof(tagOS_S_VIDEO_CODEC_IMG_INFO)));
+  frame->pBuffer = new OsvGraphicBuffer(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
+  return frame;
+}
+
+void DeleteFrame(tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
+  delete frame->pBuffer;
+  std::free(frame);
+}
+
+tagTavoVideoVDecParam DecParam(uint32_t imgNo, const char* watermark = nullptr) {
+  tagTavoVideoVDecParam param;
+  std::memset(&param, 0, sizeof(param));
+  param.imgNo = imgNo;
+  param.decReleaseFunc = OnDecRelease;
+  if (watermark != nullptr) {
+    param.watermarkEnable = 1;
+    std::strncpy(param.watermarkContent, watermark, sizeof(param.watermarkContent) - 1);
+  }
+  return param;
+}
+
+class VdecNodeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_decoder = &m_host;
+    m_decoder = std::make_shared<VirtualDecoderNode>(70);
+    ASSERT_EQ(m_decoder->SetParam(DecParam(70)), 0U);
+  }
+  void TearDown() override {
+    for (auto& [frame, count] : m_host.returned) {
+      if (m_host.answer != 0) {
+        DeleteFrame(frame);
+      }
+    }
+    g_decoder = nullptr;
+  }
+  // Pushes frames and waits until all of them came back.
+  void PushAndWait(int frames) {
+    const int before = m_host.backCount.Get();
+    for (int i = 0; i < frames; ++i) {
+      ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, NewFrame()), 0U);
+    }
+    ASSERT_TRUE(m_host.backCount.WaitFor(before + frames));
+    m_decoder->DealTaskHandler(true);
+  }
+
+  HostDecoder m_host;
+  std::shared_ptr<VirtualDecoderNode> m_decoder;
+};
+
+TEST_F(VdecNodeTest, EveryFrameComesBackExactlyOnce) {
+  ASSERT_EQ(m_decoder->StartProcess(), 0U);
+  PushAndWait(20);  // no sink at all
+
+  auto taker = std::make_shared<CountingNode>(5);
+  auto refuser = std::make_shared<CountingNode>(6);
+  refuser->handleResult = 1;
+  taker->StartProcess();
+  refuser->StartProcess();
+  Link(m_decoder, taker);
+  Link(m_decoder, refuser);
+  PushAndWait(30);
+  EXPECT_EQ(taker->handled.Get(), 30);
+  Unlink(m_decoder, taker);
+  Unlink(m_decoder, refuser);
+
+  ASSERT_EQ(m_host.returned.size(), 50U);
+  for (const auto& [frame, count] : m_host.returned) {
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(frame->pBuffer->GetSrcImgNo(), 70U);
+  }
+  EXPECT_EQ(m_decoder->GetFramesInFlight(), 0U);
+}
+
+TEST_F(VdecNodeTest, FramesTheHostRefusesAreFreedByTheLibrary) {
+  LogCapture logs;
+  m_host.answer = 0;
+  ASSERT_EQ(m_decoder->StartProcess(), 0U);
+  PushAndWait(3);  // the leak checker proves record and buffer were freed
+  EXPECT_EQ(logs.CountModule("[DEC_70] ReleaseFrame failed! force delete buffer!", 1), 3U);
+}
+
+TEST_F(VdecNodeTest, BadFramesStayWithTheHost) {
+  LogCapture logs;
+  tagOS_S_VIDEO_CODEC_IMG_INFO* frame = NewFrame();
+  EXPECT_EQ(m_decoder->ReceiveVdecFrame(0, 70, frame), 1U);  // not started
+  EXPECT_TRUE(logs.HasModule("m_nodeId[70] is not opened", 2));
+  ASSERT_EQ(m_decoder->StartProcess(), 0U);
+  EXPECT_EQ(m_decoder->ReceiveVdecFrame(32, 70, frame), 1U);
+  EXPECT_TRUE(logs.HasModule("invalid vdecId[32]!", 1));
+  EXPECT_EQ(m_decoder->ReceiveVdecFrame(0, 70, nullptr), 1U);
+  OsvGraphicBuffer* buffer = frame->pBuffer;
+  frame->pBuffer = nullptr;
+  EXPECT_EQ(m_decoder->ReceiveVdecFrame(0, 70, frame), 1U);
+  EXPECT_TRUE(logs.HasModule("null pBuffer!", 1));
+  frame->pBuffer = buffer;
+  DeleteFrame(frame);
+  // 31 and negative ids are accepted.
+  ASSERT_EQ(m_decoder->ReceiveVdecFrame(31, 70, NewFrame()), 0U);
+  ASSERT_EQ(m_decoder->ReceiveVdecFrame(-1, 70, NewFrame()), 0U);
+  ASSERT_TRUE(m_host.backCount.WaitFor(2));
+  m_decoder->DealTaskHandler(true);
+
+  tagTavoVideoVDecParam tooHigh = DecParam(226);
+  EXPECT_EQ(m_decoder->SetParam(tooHigh), 1U);
+}
+
+TEST_F(VdecNodeTest, FreezeStrategyReachesOnlyTheNextFrame) {
+  LogCapture logs;
+  ASSERT_EQ(m_decoder->StartProcess(), 0U);
+  m_decoder->SetDecFreeze({});
+  EXPECT_TRUE(logs.HasModule("[DEC_70] freeze strategy is empty.", 1));
+  m_decoder->SetDecFreeze({7, 9});
+  tagOS_S_VIDEO_CODEC_IMG_INFO* first = NewFrame();
+  tagOS_S_VIDEO_CODEC_IMG_INFO* second = NewFrame();
+  ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, first), 0U);
+  ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, second), 0U);
+  ASSERT_TRUE(m_host.backCount.WaitFor(2));
+  m_decoder->DealTaskHandler(true);
+  EXPECT_EQ(first->defreezeStrategy, 7U);
+  EXPECT_EQ(second->defreezeStrategy, 0U);
+  EXPECT_TRUE(logs.HasModule("[DEC_70] Vdec revice first frame.", 3));
+}
+
+TEST_F(VdecNodeTest, WatermarkFollowsBindsAndUpdates) {
+  LogCapture logs;
+  std::shared_ptr<VirtualDecoderNode> decoder = std::static_pointer_cast<VirtualDecoderNode>(
+      VideoVlinkNode::CreateNodeByUnique<VirtualDecoderNode>(71));
+  ASSERT_TRUE(decoder);
+  ASSERT_EQ(decoder->SetParam(DecParam(71, "ROOM 4")), 0U);
+  auto first = VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(41);
+  auto second = VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(42);
+  auto camera = VideoVlinkNode::CreateNodeByUnique<VirtualCameraNode>(43);
+  std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(71);
+  ASSERT_TRUE(builder);
+  ASSERT_EQ(builder->BindVo(41), 0U);
+  ASSERT_EQ(builder->BindVo(43), 0U);  // a virtual camera gets no watermark
+  ASSERT_EQ(builder->BindVo(42), 0U);
+  std::string text;
+  EXPECT_TRUE(std::static_pointer_cast<VideoPreviewNode>(second)->GetWaterMark(71, text));
+  EXPECT_EQ(text, "ROOM 4");
+  // Each bind pushes to every preview already linked: the first one heard it three times.
+  EXPECT_EQ(logs.CountModule("[VO_41] SetWaterMarkParam imgNo:71, content:ROOM 4", 3), 3U);
+
+  decoder->UpdateParam(DecParam(71));  // watermark off
+  EXPECT_FALSE(std::static_pointer_cast<VideoPreviewNode>(first)->GetWaterMark(71, text));
+  EXPECT_FALSE(std::static_pointer_cast<VideoPreviewNode>(second)->GetWaterMark(71, text));
+
+  for (uint32_t id : {41U, 42U, 43U}) {
+    EXPECT_EQ(builder->UnBindVo(id), 0U);
+    VideoVlinkNode::DeleteNodeByUnique(id);
+  }
+  VlinkBuilderFactory::GetInstance().DeleteBuilder(71);
+  decoder->StopProcess();
+  VideoVlinkNode::DeleteNodeByUnique(71);
+}
+
+uint32_t g_outPort = 0;
+uint32_t OnVirtualOut(uint32_t port, void* target, uint32_t targetSize, void* source,
+                      uint32_t sourceSize) {
+  g_outPort = port;
+  EXPECT_EQ(target, source);
+  EXPECT_EQ(targetSize, 152U);
+  EXPECT_EQ(sourceSize, 152U);
+  return 0;
+}
+
+TEST(VirtualCameraNodeTest, HandsRecordsOnlyWhenStarted) {
+  LogCapture logs;
+  VirtualCameraNode node(44);
+  VoDevInfo info{};
+  info.voPort = 3;
+  info.height = 720;
+  info.virtualOutFunc = OnVirtualOut;
+  EXPECT_EQ(node.SetParam(info), 1U);
+  EXPECT_TRUE(logs.HasModule("invalid width [0] or height [720]!", 1));
+  info.width = 1280;
+  ASSERT_EQ(node.SetParam(info), 0U);
+  tagOS_S_VIDEO_CODEC_IMG_INFO record{};
+  EXPECT_EQ(node.AcquireBuffer(record), 1U);
+  EXPECT_EQ(g_outPort, 0U);
+  node.StartProcess();
+  EXPECT_EQ(node.AcquireBuffer(record), 0U);
+  EXPECT_EQ(g_outPort, 3U);
+}
+
+}  // namespace

@@ -1,0 +1,149 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "render/tavo_video_vlink_preview_node.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test_nodes.h"
+
+namespace {
+
+// What the host's renderer and first-frame callback saw, by window.
+struct Screen {
+  std::mutex lock;  // guards the maps
+  std::map<uint32_t, int> framesByWindow;
+  std::vector<TavoVideoDisplayWinInfo> reports;
+  CountLatch rendered;
+};
+Screen* g_screen = nullptr;
+
+int OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* /*header*/) {
+  {
+    std::lock_guard<std::mutex> lock(g_screen->lock);
+    ++g_screen->framesByWindow[winHandle];
+  }
+  g_screen->rendered.Add();
+  return 0;
+}
+
+tagTavoVideoVoChnParam Windows(std::initializer_list<std::pair<uint64_t, uint32_t>> windows) {
+  tagTavoVideoVoChnParam param;
+  std::memset(&param, 0, sizeof(param));
+  param.renderCb = OnRender;
+  for (const auto& [handle, imgNo] : windows) {
+    param.windows[param.winNum].winHandle = handle;
+    param.windows[param.winNum].imgNo = imgNo;
+    ++param.winNum;
+  }
+  return param;
+}
+
+class PreviewNodeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_screen = &m_screen;
+    VideoPreviewNode::SetWinReportCb([this](TavoVideoDisplayWinInfo& info) {
+      std::lock_guard<std::mutex> lock(m_screen.lock);
+      m_screen.reports.push_back(info);
+      return 0;
+    });
+    m_source = std::make_shared<CountingNode>(1);
+    m_preview = std::make_shared<VideoPreviewNode>(40);
+  }
+  void TearDown() override {
+    Unlink(m_source, m_preview);
+    m_preview->StopProcess();
+    VideoPreviewNode::SetWinReportCb(nullptr);
+    g_screen = nullptr;
+  }
+
+  // Sends one frame of each image number and waits until the preview handled them.
+  void Send(std::initializer_list<uint32_t> imgNos) {
+    for (uint32_t imgNo : imgNos) {
+      auto frame = std::make_unique<OsvGraphicBuffer>(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420, true);
+      frame->SetSrcImgNo(imgNo);
+      m_source->SendBuffer(frame.get());
+      m_frames.push_back(std::move(frame));
+    }
+    m_preview->DealTaskHandler(true);
+  }
+
+  Screen m_screen;
+  std::shared_ptr<CountingNode> m_source;
+  std::shared_ptr<VideoPreviewNode> m_preview;
+  std::vector<std::unique_ptr<OsvGraphicBuffer>> m_frames;
+};
+
+TEST_F(PreviewNodeTest, WindowsShowTheirImageAndReportTheirFirstFrame) {
+  ASSERT_EQ(m_preview->SetParam(Windows(
+                {{0x1001, 150}, {0x1002, 150}, {0x1003, 177}, {0x1004, 178}, {0x1005, 149}})),
+            0U);
+  Link(m_source, m_preview);
+  ASSERT_EQ(m_preview->StartProcess(), 0U);
+  EXPECT_EQ(m_preview->GetWindowCount(), 5U);
+  Send({150, 150, 177, 178, 149, 12});  // 12 matches no window: dropped quietly
+
+  std::lock_guard<std::mutex> lock(m_screen.lock);
+  EXPECT_EQ(m_screen.framesByWindow[0x1001], 2);  // two windows share image 150
+  EXPECT_EQ(m_screen.framesByWindow[0x1002], 2);
+  EXPECT_EQ(m_screen.framesByWindow[0x1003], 1);
+  EXPECT_EQ(m_screen.framesByWindow[0x1004], 1);
+  // Only 150..177 are reported, once per window, as ports 62..89.
+  ASSERT_EQ(m_screen.reports.size(), 3U);
+  std::map<uint32_t, uint32_t> portByWindow;
+  for (const auto& report : m_screen.reports) {
+    EXPECT_EQ(report.firstFrameFlag, 1);
+    portByWindow[report.winId] = report.viPort;
+  }
+  EXPECT_EQ(portByWindow[0x1001], 62U);
+  EXPECT_EQ(portByWindow[0x1002], 62U);
+  EXPECT_EQ(portByWindow[0x1003], 89U);
+  for (const auto& frame : m_frames) {
+    EXPECT_TRUE(frame->IsAvailable());
+  }
+}
+
+TEST_F(PreviewNodeTest, UpdateAddsAndRemovesWindows) {
+  LogCapture logs;
+  ASSERT_EQ(m_preview->SetParam(Windows({{0xA, 160}, {0xB, 160}})), 0U);
+  Link(m_source, m_preview);
+  ASSERT_EQ(m_preview->StartProcess(), 0U);
+  Send({160});
+  ASSERT_EQ(m_preview->UpdateParam(Windows({{0xA, 160}, {0xC, 160}})), 0U);
+  EXPECT_TRUE(logs.HasModule("[VO_40] Delete old handle[0xb]", 3));
+  EXPECT_EQ(m_preview->GetWindowCount(), 2U);
+  Send({160});
+  std::lock_guard<std::mutex> lock(m_screen.lock);
+  EXPECT_EQ(m_screen.framesByWindow[0xA], 2);
+  EXPECT_EQ(m_screen.framesByWindow[0xB], 1);
+  EXPECT_EQ(m_screen.framesByWindow[0xC], 1);
+  // The window that stayed keeps its count: no second report for it.
+  EXPECT_EQ(m_screen.reports.size(), 3U);
+}
+
+TEST_F(PreviewNodeTest, TooManyWindowsAreRefused) {
+  LogCapture logs;
+  tagTavoVideoVoChnParam param = Windows({});
+  param.winNum = 41;
+  EXPECT_EQ(m_preview->SetParam(param), 1U);
+  EXPECT_EQ(m_preview->UpdateParam(param), 1U);
+  EXPECT_TRUE(logs.HasModule("[VO_40] invalid winNum[41]!", 1));
+}
+
+TEST_F(PreviewNodeTest, StoppedWindowDropsFrames) {
+  ASSERT_EQ(m_preview->SetParam(Windows({{0xD, 20}})), 0U);
+  Link(m_source, m_preview);
+  ASSERT_EQ(m_preview->StartProcess(), 0U);
+  EXPECT_EQ(m_preview->RenderStop(0xD), 0U);
+  EXPECT_EQ(m_preview->RenderStop(0xE), 1U);
+  Send({20, 20});
+  EXPECT_EQ(m_screen.rendered.Get(), 0);
+  for (const auto& frame : m_frames) {
+    EXPECT_TRUE(frame->IsAvailable());
+  }
+}
+
+}  // namespace

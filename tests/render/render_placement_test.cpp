@@ -1,0 +1,65 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+#include "tavo_video_render_interface.h"
+
+namespace {
+
+struct Placement {
+  const char* name;
+  uint32_t mode;
+  RenderSize size;
+  RenderRect expected;
+};
+
+// Expected rects worked out by hand from each mode's geometry.
+const Placement kPlacements[] = {
+    {"stretch", 0, {640, 480, 1920, 1080}, {0, 0, 1920, 1080, 1920, 1080}},
+    {"stretch_zero_window", 0, {640, 480, 1920, 0}, {0, 0, 1920, 0, 1920, 0}},
+    {"auto_same_ratio_stretches", 1, {1280, 720, 1920, 1080}, {0, 0, 1920, 1080, 1920, 1080}},
+    // 181 against 176 hundredths: still within the tolerance.
+    {"auto_ratio_off_by_5", 1, {1000, 550, 1760, 1000}, {0, 0, 1760, 1000, 1760, 1000}},
+    // 181 against 175: fitted, bars top and bottom, the size truncated from 962.5.
+    {"auto_ratio_off_by_6", 1, {1000, 550, 1750, 1000}, {0, 18.75F, 1750, 981.25F, 1750, 962}},
+    {"auto_narrow_image_fits", 1, {640, 480, 1920, 1080}, {240, 0, 1680, 1080, 1440, 1080}},
+    {"auto_zero_image_height", 1, {640, 0, 1920, 1080}, {0, 0, 0, 0, 0, 0}},
+    {"auto_zero_window_height", 1, {640, 480, 1920, 0}, {0, 0, 0, 0, 0, 0}},
+    {"crop_narrow_image", 2, {640, 480, 1920, 1080}, {0, -180, 1920, 1260, 1920, 1440}},
+    {"crop_wide_image", 2, {1920, 1080, 640, 480}, {-106.6667F, 0, 746.6667F, 480, 853, 480}},
+    {"crop2_as_crop", 5, {640, 480, 1920, 1080}, {0, -180, 1920, 1260, 1920, 1440}},
+    {"crop_zero_image", 2, {0, 480, 1920, 1080}, {0, 0, 0, 0, 0, 0}},
+    {"image_size", 3, {640, 480, 1920, 1080}, {0, 0, 640, 480, 640, 480}},
+    {"fit_wide_image", 4, {1920, 1080, 640, 480}, {0, 60, 640, 420, 640, 360}},
+    {"fit_narrow_image", 4, {640, 480, 1920, 1080}, {240, 0, 1680, 1080, 1440, 1080}},
+    {"unknown_mode_fits", 7, {1920, 1080, 640, 480}, {0, 60, 640, 420, 640, 360}},
+    {"fit_zero_window", 4, {1920, 1080, 0, 480}, {0, 0, 0, 0, 0, 0}},
+};
+
+class RenderPlacementTest : public ::testing::TestWithParam<Placement> {};
+
+TEST_P(RenderPlacementTest, PlacesTheImage) {
+  const Placement& p = GetParam();
+  RenderRect rect{-1, -1, -1, -1, -1, -1};
+  EXPECT_EQ(RenderGetRenderPos(p.size, rect, static_cast<PelvAspectRatioMode>(p.mode)), 0U);
+  EXPECT_NEAR(rect.left, p.expected.left, 1e-3);
+  EXPECT_NEAR(rect.top, p.expected.top, 1e-3);
+  EXPECT_NEAR(rect.right, p.expected.right, 1e-3);
+  EXPECT_NEAR(rect.bottom, p.expected.bottom, 1e-3);
+  EXPECT_EQ(rect.width, p.expected.width);
+  EXPECT_EQ(rect.height, p.expected.height);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, RenderPlacementTest, ::testing::ValuesIn(kPlacements),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+// Sizes the host never checks must not overflow the integer size (UB under a plain cast).
+TEST(RenderPlacementLimitsTest, HugeCropSaturatesTheSize) {
+  RenderRect rect{};
+  EXPECT_EQ(RenderGetRenderPos({4000000000U, 1, 4000000000U, 4000000000U}, rect, PELV_ASPECT_CROP),
+            0U);
+  EXPECT_EQ(rect.width, INT32_MAX);
+  EXPECT_EQ(rect.height, INT32_MAX);
+}
+
+}  // namespace
