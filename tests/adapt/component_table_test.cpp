@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -36,6 +37,32 @@ uint32_t OnFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
   }
   g_host->offered.Add();
   return accept;
+}
+
+// The host's decoder and renderer for the decode-link cases.
+struct DecodeHost {
+  std::mutex lock;  // guards the maps
+  std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, int> returned;
+  std::map<uint32_t, int> renderedByWindow;
+  std::vector<TavoVideoDisplayWinInfo> reports;
+  CountLatch back;
+};
+DecodeHost* g_decodeHost = nullptr;
+
+uint32_t OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
+  {
+    std::lock_guard<std::mutex> lock(g_decodeHost->lock);
+    ++g_decodeHost->returned[frame];
+  }
+  g_decodeHost->back.Add();
+  return 1;
+}
+
+int OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* header) {
+  EXPECT_EQ(header->headerSize, 48U);
+  std::lock_guard<std::mutex> lock(g_decodeHost->lock);
+  ++g_decodeHost->renderedByWindow[winHandle];
+  return 0;
 }
 
 template <class Row>
@@ -275,6 +302,116 @@ TEST_F(ComponentTableTest, RefusedFramesGoStraightBack) {
   LogCapture logs;
   EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 400), 0U);
   EXPECT_FALSE(logs.HasModule("The cache release is fail"));
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ComponentTableTest, DecodedFramesReachPreviewsAndComeBackOnce) {
+  LogCapture logs;
+  DecodeHost host;
+  g_decodeHost = &host;
+  auto* receive = Symbol<decltype(TavoVideoReceiveVDecFrame)>("TavoVideoReceiveVDecFrame");
+  auto* setReport = Symbol<decltype(TavoVideoSetWinReportCb)>("TavoVideoSetWinReportCb");
+  auto* stopRender = Symbol<decltype(TavoVideoVlinkVoStopRender)>("TavoVideoVlinkVoStopRender");
+  ASSERT_TRUE(receive && setReport && stopRender);
+  EXPECT_EQ(setReport(nullptr), 1U);
+  ASSERT_EQ(setReport([&host](TavoVideoDisplayWinInfo& info) {
+              std::lock_guard<std::mutex> lock(host.lock);
+              host.reports.push_back(info);
+              return 0;
+            }),
+            0U);
+
+  constexpr uint32_t kDecoder = 500, kPreview = 501, kCamera = 502;
+  Store(kDecoder, 90);
+  Store(kPreview, 91);
+  Store(kCamera, 92);
+  auto decoder = std::make_unique<tagTavoVideoComponentParam>();
+  std::memset(decoder.get(), 0, sizeof(*decoder));
+  decoder->vdec.imgNo = 150;
+  decoder->vdec.decReleaseFunc = OnDecRelease;
+  auto preview = std::make_unique<tagTavoVideoComponentParam>();
+  std::memset(preview.get(), 0, sizeof(*preview));
+  preview->vo.winNum = 2;
+  preview->vo.windows[0] = {0, 150, {}, 0, {}, 0x71, {}};
+  preview->vo.windows[1] = {0, 150, {}, 0, {}, 0x72, {}};
+  preview->vo.renderCb = OnRender;
+  auto camera = std::make_unique<tagTavoVideoComponentParam>();
+  std::memset(camera.get(), 0, sizeof(*camera));
+  camera->virCam.width = 64;
+  camera->virCam.height = 32;
+  camera->virCam.virtualOutFunc = [](uint32_t, void*, uint32_t, void*, uint32_t) -> uint32_t {
+    return 0;
+  };
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_DECODER, kDecoder, decoder.get()), 0U);
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_PREVIEW, kPreview, preview.get()), 0U);
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, kCamera, camera.get()), 0U);
+
+  // A decoder nobody bound yet is not started: the host keeps its frames.
+  std::vector<tagOS_S_VIDEO_CODEC_IMG_INFO> records(6);
+  std::vector<std::unique_ptr<OsvGraphicBuffer>> buffers;
+  for (auto& record : records) {
+    std::memset(&record, 0, sizeof(record));
+    buffers.push_back(std::make_unique<OsvGraphicBuffer>(64, 32, TAVO_VIDEO_VLINK_FORMAT_I420));
+    record.pBuffer = buffers.back().get();
+  }
+  EXPECT_EQ(receive(0, 90, &records[0]), 1U);
+  EXPECT_EQ(receive(0, 93, &records[0]), 1U);  // no such decoder
+  EXPECT_EQ(receive(0, 90, nullptr), 1U);
+  EXPECT_TRUE(logs.HasModule("null pData! portId[90], decId[0].", 1));
+
+  ASSERT_EQ(Find(m_bind, m_bindCount, 13, 3)(kPreview, kDecoder), 0U);
+  ASSERT_EQ(Find(m_bind, m_bindCount, 29, 3)(kCamera, kDecoder), 0U);
+  EXPECT_TRUE(logs.HasModule("links: {DEC_90->(VO_91,) } ", 3));
+  EXPECT_EQ(receive(32, 90, &records[0]), 1U);  // decoder ids run to 31
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_EQ(receive(0, 90, &records[i]), 0U);
+  }
+  ASSERT_TRUE(host.back.WaitFor(4));
+  // Window 0x72 stops rendering; the frames still come back.
+  ASSERT_EQ(stopRender(kPreview, 0x72), 0U);
+  ASSERT_EQ(receive(0, 90, &records[4]), 0U);
+  ASSERT_TRUE(host.back.WaitFor(5));
+
+  EXPECT_EQ(Find(m_unbind, m_unbindCount, 13, 3)(kPreview, kDecoder), 0U);
+  EXPECT_EQ(Find(m_unbind, m_unbindCount, 29, 3)(kCamera, kDecoder), 0U);
+  // No sink left: the frame goes straight back.
+  ASSERT_EQ(receive(0, 90, &records[5]), 0U);
+  ASSERT_TRUE(host.back.WaitFor(6));
+  for (uint32_t type : {TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA}) {
+    EXPECT_EQ(Destroy(type, type == TAVO_VIDEO_COMPONENT_PREVIEW ? kPreview : kCamera), 0U);
+  }
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_DECODER, kDecoder), 0U);
+
+  std::lock_guard<std::mutex> lock(host.lock);
+  ASSERT_EQ(host.returned.size(), 6U);
+  for (const auto& [record, count] : host.returned) {
+    EXPECT_EQ(count, 1);
+  }
+  EXPECT_EQ(host.renderedByWindow[0x71], 5);
+  EXPECT_EQ(host.renderedByWindow[0x72], 4);
+  ASSERT_EQ(host.reports.size(), 2U);
+  EXPECT_EQ(host.reports[0].viPort, 62U);
+  g_decodeHost = nullptr;
+  Symbol<decltype(TavoVideoSetWinReportCb)>("TavoVideoSetWinReportCb")(
+      [](TavoVideoDisplayWinInfo&) { return 0; });
+}
+
+TEST_F(ComponentTableTest, RenderEntryPointsTolerateNullManagers) {
+  LogCapture logs;
+  auto* frame = reinterpret_cast<decltype(&TavoVideoRenderFrame)>(
+      dlsym(s_library, "_Z20TavoVideoRenderFrameP16DevRenderManagerP16OsvGraphicBuffer"));
+  auto* remove = reinterpret_cast<decltype(&TavoVideoRenderDelete)>(
+      dlsym(s_library, "_Z21TavoVideoRenderDeleteP16DevRenderManager"));
+  ASSERT_TRUE(frame && remove);
+  EXPECT_EQ(frame(nullptr, nullptr), 0U);
+  EXPECT_TRUE(logs.HasModule("DevRenderManager is null", 1));
+  EXPECT_EQ(remove(nullptr), 0U);
+  auto* setDefault =
+      Symbol<decltype(TavoVideoVlinkVoSetDefaultImage)>("TavoVideoVlinkVoSetDefaultImage");
+  EXPECT_EQ(setDefault(4242), 1U);
 }
 
 }  // namespace
