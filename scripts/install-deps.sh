@@ -9,4 +9,5 @@ $SUDO apt-get install -y --no-install-recommends \
   build-essential g++ cmake ninja-build pkg-config \
   libgtest-dev libgmock-dev libbenchmark-dev \
   libboost1.81-dev libsafec-dev libyuv-dev \
-  clang-14 libclang-rt-14-dev clang-format-14
+  clang-14 libclang-rt-14-dev clang-format-14 \
+  libx11-dev zlib1g-dev
