@@ -249,42 +249,38 @@ uint32_t VlinkCreateVirCam(VoDevInfo& out, const tagTavoVideoComponentParam* par
   return 0;
 }
 
-uint32_t VlinkBind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
+namespace {
+
+// Bind and unbind differ only in the builder operation and the words in their messages.
+uint32_t ChangeLink(uint32_t sinkComponentId, uint32_t sourceComponentId, bool bind) {
   uint32_t sinkId = 0;
   uint32_t sourceId = 0;
   GetImgNoFromNodeId(sinkComponentId, &sinkId);
   GetImgNoFromNodeId(sourceComponentId, &sourceId);
-  VLOG_INF_TRACE("VlinkBind [%d]->[%d]", static_cast<int>(sourceId), static_cast<int>(sinkId));
+  VLOG_INF_TRACE("%s [%d]->[%d]", bind ? "VlinkBind" : "VlinkUnbind", static_cast<int>(sourceId),
+                 static_cast<int>(sinkId));
   std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(sourceId);
   if (!builder) {
     VLOG_ERR("builder is nullptr");
     return 1;
   }
-  const uint32_t result = builder->BindVo(sinkId);
+  const uint32_t result = bind ? builder->BindVo(sinkId) : builder->UnBindVo(sinkId);
   if (result != 0) {
-    VLOG_ERR("BindVo failed");
-  } else {
+    VLOG_ERR("%s failed", bind ? "BindVo" : "UnBindVo");
+  } else if (bind) {
     VlinkBuilderFactory::GetInstance().PrintLink();
   }
   return result;
 }
 
+}  // namespace
+
+uint32_t VlinkBind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
+  return ChangeLink(sinkComponentId, sourceComponentId, true);
+}
+
 uint32_t VlinkUnbind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
-  uint32_t sinkId = 0;
-  uint32_t sourceId = 0;
-  GetImgNoFromNodeId(sinkComponentId, &sinkId);
-  GetImgNoFromNodeId(sourceComponentId, &sourceId);
-  VLOG_INF_TRACE("VlinkUnbind [%d]->[%d]", static_cast<int>(sourceId), static_cast<int>(sinkId));
-  std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(sourceId);
-  if (!builder) {
-    VLOG_ERR("builder is nullptr");
-    return 1;
-  }
-  const uint32_t result = builder->UnBindVo(sinkId);
-  if (result != 0) {
-    VLOG_ERR("UnBindVo failed");
-  }
-  return result;
+  return ChangeLink(sinkComponentId, sourceComponentId, false);
 }
 
 uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param) {

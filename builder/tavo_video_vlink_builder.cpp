@@ -154,3 +154,16 @@ uint32_t VlinkBuilder::UnBindNode(uint32_t viNodeId, const NodePtr& voNode) {
   }
   return 0;
 }
+
+uint32_t VlinkBuilder::UnBindDirectSink(uint32_t voNodeId) {
+  NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId);
+  if (!sink) {
+    VLOG_ERR("node is nullptr");
+    return 1;
+  }
+  const uint32_t result = UnBindNode(m_viNodeId, sink);
+  if (result != 0) {
+    VLOG_ERR("UnBindNode voNodeId[%u] failed!", voNodeId);
+  }
+  return result;
+}

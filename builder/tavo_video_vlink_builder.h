@@ -39,6 +39,9 @@ class VlinkBuilder {
   // Takes voNode off the link of input viNodeId, then stops, unlinks and deletes every
   // processing node the removal left without outputs, climbing towards the input.
   uint32_t UnBindNode(uint32_t viNodeId, const NodePtr& voNode);
+  // UnBindVo of links whose sinks hang directly off the input: looks the sink up and runs
+  // the generic tear-down.
+  uint32_t UnBindDirectSink(uint32_t voNodeId);
   std::string GetLinkString() const;
   uint32_t GetViNodeId() const { return m_viNodeId; }
   OS_E_MPP_DEV_TYPE GetViNodeType() const { return m_viNodeType; }

@@ -32,15 +32,4 @@ uint32_t VlinkDecodeBuilder::BindVo(uint32_t voNodeId) {
   return 0;
 }
 
-uint32_t VlinkDecodeBuilder::UnBindVo(uint32_t voNodeId) {
-  NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId);
-  if (!sink) {
-    VLOG_ERR("node is nullptr");
-    return 1;
-  }
-  const uint32_t result = UnBindNode(m_viNodeId, sink);
-  if (result != 0) {
-    VLOG_ERR("UnBindNode voNodeId[%u] failed!", voNodeId);
-  }
-  return result;
-}
+uint32_t VlinkDecodeBuilder::UnBindVo(uint32_t voNodeId) { return UnBindDirectSink(voNodeId); }
