@@ -283,26 +283,44 @@ uint32_t VlinkUnbind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
   return ChangeLink(sinkComponentId, sourceComponentId, false);
 }
 
+namespace {
+
+// The node of a component looked up as a T, with the messages of the host's entry points.
+// `result` is 0, the failed read's code, or 1 when there is no such node.
+template <class T>
+std::shared_ptr<T> FindComponentNode(uint32_t componentId, uint32_t& id, uint32_t& result) {
+  id = 0;
+  const int read = GetImgNoFromNodeId(componentId, &id);
+  if (read != 0) {
+    VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
+    result = static_cast<uint32_t>(read);
+    return nullptr;
+  }
+  std::shared_ptr<T> node = VideoVlinkNode::GetNodeByUnique<T>(id);
+  result = node ? 0 : 1;
+  return node;
+}
+
+}  // namespace
+
 uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param) {
   if (param == nullptr) {
     VLOG_ERR("null compParam! encId[%u].", componentId);
     return 1;
   }
   uint32_t id = 0;
-  const int read = GetImgNoFromNodeId(componentId, &id);
-  if (read != 0) {
-    VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
-    return static_cast<uint32_t>(read);
-  }
+  uint32_t result = 0;
   std::shared_ptr<VirtualEncoderNode> node =
-      VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(id);
+      FindComponentNode<VirtualEncoderNode>(componentId, id, result);
   if (!node) {
-    VLOG_ERR("not find encoder Node! encId %u", componentId);
-    return 1;
+    if (result == 1) {
+      VLOG_ERR("not find encoder Node! encId %u", componentId);
+    }
+    return result;
   }
   VencDevInfo info{};
   ConvertVencInfo(id, info, param->venc);
-  uint32_t result = node->SetParam(info);
+  result = node->SetParam(info);
   if (result != 0) {
     VLOG_ERR("SetParam failed");
     return result;
@@ -398,15 +416,14 @@ uint32_t TavoVideoVlinkFreezeLastFrame(uint32_t nodeId, uint64_t /*ignored*/,
 
 uint32_t TavoVideoVlinkVoStopRender(uint32_t componentId, uint64_t winHandle) {
   uint32_t id = 0;
-  const int read = GetImgNoFromNodeId(componentId, &id);
-  if (read != 0) {
-    VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
-    return static_cast<uint32_t>(read);
-  }
-  std::shared_ptr<VideoPreviewNode> node = VideoVlinkNode::GetNodeByUnique<VideoPreviewNode>(id);
+  uint32_t result = 0;
+  std::shared_ptr<VideoPreviewNode> node =
+      FindComponentNode<VideoPreviewNode>(componentId, id, result);
   if (!node) {
-    VLOG_ERR("not find OutputNode!");
-    return 1;
+    if (result == 1) {
+      VLOG_ERR("not find OutputNode!");
+    }
+    return result;
   }
   return node->RenderStop(winHandle);
 }
@@ -473,16 +490,14 @@ uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) {
 
 uint32_t TavoVideoReportEncError(uint32_t componentId, uint32_t error) {
   uint32_t id = 0;
-  const int read = GetImgNoFromNodeId(componentId, &id);
-  if (read != 0) {
-    VLOG_ERR("[%s]GetDataByString imgNo failed!", PresentParamContainerName(componentId).c_str());
-    return static_cast<uint32_t>(read);
-  }
+  uint32_t result = 0;
   std::shared_ptr<VirtualEncoderNode> node =
-      VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(id);
+      FindComponentNode<VirtualEncoderNode>(componentId, id, result);
   if (!node) {
-    VLOG_ERR("not find encoder Node! encId %u", componentId);
-    return 1;
+    if (result == 1) {
+      VLOG_ERR("not find encoder Node! encId %u", componentId);
+    }
+    return result;
   }
   if (node->ReportEncError(static_cast<int>(error)) != 0) {
     VLOG_ERR("Enc[%u] ReportEncError failed!", id);

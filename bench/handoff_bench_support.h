@@ -361,14 +361,14 @@ struct SummaryRow {
 
 inline void PrintSummary(const std::vector<SummaryRow>& rows,
                          const std::map<int64_t, RunFigures>& baselines) {
-  std::printf("\n%-20s %10s %14s %7s %20s %20s\n", "scenario", "ours fps", "baseline fps",
-              "ratio", "ours p50/p99 us", "baseline p50/p99 us");
+  std::printf("\n%-20s %10s %14s %7s %20s %20s\n", "scenario", "ours fps", "baseline fps", "ratio",
+              "ours p50/p99 us", "baseline p50/p99 us");
   for (const SummaryRow& row : rows) {
     const RunFigures& ours = row.ours;
     const auto baseline = baselines.find(row.fanOut);
     if (baseline == baselines.end()) {
-      std::printf("%-20s %10.0f %14s %7s %9.1f/%-10.1f %20s\n", row.scenario.c_str(), ours.fps,
-                  "-", "-", ours.p50Us, ours.p99Us, "-");
+      std::printf("%-20s %10.0f %14s %7s %9.1f/%-10.1f %20s\n", row.scenario.c_str(), ours.fps, "-",
+                  "-", ours.p50Us, ours.p99Us, "-");
       continue;
     }
     const RunFigures& base = baseline->second;

@@ -1,219 +1,55 @@
-// Frame hand-off cost: a source node fanning frames out to 1, 3 and 10 started sinks on the
-// shared worker pool, next to a plain mutex + condition variable queue drained by as many
-// threads as the pool has, with the same fan-out and the same reference counting.
-//
-// Both sides reuse a few pre-allocated frames and block on a condition variable only while
-// all of them are in flight, so the figures show hand-off and queueing, not allocation.
-// Latency runs from just before the send to the first thing the receiver does.
+// Frame hand-off cost through real links, each next to a plain mutex + condition variable
+// queue drained by as many threads as the shared worker pool has, with the same fan-out and
+// the same reference counting:
+//  - a source node fanning frames out to 1, 3 and 10 started sinks;
+//  - a decoded-frame input fanning frames out to 4 preview windows, each window its own
+//    preview node rendering through the real renderer, delivered at the render callback.
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
-#include <cmath>
-#include <condition_variable>
 #include <cstdint>
-#include <cstdio>
-#include <functional>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <queue>
-#include <thread>
+#include <string>
 #include <vector>
 
+#include "bench/handoff_bench_support.h"
+#include "codec/tavo_video_vlink_vdec_node.h"
 #include "core/tavo_video_vlink_node.h"
 #include "osv_graphic_buffer.h"
+#include "render/tavo_video_vlink_preview_node.h"
+#include "tavo_video_render_interface.h"
+#include "tavo_video_vlink_component.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr int64_t kFramesPerRun = 20000;  // keeps the whole program well under half a minute
-constexpr size_t kPooledFrames = 16;
-constexpr uint32_t kFrameWidth = 1280;
-constexpr uint32_t kFrameHeight = 720;
-constexpr size_t kConsumerThreads = 10;  // as many as the node worker pool has
-// Far beyond any healthy run: reaching it means a frame or a reference was lost.
-constexpr std::chrono::seconds kStallTimeout{20};
-
-struct RunFigures {
-  double fps = 0;
-  double p50Us = 0;
-  double p99Us = 0;
-};
+using handoff_bench::Clock;
+using handoff_bench::DeliveryLog;
+using handoff_bench::FramePool;
+using handoff_bench::kFrameHeight;
+using handoff_bench::kFramesPerRun;
+using handoff_bench::kFrameWidth;
+using handoff_bench::kPooledFrames;
+using handoff_bench::RunFigures;
 
 // Keyed by fan-out; read by vs_baseline and by the closing table.
 std::map<int64_t, RunFigures> g_baselineFigures;
-std::map<int64_t, RunFigures> g_handoffFigures;
+// Our runs in the order they ran.
+std::vector<handoff_bench::SummaryRow> g_ourRuns;
 
-// Pre-allocated frames, handed out again once nobody holds them.
-class FramePool {
- public:
-  FramePool() {
-    for (auto& frame : m_frames) {
-      frame = std::make_unique<OsvGraphicBuffer>(kFrameWidth, kFrameHeight,
-                                                 TAVO_VIDEO_VLINK_FORMAT_I420);
-    }
+// Fills in vs_baseline and queues the run for the closing table.
+void Publish(benchmark::State& state, const std::string& scenario, const RunFigures& run) {
+  g_ourRuns.push_back({scenario, state.range(0), run});
+  const auto baseline = g_baselineFigures.find(state.range(0));
+  if (baseline != g_baselineFigures.end() && baseline->second.fps > 0) {
+    state.counters["vs_baseline"] = run.fps / baseline->second.fps;
   }
-  FramePool(const FramePool&) = delete;
-  FramePool& operator=(const FramePool&) = delete;
-
-  ~FramePool() {
-    for (auto& frame : m_frames) {
-      frame->SetReleaseTarget(nullptr);  // the target may hold the producer alive
-      if (!frame->IsAvailable()) {
-        // Somebody still holds it (already reported): freeing it could crash that holder.
-        static_cast<void>(frame.release());
-      }
-    }
-  }
-
-  bool Allocated() const {
-    return std::all_of(m_frames.begin(), m_frames.end(),
-                       [](const auto& frame) { return frame->GetBufHandle() != nullptr; });
-  }
-
-  bool AllReturned() const {
-    return std::all_of(m_frames.begin(), m_frames.end(),
-                       [](const auto& frame) { return frame->IsAvailable(); });
-  }
-
-  void SetReleaseTarget(const OsvGraphicBuffer::ReleaseTarget& target) {
-    for (auto& frame : m_frames) {
-      frame->SetReleaseTarget(target);
-    }
-  }
-
-  // A free frame, or null when none came back within kStallTimeout. Producer thread only.
-  OsvGraphicBuffer* Acquire() {
-    if (OsvGraphicBuffer* frame = FindFree()) {
-      return frame;
-    }
-    OsvGraphicBuffer* frame = nullptr;
-    std::unique_lock<std::mutex> lock(m_lock);
-    m_freed.wait_for(lock, kStallTimeout, [&] { return (frame = FindFree()) != nullptr; });
-    return frame;
-  }
-
-  // Called once a frame's last holder let go.
-  void Released() {
-    {
-      // The producer is then either before its check or asleep, never in between.
-      std::lock_guard<std::mutex> lock(m_lock);
-    }
-    m_freed.notify_one();
-  }
-
- private:
-  OsvGraphicBuffer* FindFree() {
-    for (size_t i = 0; i < kPooledFrames; ++i) {
-      m_next = (m_next + 1) % kPooledFrames;
-      if (m_frames[m_next]->IsAvailable()) {
-        return m_frames[m_next].get();
-      }
-    }
-    return nullptr;
-  }
-
-  std::array<std::unique_ptr<OsvGraphicBuffer>, kPooledFrames> m_frames;
-  size_t m_next = 0;  // producer thread only
-  std::mutex m_lock;
-  std::condition_variable m_freed;
-};
-
-// One run's deliveries: when each frame was sent, how long each receiver took to start on
-// it, and whether every receiver got every frame exactly once.
-class DeliveryLog {
- public:
-  DeliveryLog(size_t frames, size_t fanOut)
-      : m_fanOut(fanOut),
-        m_expected(frames * fanOut),
-        m_sentAt(frames),
-        m_hits(frames),
-        m_latencyNs(frames * fanOut) {}
-
-  size_t Frames() const { return m_sentAt.size(); }
-
-  void MarkSent(OsvGraphicBuffer* frame, uint32_t seq) {
-    frame->SetSrcImgNo(seq);
-    m_sentAt[seq] = Clock::now();
-  }
-
-  // On the receiver's thread, while it still holds the frame.
-  void Record(const OsvGraphicBuffer* frame, Clock::time_point arrived) {
-    const uint32_t seq = frame->GetSrcImgNo();
-    if (seq >= m_sentAt.size()) {
-      m_corrupt.store(true, std::memory_order_relaxed);
-      return;
-    }
-    // The hit count doubles as this receiver's slot, so no lock is needed to store.
-    const uint32_t hit = m_hits[seq].fetch_add(1, std::memory_order_relaxed);
-    if (hit >= m_fanOut) {
-      m_corrupt.store(true, std::memory_order_relaxed);
-      return;
-    }
-    m_latencyNs[seq * m_fanOut + hit] =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(arrived - m_sentAt[seq]).count();
-  }
-
-  // After the receiver let go of the frame, so that once all have passed here no frame is
-  // held and every release has been started.
-  void Delivered() {
-    if (m_delivered.fetch_add(1, std::memory_order_acq_rel) + 1 == m_expected) {
-      { std::lock_guard<std::mutex> lock(m_lock); }
-      m_done.notify_all();
-    }
-  }
-
-  bool WaitAllDelivered() {
-    std::unique_lock<std::mutex> lock(m_lock);
-    return m_done.wait_for(lock, kStallTimeout, [this] {
-      return m_delivered.load(std::memory_order_acquire) >= m_expected;
-    });
-  }
-
-  // Null when every frame reached every receiver exactly once, else what went wrong.
-  const char* Fault() const {
-    if (m_corrupt.load(std::memory_order_relaxed)) {
-      return "a frame arrived twice or with a wrong number";
-    }
-    for (const auto& hits : m_hits) {
-      if (hits.load(std::memory_order_relaxed) != m_fanOut) {
-        return "a frame did not reach every receiver";
-      }
-    }
-    return nullptr;
-  }
-
-  RunFigures Figures(double seconds) const {
-    std::vector<int64_t> sorted(m_latencyNs);
-    std::sort(sorted.begin(), sorted.end());
-    const auto percentileUs = [&sorted](double p) {
-      // Nearest rank: the smallest sample with at least p of all samples at or below it.
-      const auto rank = static_cast<size_t>(std::ceil(p * static_cast<double>(sorted.size())));
-      return static_cast<double>(sorted[std::max<size_t>(rank, 1) - 1]) / 1000.0;
-    };
-    RunFigures figures;
-    figures.fps = static_cast<double>(Frames()) / seconds;
-    figures.p50Us = percentileUs(0.50);
-    figures.p99Us = percentileUs(0.99);
-    return figures;
-  }
-
- private:
-  const size_t m_fanOut;
-  const size_t m_expected;
-  std::vector<Clock::time_point> m_sentAt;  // by frame number
-  std::vector<std::atomic<uint32_t>> m_hits;
-  std::vector<int64_t> m_latencyNs;  // fanOut slots per frame
-  std::atomic<size_t> m_delivered{0};
-  std::atomic<bool> m_corrupt{false};
-  std::mutex m_lock;
-  std::condition_variable m_done;
-};
+}
 
 // A started sink that only notes when each frame reached it.
 class TimingSink final : public VideoVlinkNode {
@@ -235,8 +71,9 @@ class TimingSink final : public VideoVlinkNode {
 
   uint32_t HandleBuffer(OsvGraphicBuffer* buffer) override {
     const Clock::time_point arrived = Clock::now();
-    m_log.Record(buffer, arrived);
+    m_log.Record(buffer->GetSrcImgNo(), arrived);
     buffer->DecreaseRef();
+    // After letting go, so that once all have passed here every release has been started.
     m_log.Delivered();
     return 0;
   }
@@ -257,129 +94,6 @@ class FrameSource final : public VideoVlinkNode {
   FramePool& m_pool;
 };
 
-// The yardstick: one locked queue of frame pointers drained by a fixed set of threads, each
-// frame queued once per receiver.
-class LockedQueueFanOut {
- public:
-  LockedQueueFanOut(size_t fanOut, FramePool& pool, DeliveryLog& log)
-      : m_fanOut(fanOut), m_pool(pool), m_log(log) {
-    m_consumers.reserve(kConsumerThreads);
-    for (size_t i = 0; i < kConsumerThreads; ++i) {
-      m_consumers.emplace_back([this] { Consume(); });
-    }
-  }
-  LockedQueueFanOut(const LockedQueueFanOut&) = delete;
-  LockedQueueFanOut& operator=(const LockedQueueFanOut&) = delete;
-  ~LockedQueueFanOut() { Stop(); }
-
-  void Send(OsvGraphicBuffer* frame) {
-    // Every reference is taken before any is queued, so no receiver can free it early.
-    for (size_t i = 0; i < m_fanOut; ++i) {
-      frame->IncreaseRef();
-    }
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      for (size_t i = 0; i < m_fanOut; ++i) {
-        m_queue.push(frame);
-      }
-    }
-    for (size_t i = 0; i < m_fanOut; ++i) {
-      m_ready.notify_one();
-    }
-  }
-
-  // Lets the consumers drain the queue, then joins them.
-  void Stop() {
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      m_stopping = true;
-    }
-    m_ready.notify_all();
-    for (std::thread& consumer : m_consumers) {
-      if (consumer.joinable()) {
-        consumer.join();
-      }
-    }
-  }
-
- private:
-  void Consume() {
-    for (;;) {
-      OsvGraphicBuffer* frame = nullptr;
-      {
-        std::unique_lock<std::mutex> lock(m_lock);
-        m_ready.wait(lock, [this] { return m_stopping || !m_queue.empty(); });
-        if (m_queue.empty()) {
-          return;
-        }
-        frame = m_queue.front();
-        m_queue.pop();
-      }
-      m_log.Record(frame, Clock::now());
-      if (frame->DecreaseRef() == 0) {
-        m_pool.Released();
-      }
-      m_log.Delivered();
-    }
-  }
-
-  const size_t m_fanOut;
-  FramePool& m_pool;
-  DeliveryLog& m_log;
-  std::mutex m_lock;
-  std::condition_variable m_ready;
-  std::queue<OsvGraphicBuffer*> m_queue;  // guarded by m_lock
-  bool m_stopping = false;                // guarded by m_lock
-  std::vector<std::thread> m_consumers;
-};
-
-// Sends one frame per iteration; returns the seconds from the first send until the last
-// frame reached every receiver.
-double SendFrames(benchmark::State& state, FramePool& pool, DeliveryLog& log,
-                  const std::function<void(OsvGraphicBuffer*)>& send) {
-  uint32_t seq = 0;
-  const Clock::time_point start = Clock::now();
-  for (auto _ : state) {
-    OsvGraphicBuffer* frame = pool.Acquire();
-    if (frame == nullptr) {
-      state.SkipWithError("no frame came back to the producer");
-      break;
-    }
-    log.MarkSent(frame, seq);
-    send(frame);
-    // The last iteration also waits for delivery, so the rate counts frames received rather
-    // than frames queued.
-    if (++seq == log.Frames() && !log.WaitAllDelivered()) {
-      state.SkipWithError("not every frame reached every receiver");
-      break;
-    }
-  }
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Checks the run and publishes its counters; call once nothing can touch the frames.
-bool Report(benchmark::State& state, const DeliveryLog& log, const FramePool& pool, double seconds,
-            std::map<int64_t, RunFigures>& figures) {
-  if (state.error_occurred()) {
-    return false;
-  }
-  if (const char* fault = log.Fault()) {
-    state.SkipWithError(fault);
-    return false;
-  }
-  if (!pool.AllReturned()) {
-    state.SkipWithError("a frame is still held after every receiver finished");
-    return false;
-  }
-  const RunFigures run = log.Figures(seconds);
-  state.counters["fps"] =
-      benchmark::Counter(static_cast<double>(log.Frames()), benchmark::Counter::kIsRate);
-  state.counters["p50_us"] = run.p50Us;
-  state.counters["p99_us"] = run.p99Us;
-  figures[state.range(0)] = run;
-  return true;
-}
-
 void BM_QueueBaseline(benchmark::State& state) {
   const auto fanOut = static_cast<size_t>(state.range(0));
   DeliveryLog log(static_cast<size_t>(state.max_iterations), fanOut);
@@ -388,11 +102,17 @@ void BM_QueueBaseline(benchmark::State& state) {
     state.SkipWithError("frame allocation failed");
     return;
   }
-  LockedQueueFanOut queue(fanOut, pool, log);
+  handoff_bench::LockedQueueFanOut queue(fanOut, pool, log);
   const double seconds =
-      SendFrames(state, pool, log, [&queue](OsvGraphicBuffer* frame) { queue.Send(frame); });
+      handoff_bench::SendFrames(state, pool, log, [&queue](OsvGraphicBuffer& frame, uint32_t seq) {
+        frame.SetSrcImgNo(seq);
+        queue.Send(&frame);
+        return true;
+      });
   queue.Stop();
-  Report(state, log, pool, seconds, g_baselineFigures);
+  if (const auto run = handoff_bench::Report(state, log, pool.AllReturned(), seconds)) {
+    g_baselineFigures[state.range(0)] = *run;
+  }
 }
 
 void BM_VlinkHandoff(benchmark::State& state) {
@@ -414,8 +134,12 @@ void BM_VlinkHandoff(benchmark::State& state) {
   }
   pool.SetReleaseTarget(source);
 
-  const double seconds = SendFrames(
-      state, pool, log, [&source](OsvGraphicBuffer* frame) { source->SendBuffer(frame); });
+  const double seconds =
+      handoff_bench::SendFrames(state, pool, log, [&source](OsvGraphicBuffer& frame, uint32_t seq) {
+        frame.SetSrcImgNo(seq);
+        source->SendBuffer(&frame);
+        return true;
+      });
 
   // Sinks first: their last releases queue the producer's final ReleaseFrame tasks.
   for (auto& sink : sinks) {
@@ -424,55 +148,292 @@ void BM_VlinkHandoff(benchmark::State& state) {
     sink->DisconnectFromNode(source, false);
   }
   source->DealTaskHandler(true);
-  if (!Report(state, log, pool, seconds, g_handoffFigures)) {
-    return;
-  }
-  const auto baseline = g_baselineFigures.find(state.range(0));
-  if (baseline != g_baselineFigures.end() && baseline->second.fps > 0) {
-    state.counters["vs_baseline"] = g_handoffFigures[state.range(0)].fps / baseline->second.fps;
+  if (const auto run = handoff_bench::Report(state, log, pool.AllReturned(), seconds)) {
+    Publish(state, "source->" + std::to_string(fanOut) + (fanOut == 1 ? " sink" : " sinks"), *run);
   }
 }
 
-void PrintSummary() {
-  std::printf("\n%4s %12s %14s %7s %20s %20s\n", "N", "ours fps", "baseline fps", "ratio",
-              "ours p50/p99 us", "baseline p50/p99 us");
-  for (const auto& [fanOut, ours] : g_handoffFigures) {
-    const auto baseline = g_baselineFigures.find(fanOut);
-    if (baseline == g_baselineFigures.end()) {
-      std::printf("%4lld %12.0f %14s %7s %9.1f/%-10.1f %20s\n", static_cast<long long>(fanOut),
-                  ours.fps, "-", "-", ours.p50Us, ours.p99Us, "-");
-      continue;
+// --- Decoded frames to preview windows -------------------------------------------------
+
+constexpr uint32_t kDecoderNodeId = 70;
+constexpr uint32_t kFirstPreviewNodeId = 41;
+constexpr uint64_t kFirstWinHandle = 0x100;
+// The image number the decoder stamps on its frames and every window shows.
+constexpr uint32_t kShownImgNo = 150;
+
+// The host's side of decoded frames: a fixed set of frame records, each handed to the
+// decoder again only once its release callback gave it back; until then the decoder still
+// knows the frame by its record.
+class DecodedFramePool {
+ public:
+  struct Slot {
+    tagOS_S_VIDEO_CODEC_IMG_INFO record{};
+    // Frame number of the current send; written only while the slot is free, so the
+    // hand-off to the pool orders it before every reader.
+    uint32_t seq = 0;
+  };
+
+  DecodedFramePool() {
+    for (size_t i = 0; i < kPooledFrames; ++i) {
+      m_slots[i].record.pBuffer =
+          new OsvGraphicBuffer(kFrameWidth, kFrameHeight, TAVO_VIDEO_VLINK_FORMAT_I420);
+      m_memory[i] = m_slots[i].record.pBuffer->GetBufHandle();
+      m_free[i].store(true, std::memory_order_relaxed);
     }
-    const RunFigures& base = baseline->second;
-    std::printf("%4lld %12.0f %14.0f %7.2f %9.1f/%-10.1f %9.1f/%-10.1f\n",
-                static_cast<long long>(fanOut), ours.fps, base.fps, ours.fps / base.fps, ours.p50Us,
-                ours.p99Us, base.p50Us, base.p99Us);
   }
+  DecodedFramePool(const DecodedFramePool&) = delete;
+  DecodedFramePool& operator=(const DecodedFramePool&) = delete;
+
+  ~DecodedFramePool() {
+    for (size_t i = 0; i < kPooledFrames; ++i) {
+      OsvGraphicBuffer* frame = m_slots[i].record.pBuffer;
+      frame->SetReleaseTarget(nullptr);  // the decoder made itself the target
+      // One the decoder never gave back (already reported) may still be held: leak it.
+      if (m_free[i].load(std::memory_order_acquire) && frame->IsAvailable()) {
+        delete frame;
+      }
+    }
+  }
+
+  bool Allocated() const {
+    return std::all_of(m_memory.begin(), m_memory.end(),
+                       [](const void* memory) { return memory != nullptr; });
+  }
+
+  bool AllReturned() const {
+    return std::all_of(m_free.begin(), m_free.end(),
+                       [](const auto& isFree) { return isFree.load(std::memory_order_acquire); });
+  }
+
+  // A free slot, now taken, or null when none came back within kStallTimeout. Producer
+  // thread only.
+  Slot* Acquire() {
+    if (Slot* slot = TakeFree()) {
+      return slot;
+    }
+    return m_signal.WaitFor([this] { return TakeFree(); });
+  }
+
+  // From the release callback, or from the producer for a frame the decoder refused.
+  void Returned(const tagOS_S_VIDEO_CODEC_IMG_INFO* record) {
+    for (size_t i = 0; i < kPooledFrames; ++i) {
+      if (&m_slots[i].record == record) {
+        m_free[i].store(true, std::memory_order_release);
+        m_signal.Notify();
+        return;
+      }
+    }
+  }
+
+  // The slot whose frame owns this memory; null for memory that is none of ours. A scan:
+  // with this few frames it costs less than any map.
+  const Slot* FindByMemory(const void* memory) const {
+    for (size_t i = 0; i < kPooledFrames; ++i) {
+      if (m_memory[i] == memory) {
+        return &m_slots[i];
+      }
+    }
+    return nullptr;
+  }
+
+ private:
+  Slot* TakeFree() {
+    for (size_t i = 0; i < kPooledFrames; ++i) {
+      m_next = (m_next + 1) % kPooledFrames;
+      if (m_free[m_next].load(std::memory_order_acquire)) {
+        m_free[m_next].store(false, std::memory_order_relaxed);
+        return &m_slots[m_next];
+      }
+    }
+    return nullptr;
+  }
+
+  std::array<Slot, kPooledFrames> m_slots;
+  std::array<const void*, kPooledFrames> m_memory{};  // each frame's pixels, fixed
+  std::array<std::atomic<bool>, kPooledFrames> m_free;
+  size_t m_next = 0;  // producer thread only
+  handoff_bench::ReturnSignal m_signal;
+};
+
+// What the host callbacks of the running decoder scenario report to: they are plain
+// functions, so they find it here. Set before the link starts, cleared after it stopped.
+struct PreviewRun {
+  PreviewRun(DecodedFramePool& framePool, DeliveryLog& deliveryLog, size_t windows)
+      : pool(framePool), log(deliveryLog), windowHits(windows) {}
+
+  DecodedFramePool& pool;
+  DeliveryLog& log;
+  std::vector<std::atomic<uint32_t>> windowHits;  // by window, frames rendered
+  std::atomic<bool> strayFrame{false};            // a render of memory that is not our frame
+};
+std::atomic<PreviewRun*> g_previewRun{nullptr};
+
+uint32_t ReturnDecodedFrame(uint32_t /*nodeId*/, tagOS_S_VIDEO_CODEC_IMG_INFO* record) {
+  if (PreviewRun* run = g_previewRun.load(std::memory_order_acquire)) {
+    run->pool.Returned(record);
+  }
+  return 1;  // the host keeps the record: it lives in the pool, not on the heap
+}
+
+int RenderToWindow(uint32_t winHandle, TavoVideoRenderImgHeader* header) {
+  const Clock::time_point arrived = Clock::now();
+  PreviewRun* run = g_previewRun.load(std::memory_order_acquire);
+  if (run == nullptr) {
+    return 0;
+  }
+  const DecodedFramePool::Slot* slot =
+      header != nullptr ? run->pool.FindByMemory(header->data) : nullptr;
+  const uint64_t window = winHandle - kFirstWinHandle;
+  if (slot == nullptr || window >= run->windowHits.size()) {
+    run->strayFrame.store(true, std::memory_order_relaxed);
+  } else {
+    run->log.Record(slot->seq, arrived);
+    run->windowHits[window].fetch_add(1, std::memory_order_relaxed);
+  }
+  // Still inside the preview's hand-off, before it lets go: tearing the link down is what
+  // waits for the releases.
+  run->log.Delivered();
+  return 0;
+}
+
+// A started decoder linked to started previews with one window each.
+class DecoderPreviewLink {
+ public:
+  explicit DecoderPreviewLink(size_t previews)
+      : m_decoder(std::make_shared<VirtualDecoderNode>(kDecoderNodeId)) {
+    tagTavoVideoVDecParam decoderParam;
+    std::memset(&decoderParam, 0, sizeof(decoderParam));
+    decoderParam.imgNo = kShownImgNo;
+    decoderParam.decReleaseFunc = ReturnDecodedFrame;
+    if (m_decoder->SetParam(decoderParam) != 0 || m_decoder->StartProcess() != 0) {
+      m_fault = "the decoder did not start";
+      return;
+    }
+    // The renderer takes RGB on one processor and then converts every frame; the windows
+    // here must get the frame's own memory.
+    unsetenv("VANTOR_SOREN");
+    for (size_t i = 0; i < previews; ++i) {
+      auto preview =
+          std::make_shared<VideoPreviewNode>(kFirstPreviewNodeId + static_cast<uint32_t>(i));
+      tagTavoVideoVoChnParam previewParam;
+      std::memset(&previewParam, 0, sizeof(previewParam));
+      previewParam.winNum = 1;
+      previewParam.windows[0].winHandle = kFirstWinHandle + i;
+      previewParam.windows[0].imgNo = kShownImgNo;
+      previewParam.renderCb = RenderToWindow;
+      if (preview->SetParam(previewParam) != 0) {
+        m_fault = "a preview refused its windows";
+        return;
+      }
+      m_decoder->ConnectToNode(preview);
+      preview->ConnectFromNode(m_decoder);
+      m_previews.push_back(preview);
+      if (preview->StartProcess() != 0 || preview->GetWindowCount() != 1) {
+        m_fault = "a preview window got no renderer";
+        return;
+      }
+    }
+  }
+  DecoderPreviewLink(const DecoderPreviewLink&) = delete;
+  DecoderPreviewLink& operator=(const DecoderPreviewLink&) = delete;
+  ~DecoderPreviewLink() { Stop(); }
+
+  // Null when the link is up, else what failed.
+  const char* Fault() const { return m_fault; }
+
+  bool Receive(tagOS_S_VIDEO_CODEC_IMG_INFO& record) {
+    return m_decoder->ReceiveVdecFrame(0, kDecoderNodeId, &record) == 0;
+  }
+
+  // Previews first, as the media process does: their last releases queue the decoder's
+  // final ReleaseFrame tasks, which stopping the decoder waits for. Afterwards every
+  // release callback has run.
+  void Stop() {
+    for (auto& preview : m_previews) {
+      preview->StopProcess();
+      m_decoder->DisconnectFromNode(preview, true);
+      preview->DisconnectFromNode(m_decoder, false);
+    }
+    m_previews.clear();
+    m_decoder->StopProcess();
+  }
+
+ private:
+  std::shared_ptr<VirtualDecoderNode> m_decoder;
+  std::vector<std::shared_ptr<VideoPreviewNode>> m_previews;
+  const char* m_fault = nullptr;
+};
+
+void BM_DecoderPreviews(benchmark::State& state) {
+  const auto previews = static_cast<size_t>(state.range(0));
+  DeliveryLog log(static_cast<size_t>(state.max_iterations), previews);
+  DecodedFramePool pool;
+  if (!pool.Allocated()) {
+    state.SkipWithError("frame allocation failed");
+    return;
+  }
+  PreviewRun run(pool, log, previews);
+  g_previewRun.store(&run, std::memory_order_release);
+  double seconds = 0;
+  {
+    DecoderPreviewLink link(previews);
+    if (const char* fault = link.Fault()) {
+      state.SkipWithError(fault);
+    } else {
+      seconds = handoff_bench::SendFrames(
+          state, pool, log, [&link, &pool](DecodedFramePool::Slot& slot, uint32_t seq) {
+            slot.seq = seq;
+            if (link.Receive(slot.record)) {
+              return true;
+            }
+            pool.Returned(&slot.record);  // never entered the link
+            return false;
+          });
+    }
+  }
+  g_previewRun.store(nullptr, std::memory_order_release);
+
+  if (!state.error_occurred()) {
+    if (run.strayFrame.load(std::memory_order_relaxed)) {
+      state.SkipWithError("a window rendered memory that is none of the sent frames");
+    } else if (std::any_of(run.windowHits.begin(), run.windowHits.end(), [&log](const auto& hits) {
+                 return hits.load(std::memory_order_relaxed) != log.Frames();
+               })) {
+      state.SkipWithError("a window did not render every frame exactly once");
+    }
+  }
+  if (const auto figures = handoff_bench::Report(state, log, pool.AllReturned(), seconds)) {
+    Publish(state, "decoder->" + std::to_string(previews) + " previews", *figures);
+  }
+}
+
+void Register(const char* name, void (*run)(benchmark::State&), int64_t fanOut) {
+  benchmark::RegisterBenchmark(name, run)
+      ->Arg(fanOut)
+      ->Iterations(kFramesPerRun)
+      ->UseRealTime()
+      ->Unit(benchmark::kMicrosecond);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Each baseline runs right before our hand-off with the same fan-out, so vs_baseline can
-  // be filled in and the two sit next to each other in the output.
+  // Each baseline runs right before the link with the same fan-out, so vs_baseline can be
+  // filled in and the two sit next to each other in the output.
   for (const int64_t fanOut : {1, 3, 10}) {
-    benchmark::RegisterBenchmark("BM_QueueBaseline", BM_QueueBaseline)
-        ->Arg(fanOut)
-        ->Iterations(kFramesPerRun)
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("BM_VlinkHandoff", BM_VlinkHandoff)
-        ->Arg(fanOut)
-        ->Iterations(kFramesPerRun)
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond);
+    Register("BM_QueueBaseline", BM_QueueBaseline, fanOut);
+    Register("BM_VlinkHandoff", BM_VlinkHandoff, fanOut);
   }
+  constexpr int64_t kPreviewWindows = 4;
+  Register("BM_QueueBaseline", BM_QueueBaseline, kPreviewWindows);
+  Register("BM_DecoderPreviews", BM_DecoderPreviews, kPreviewWindows);
+
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 1;
   }
   benchmark::RunSpecifiedBenchmarks();
-  PrintSummary();
+  handoff_bench::PrintSummary(g_ourRuns, g_baselineFigures);
   benchmark::Shutdown();
   return 0;
 }
