@@ -99,8 +99,7 @@ uint32_t VirtualEncoderNode::StartProcess() {
 }
 
 uint32_t VirtualEncoderNode::StopProcess() {
-  VLOG_INF("[%s] VirtualEncoderNode StopProcess m_nodeId[%u] Enter.", m_nodeName.c_str(),
-           m_nodeId);
+  VLOG_INF("[%s] VirtualEncoderNode StopProcess m_nodeId[%u] Enter.", m_nodeName.c_str(), m_nodeId);
   if (VideoVlinkNode::StopProcess() != 0) {
     VLOG_ERR("[%s] StopProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
     return 1;

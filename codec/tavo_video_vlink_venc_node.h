@@ -9,11 +9,11 @@
 
 // The encoder node's parameters, made from the host's tagTavoVideoVEncParam.
 struct VencDevInfo {
-  uint32_t hostTag;     // copied into every hand-off record
-  uint32_t voPort;      // only logged
-  uint32_t imgNo;       // the encoder's node id, 0 to 225
-  uint32_t hostKey;     // second argument of both host callbacks
-  uint32_t width;       // encode size
+  uint32_t hostTag;  // copied into every hand-off record
+  uint32_t voPort;   // only logged
+  uint32_t imgNo;    // the encoder's node id, 0 to 225
+  uint32_t hostKey;  // second argument of both host callbacks
+  uint32_t width;    // encode size
   uint32_t height;
   uint32_t hostValue6;  // carried, not read
   uint32_t frameRate;
@@ -52,7 +52,7 @@ class VirtualEncoderNode : public VideoVlinkNode {
   VencDevInfo GetParam();
 
  private:
-  VencDevInfo m_param{};                   // guarded by m_nodeLock
-  std::function<int(int)> m_encErrorCb;    // guarded by m_nodeLock
-  uint64_t m_frameSeq = 0;                 // guarded by m_nodeLock
+  VencDevInfo m_param{};                 // guarded by m_nodeLock
+  std::function<int(int)> m_encErrorCb;  // guarded by m_nodeLock
+  uint64_t m_frameSeq = 0;               // guarded by m_nodeLock
 };

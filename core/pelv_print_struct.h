@@ -4,9 +4,9 @@
 #include <array>
 #include <boost/pfr.hpp>
 #include <cstring>
-#include <string_view>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 namespace Pelv {

@@ -50,8 +50,7 @@ TestInputInputNode::~TestInputInputNode() {
     }
   }
   VLOG_ERR_CH(2, "The cache release is fail");
-  VLOG_INF_CH(2, "[%s] TestInputInputNode destory m_nodeId[%u] Ok.", m_nodeName.c_str(),
-              m_nodeId);
+  VLOG_INF_CH(2, "[%s] TestInputInputNode destory m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
 }
 
 uint32_t TestInputInputNode::CheckParam(const TestDevInfo& info) {
@@ -113,9 +112,7 @@ uint32_t TestInputInputNode::StopProcess() {
     wasStarted = m_isStart.exchange(false);
   }
   if (wasStarted) {
-    {
-      std::lock_guard<std::mutex> wakeLock(m_wakeLock);
-    }
+    { std::lock_guard<std::mutex> wakeLock(m_wakeLock); }
     m_wake.notify_all();
     // Joined without the node lock: the sender takes it inside SendBuffer.
     if (m_sendThread.joinable()) {
@@ -196,8 +193,7 @@ uint32_t TestInputInputNode::ReadImageFile(const char* path, uint8_t** data, uin
   return 0;
 }
 
-uint32_t TestInputInputNode::CreateBlackPicture(uint8_t** data, uint32_t* width,
-                                                uint32_t* height) {
+uint32_t TestInputInputNode::CreateBlackPicture(uint8_t** data, uint32_t* width, uint32_t* height) {
   const size_t size = size_t{kBlackWidth} * kBlackHeight * 3;
   std::unique_ptr<uint8_t[]> rgb(new (std::nothrow) uint8_t[size]());
   if (!rgb) {

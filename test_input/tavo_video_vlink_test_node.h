@@ -55,7 +55,7 @@ class TestInputInputNode : public VideoVlinkNode {
   std::thread m_sendThread;
   std::mutex m_wakeLock;  // pairs with m_wake so a stop interrupts the pause between frames
   std::condition_variable m_wake;
-  uint8_t* m_imageData = nullptr;    // the image of the latest start; new[] memory
+  uint8_t* m_imageData = nullptr;     // the image of the latest start; new[] memory
   std::vector<uint8_t*> m_oldImages;  // images of earlier starts, still under their buffers
   uint32_t m_cacheIndex = 0;
   // Touched by the sender thread while it runs, by the control thread only otherwise.
