@@ -124,13 +124,24 @@ TEST_F(PreviewNodeTest, UpdateAddsAndRemovesWindows) {
   EXPECT_EQ(m_screen.reports.size(), 3U);
 }
 
-TEST_F(PreviewNodeTest, TooManyWindowsAreRefused) {
+TEST_F(PreviewNodeTest, BadRecordsAndTextsAreRefused) {
   LogCapture logs;
   tagTavoVideoVoChnParam param = Windows({});
   param.winNum = 41;
   EXPECT_EQ(m_preview->SetParam(param), 1U);
   EXPECT_EQ(m_preview->UpdateParam(param), 1U);
   EXPECT_TRUE(logs.HasModule("[VO_40] invalid winNum[41]!", 1));
+
+  // A watermark of 256 characters does not fit: the window keeps rendering without it.
+  ASSERT_EQ(m_preview->SetParam(Windows({{0xF, 30}})), 0U);
+  Link(m_source, m_preview);
+  ASSERT_EQ(m_preview->StartProcess(), 0U);
+  m_preview->SetWaterMarkParam(30, true, std::string(256, 'w'));
+  EXPECT_TRUE(logs.HasModule("[VO_40] strcpy_s failed, ret[", 1));
+  m_preview->SetWaterMarkParam(30, true, std::string(255, 'w'));
+  EXPECT_EQ(logs.CountModule("[VO_40] strcpy_s failed, ret[", 1), 1U);
+  Send({30});
+  EXPECT_EQ(m_screen.rendered.Get(), 1);
 }
 
 TEST_F(PreviewNodeTest, StoppedWindowDropsFrames) {
