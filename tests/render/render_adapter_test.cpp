@@ -2,21 +2,21 @@
 #include <libyuv.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <random>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "platform/pelv_trace.h"
 #include "platform/tavo_video_image_convert.h"
 #include "render/tavo_video_render_manager.h"
 #include "tavo_video_render_interface.h"
-#include "tavo_video_vlink_trace.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
 
@@ -30,8 +30,9 @@ constexpr uint32_t kFailure = 0xFFFFFFFF;
 
 struct Delivery {
   uint32_t window;
-  HeaderBytes header;
-  Bytes pixels;  // the memory is the host's only during the call
+  TavoVideoRenderImgHeader header;
+  HeaderBytes bytes;  // the header as delivered, padding included
+  Bytes pixels;       // the memory is the host's only during the call
 };
 
 std::mutex g_lock;  // guards g_deliveries
@@ -40,27 +41,26 @@ std::atomic<int> g_callbackResult{0};
 CountLatch* g_delivered = nullptr;
 
 int Capture(uint32_t window, TavoVideoRenderImgHeader* header) {
-  Delivery d{window, {}, Bytes(header->data, header->data + header->dataSize)};
-  std::memcpy(d.header.data(), header, d.header.size());
+  Delivery d{window, *header, {}, Bytes(header->data, header->data + header->dataSize)};
+  std::memcpy(d.bytes.data(), header, d.bytes.size());
   {
     std::lock_guard<std::mutex> lock(g_lock);
     g_deliveries.push_back(std::move(d));
   }
-  if (g_delivered != nullptr) {
-    g_delivered->Add();
-  }
+  if (g_delivered != nullptr) g_delivered->Add();
   return g_callbackResult.load();
 }
 
+// The deliveries since the last call.
 std::vector<Delivery> Deliveries() {
   std::lock_guard<std::mutex> lock(g_lock);
-  return g_deliveries;
+  return std::exchange(g_deliveries, {});
 }
 
 // What the host must receive: these fields, every other byte zero.
-HeaderBytes Expected(uint32_t width, uint32_t height, uint32_t stride0, uint32_t stride1,
-                     uint32_t format, uint32_t dataSize, void* data) {
-  const TavoVideoRenderImgHeader header{48,      width,    height, stride0,
+HeaderBytes Expected(uint32_t width, uint32_t height, uint32_t stride1, uint32_t format,
+                     uint32_t dataSize, void* data) {
+  const TavoVideoRenderImgHeader header{48,      width,    height, width,
                                         stride1, format,   1,      1,
                                         {},      dataSize, 0,      static_cast<uint8_t*>(data)};
   HeaderBytes bytes;
@@ -68,21 +68,13 @@ HeaderBytes Expected(uint32_t width, uint32_t height, uint32_t stride0, uint32_t
   return bytes;
 }
 
-TavoVideoRenderImgHeader HeaderOf(const Delivery& d) {
-  TavoVideoRenderImgHeader header;
-  std::memcpy(&header, d.header.data(), sizeof(header));
-  return header;
-}
-
 std::unique_ptr<OsvGraphicBuffer> MakeFrame(uint32_t width, uint32_t height, uint32_t seed,
                                             bool alignRows = false) {
   auto frame = std::make_unique<OsvGraphicBuffer>(width, height, TAVO_VIDEO_VLINK_FORMAT_I420,
                                                   false, alignRows);
   std::mt19937 gen(seed);
-  auto* memory = static_cast<uint8_t*>(frame->GetBufHandle());
-  for (uint32_t i = 0; i < frame->GetImageInfo().size; ++i) {
-    memory[i] = static_cast<uint8_t>(gen());
-  }
+  std::generate_n(static_cast<uint8_t*>(frame->GetBufHandle()), frame->GetImageInfo().size,
+                  [&] { return static_cast<uint8_t>(gen()); });
   return frame;
 }
 
@@ -107,186 +99,130 @@ tagOS_S_SOFT_VO_CHN_PARAM Channel(TavoVideoRenderCallback callback = Capture) {
   return param;
 }
 
-struct ManagerDelete {
-  void operator()(DevRenderManager* m) const { TavoVideoRenderDelete(m); }
-};
-using Manager = std::unique_ptr<DevRenderManager, ManagerDelete>;
+using Manager = std::unique_ptr<DevRenderManager, decltype(&TavoVideoRenderDelete)>;
 
 Manager Create(TavoVideoRenderCallback callback = Capture) {
   tagOS_S_SOFT_VO_CHN_PARAM param = Channel(callback);
   DevRenderManager* manager = nullptr;
   EXPECT_EQ(TavoVideoRenderCreate(&param, &manager), 0U);
-  return Manager(manager);
+  return Manager(manager, TavoVideoRenderDelete);
 }
 
 class RenderAdapterTest : public ::testing::Test {
  protected:
   void SetUp() override {
     unsetenv("VANTOR_SOREN");
-    std::lock_guard<std::mutex> lock(g_lock);
-    g_deliveries.clear();
+    Deliveries();
     g_callbackResult = 0;
   }
   void TearDown() override {
     unsetenv("VANTOR_SOREN");
-    OS_VLink_Debug_SetTraceLevel(0);
-    PELV_SetVideoTracLevel(0);
+    g_delivered = nullptr;
   }
 };
 
-TEST_F(RenderAdapterTest, YuvPathHandsTheFrameItself) {
-  LogCapture logs;
-  Manager manager = Create();
-  auto frame = MakeFrame(1280, 720, 1);
-  EXPECT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), 0U);
-  const auto got = Deliveries();
-  ASSERT_EQ(got.size(), 1U);
-  EXPECT_EQ(got[0].window, 66U);
-  EXPECT_EQ(got[0].header, Expected(1280, 720, 1280, 640, 4, 1382400, frame->GetBufHandle()));
-  EXPECT_TRUE(logs.HasModule("getenv VANTOR_SOREN failed or it ne \"Soren\".", 3));
-}
-
-TEST_F(RenderAdapterTest, OnlyExactlySorenSelectsRgb) {
+// Only exactly "Soren" selects RGB: the host then gets converted copies in one buffer per
+// size, otherwise the frame itself.
+TEST_F(RenderAdapterTest, HeaderAndPixelsOnEachPath) {
   const struct {
-    const char* value;
-    uint32_t format;
-  } cases[] = {{"Soren", 0}, {"soren", 4}, {"Soren ", 4}, {"", 4}};
-  auto frame = MakeFrame(16, 16, 2);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.value);
-    setenv("VANTOR_SOREN", c.value, 1);
-    Manager manager = Create();
-    ASSERT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), 0U);
-    EXPECT_EQ(HeaderOf(Deliveries().back()).format, c.format);
-  }
-}
-
-TEST_F(RenderAdapterTest, RgbPathConvertsIntoOneBufferPerSize) {
-  setenv("VANTOR_SOREN", "Soren", 1);
+    const char* value;  // nullptr: unset
+    bool rgb;
+  } cases[] = {{nullptr, false}, {"Soren", true}, {"soren", false}, {"Soren ", false}, {"", false}};
   LogCapture logs;
-  Manager manager = Create();
-  auto first = MakeFrame(1280, 720, 3);
-  auto second = MakeFrame(1280, 720, 4);
-  auto smaller = MakeFrame(64, 36, 5, true);  // padded rows: strides differ from the width
-  for (OsvGraphicBuffer* frame : {first.get(), second.get(), smaller.get()}) {
-    ASSERT_EQ(TavoVideoRenderFrame(manager.get(), frame), 0U);
+  const std::unique_ptr<OsvGraphicBuffer> frames[] = {
+      MakeFrame(1280, 720, 1), MakeFrame(1280, 720, 2),
+      MakeFrame(64, 36, 3, true)};  // chroma strides differ from half the width
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value == nullptr ? "unset" : c.value);
+    if (c.value != nullptr) setenv("VANTOR_SOREN", c.value, 1);
+    Manager manager = Create();
+    for (const auto& frame : frames) {
+      ASSERT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), 0U);
+    }
+    const auto got = Deliveries();
+    ASSERT_EQ(got.size(), 3U);
+    EXPECT_EQ(got[0].window, 66U);
+    void* own = frames[0]->GetBufHandle();
+    if (!c.rgb) {
+      EXPECT_EQ(got[0].bytes, Expected(1280, 720, 640, 4, 1382400, own));
+      continue;
+    }
+    uint8_t* buffer = got[0].header.data;
+    EXPECT_NE(buffer, own);
+    EXPECT_EQ(got[0].bytes, Expected(1280, 720, 640, 0, 2764800, buffer));
+    EXPECT_EQ(got[1].header.data, buffer);
+    EXPECT_EQ(got[2].bytes, Expected(64, 36, 64, 0, 6912, got[2].header.data));
+    for (size_t i = 0; i < got.size(); ++i) {
+      EXPECT_TRUE(got[i].pixels == Raw(*frames[i])) << i;
+    }
   }
-  const auto got = Deliveries();
-  ASSERT_EQ(got.size(), 3U);
-  uint8_t* buffer = HeaderOf(got[0]).data;
-  EXPECT_NE(buffer, first->GetBufHandle());
-  EXPECT_EQ(got[0].header, Expected(1280, 720, 1280, 640, 0, 2764800, buffer));
-  EXPECT_EQ(got[1].header, Expected(1280, 720, 1280, 640, 0, 2764800, buffer));
-  EXPECT_EQ(got[2].header, Expected(64, 36, 64, 64, 0, 6912, HeaderOf(got[2]).data));
-  EXPECT_TRUE(got[0].pixels == Raw(*first));
-  EXPECT_TRUE(got[1].pixels == Raw(*second));
-  EXPECT_TRUE(got[2].pixels == Raw(*smaller));
   EXPECT_EQ(logs.CountModule("malloc new imgBuf size:2764800.", 3), 1U);
-  EXPECT_EQ(logs.CountModule("[66]delete m_imgBuff", 3), 1U);
-  EXPECT_TRUE(logs.HasModule("getenv VANTOR_SOREN eq \"Soren\".", 3));
 }
 
-TEST_F(RenderAdapterTest, HeaderLoggedForFrame1AndEveryThousandAfter) {
+// The header line is logged for frame 1 and every thousandth after; the host's failures are
+// returned, and logged once per thousand; a stopped renderer no longer calls the host.
+TEST_F(RenderAdapterTest, LoggingHostFailuresAndStop) {
   LogCapture logs;
   Manager manager = Create();
   auto frame = MakeFrame(16, 16, 7);
-  for (int i = 0; i < 2001; ++i) {
-    ASSERT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), 0U);
+  for (int i = 1; i <= 2001; ++i) {
+    g_callbackResult = i <= 2000 ? -7 : 0;  // failures are counted process-wide
+    ASSERT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()),
+              static_cast<uint32_t>(g_callbackResult.load()));
   }
-  EXPECT_EQ(logs.CountModule("m_outImgHeader", 3), 3U);
-  EXPECT_TRUE(logs.HasModule("m_outImgHeader 66 3 4 1 | 48 16 16 16 8 | 1 384 1", 3));
-  EXPECT_TRUE(logs.HasModule("| 1 384 1001", 3));
-  EXPECT_TRUE(logs.HasModule("| 1 384 2001", 3));
-  EXPECT_EQ(logs.CountModule("render first frame", 3), 1U);
-}
-
-TEST_F(RenderAdapterTest, HostResultsAndStop) {
-  LogCapture logs;
-  Manager manager = Create();
-  auto frame = MakeFrame(16, 16, 8);
-  g_callbackResult = -7;
-  // Counted process-wide: any 1000 failures in a row log exactly once.
-  for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), static_cast<uint32_t>(-7));
+  EXPECT_EQ(logs.CountModule("callback failed, ret[-7],cnt[", 1), 2U);
+  std::vector<std::string> lines;
+  for (const OmLogRecord& r : logs.Records()) {
+    if (r.text.rfind("m_outImgHeader", 0) == 0) lines.push_back(r.text);
   }
-  EXPECT_EQ(logs.CountModule("callback failed, ret[-7],cnt[", 1), 1U);
+  const std::string prefix = "m_outImgHeader 66 3 4 1 | 48 16 16 16 8 | 1 384 ";
+  EXPECT_EQ(lines, (std::vector<std::string>{prefix + "1", prefix + "1001", prefix + "2001"}));
 
-  g_callbackResult = 0;
   EXPECT_EQ(TavoVideoRenderStop(manager.get()), 0U);
-  const size_t before = Deliveries().size();
+  Deliveries();
   EXPECT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), 0U);
-  EXPECT_EQ(Deliveries().size(), before);
+  EXPECT_TRUE(Deliveries().empty());
 }
 
-TEST_F(RenderAdapterTest, FramesWithoutPixelsNeverReachTheHost) {
-  LogCapture logs;
+// Frames without pixels, or a renderer without a callback, never reach the host.
+TEST_F(RenderAdapterTest, HostCalledOnlyWithPixelsAndCallback) {
   OsvGraphicBuffer empty(nullptr);  // no memory, no size
-  auto argb = std::make_unique<OsvGraphicBuffer>(16, 16, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  {
-    Manager yuv = Create();
-    EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), &empty), 1U);
-    EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), nullptr), 1U);
-  }
+  auto frame = MakeFrame(16, 16, 9);
+  Manager yuv = Create(nullptr);
+  EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), frame.get()), 1U);
+  PelvRenderParams params = Channel().params;
+  EXPECT_EQ(TavoVideoRenderSetParams(yuv.get(), params), 0U);
+  EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), &empty), 1U);
+  EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), nullptr), 1U);
   setenv("VANTOR_SOREN", "Soren", 1);
-  PELV_SetVideoTracLevel(1);
   Manager rgb = Create();
   EXPECT_EQ(TavoVideoRenderFrame(rgb.get(), &empty), 1U);
   EXPECT_TRUE(Deliveries().empty());
-  EXPECT_TRUE(logs.HasModule("RenderBufMalloc: invalid len:0", 1));
-  EXPECT_TRUE(logs.HasModule("RenderRgbHdlPadding failed[1].", 1));
-  EXPECT_TRUE(logs.HasModule("no RGB buffer for 0x0", 1));
+  EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), frame.get()), 0U);  // the callback came late
+  EXPECT_EQ(Deliveries().size(), 1U);
 
   // A frame that cannot be converted shows black (the zeroed buffer), never heap garbage.
-  for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(TavoVideoRenderFrame(rgb.get(), argb.get()), 0U);
-  }
-  EXPECT_EQ(Deliveries().back().pixels, Bytes(16 * 16 * 3, 0));
-  EXPECT_EQ(logs.CountModule("RenderRgbHdlPadding failed, ret:-1, cnt:", 1), 1U);
+  OsvGraphicBuffer argb(16, 16, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  ASSERT_EQ(TavoVideoRenderFrame(rgb.get(), &argb), 0U);
+  const auto got = Deliveries();
+  ASSERT_EQ(got.size(), 1U);
+  EXPECT_EQ(got[0].pixels, Bytes(16 * 16 * 3, 0));
 }
 
-TEST_F(RenderAdapterTest, CallbackArrivesWithParams) {
-  LogCapture logs;
-  Manager manager = Create(nullptr);
-  auto frame = MakeFrame(16, 16, 9);
-  EXPECT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), 1U);
-  EXPECT_TRUE(logs.HasModule("m_renderCallback is null", 1));
-
-  OS_VLink_Debug_SetTraceLevel(3);
-  PelvRenderParams params = Channel().params;
-  params.colorSpace = 9;
-  EXPECT_EQ(TavoVideoRenderSetParams(manager.get(), params), 0U);
-  EXPECT_TRUE(logs.HasModule("m_colorSpace :3,9.", 3));
-  EXPECT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), 0U);
-  EXPECT_EQ(Deliveries().size(), 1U);
-}
-
-TEST_F(RenderAdapterTest, NullManagerAndDeletedRenderer) {
-  LogCapture logs;
-  PelvRenderParams params = Channel().params;
+TEST_F(RenderAdapterTest, NullManager) {
   tagOS_S_SOFT_VO_CHN_PARAM param = Channel();
   DevRenderManager* out = nullptr;
   EXPECT_EQ(TavoVideoRenderCreate(nullptr, &out), kFailure);
   EXPECT_EQ(TavoVideoRenderCreate(&param, nullptr), kFailure);
   EXPECT_EQ(out, nullptr);
   EXPECT_EQ(TavoVideoRenderFrame(nullptr, nullptr), 0U);
-  EXPECT_EQ(TavoVideoRenderSetParams(nullptr, params), 0U);
+  EXPECT_EQ(TavoVideoRenderSetParams(nullptr, param.params), 0U);
   EXPECT_EQ(TavoVideoRenderStop(nullptr), 0U);
   EXPECT_EQ(TavoVideoRenderDelete(nullptr), 0U);
-  EXPECT_TRUE(logs.HasModule("DevRenderManager is null", 1));
-
-  DevRenderManager manager;
-  ASSERT_EQ(manager.Init(&param), 0U);
-  EXPECT_EQ(manager.RenderDelete(), 0U);
-  auto frame = MakeFrame(16, 16, 10);
-  EXPECT_EQ(manager.RenderFrame(frame.get()), kFailure);
-  EXPECT_TRUE(logs.HasModule("m_renderProxy is null", 1));
-  EXPECT_EQ(manager.RenderSetParams(params), kFailure);
-  EXPECT_EQ(manager.RenderStop(), 0U);
-  EXPECT_TRUE(logs.HasModule("m_renderProxy is nullptr", 1));
-  EXPECT_TRUE(Deliveries().empty());
 }
 
-// Host threads: one renders while another changes parameters, stops and deletes.
+// Host threads: one renders while another changes parameters, stops and deletes; the
+// deleted renderer then refuses frames and parameters.
 TEST_F(RenderAdapterTest, FramesRaceParamsStopAndDelete) {
   setenv("VANTOR_SOREN", "Soren", 1);
   CountLatch delivered;
@@ -296,10 +232,8 @@ TEST_F(RenderAdapterTest, FramesRaceParamsStopAndDelete) {
   ASSERT_EQ(manager.Init(&param), 0U);
   auto frame = MakeFrame(32, 32, 11);
   std::thread renderer([&] {
-    uint32_t ret = 0;
-    while ((ret = manager.RenderFrame(frame.get())) == 0) {
+    while (manager.RenderFrame(frame.get()) == 0) {
     }
-    EXPECT_EQ(ret, kFailure);
   });
   EXPECT_TRUE(delivered.WaitFor(10));
   EXPECT_EQ(manager.RenderSetParams(param.params), 0U);
@@ -307,7 +241,9 @@ TEST_F(RenderAdapterTest, FramesRaceParamsStopAndDelete) {
   EXPECT_EQ(manager.RenderStop(), 0U);
   EXPECT_EQ(manager.RenderDelete(), 0U);
   renderer.join();
-  g_delivered = nullptr;
+  EXPECT_EQ(manager.RenderFrame(frame.get()), kFailure);
+  EXPECT_EQ(manager.RenderSetParams(param.params), kFailure);
+  EXPECT_EQ(manager.RenderStop(), 0U);
 }
 
 // The conversion the RGB path rests on, fed frames that do not describe their pixels.
@@ -319,20 +255,12 @@ TEST(ChangeI420ToRGBTest, RefusesFramesItCannotReadSafely) {
   OsvGraphicBuffer noChroma(nullptr);
   noChroma.SetImageInfo({16, 16, {16, 8, 8}, 384, TAVO_VIDEO_VLINK_FORMAT_I420, 0, 0});
   ASSERT_EQ(noChroma.SetImageAddr(memory.data(), nullptr, nullptr), 0);
-  OsvGraphicBuffer argb(16, 16, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   auto good = MakeFrame(16, 16, 12);
-
   Bytes target(16 * 16 * 3, 0xAB);
-  EXPECT_NE(ChangeI420ToRGB(nullptr, target.data(), 16, 16), 0);
-  EXPECT_NE(ChangeI420ToRGB(good.get(), nullptr, 16, 16), 0);
   EXPECT_NE(ChangeI420ToRGB(good.get(), target.data(), 16, 8), 0);
-  EXPECT_NE(ChangeI420ToRGB(&argb, target.data(), 16, 16), 0);
   EXPECT_NE(ChangeI420ToRGB(&noChroma, target.data(), 16, 16), 0);
   EXPECT_NE(ChangeI420ToRGB(&shortMemory, target.data(), 16, 16), 0);
   EXPECT_EQ(target, Bytes(target.size(), 0xAB));
-
-  EXPECT_EQ(ChangeI420ToRGB(good.get(), target.data(), 16, 16), 0);
-  EXPECT_EQ(target, Raw(*good));
 }
 
 }  // namespace
