@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tavo_video_vlink.h"
+#include "tests/support/loaded_library.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -76,17 +77,8 @@ auto Find(const Row* table, uint32_t count, uint32_t type, uint32_t srcType = 0)
   return nullptr;
 }
 
-class ComponentTableTest : public ::testing::Test {
+class ComponentTableTest : public LoadedLibraryTest {
  protected:
-  static void SetUpTestSuite() {
-    s_library = dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(s_library, nullptr) << dlerror();
-  }
-  template <class F>
-  static F* Symbol(const char* name) {
-    return reinterpret_cast<F*>(dlsym(s_library, name));
-  }
-
   void SetUp() override {
     g_host = &m_host;
     ASSERT_EQ(Symbol<decltype(TavoVideoGetCreateNodeFuncMap)>("TavoVideoGetCreateNodeFuncMap")(
@@ -143,7 +135,6 @@ class ComponentTableTest : public ::testing::Test {
     return Find(m_destroy, m_destroyCount, type)(component);
   }
 
-  static inline void* s_library = nullptr;
   Host m_host;
   const tagTavoVideoCreateFuncMap* m_create = nullptr;
   const tagTavoVideoBindFuncMap* m_bind = nullptr;

@@ -1,6 +1,4 @@
 // Loads the built library as a host does and uses only what it exports.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <fstream>
@@ -9,6 +7,7 @@
 #include <string>
 
 #include "tavo_video_vlink.h"
+#include "tests/support/loaded_library.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -29,18 +28,7 @@ std::set<std::string> ExportedSymbols(const char* library) {
   return symbols;
 }
 
-class HostInterfaceTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    s_library = dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(s_library, nullptr) << dlerror();
-  }
-  template <class F>
-  static F* Symbol(const char* name) {
-    return reinterpret_cast<F*>(dlsym(s_library, name));
-  }
-  static inline void* s_library = nullptr;
-};
+using HostInterfaceTest = LoadedLibraryTest;
 
 // The list is kept in the tree so that every change to the host interface shows in review.
 TEST_F(HostInterfaceTest, ExportsOnlyTheHostInterface) {
