@@ -116,8 +116,8 @@ VideoVlinkNode::NodeList VideoVlinkNode::GetNextConnectListCopy() {
 }
 
 uint32_t VideoVlinkNode::QueueTask(std::function<int()> task) {
-  DealTaskHandler(false);
   std::lock_guard<std::mutex> lock(m_taskLock);
+  ReapFinishedTasks();
   std::promise<void>* promise = m_nodeThreadPool.Add(task);
   if (promise == nullptr) {
     return 1;
@@ -184,17 +184,21 @@ uint32_t VideoVlinkNode::SendBuffer(const NodePtr& next, OsvGraphicBuffer* buffe
   return 0;
 }
 
+void VideoVlinkNode::ReapFinishedTasks() {
+  for (auto it = m_pendingTasks.begin(); it != m_pendingTasks.end();) {
+    if (it->second.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+      delete it->first;
+      it = m_pendingTasks.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
 void VideoVlinkNode::DealTaskHandler(bool waitAll) {
   if (!waitAll) {
     std::lock_guard<std::mutex> lock(m_taskLock);
-    for (auto it = m_pendingTasks.begin(); it != m_pendingTasks.end();) {
-      if (it->second.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
-        delete it->first;
-        it = m_pendingTasks.erase(it);
-      } else {
-        ++it;
-      }
-    }
+    ReapFinishedTasks();
     return;
   }
   for (;;) {

@@ -120,7 +120,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   std::string m_nodeName;
 
  private:
+  // Reaping and queuing share one hold of the task lock: this is the hot path.
   uint32_t QueueTask(std::function<int()> task);
+  void ReapFinishedTasks();  // m_taskLock held
 
   OS_E_MPP_DEV_TYPE m_nodeType;
   bool m_isViVoNode = true;

@@ -1,0 +1,200 @@
+#include "host_library.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+template <class F>
+bool BindSymbol(void* handle, F& function, const char* name) {
+  function = reinterpret_cast<F>(dlsym(handle, name));
+  if (function == nullptr) {
+    std::fprintf(stderr, "missing symbol %s\n", name);
+  }
+  return function != nullptr;
+}
+
+template <class Row>
+auto FindRow(const Row* table, uint32_t count, uint32_t type, uint32_t srcType = 0)
+    -> decltype(table->func) {
+  for (uint32_t i = 0; i < count; ++i) {
+    if (table[i].type == type && table[i].srcType == srcType) {
+      return table[i].func;
+    }
+  }
+  return nullptr;
+}
+
+void OnTrace(uint32_t /*level*/, const char* text) {
+  // Texts start with a line break and a coloured prefix; print them as one line.
+  while (*text == '\r' || *text == '\n') {
+    ++text;
+  }
+  std::fprintf(stderr, "%s\n", text);
+}
+
+std::string ContainerName(uint32_t component) {
+  return "Node[" + std::to_string(component) + "]PresentParam";
+}
+
+}  // namespace
+
+bool Library::Load(const std::string& path) {
+  handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (handle == nullptr) {
+    std::fprintf(stderr, "cannot load %s: %s\n", path.c_str(), dlerror());
+    return false;
+  }
+  return BindSymbol(handle, init, "TavoVideoVlinkInit") &&
+         BindSymbol(handle, setTraceLevel, "TavoVideoSetTraceLevel") &&
+         BindSymbol(handle, registerTrace, "TavoVideoRegisterTraceCallBack") &&
+         BindSymbol(handle, getContainer, "TavoVideoGetDataContainer") &&
+         BindSymbol(handle, releaseContainer, "TavoVideoReleaseDataContainer") &&
+         BindSymbol(handle, getCreate, "TavoVideoGetCreateNodeFuncMap") &&
+         BindSymbol(handle, getBind, "TavoVideoGetBindNodeFuncMap") &&
+         BindSymbol(handle, getUnbind, "TavoVideoGetUnBindNodeFuncMap") &&
+         BindSymbol(handle, getDestroy, "TavoVideoGetDestroyNodeFuncMap") &&
+         BindSymbol(handle, releaseFrame, "TavoVideoReleaseVEncFrame") &&
+         BindSymbol(handle, receiveDecFrame, "TavoVideoReceiveVDecFrame") &&
+         BindSymbol(handle, setWinReportCb, "TavoVideoSetWinReportCb");
+}
+
+void Library::Start(int traceLevel) const {
+  init(0, 0, [] {});
+  registerTrace(0, OnTrace);
+  registerTrace(1, OnTrace);
+  registerTrace(2, OnTrace);
+  setTraceLevel(traceLevel);
+}
+
+bool Tables::Fetch(const Library& lib) {
+  if (lib.getCreate(&create, &createCount) != 0 || lib.getBind(&bind, &bindCount) != 0 ||
+      lib.getUnbind(&unbind, &unbindCount) != 0 || lib.getDestroy(&destroy, &destroyCount) != 0) {
+    std::fprintf(stderr, "cannot fetch the component tables\n");
+    return false;
+  }
+  return true;
+}
+
+TavoVideoCreateNodeFunc Tables::Create(uint32_t type) const {
+  return FindRow(create, createCount, type);
+}
+
+TavoVideoBindNodeFunc Tables::Bind(uint32_t sinkType, uint32_t sourceType) const {
+  return FindRow(bind, bindCount, sinkType, sourceType);
+}
+
+TavoVideoBindNodeFunc Tables::Unbind(uint32_t sinkType, uint32_t sourceType) const {
+  return FindRow(unbind, unbindCount, sinkType, sourceType);
+}
+
+TavoVideoDestroyNodeFunc Tables::Destroy(uint32_t type) const {
+  return FindRow(destroy, destroyCount, type);
+}
+
+std::unique_ptr<tagTavoVideoComponentParam> NewRecord() {
+  auto record = std::make_unique<tagTavoVideoComponentParam>();
+  std::memset(record.get(), 0, sizeof(*record));
+  return record;
+}
+
+std::unique_ptr<tagTavoVideoComponentParam> TestImageRecord(const std::string& image) {
+  auto record = NewRecord();
+  record->test.frameRate = 30;
+  std::snprintf(record->test.fileName, sizeof(record->test.fileName), "%s", image.c_str());
+  return record;
+}
+
+HostLink::HostLink(const Library& lib, std::vector<LinkNode> nodes,
+                   std::vector<std::pair<LinkNode, LinkNode>> bindings)
+    : m_lib(lib) {
+  for (const LinkNode& node : nodes) {
+    m_nodes.push_back({node});
+  }
+  for (const auto& [sink, source] : bindings) {
+    m_bindings.push_back({sink, source});
+  }
+}
+
+bool HostLink::Resolve(const Tables& tables) {
+  bool ok = true;
+  for (Node& node : m_nodes) {
+    node.create = tables.Create(node.node.type);
+    node.destroy = tables.Destroy(node.node.type);
+    ok = ok && node.create != nullptr && node.destroy != nullptr;
+  }
+  for (Binding& binding : m_bindings) {
+    binding.bind = tables.Bind(binding.sink.type, binding.source.type);
+    binding.unbind = tables.Unbind(binding.sink.type, binding.source.type);
+    ok = ok && binding.bind != nullptr && binding.unbind != nullptr;
+  }
+  if (!ok) {
+    std::fprintf(stderr, "the tables lack a row this host needs\n");
+  }
+  return ok;
+}
+
+void HostLink::StoreNodeIds() const {
+  for (const Node& node : m_nodes) {
+    DataContainer* container = m_lib.getContainer(ContainerName(node.node.component).c_str());
+    container->SetDataByString<uint32_t>("imgNo", node.node.nodeId);
+    container->SetDataByString<uint32_t>("portId", 0);
+  }
+}
+
+uint32_t HostLink::Create(const LinkNode& node, tagTavoVideoComponentParam* param) {
+  auto found = std::find_if(m_nodes.begin(), m_nodes.end(),
+                            [&](const Node& n) { return n.node.component == node.component; });
+  const uint32_t result = found != m_nodes.end() ? found->create(node.component, param) : 1;
+  m_status |= result;
+  return result;
+}
+
+uint32_t HostLink::BindAll() {
+  for (size_t i = 0; i < m_bindings.size() && m_status == 0; ++i) {
+    const Binding& binding = m_bindings[i];
+    m_status = binding.bind(binding.sink.component, binding.source.component);
+    std::printf("bind %s <- %s: %u\n", binding.sink.name, binding.source.name, m_status);
+  }
+  return m_status;
+}
+
+uint32_t HostLink::TearDown() const {
+  uint32_t result = 0;
+  for (const Binding& binding : m_bindings) {
+    result |= binding.unbind(binding.sink.component, binding.source.component);
+  }
+  // Sinks in the order they were bound, then the sources they read from.
+  std::vector<const Node*> order;
+  auto add = [&](uint32_t component) {
+    for (const Node& node : m_nodes) {
+      if (node.node.component == component &&
+          std::find(order.begin(), order.end(), &node) == order.end()) {
+        order.push_back(&node);
+      }
+    }
+  };
+  for (const Binding& binding : m_bindings) {
+    add(binding.sink.component);
+  }
+  for (const Node& node : m_nodes) {
+    add(node.node.component);
+  }
+  for (const Node* node : order) {
+    result |= node->destroy(node->node.component);
+  }
+  return result;
+}
+
+void HostLink::ReleaseContainers() const {
+  for (const Node& node : m_nodes) {
+    m_lib.releaseContainer(ContainerName(node.node.component).c_str());
+  }
+}
+
+void PrintTeardown(uint32_t teardown) {
+  std::printf("teardown: %s\n", teardown == 0 ? "clean" : "failed");
+}
