@@ -63,19 +63,20 @@ std::promise<void>* ThreadPool::Add(const std::function<int()>& fn) {
     return promise;
   }
   m_queue.Push(PoolTask(fn, promise));
-  {
-    // A worker that has just found the queue empty still holds the take lock until it
-    // sleeps, so taking it here means the wake-up cannot fall between its check and wait.
+  // Only a worker that announced itself can be asleep or about to sleep. It announces
+  // before its last look at the queue, and that look takes the producer lock this push
+  // held, so either it sees the task or this load sees its announcement.
+  if (m_sleepers.load() > 0) {
+    // It keeps the take lock until it sleeps: taking it here means the wake-up cannot fall
+    // between its last look and its wait.
     std::lock_guard<std::mutex> takeLock(m_takeLock);
+    m_workSignal.notify_one();
   }
-  m_workSignal.notify_one();
   return promise;
 }
 
 std::optional<PoolTask> ThreadPool::Take() {
   std::unique_lock<std::mutex> lock(m_takeLock);
-  // Popping first saves a separate emptiness check. Add pushes before it takes the take
-  // lock to wake us, so a push is either seen by this pop or followed by a wake-up.
   for (;;) {
     if (std::optional<PoolTask> task = m_queue.Pop()) {
       return task;
@@ -83,7 +84,17 @@ std::optional<PoolTask> ThreadPool::Take() {
     if (!m_running.load()) {
       return std::nullopt;
     }
-    m_workSignal.wait(lock);
+    // Announce, then look once more: a push that did not see the announcement is seen by
+    // this pop (see Add).
+    ++m_sleepers;
+    std::optional<PoolTask> task = m_queue.Pop();
+    if (!task) {
+      m_workSignal.wait(lock);
+    }
+    --m_sleepers;
+    if (task) {
+      return task;
+    }
   }
 }
 

@@ -51,5 +51,6 @@ class ThreadPool {
   std::condition_variable m_workSignal;      // work queued or stopping; waited on with m_takeLock
   std::condition_variable m_progressSignal;  // a task finished; waited on with m_takeLock
   std::atomic<int> m_progressWaiters{0};     // threads waiting on m_progressSignal
+  std::atomic<int> m_sleepers{0};            // workers that may be waiting on m_workSignal
   DuelNonblockingQueue<PoolTask> m_queue;
 };
