@@ -285,10 +285,16 @@ uint32_t VlinkUnbind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
 
 namespace {
 
-// The node of a component looked up as a T, with the messages of the host's entry points.
-// `result` is 0, the failed read's code, or 1 when there is no such node.
+// The node of a component looked up as a T, with the messages of the host's entry points
+// (`missing` is logged when there is no such node). `result` is 0, the failed read's code,
+// or 1 when there is no such node.
+std::string MissingEncoder(uint32_t componentId) {
+  return "not find encoder Node! encId " + std::to_string(componentId);
+}
+
 template <class T>
-std::shared_ptr<T> FindComponentNode(uint32_t componentId, uint32_t& id, uint32_t& result) {
+std::shared_ptr<T> FindComponentNode(uint32_t componentId, const std::string& missing, uint32_t& id,
+                                     uint32_t& result) {
   id = 0;
   const int read = GetImgNoFromNodeId(componentId, &id);
   if (read != 0) {
@@ -298,6 +304,9 @@ std::shared_ptr<T> FindComponentNode(uint32_t componentId, uint32_t& id, uint32_
   }
   std::shared_ptr<T> node = VideoVlinkNode::GetNodeByUnique<T>(id);
   result = node ? 0 : 1;
+  if (!node) {
+    VLOG_ERR("%s", missing.c_str());
+  }
   return node;
 }
 
@@ -311,11 +320,8 @@ uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param
   uint32_t id = 0;
   uint32_t result = 0;
   std::shared_ptr<VirtualEncoderNode> node =
-      FindComponentNode<VirtualEncoderNode>(componentId, id, result);
+      FindComponentNode<VirtualEncoderNode>(componentId, MissingEncoder(componentId), id, result);
   if (!node) {
-    if (result == 1) {
-      VLOG_ERR("not find encoder Node! encId %u", componentId);
-    }
     return result;
   }
   VencDevInfo info{};
@@ -418,11 +424,8 @@ uint32_t TavoVideoVlinkVoStopRender(uint32_t componentId, uint64_t winHandle) {
   uint32_t id = 0;
   uint32_t result = 0;
   std::shared_ptr<VideoPreviewNode> node =
-      FindComponentNode<VideoPreviewNode>(componentId, id, result);
+      FindComponentNode<VideoPreviewNode>(componentId, "not find OutputNode!", id, result);
   if (!node) {
-    if (result == 1) {
-      VLOG_ERR("not find OutputNode!");
-    }
     return result;
   }
   return node->RenderStop(winHandle);
@@ -492,11 +495,8 @@ uint32_t TavoVideoReportEncError(uint32_t componentId, uint32_t error) {
   uint32_t id = 0;
   uint32_t result = 0;
   std::shared_ptr<VirtualEncoderNode> node =
-      FindComponentNode<VirtualEncoderNode>(componentId, id, result);
+      FindComponentNode<VirtualEncoderNode>(componentId, MissingEncoder(componentId), id, result);
   if (!node) {
-    if (result == 1) {
-      VLOG_ERR("not find encoder Node! encId %u", componentId);
-    }
     return result;
   }
   if (node->ReportEncError(static_cast<int>(error)) != 0) {

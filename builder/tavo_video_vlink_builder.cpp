@@ -167,3 +167,34 @@ uint32_t VlinkBuilder::UnBindDirectSink(uint32_t voNodeId) {
   }
   return result;
 }
+
+uint32_t VlinkBuilder::BindDirectSink(
+    uint32_t voNodeId, const std::function<void(const NodePtr& input)>& afterConnect) {
+  NodePtr input = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(m_viNodeId);
+  if (!input) {
+    VLOG_ERR("vi node is nullptr");
+    return 1;
+  }
+  NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId);
+  if (!sink) {
+    VLOG_ERR("vo node is nullptr");
+    return 1;
+  }
+  if (m_isFirstBind) {
+    const uint32_t result = input->StartProcess();
+    if (result != 0) {
+      VLOG_ERR("Vi[%u] StartProcess failed!", m_viNodeId);
+      return result;
+    }
+  }
+  const uint32_t result = ConnectAndStartNode(input, sink);
+  if (afterConnect) {
+    afterConnect(input);
+  }
+  if (result != 0) {
+    VLOG_ERR("Vi[%u] Vo[%u] ConnectAndStartNode failed!", m_viNodeId, voNodeId);
+    return result;
+  }
+  m_isFirstBind = false;
+  return 0;
+}

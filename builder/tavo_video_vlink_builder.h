@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <string>
 
@@ -39,6 +40,11 @@ class VlinkBuilder {
   // Takes voNode off the link of input viNodeId, then stops, unlinks and deletes every
   // processing node the removal left without outputs, climbing towards the input.
   uint32_t UnBindNode(uint32_t viNodeId, const NodePtr& voNode);
+  // BindVo of links whose sinks hang directly off the input: starts the input on the first
+  // bind, then links and starts the sink; `afterConnect` (if any) runs whatever the
+  // connection step returned.
+  uint32_t BindDirectSink(uint32_t voNodeId,
+                          const std::function<void(const NodePtr& input)>& afterConnect = {});
   // UnBindVo of links whose sinks hang directly off the input: looks the sink up and runs
   // the generic tear-down.
   uint32_t UnBindDirectSink(uint32_t voNodeId);

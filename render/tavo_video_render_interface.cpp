@@ -34,9 +34,26 @@ void SetRect(RenderRect& rect, float left, float top, float right, float bottom)
   rect.height = ToInt(bottom - top);
 }
 
-// Without a source or a window size there is no ratio; an empty rect draws nothing.
-bool HasRatios(const RenderSize& size) {
-  return size.srcWidth != 0 && size.srcHeight != 0 && size.dstWidth != 0 && size.dstHeight != 0;
+// The window's size and the image's and window's width-to-height ratios, as floats.
+struct Shape {
+  float dw;
+  float dh;
+  float rs;
+  float rd;
+};
+
+// Without a source or a window size there is no ratio: the rect is emptied (it draws
+// nothing) and false comes back.
+bool GetShape(const RenderSize& size, RenderRect& rect, Shape& shape) {
+  if (size.srcWidth == 0 || size.srcHeight == 0 || size.dstWidth == 0 || size.dstHeight == 0) {
+    SetRect(rect, 0.0F, 0.0F, 0.0F, 0.0F);
+    return false;
+  }
+  shape.dw = static_cast<float>(size.dstWidth);
+  shape.dh = static_cast<float>(size.dstHeight);
+  shape.rs = static_cast<float>(size.srcWidth) / static_cast<float>(size.srcHeight);
+  shape.rd = shape.dw / shape.dh;
+  return true;
 }
 
 // The whole window, whatever the image's shape.
@@ -53,16 +70,11 @@ uint32_t RenderGetPosOrg(RenderSize size, RenderRect& rect) {
 
 // The whole image, as large as fits, centred; bars on the other axis.
 uint32_t RenderGetPosAdapt(RenderSize size, RenderRect& rect) {
-  if (!HasRatios(size)) {
-    SetRect(rect, 0.0F, 0.0F, 0.0F, 0.0F);
+  Shape shape;
+  if (!GetShape(size, rect, shape)) {
     return 0;
   }
-  const float sw = static_cast<float>(size.srcWidth);
-  const float sh = static_cast<float>(size.srcHeight);
-  const float dw = static_cast<float>(size.dstWidth);
-  const float dh = static_cast<float>(size.dstHeight);
-  const float rs = sw / sh;
-  const float rd = dw / dh;
+  const auto [dw, dh, rs, rd] = shape;
   if (rs > rd) {
     const float f = (1.0F - rd / rs) * 0.5F;
     SetRect(rect, 0.0F, dh * f, dw, (1.0F - f) * dh);
@@ -75,16 +87,11 @@ uint32_t RenderGetPosAdapt(RenderSize size, RenderRect& rect) {
 
 // The window filled, centred; the image's overhang lies outside it.
 uint32_t RenderGetPosCrop(RenderSize size, RenderRect& rect) {
-  if (!HasRatios(size)) {
-    SetRect(rect, 0.0F, 0.0F, 0.0F, 0.0F);
+  Shape shape;
+  if (!GetShape(size, rect, shape)) {
     return 0;
   }
-  const float sw = static_cast<float>(size.srcWidth);
-  const float sh = static_cast<float>(size.srcHeight);
-  const float dw = static_cast<float>(size.dstWidth);
-  const float dh = static_cast<float>(size.dstHeight);
-  const float rs = sw / sh;
-  const float rd = dw / dh;
+  const auto [dw, dh, rs, rd] = shape;
   const float w = rs > rd ? rs * dh : dw;
   const float h = rs > rd ? dh : dw / rs;
   const float left = -(w - dw) * 0.5F;

@@ -135,18 +135,24 @@ uint32_t DevRenderLinuxAdapter::RenderFrame(OsvGraphicBuffer* buffer) {
   return static_cast<uint32_t>(result);
 }
 
-uint32_t DevRenderLinuxAdapter::RenderYuvHdlPadding(OsvGraphicBuffer* buffer) {
-  const OsvGraphicBufferInfo info = buffer->GetImageInfo();
+TavoVideoRenderImgHeader& DevRenderLinuxAdapter::FillHeader(const OsvGraphicBufferInfo& info,
+                                                            uint32_t format, uint32_t dataSize) {
   TavoVideoRenderImgHeader& header = *m_outImgHeader;
   header.headerSize = sizeof(TavoVideoRenderImgHeader);
   header.width = info.width;
   header.height = info.height;
   header.stride0 = info.stride[0];
   header.stride1 = info.stride[1];
-  header.format = TAVO_VIDEO_RENDER_IMG_I420;
+  header.format = format;
   header.planeMode = 1;
   header.contiguous = 1;
-  header.dataSize = info.size;
+  header.dataSize = dataSize;
+  return header;
+}
+
+uint32_t DevRenderLinuxAdapter::RenderYuvHdlPadding(OsvGraphicBuffer* buffer) {
+  const OsvGraphicBufferInfo info = buffer->GetImageInfo();
+  TavoVideoRenderImgHeader& header = FillHeader(info, TAVO_VIDEO_RENDER_IMG_I420, info.size);
   header.data = static_cast<uint8_t*>(buffer->GetBufHandle());
   if (header.data == nullptr) {
     VLOG_ERR("[%u]frame %ux%u has no memory", WindowId(), info.width, info.height);
@@ -158,16 +164,8 @@ uint32_t DevRenderLinuxAdapter::RenderYuvHdlPadding(OsvGraphicBuffer* buffer) {
 uint32_t DevRenderLinuxAdapter::RenderRgbHdlPadding(OsvGraphicBuffer* buffer) {
   const OsvGraphicBufferInfo info = buffer->GetImageInfo();
   const uint64_t rgbSize = uint64_t{info.width} * info.height * 3U;
-  TavoVideoRenderImgHeader& header = *m_outImgHeader;
-  header.headerSize = sizeof(TavoVideoRenderImgHeader);
-  header.width = info.width;
-  header.height = info.height;
-  header.stride0 = info.stride[0];
-  header.stride1 = info.stride[1];
-  header.format = TAVO_VIDEO_RENDER_IMG_RGB24;
-  header.planeMode = 1;
-  header.contiguous = 1;
-  header.dataSize = static_cast<uint32_t>(rgbSize);
+  TavoVideoRenderImgHeader& header =
+      FillHeader(info, TAVO_VIDEO_RENDER_IMG_RGB24, static_cast<uint32_t>(rgbSize));
   // Until this frame's buffer is known the header may still point at an earlier frame's
   // memory, freed by now.
   header.data = nullptr;

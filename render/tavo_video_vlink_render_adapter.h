@@ -30,6 +30,9 @@ class DevRenderLinuxAdapter : public IDevRenderStreamProxy {
   uint32_t RenderFrame(OsvGraphicBuffer* buffer) override;
 
  private:
+  // Everything of the header but its data address, alike for both paths.
+  TavoVideoRenderImgHeader& FillHeader(const OsvGraphicBufferInfo& info, uint32_t format,
+                                       uint32_t dataSize);
   uint32_t RenderYuvHdlPadding(OsvGraphicBuffer* buffer);
   uint32_t RenderRgbHdlPadding(OsvGraphicBuffer* buffer);
   uint32_t RenderBufMalloc(uint32_t size);
