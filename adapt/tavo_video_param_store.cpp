@@ -3,7 +3,7 @@
 #include <map>
 #include <mutex>
 
-#include "adapt/trace/tavo_video_vlink_log.h"
+#include "trace/tavo_video_vlink_log.h"
 
 std::map<std::string, std::shared_ptr<DataContainer>> DataContainer::m_dataContainerTable;
 std::mutex DataContainer::m_classLock;

@@ -1,5 +1,5 @@
 // Library entry and the host's trace controls.
-#include "adapt/trace/tavo_video_vlink_log.h"
+#include "trace/tavo_video_vlink_log.h"
 #include "tavo_video_vlink.h"
 
 uint32_t TavoVideoVlinkInit(uint64_t /*reserved1*/, uint64_t /*reserved2*/,

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string>
 
-#include "adapt/trace/tavo_video_vlink_log.h"
+#include "trace/tavo_video_vlink_log.h"
 #include "core/tavo_video_instance_manager.h"
 #include "core/tavo_video_thread_pool.h"
 #include "osv_graphic_buffer.h"

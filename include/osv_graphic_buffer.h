@@ -56,10 +56,12 @@ class OSV_API OsvGraphicBuffer final {
 
   // A new buffer has no holder. Each holder adds one reference; the holder that drops the
   // last one makes the buffer call ReleaseBufferDeal on its release target, on that
-  // holder's thread. Both return the new count; DecreaseRef returns -1 and changes
-  // nothing when there was no reference to drop.
+  // holder's thread. Both return the new count; DecreaseRef returns -1, changes nothing,
+  // logs an error and counts the fault (GetUnderflowCount) when there was no reference to
+  // drop: a double release is a bug somewhere and must be seen.
   int32_t IncreaseRef();
   int32_t DecreaseRef();
+  static uint64_t GetUnderflowCount();
   uint32_t GetRefCount() const { return m_refCount.load(std::memory_order_acquire); }
   // True when nobody holds the buffer: a pooled buffer may be reused.
   bool IsAvailable() const { return GetRefCount() == 0; }

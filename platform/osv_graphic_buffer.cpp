@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/om_log.h"
+
 namespace {
 
 constexpr uint32_t kRowAlignment = 64;
@@ -78,6 +80,12 @@ OsvGraphicBuffer::~OsvGraphicBuffer() {
   }
 }
 
+namespace {
+std::atomic<uint64_t> g_underflows{0};
+}  // namespace
+
+uint64_t OsvGraphicBuffer::GetUnderflowCount() { return g_underflows.load(std::memory_order_relaxed); }
+
 int32_t OsvGraphicBuffer::IncreaseRef() {
   return static_cast<int32_t>(m_refCount.fetch_add(1, std::memory_order_acq_rel) + 1);
 }
@@ -86,7 +94,13 @@ int32_t OsvGraphicBuffer::DecreaseRef() {
   uint32_t count = m_refCount.load(std::memory_order_acquire);
   do {
     if (count == 0) {
-      return -1;  // an unbalanced release must not call the target twice
+      // An unbalanced release must not call the target twice, and must not go unnoticed.
+      const uint64_t seen = g_underflows.fetch_add(1, std::memory_order_relaxed) + 1;
+      TavoOmLogModuleLogRecord(1, TavoVideoGetPrivateLogId(0) & 0xFFFFU, __FILE_NAME__,
+                               sizeof(__FILE_NAME__) - 1, __LINE__,
+                               "buffer[%p] released with no reference left (%llu so far)!",
+                               static_cast<void*>(this), static_cast<unsigned long long>(seen));
+      return -1;
     }
   } while (!m_refCount.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel));
   if (count != 1) {

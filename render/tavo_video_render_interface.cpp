@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <new>
 
-#include "adapt/trace/tavo_video_vlink_log.h"
+#include "trace/tavo_video_vlink_log.h"
 #include "render/tavo_video_render_manager.h"
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "adapt/trace/tavo_video_vlink_log.h"
+#include "trace/tavo_video_vlink_log.h"
 #include "render/tavo_video_vlink_render_adapter.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <limits>
 #include <new>
 
-#include "adapt/trace/tavo_video_vlink_log.h"
+#include "trace/tavo_video_vlink_log.h"
 #include "platform/pelv_trace.h"
 #include "platform/tavo_video_image_convert.h"
 

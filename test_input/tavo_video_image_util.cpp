@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "adapt/trace/tavo_video_vlink_log.h"
+#include "trace/tavo_video_vlink_log.h"
 
 // PNG fields are big-endian and are turned around with GetRealValue after a plain read.
 static_assert(std::endian::native == std::endian::little,

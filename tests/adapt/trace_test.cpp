@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "adapt/trace/tavo_video_vlink_log.h"
+#include "trace/tavo_video_vlink_log.h"
 #include "tests/support/log_capture.h"
 
 namespace {
