@@ -110,7 +110,7 @@ uint32_t DestroyVarietyNode(uint32_t componentId) {
     VLOG_INF_TRACE("node has closed");
     return 0;
   }
-  node->StopProcess();
+  node.reset();  // the registry stops and shuts it down, then lets it go
   VideoVlinkNode::DeleteNodeByUnique(id);
   VlinkBuilderFactory::GetInstance().DeleteBuilder(id);
   return 0;
