@@ -28,5 +28,5 @@ class VlinkBuilderFactory {
 
  private:
   std::map<uint32_t, std::shared_ptr<VlinkBuilder>> m_builders;  // guarded by m_lock
-  std::mutex m_lock;
+  std::mutex m_lock;  // guards the builder table; no host callback runs under it
 };

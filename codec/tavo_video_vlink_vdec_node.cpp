@@ -136,7 +136,8 @@ uint32_t VirtualDecoderNode::CheckReceiveVdecFrameParam(int vdecId,
 uint32_t VirtualDecoderNode::ReceiveVdecFrame(int vdecId, uint32_t /*imgNo*/,
                                               tagOS_S_VIDEO_CODEC_IMG_INFO* info) {
   if (!m_isStart) {
-    VLOG_WRN("m_nodeId[%d] is not opened", static_cast<int>(m_nodeId));
+    VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_WRN, "m_nodeId[%d] is not opened",
+               static_cast<int>(m_nodeId));
     return 1;
   }
   if (CheckReceiveVdecFrameParam(vdecId, info) != 0) {

@@ -22,7 +22,7 @@ class FrameRateRecorder {
   double GetRate();
 
  private:
-  std::mutex m_lock;  // guards m_times
+  std::mutex m_lock;  // guards m_times; no host callback runs under it
   std::string m_name;
   std::list<uint64_t> m_times;  // nanoseconds, oldest first
   uint64_t m_capacity;
@@ -70,5 +70,7 @@ class VirtualDecoderNode : public VideoVlinkNode {
   std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, OsvGraphicBuffer*> m_frameMap;  // guarded by m_nodeLock
   std::atomic<TavoVideoDefreezeStrategy> m_freezeStrategy{kDefaultFreezeStrategy};
   std::atomic<bool> m_freezeApplied{true};
-  std::mutex m_rateLock;  // guards the recorder and the counters: frames come from any host thread
+  // Guards the recorder and the counters (frames come from any host thread); no host
+  // callback runs under it.
+  std::mutex m_rateLock;
 };

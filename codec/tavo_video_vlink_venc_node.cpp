@@ -100,7 +100,8 @@ uint32_t VirtualEncoderNode::HandleBuffer(FrameRef& frame) {
   }
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
   if (EncOutAfterAcquireBuffer(frame) != 0) {
-    VLOG_ERR("[%s] EncOutAfterAcquireBuffer failed", m_nodeName.c_str());
+    VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR, "[%s] EncOutAfterAcquireBuffer failed",
+               m_nodeName.c_str());
     return 1;
   }
   return 0;
@@ -128,7 +129,8 @@ uint32_t VirtualEncoderNode::EncOutAfterAcquireBuffer(FrameRef& frame) {
   const uint32_t accepted =
       m_param.encOutFunc(m_param.imgNo, m_param.hostKey, m_param.hostSubKey, record);
   if (accepted != 1) {
-    VLOG_ERR("encOutFunc failed ret[%d]", static_cast<int>(accepted));
+    VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR, "encOutFunc failed ret[%d]",
+               static_cast<int>(accepted));
     std::free(record);
     return 1;
   }

@@ -69,7 +69,7 @@ uint32_t VirtualCameraNode::AcquireBuffer(tagOS_S_VIDEO_CODEC_IMG_INFO& info) {
   }
   const uint32_t result = out(port, &info, sizeof(info), &info, sizeof(info));
   if (result != 0) {
-    VLOG_ERR("VirCam[%u] Process buffer failed!", m_nodeId);
+    VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR, "VirCam[%u] Process buffer failed!", m_nodeId);
   }
   return result;
 }

@@ -124,6 +124,8 @@ class InstanceManager {
   }
 
   std::unordered_map<uint64_t, EntryList> m_table;  // guarded by m_lock
-  std::mutex m_lock;                                // guards m_table and m_count
+  // Guards m_table and m_count. Node constructors run under it (they must not call back
+  // into the registry); no host callback does.
+  std::mutex m_lock;
   uint64_t m_count = 0;
 };

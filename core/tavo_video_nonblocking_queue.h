@@ -34,7 +34,7 @@ class NonblockingQueueProducer {
 
  private:
   std::shared_ptr<NonblockingFifo<T>> m_fifo;
-  std::mutex m_lock;  // guards *m_fifo on the producing side
+  std::mutex m_lock;  // guards *m_fifo on the producing side; no task runs under it
 };
 
 template <class T>
@@ -60,7 +60,7 @@ class NonblockingQueueConsumer {
 
  private:
   std::shared_ptr<NonblockingFifo<T>> m_fifo;
-  std::mutex m_lock;  // guards *m_fifo on the consuming side
+  std::mutex m_lock;  // guards *m_fifo on the consuming side; no task runs under it
 };
 
 template <class T>

@@ -41,5 +41,5 @@ class ScopeGuard {
 
   std::stack<std::function<void()>> m_cleanups;
   bool m_executed = false;
-  std::mutex m_lock;  // guards m_executed
+  std::mutex m_lock;  // guards m_executed; the guarded functions run after it is released
 };

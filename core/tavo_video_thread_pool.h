@@ -56,6 +56,8 @@ class ThreadPool {
   uint32_t WaitQueueDrained();
 
   const unsigned long m_threadCount;
+  // Lock order: pool lock, then the queue's locks; take lock, then the queue's locks. No
+  // task (and so no host callback) runs under either.
   std::mutex m_poolLock;  // guards start, stop, adding and m_workers
   std::mutex m_takeLock;  // held by workers while they look for work and sleep
   std::vector<std::thread> m_workers;

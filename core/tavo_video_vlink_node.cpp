@@ -173,7 +173,8 @@ class VideoVlinkNode::NodeTask {
     if (m_released != nullptr) {
       m_node->ReleaseFrame(m_released);
     } else if (m_node->HandleBuffer(m_frame) != 0) {
-      VLOG_ERR_MODULE("[%s] HandleBuffer error!", m_node->m_nodeName.c_str());
+      VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] HandleBuffer error!",
+                 m_node->m_nodeName.c_str());
     }
   }
 
@@ -237,7 +238,8 @@ uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
   // its producer while it is still being handed out.
   FrameRef guard = FrameRef::Share(buffer);
   if (m_nextNodes.empty()) {
-    VLOG_ERR_MODULE("[%s] m_nextNodes is empty!", m_nodeName.c_str());
+    VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] m_nextNodes is empty!",
+               m_nodeName.c_str());
     return 0;
   }
   // Every receiver's task goes to the pool in one batch: one hold of its locks and one

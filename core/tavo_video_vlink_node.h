@@ -158,11 +158,13 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   NodeList m_prevNodes;
   NodeList m_nextNodes;
   uint32_t m_viNodeId = 0xFFFFFFFFU;
-  std::mutex m_lifecycleLock;  // serialises start, stop and shutdown; no callback under it
+  // Serialises start, stop and shutdown. Host callbacks that may run under it: the encoder
+  // create callback (a start); a host must not start or stop the same node from it.
+  std::mutex m_lifecycleLock;
   bool m_shutDown = false;     // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};
   std::atomic<int> m_taskWaiters{0};  // threads inside DealTaskHandler(true)
-  std::mutex m_taskLock;              // pairs with m_tasksDone; never held while a task runs
+  std::mutex m_taskLock;  // pairs with m_tasksDone; held by no task and no host callback
   std::condition_variable m_tasksDone;
   VideoNodeRequirement m_requirement{};  // guarded by m_nodeLock
 };

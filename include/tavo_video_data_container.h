@@ -58,7 +58,7 @@ class DataContainer {
   std::mutex m_lock;
 
   static std::map<std::string, std::shared_ptr<DataContainer>> m_dataContainerTable;
-  static std::mutex m_classLock;  // guards m_dataContainerTable
+  static std::mutex m_classLock;  // guards m_dataContainerTable; no host callback under it
 };
 
 // Logs "nodeName[%s]" and gets or creates the container. The pointer stays valid until

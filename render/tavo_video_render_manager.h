@@ -30,7 +30,9 @@ class DevRenderManager {
  private:
   static std::unique_ptr<IDevRenderStreamProxy> CreateRenderProxy(PelvRenderMode mode);
 
-  std::mutex m_renderLock;  // guards m_renderProxy; serialises frames, stop and deletion
+  // Guards m_renderProxy; serialises frames, stop and deletion. The host's render callback
+  // runs under it.
+  std::mutex m_renderLock;
   std::unique_ptr<IDevRenderStreamProxy> m_renderProxy;
   uint64_t m_window = 0;
   std::atomic<bool> m_isStopping{false};

@@ -69,6 +69,7 @@ class VideoPreviewNode : public VideoVlinkNode {
   std::map<uint32_t, std::string> m_waterMarkMap;  // guarded by m_nodeLock
   std::set<uint64_t> m_createdWins;                // guarded by m_nodeLock
 
-  static std::mutex s_winReportLock;  // guards m_winReportCb
+  // Guards m_winReportCb; the callback itself is called on a copy, after it is released.
+  static std::mutex s_winReportLock;
   static WinReportCallback m_winReportCb;
 };

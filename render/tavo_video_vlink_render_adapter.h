@@ -41,7 +41,9 @@ class DevRenderLinuxAdapter : public IDevRenderStreamProxy {
   void LogColorSpace() const;
   uint32_t WindowId() const { return static_cast<uint32_t>(m_winHandle); }
 
-  std::mutex m_frameLock;  // guards every field below
+  // Guards every field below. The host's render callback runs under it: the callback must
+  // not call back into this renderer.
+  std::mutex m_frameLock;
   uint64_t m_winHandle = 0;
   uint32_t m_frameCount = 0;
   tagOS_S_SOFT_VO_CHN_PARAM m_chnParam{};  // params: the current render parameters

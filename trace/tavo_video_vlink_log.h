@@ -6,6 +6,7 @@
 // against the arguments.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "platform/om_log.h"
@@ -61,3 +62,19 @@ inline uint32_t LogModuleId() {
   VLINK_LOG(0, 3, ::vlink::kToModuleLog, fmt __VA_OPT__(, ) __VA_ARGS__)
 // Trace channels only.
 #define VLOG_INF_TRACE(fmt, ...) VLINK_LOG(0, 3, ::vlink::kToTrace, fmt __VA_OPT__(, ) __VA_ARGS__)
+
+// A line that can repeat with every frame: logged the first time and every `every`-th time
+// after, counted per call site, so a failure that repeats at frame rate cannot flood the
+// logs. LOG is one of the macros above.
+#define VLOG_PACED(every, LOG, fmt, ...)                                          \
+  do {                                                                            \
+    static std::atomic<uint64_t> vlinkPacedCount{0};                              \
+    if (vlinkPacedCount.fetch_add(1, std::memory_order_relaxed) % (every) == 0) { \
+      LOG(fmt __VA_OPT__(, ) __VA_ARGS__);                                        \
+    }                                                                             \
+  } while (0)
+
+namespace vlink {
+// Per-frame failures are logged once every this many times.
+constexpr uint64_t kPerFrameLogEvery = 100;
+}  // namespace vlink

@@ -75,7 +75,10 @@ TEST(VlinkNodeTest, FrameReturnsToProducerOnceEvenWhenASinkRefusesIt) {
   source->DealTaskHandler(true);
   EXPECT_EQ(source->released.Get(), kFrames);
   EXPECT_EQ(taker->handled.Get(), kFrames);
-  EXPECT_EQ(logs.CountModule("[TEST_3] HandleBuffer error!", 1), static_cast<size_t>(kFrames));
+  // A failure that repeats with every frame is logged once per hundred.
+  const size_t errors = logs.CountModule("[TEST_3] HandleBuffer error!", 1);
+  EXPECT_GE(errors, 1U);
+  EXPECT_LE(errors, static_cast<size_t>(kFrames / 100 + 1));
   for (const auto& frame : frames) {
     EXPECT_TRUE(frame->IsAvailable());
   }
