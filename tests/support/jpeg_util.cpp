@@ -1,13 +1,15 @@
 #include "tests/support/jpeg_util.h"
 
-// jpeglib.h needs size_t and FILE declared first.
-#include <jpeglib.h>
-
 #include <algorithm>
 #include <csetjmp>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+
+// jpeglib.h needs size_t and FILE declared first.
+// clang-format off
+#include <jpeglib.h>
+// clang-format on
 
 namespace {
 
