@@ -69,8 +69,14 @@ std::unique_ptr<CsnProxy> CreateCsnProxy() { return nullptr; }
 DevCaptureManager::DevCaptureManager() = default;
 
 DevCaptureManager::~DevCaptureManager() {
-  CaptureQiDestory();
-  m_captureCallback = nullptr;
+  {
+    // A capture thread still running drops its frames from here on; the capturer joins it
+    // when it goes below.
+    std::lock_guard<std::recursive_mutex> lock(m_captureMutex);
+    m_isCapturing.store(false, std::memory_order_release);
+    CaptureQiDestory();
+    m_captureCallback = nullptr;
+  }
   m_csnProxy.reset();
   m_devCaptureProxy.reset();
 }
@@ -99,11 +105,15 @@ uint32_t DevCaptureManager::Init(std::string cameraId) {
   }
   m_devCaptureProxy->SetCaptureCallback(
       [this](_PEL_V_FRAME& frame) { return OnCaptureCbkFrame(frame); });
-  m_instanceNo = g_instanceCounter.fetch_add(1, std::memory_order_relaxed);
-  m_qiStreamId = m_instanceNo;
-  // A stream left from an earlier Init is closed first, so none leaks.
-  CaptureQiDestory();
-  CaptureQiCreate();
+  {
+    // The frame path reports to the stream under this lock.
+    std::lock_guard<std::recursive_mutex> lock(m_captureMutex);
+    m_instanceNo = g_instanceCounter.fetch_add(1, std::memory_order_relaxed);
+    m_qiStreamId = m_instanceNo;
+    // A stream left from an earlier Init is closed first, so none leaks.
+    CaptureQiDestory();
+    CaptureQiCreate();
+  }
   VLOG_INF("DevCaptureManager Init success, cameraId = %s", id.c_str());
   return 0;
 }

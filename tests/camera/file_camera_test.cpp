@@ -123,8 +123,8 @@ TEST(FileCameraTest, PlaysAnMjpegStreamAtTheGivenRate) {
   const int h = static_cast<int>(height);
   bool matched = false;
   for (const std::vector<uint8_t>& jpeg : pictures) {
-    libyuv::MJPGToI420(jpeg.data(), jpeg.size(), expected.data(), w, expected.data() + w * h,
-                       w / 2, expected.data() + w * h * 5 / 4, w / 2, w, h, w, h);
+    libyuv::MJPGToI420(jpeg.data(), jpeg.size(), expected.data(), w, expected.data() + w * h, w / 2,
+                       expected.data() + w * h * 5 / 4, w / 2, w, h, w, h);
     matched = matched || expected == received.pictures[0];
   }
   EXPECT_TRUE(matched);

@@ -334,13 +334,14 @@ int FakeV4l2Device::Select(int nfds, fd_set* readFds, fd_set* writeFds, fd_set* 
       if (camera.faults.selectErrno != 0) {
         return Fail(camera.faults.selectErrno);
       }
-      // A gone device and a pending dequeue error both wake the reader, as POLLERR would.
-      if (camera.unplugged || (!camera.faults.dequeueErrors.empty() && camera.streaming) ||
-          (camera.bufferOwner == fd && Produce(camera))) {
+      // As with videobuf2, a gone device, a queue that is not streaming (POLLERR) and a
+      // pending dequeue error all make the descriptor readable; the DQBUF that follows
+      // tells which.
+      if (camera.unplugged || !camera.streaming || camera.bufferOwner != fd ||
+          !camera.faults.dequeueErrors.empty() || Produce(camera)) {
         FD_SET(fd, &result);
         ++ready;
-      } else if (camera.streaming && camera.bufferOwner == fd && !camera.queued.empty() &&
-                 !camera.faults.neverDeliver) {
+      } else if (!camera.queued.empty() && !camera.faults.neverDeliver) {
         nextDue = std::min(nextDue, camera.nextDueUs);
       }
     }
