@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
+#include <string>
 
 #include "tavo_video_vlink_camera.h"
 
@@ -42,6 +44,12 @@ typedef struct _PEL_V_FRAME {
   uint8_t mirror;     // non-zero = mirrored
   uint8_t copyOnly;   // non-zero = pass the pixels on as a plain copy
 } PEL_V_FRAME;
+
+// The camera identity of a parameter record, read within its 192 bytes whether or not the
+// host terminated it.
+inline std::string CameraIdOf(const tagCameraCaptureParams& params) {
+  return std::string(params.cameraId, strnlen(params.cameraId, sizeof(params.cameraId)));
+}
 
 // The per-frame function a capturer calls on its capture thread.
 using CaptureFrameCallback = std::function<int(_PEL_V_FRAME&)>;

@@ -99,6 +99,9 @@ TEST_F(CapturerTest, FindsTheWantedCameraBehindOthers) {
   const std::vector<std::string> opened = device.OpenedPaths();
   ASSERT_EQ(opened.size(), 6U);  // video0..video5; the first match ends the search
   EXPECT_EQ(opened.back(), "/dev/video5");
+  for (int flags : device.OpenFlags()) {
+    EXPECT_EQ(flags, O_RDWR | O_NONBLOCK);
+  }
   EXPECT_TRUE(device.IsStreaming(5));
   EXPECT_FALSE(device.IsStreaming(6));
   EXPECT_EQ(device.OpenDescriptors(), 1U);
@@ -333,6 +336,8 @@ TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
     EXPECT_TRUE(rates.HasModule("Set capture framerate succeeded.", 3));
     EXPECT_EQ(one.GetFrameRate(), 0U);
     EXPECT_TRUE(fresh.IsStreaming(0));
+    EXPECT_EQ(one.GetWidth(), fresh.CurrentFormat(0).width);  // the driver's size, not asked
+    EXPECT_EQ(one.GetHeight(), fresh.CurrentFormat(0).height);
     one.CaptureStop();
   }
 }
@@ -470,10 +475,30 @@ TEST_F(CapturerTest, SilentCameraIsReportedOncePerHundredAndOneTimeouts) {
   ScopedSeamOverride<Clock> clockSeam(clock);
   device.AddCamera(0, TypicalCamera(kBus));
   device.Faults(0, [](FakeCameraFaults& f) { f.neverDeliver = true; });
+  // The line is written on the capture thread right after the timeout it counts, so the
+  // fake's count of timeouts at that moment tells which timeout produced it.
+  std::mutex lock;  // guards reports
+  std::vector<std::pair<std::string, uint64_t>> reports;
+  CountLatch lines;
+  OmLogSink previous = OmLogSetSink([&](const OmLogRecord& record) {
+    if (record.text.find("StatusAbnormalCnt failed") != std::string::npos) {
+      {
+        std::lock_guard<std::mutex> guard(lock);
+        reports.emplace_back(record.text, device.SelectTimeouts());
+      }
+      lines.Add();
+    }
+  });
   ASSERT_EQ(Start(640, 480, 30), 0U);
-  ASSERT_TRUE(log.WaitFor("StatusAbnormalCnt failed", 2));
+  const bool reported = lines.WaitFor(3);
   capturer->CaptureStop();
-  EXPECT_TRUE(log.HasModule("StatusAbnormalCnt failed cnt:0 100 0", 1));
+  OmLogSetSink(std::move(previous));
+  ASSERT_TRUE(reported);
+  std::lock_guard<std::mutex> guard(lock);
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(reports[i].first, "StatusAbnormalCnt failed cnt:0 100 0");
+    EXPECT_EQ(reports[i].second, 100U + 101U * i);
+  }
   EXPECT_EQ(frames.frames.Get(), 0);
 }
 
@@ -537,6 +562,10 @@ TEST_F(CapturerTest, RestartKeepsTheSameSizeAndReopensForAnother) {
   EXPECT_EQ(device.Mappings(), 4U);
   EXPECT_TRUE(capturer->IsCaptrueParamSame(&larger));
   EXPECT_FALSE(capturer->IsCaptrueParamSame(&slower));
+  tagCameraCaptureParams sameWidth = Params(1280, 480, 30);
+  tagCameraCaptureParams sameHeight = Params(640, 720, 30);
+  EXPECT_FALSE(capturer->IsCaptrueParamSame(&sameWidth));
+  EXPECT_FALSE(capturer->IsCaptrueParamSame(&sameHeight));
 }
 
 TEST_F(CapturerTest, DestructionStopsAndReleasesEverything) {
@@ -548,6 +577,19 @@ TEST_F(CapturerTest, DestructionStopsAndReleasesEverything) {
   EXPECT_EQ(device.Mappings(), 0U);
   EXPECT_TRUE(log.HasModule("still capturing. to stop it. 0", 3));
   capturer = std::make_unique<DevCaptureCameraLinux>();
+}
+
+TEST_F(CapturerTest, UnterminatedCameraIdIsReadWithinItsField) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  tagCameraCaptureParams p = Params(640, 480, 30);
+  std::memset(p.cameraId, 'x', sizeof(p.cameraId));  // no terminator in 192 bytes
+  p.reserved = 0x41414141;
+  const std::string id = CameraIdOf(p);
+  EXPECT_EQ(id.size(), kCameraIdLength);
+  capturer->Init(id);
+  EXPECT_EQ(capturer->CaptureStart(&p), 1U);
+  EXPECT_TRUE(log.HasModule("not found match " + id + " capture", 1));
+  ExpectNothingLeft();
 }
 
 TEST_F(CapturerTest, StopWithoutStartIsHarmless) {

@@ -491,6 +491,8 @@ TEST_F(ManagerFramePathTest, InstanceNumbersAndQualityStreamsFollowInit) {
   ASSERT_EQ(StreamQiGetStats(manager.GetQiHandle(), &stats), 0);
   EXPECT_EQ(stats.framesIn, 0U);  // a fresh stream for the new instance
   EXPECT_EQ(manager.CaptureQiDestory(), 0U);
+  // The stream was opened as "capture", kind 2, under the instance number.
+  EXPECT_TRUE(log.HasModule("stream qi [capture] id[" + std::to_string(first + 1) + "] kind[2]"));
   EXPECT_EQ(manager.CaptureQiDestory(), DevCaptureManager::kFailed);
   EXPECT_EQ(manager.CaptureQiCreate(), 0U);
 }

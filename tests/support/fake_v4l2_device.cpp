@@ -141,6 +141,16 @@ std::vector<std::string> FakeV4l2Device::OpenedPaths() const {
   return m_openedPaths;
 }
 
+std::vector<int> FakeV4l2Device::OpenFlags() const {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_openFlags;
+}
+
+uint64_t FakeV4l2Device::SelectTimeouts() const {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_selectTimeouts;
+}
+
 std::vector<uint32_t> FakeV4l2Device::TriedFormats(int index) const {
   std::lock_guard<std::mutex> lock(m_lock);
   return m_cameras.at(index).tried;
@@ -211,6 +221,7 @@ int FakeV4l2Device::Open(const char* path, int flags) {
   std::lock_guard<std::mutex> lock(m_lock);
   if (path != nullptr) {
     m_openedPaths.emplace_back(path);
+    m_openFlags.push_back(flags);
   }
   const int index = CameraIndexOf(path);
   auto found = m_cameras.find(index);
@@ -354,6 +365,7 @@ int FakeV4l2Device::Select(int nfds, fd_set* readFds, fd_set* writeFds, fd_set* 
     }
     const uint64_t now = Now().NowUs();
     if (!forever && now >= deadline) {
+      ++m_selectTimeouts;
       FD_ZERO(readFds);
       if (exceptFds != nullptr) {
         FD_ZERO(exceptFds);
