@@ -92,6 +92,7 @@ TEST_F(CapturerTest, FindsTheWantedCameraBehindOthers) {
   FakeCameraConfig locked = TypicalCamera(kBus);
   device.AddCamera(3, locked);
   device.Faults(3, [](FakeCameraFaults& f) { f.openErrno = EACCES; });
+  device.AddCamera(4, TypicalCamera("usb-0000:00:14.0"));  // a prefix of the wanted one
   device.AddCamera(5, TypicalCamera(kBus));
   device.AddCamera(6, TypicalCamera(kBus));
 
@@ -246,6 +247,7 @@ TEST_F(CapturerTest, NegotiatesTheFrameInterval) {
       {"fastest first, 5", fastFirst, {}, {}, {}, 5, {1, 10}},
       {"slowest first, 15", slowFirst, {}, {}, {}, 15, {1, 5}},
       {"slowest first, 60", slowFirst, {}, {}, {}, 60, {1, 30}},
+      {"slowest first, exactly the fastest", slowFirst, {}, {}, {}, 30, {1, 30}},
       {"zero denominator skipped", {{1, 0}, {1, 30}, {1, 15}}, {}, {}, {}, 20, {1, 30}},
       {"stepwise, 16", {}, {1, 40}, {1, 5}, {1, 40}, 16, {80, 1600}},
       {"stepwise, 50", {}, {1, 40}, {1, 5}, {1, 40}, 50, {1, 40}},

@@ -312,6 +312,15 @@ TEST_F(CaptureManagerTest, ShortFramesAreRefusedAtTheExactLimit) {
   EXPECT_TRUE(log.HasModule("frame data too short [4607 < 4608], format[100] [64-48].", 1));
 }
 
+TEST_F(CaptureManagerTest, PaddedI420KeepsWhatFitsTheBlock) {
+  std::vector<uint8_t> input = RandomBytes(64 * 48 * 3 / 2 + 100, 8);
+  _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_I420, 64, 48);
+  ASSERT_EQ(manager.ConvertToI420(frame), 0U);
+  EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(64, 48));
+  EXPECT_EQ(PictureOf(frame), std::vector<uint8_t>(input.begin(), input.end() - 100));
+  DevCaptureManager::ReleaseBuffer(frame.data);
+}
+
 TEST_F(CaptureManagerTest, ZeroSizesFailEveryConverter) {
   std::vector<uint8_t> input(64, 0x80);
   for (uint32_t format : {100U, 102U, 104U, 105U, 106U, 201U, 205U, 300U}) {
@@ -447,6 +456,15 @@ TEST_F(ManagerFramePathTest, ConvertsReportsAndHandsOn) {
   EXPECT_EQ(manager.CaptureStop(), 0U);
   EXPECT_FALSE(manager.IsCapturing());
   EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);
+}
+
+TEST_F(ManagerFramePathTest, DroppedFramesArePaced) {
+  std::vector<uint8_t> input = RandomBytes(64 * 48 * 2, 4);
+  for (int i = 0; i < 150; ++i) {
+    EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);
+  }
+  EXPECT_EQ(log.CountModule("m_captureMutex lock fail or capture is stopped", 1), 2U);
+  EXPECT_EQ(sink.frames.Get(), 0);
 }
 
 TEST_F(ManagerFramePathTest, FailingFramesArePacedAndCountedAgainAfterAGoodOne) {
