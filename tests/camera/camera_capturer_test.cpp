@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "camera/tavo_video_vlink_camera_capturer_linux.h"
+#include "tests/support/fake_os.h"
 #include "tests/support/fake_v4l2_device.h"
 #include "tests/support/jpeg_util.h"
 #include "tests/support/virtual_clock.h"
@@ -391,6 +392,20 @@ TEST_F(CapturerTest, FailedStartsLeaveNothingOpenOrMapped) {
     EXPECT_FALSE(one.IsCapturing());
     EXPECT_EQ(one.GetFd(), -1);
   }
+}
+
+TEST_F(CapturerTest, CaptureThreadThatCannotStartLeavesNothingBehind) {
+  FakeThreadSystem threads;
+  ScopedSeamOverride<ThreadSystem> threadSeam(threads);
+  threads.FailNextCreates(1);
+  device.AddCamera(0, TypicalCamera(kBus));
+  EXPECT_EQ(Start(640, 480, 30), 1U);
+  EXPECT_TRUE(log.HasModule("start capture thread failed, ret[11]", 1));
+  EXPECT_FALSE(device.IsStreaming(0));
+  ExpectNothingLeft();
+  ASSERT_EQ(capturer->CaptureStart(&params), 0U);  // the next start works
+  ASSERT_TRUE(frames.frames.WaitFor(1));
+  capturer->CaptureStop();
 }
 
 TEST_F(CapturerTest, FewerBuffersGrantedStillCapture) {
