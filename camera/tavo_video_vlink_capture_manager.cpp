@@ -367,8 +367,12 @@ uint32_t DevCaptureManager::TransNV12ToI420Rotate(_PEL_V_FRAME& frame) {
   const bool turned = mode == libyuv::kRotate90 || mode == libyuv::kRotate270;
   const uint32_t outWidth = turned ? frame.height : frame.width;
   const uint32_t outHeight = turned ? frame.width : frame.height;
+  // The block is sized for the input; an odd input width turned into an odd output height
+  // needs the output's rounding too, or the last chroma row lands past the block.
   uint32_t size = 0;
-  uint8_t* block = NewBlock(frame.width, frame.height, size);
+  uint8_t* block = BlockSize(outWidth, outHeight) > BlockSize(frame.width, frame.height)
+                       ? NewBlock(outWidth, outHeight, size)
+                       : NewBlock(frame.width, frame.height, size);
   if (block == nullptr) {
     return 1;
   }

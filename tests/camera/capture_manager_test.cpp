@@ -208,6 +208,34 @@ TEST_F(CaptureManagerTest, Nv12RotatesWhileConverting) {
   }
 }
 
+// libyuv writes whole chroma rows and columns: for odd sizes the last ones reach past the
+// packed w x h x 3/2. The block must still hold them.
+TEST_F(CaptureManagerTest, OddSizesFitTheirBlocks) {
+  auto written = [](uint32_t w, uint32_t h) {
+    const uint64_t v = uint64_t{w} * h + uint64_t{w} * h / 4;
+    return v + uint64_t{(h + 1) / 2 - 1} * (w / 2) + (w + 1) / 2;
+  };
+  for (auto [width, height] : {std::pair<uint32_t, uint32_t>{3, 16}, {5, 32}, {7, 9}, {1, 1}}) {
+    for (uint32_t angle : {0U, 90U, 180U, 270U}) {
+      SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height) + " " +
+                   std::to_string(angle));
+      std::vector<uint8_t> input = RandomBytes(size_t{width} * height * 2 + 2, angle);
+      _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_NV12_ROTATE, width, height);
+      frame.rotation = angle;
+      ASSERT_EQ(manager.ConvertToI420(frame), 0U);
+      EXPECT_GE(frame.dataSize, written(frame.width, frame.height));
+      DevCaptureManager::ReleaseBuffer(frame.data);
+      _PEL_V_FRAME plain = FrameOver(input, PELV_IMAGE_FORMAT_YUY2, width, height);
+      ASSERT_EQ(manager.ConvertToI420(plain), 0U);
+      EXPECT_GE(plain.dataSize, written(width, height));
+      plain.rotation = angle;
+      ASSERT_EQ(manager.TransRotate(plain), 0U);
+      EXPECT_GE(plain.dataSize, written(plain.width, plain.height));
+      DevCaptureManager::ReleaseBuffer(plain.data);
+    }
+  }
+}
+
 // A converted frame the test owns: a heap block as the manager makes them.
 _PEL_V_FRAME ConvertedFrame(uint32_t width, uint32_t height, uint32_t seed) {
   const std::vector<uint8_t> picture = RandomBytes(size_t{width} * height * 3 / 2, seed);
