@@ -679,4 +679,71 @@ TEST(CaptureManagerCameraTest, CapturesConvertedFramesFromTheFakeCamera) {
   }
 }
 
+// Random bytes where a JPEG picture should be.
+class GarbageSource final : public FakeFrameSource {
+ public:
+  std::vector<uint8_t> MakeFrame(uint32_t, uint32_t, uint32_t, uint32_t sequence) override {
+    return RandomBytes(2000 + sequence % 7, sequence);
+  }
+};
+
+// A camera that sends what its format does not promise: the manager refuses each frame,
+// nothing reaches the node, and capture goes on until it is stopped.
+TEST(CaptureManagerCameraTest, BadFramesFromTheCameraAreDroppedOneByOne) {
+  struct Case {
+    const char* name;
+    uint32_t fourcc;
+    std::function<void(FakeCameraConfig&, FakeCameraFaults&)> setUp;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"short YUYV", V4L2_PIX_FMT_YUYV,
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 640 * 480; },
+       "frame data too short [307200 < 614400], format[102] [640-480]."},
+      {"empty YU12", V4L2_PIX_FMT_YUV420,
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 0; },
+       "frame data too short [0 < 460800], format[100] [640-480]."},
+      {"MJPEG of another size", V4L2_PIX_FMT_MJPEG,
+       [](FakeCameraConfig&, FakeCameraFaults& f) {
+         f.contentSize = FakeFrameSize{320, 240};
+       },
+       "ConvertToI420 fail. ret = "},
+      {"garbage MJPEG", V4L2_PIX_FMT_MJPEG,
+       [](FakeCameraConfig& c, FakeCameraFaults&) { c.source = std::make_shared<GarbageSource>(); },
+       "ConvertToI420 fail. ret = "},
+      {"truncated MJPEG", V4L2_PIX_FMT_MJPEG,
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 300; },
+       "ConvertToI420 fail. ret = "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    WaitableLog log;
+    FakeV4l2Device device;
+    ScopedSeamOverride<CaptureDevice> seam(device);
+    FakeCameraConfig config = TypicalCamera("usb-cam");
+    config.formats = {DiscreteFormat(c.fourcc, {{640, 480}}, {{1, 30}})};
+    FakeCameraFaults faults;
+    c.setUp(config, faults);
+    device.AddCamera(0, config);
+    device.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
+    FrameSink sink;
+    DevCaptureManager manager;
+    ASSERT_EQ(manager.Init("usb-cam"), 0U);
+    manager.SetCaptureCallback(sink.Callback());
+    tagCameraCaptureParams params{};
+    params.uiWidth = 640;
+    params.uiHeight = 480;
+    params.uiFrameRate = 30;
+    ASSERT_EQ(manager.CaptureStart(&params), 0U);
+    ASSERT_TRUE(device.WaitForFrames(0, 3));
+    EXPECT_EQ(manager.CaptureStop(), 0U);
+    EXPECT_TRUE(log.HasModule(c.message, 1));
+    EXPECT_TRUE(log.HasModule("FrameConvert fail", 1));
+    EXPECT_EQ(log.CountModule("FrameConvert fail"), 1U);  // the rest of the run is paced
+    EXPECT_EQ(sink.frames.Get(), 0);
+    EXPECT_EQ(device.OpenDescriptors(), 0U);
+    EXPECT_EQ(device.Mappings(), 0U);
+  }
+}
+
 }  // namespace
