@@ -308,6 +308,12 @@ TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
          c.formats[1].stepMin = {1, 0};
        },
        640, 480, 15, "Invalid FrameInterval Fraction Parameters."},
+      {"zero step denominator",
+       [](FakeCameraConfig& c, FakeCameraFaults&) {
+         c.formats[1].discreteIntervals.clear();
+         c.formats[1].step = {1, 0};
+       },
+       640, 480, 15, "Invalid FrameInterval Fraction Parameters."},
       {"zero stepwise interval",
        [](FakeCameraConfig& c, FakeCameraFaults&) {
          c.formats[1].discreteIntervals.clear();
@@ -554,6 +560,8 @@ TEST_F(CapturerTest, StopWaitsForTheFrameInFlight) {
     capturer->CaptureStop();
     stopped = true;
   });
+  // While the callback still reads the buffer, stop must not take the mappings away.
+  EXPECT_FALSE(device.WaitForMappingsAtMost(3, std::chrono::milliseconds(200)));
   release.Open();
   stopper.join();
   EXPECT_TRUE(stopped.load());

@@ -181,6 +181,11 @@ uint32_t FakeV4l2Device::BuffersGranted(int index) const {
   return static_cast<uint32_t>(m_cameras.at(index).buffers.size());
 }
 
+bool FakeV4l2Device::WaitForMappingsAtMost(size_t count, std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(m_lock);
+  return m_changed.wait_for(lock, limit, [&] { return m_mappings.size() <= count; });
+}
+
 bool FakeV4l2Device::WaitForFrames(int index, uint32_t count) {
   // Generous: 20 s of real time, or of simulated time on a virtual clock.
   const uint64_t limit = Now().NowUs() + 20'000'000U;
@@ -300,12 +305,15 @@ void* FakeV4l2Device::Mmap(size_t length, int prot, int flags, int fd, off_t off
 }
 
 int FakeV4l2Device::Munmap(void* address, size_t length) {
-  std::lock_guard<std::mutex> lock(m_lock);
-  auto found = m_mappings.find(address);
-  if (found == m_mappings.end() || found->second.length != length) {
-    return Fail(EINVAL);
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    auto found = m_mappings.find(address);
+    if (found == m_mappings.end() || found->second.length != length) {
+      return Fail(EINVAL);
+    }
+    m_mappings.erase(found);
   }
-  m_mappings.erase(found);
+  Wake();
   return 0;
 }
 

@@ -16,6 +16,7 @@
 
 #include <linux/videodev2.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -122,6 +123,8 @@ class FakeV4l2Device final : public CaptureDevice {
   v4l2_pix_format CurrentFormat(int index) const;
   v4l2_fract CurrentInterval(int index) const;
   uint32_t BuffersGranted(int index) const;
+  // Waits in real time, at most `limit`, until at most `count` mappings are left.
+  bool WaitForMappingsAtMost(size_t count, std::chrono::milliseconds limit);
   // Waits (on the Clock seam) until `count` frames were dequeued from camera `index`.
   bool WaitForFrames(int index, uint32_t count);
 
