@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "camera/tavo_video_vlink_camera_capturer_linux.h"
@@ -624,25 +626,56 @@ TEST_F(CapturerTest, StopWithoutStartIsHarmless) {
   ExpectNothingLeft();
 }
 
-// A real camera, when the machine has one: the first V4L2 capture device found.
-TEST(RealCameraTest, CapturesFramesAndReleasesTheDevice) {
+// A real camera, when the machine has one (the first V4L2 capture device found): the same
+// start, frames, restart and stop, and afterwards no descriptor and no mapping of it left.
+class RealCameraTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (int n = 0; n < 64 && busInfo.empty(); ++n) {
+      const std::string path = "/dev/video" + std::to_string(n);
+      const int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK);
+      if (fd < 0) {
+        continue;
+      }
+      v4l2_capability cap{};
+      if (ioctl(fd, VIDIOC_QUERYCAP, &cap) == 0 &&
+          (cap.device_caps & V4L2_CAP_VIDEO_CAPTURE) != 0) {
+        busInfo.assign(reinterpret_cast<const char*>(cap.bus_info),
+                       strnlen(reinterpret_cast<const char*>(cap.bus_info), sizeof(cap.bus_info)));
+      }
+      ::close(fd);
+    }
+    if (busInfo.empty()) {
+      GTEST_SKIP() << "no V4L2 camera on this machine";
+    }
+    descriptorsBefore = Count("/proc/self/fd", "");
+  }
+  // Entries of a /proc listing (a directory, or lines of a file) that contain `text`.
+  static size_t Count(const std::string& where, const std::string& text) {
+    size_t count = 0;
+    if (text.empty()) {
+      for (const auto& entry : std::filesystem::directory_iterator(where)) {
+        (void)entry;
+        ++count;
+      }
+      return count;
+    }
+    std::ifstream in(where);
+    for (std::string line; std::getline(in, line);) {
+      count += line.find(text) != std::string::npos ? 1 : 0;
+    }
+    return count;
+  }
+  void ExpectReleased() {
+    EXPECT_EQ(Count("/proc/self/maps", "/dev/video"), 0U);
+    EXPECT_EQ(Count("/proc/self/fd", ""), descriptorsBefore);
+  }
+
   std::string busInfo;
-  for (int n = 0; n < 64 && busInfo.empty(); ++n) {
-    const std::string path = "/dev/video" + std::to_string(n);
-    const int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK);
-    if (fd < 0) {
-      continue;
-    }
-    v4l2_capability cap{};
-    if (ioctl(fd, VIDIOC_QUERYCAP, &cap) == 0 && (cap.device_caps & V4L2_CAP_VIDEO_CAPTURE) != 0) {
-      busInfo.assign(reinterpret_cast<const char*>(cap.bus_info),
-                     strnlen(reinterpret_cast<const char*>(cap.bus_info), sizeof(cap.bus_info)));
-    }
-    ::close(fd);
-  }
-  if (busInfo.empty()) {
-    GTEST_SKIP() << "no V4L2 camera on this machine";
-  }
+  size_t descriptorsBefore = 0;
+};
+
+TEST_F(RealCameraTest, CapturesRestartsAndReleasesTheDevice) {
   FrameLog got;
   DevCaptureCameraLinux capturer;
   capturer.Init(busInfo);
@@ -650,11 +683,31 @@ TEST(RealCameraTest, CapturesFramesAndReleasesTheDevice) {
   tagCameraCaptureParams p = Params(640, 480, 30, busInfo.c_str());
   ASSERT_EQ(capturer.CaptureStart(&p), 0U);
   EXPECT_TRUE(got.frames.WaitFor(5));
+  EXPECT_GT(Count("/proc/self/maps", "/dev/video"), 0U);
+  tagCameraCaptureParams same =
+      Params(capturer.GetWidth(), capturer.GetHeight(), 15, busInfo.c_str());
+  EXPECT_EQ(capturer.CaptureStart(&same), 0U);
   EXPECT_EQ(capturer.CaptureStop(), 0U);
   EXPECT_EQ(capturer.GetFd(), -1);
-  std::lock_guard<std::mutex> guard(got.lock);
-  EXPECT_NE(got.lastFrame.format, 0U);
-  EXPECT_GT(got.lastFrame.dataSize, 0U);
+  {
+    std::lock_guard<std::mutex> guard(got.lock);
+    EXPECT_NE(got.lastFrame.format, 0U);
+    EXPECT_GT(got.lastFrame.dataSize, 0U);
+  }
+  ExpectReleased();
+}
+
+TEST_F(RealCameraTest, DestructionWhileCapturingReleasesTheDevice) {
+  {
+    FrameLog got;
+    DevCaptureCameraLinux capturer;
+    capturer.Init(busInfo);
+    capturer.SetCaptureCallback(got.Callback());
+    tagCameraCaptureParams p = Params(1280, 720, 30, busInfo.c_str());
+    ASSERT_EQ(capturer.CaptureStart(&p), 0U);
+    EXPECT_TRUE(got.frames.WaitFor(2));
+  }
+  ExpectReleased();
 }
 
 }  // namespace
