@@ -282,7 +282,7 @@ uint32_t DevCaptureManager::CopyNv21(_PEL_V_FRAME& frame) {
 
 uint32_t DevCaptureManager::TransYuy2ToYuv420(_PEL_V_FRAME& frame) {
   // Rows of width*2 bytes; an odd width reads a whole last pixel pair.
-  if (!HasBytes(frame, uint64_t{frame.width} * 2 * frame.height + (frame.width & 1U) * 2)) {
+  if (!HasBytes(frame, uint64_t{frame.width} * 2 * frame.height + uint64_t{frame.width & 1U} * 2)) {
     return 1;
   }
   uint32_t size = 0;
@@ -322,7 +322,7 @@ uint32_t DevCaptureManager::TransNv12ToYuv420(_PEL_V_FRAME& frame) {
     return 1;
   }
   const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const uint8_t* uv = frame.data + frame.width * frame.height;
+  const uint8_t* uv = frame.data + size_t{frame.width} * frame.height;
   const int ret = libyuv::NV12ToI420(frame.data, Int(frame.width), uv, Int(frame.width), out.y,
                                      out.strideY, out.u, out.strideUv, out.v, out.strideUv,
                                      Int(frame.width), Int(frame.height));
@@ -345,7 +345,7 @@ uint32_t DevCaptureManager::TransNv21ToYuv420(_PEL_V_FRAME& frame) {
     return 1;
   }
   const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const uint8_t* vu = frame.data + frame.width * frame.height;
+  const uint8_t* vu = frame.data + size_t{frame.width} * frame.height;
   const int ret = libyuv::NV21ToI420(frame.data, Int(frame.width), vu, Int(frame.width), out.y,
                                      out.strideY, out.u, out.strideUv, out.v, out.strideUv,
                                      Int(frame.width), Int(frame.height));
@@ -377,7 +377,7 @@ uint32_t DevCaptureManager::TransNV12ToI420Rotate(_PEL_V_FRAME& frame) {
     return 1;
   }
   const I420Planes out = PlanesOf(block, outWidth, outHeight);
-  const uint8_t* uv = frame.data + frame.width * frame.height;
+  const uint8_t* uv = frame.data + size_t{frame.width} * frame.height;
   const int ret = libyuv::NV12ToI420Rotate(frame.data, Int(frame.width), uv, Int(frame.width),
                                            out.y, out.strideY, out.u, out.strideUv, out.v,
                                            out.strideUv, Int(frame.width), Int(frame.height), mode);

@@ -10,6 +10,27 @@
 
 namespace {
 
+// Packed I420 with chroma planes of (width+1)/2 x (height+1)/2, as Y4M and the test
+// pictures lay it out.
+struct PackedI420 {
+  PackedI420(uint8_t* data, uint32_t width, uint32_t height)
+      : w(static_cast<int>(width)),
+        h(static_cast<int>(height)),
+        cw((w + 1) / 2),
+        y(data),
+        u(data + size_t(w) * size_t(h)),
+        v(u + size_t(cw) * size_t((h + 1) / 2)) {}
+  static size_t Bytes(uint32_t width, uint32_t height) {
+    return size_t{width} * height + 2 * size_t{(width + 1) / 2} * ((height + 1) / 2);
+  }
+  int w;
+  int h;
+  int cw;
+  uint8_t* y;
+  uint8_t* u;
+  uint8_t* v;
+};
+
 bool EndsWith(const std::string& text, const std::string& tail) {
   return text.size() >= tail.size() &&
          text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
@@ -105,15 +126,10 @@ std::vector<uint8_t> FileFrameSource::I420At(size_t index) {
   if (!m_isMjpeg) {
     return m_frames[index];
   }
-  const uint32_t chroma = (m_width / 2) * (m_height / 2);
-  std::vector<uint8_t> i420(size_t{m_width} * m_height + 2 * size_t{chroma});
-  uint8_t* y = i420.data();
-  uint8_t* u = y + size_t{m_width} * m_height;
-  uint8_t* v = u + chroma;
-  const auto w = static_cast<int>(m_width);
-  const auto h = static_cast<int>(m_height);
-  libyuv::MJPGToI420(m_frames[index].data(), m_frames[index].size(), y, w, u, w / 2, v, w / 2, w, h,
-                     w, h);
+  std::vector<uint8_t> i420(PackedI420::Bytes(m_width, m_height));
+  PackedI420 out(i420.data(), m_width, m_height);
+  libyuv::MJPGToI420(m_frames[index].data(), m_frames[index].size(), out.y, out.w, out.u, out.cw,
+                     out.v, out.cw, out.w, out.h, out.w, out.h);
   return i420;
 }
 
@@ -130,19 +146,13 @@ std::vector<uint8_t> FileFrameSource::MakeFrame(uint32_t fourcc, uint32_t width,
     return m_jpegCache[index];
   }
   std::vector<uint8_t> i420 = I420At(index);
-  const auto w = static_cast<int>(width);
-  const auto h = static_cast<int>(height);
   if (width != m_width || height != m_height) {
     // A frame asked at another size (a fault that makes content and format disagree).
-    std::vector<uint8_t> scaled(size_t{width} * height +
-                                2 * size_t{(width + 1) / 2} * ((height + 1) / 2));
-    const auto sw = static_cast<int>(m_width);
-    const auto sh = static_cast<int>(m_height);
-    const int cw = (w + 1) / 2;
-    libyuv::I420Scale(i420.data(), sw, i420.data() + sw * sh, sw / 2,
-                      i420.data() + sw * sh + (sw / 2) * (sh / 2), sw / 2, sw, sh, scaled.data(), w,
-                      scaled.data() + w * h, cw, scaled.data() + w * h + cw * ((h + 1) / 2), cw, w,
-                      h, libyuv::kFilterBox);
+    std::vector<uint8_t> scaled(PackedI420::Bytes(width, height));
+    PackedI420 from(i420.data(), m_width, m_height);
+    PackedI420 to(scaled.data(), width, height);
+    libyuv::I420Scale(from.y, from.w, from.u, from.cw, from.v, from.cw, from.w, from.h, to.y, to.w,
+                      to.u, to.cw, to.v, to.cw, to.w, to.h, libyuv::kFilterBox);
     i420 = std::move(scaled);
     if (fourcc == V4L2_PIX_FMT_MJPEG) {
       return EncodeI420Jpeg(i420.data(), width, height);
@@ -152,10 +162,10 @@ std::vector<uint8_t> FileFrameSource::MakeFrame(uint32_t fourcc, uint32_t width,
     return i420;
   }
   if (fourcc == V4L2_PIX_FMT_YUYV) {
-    const int cw = (w + 1) / 2;
-    std::vector<uint8_t> yuyv(size_t(cw) * 4 * height);
-    libyuv::I420ToYUY2(i420.data(), w, i420.data() + w * h, cw,
-                       i420.data() + w * h + cw * ((h + 1) / 2), cw, yuyv.data(), cw * 4, w, h);
+    PackedI420 from(i420.data(), width, height);
+    std::vector<uint8_t> yuyv(size_t(from.cw) * 4 * height);
+    libyuv::I420ToYUY2(from.y, from.w, from.u, from.cw, from.v, from.cw, yuyv.data(), from.cw * 4,
+                       from.w, from.h);
     return yuyv;
   }
   return {};
