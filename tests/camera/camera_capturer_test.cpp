@@ -538,6 +538,15 @@ TEST_F(CapturerTest, SelectErrorsAreCountedApart) {
   EXPECT_TRUE(log.HasModule("StatusAbnormalCnt failed cnt:100 0 0", 1));
 }
 
+TEST_F(CapturerTest, InterruptedWaitsAreNotFailures) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  device.Faults(0, [](FakeCameraFaults& f) { f.selectErrno = EINTR; });
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  ASSERT_TRUE(device.WaitForSelectFailures(250));
+  capturer->CaptureStop();
+  EXPECT_FALSE(log.HasModule("StatusAbnormalCnt"));
+}
+
 TEST_F(CapturerTest, StopWaitsForTheFrameInFlight) {
   device.AddCamera(0, TypicalCamera(kBus));
   Gate release;

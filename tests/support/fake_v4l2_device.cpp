@@ -181,6 +181,12 @@ uint32_t FakeV4l2Device::BuffersGranted(int index) const {
   return static_cast<uint32_t>(m_cameras.at(index).buffers.size());
 }
 
+bool FakeV4l2Device::WaitForSelectFailures(uint64_t count) {
+  std::unique_lock<std::mutex> lock(m_lock);
+  return m_changed.wait_for(lock, std::chrono::seconds(20),
+                            [&] { return m_selectFailures >= count; });
+}
+
 bool FakeV4l2Device::WaitForMappingsAtMost(size_t count, std::chrono::milliseconds limit) {
   std::unique_lock<std::mutex> lock(m_lock);
   return m_changed.wait_for(lock, limit, [&] { return m_mappings.size() <= count; });
@@ -351,6 +357,8 @@ int FakeV4l2Device::Select(int nfds, fd_set* readFds, fd_set* writeFds, fd_set* 
       }
       Camera& camera = m_cameras.at(descriptor->second.camera);
       if (camera.faults.selectErrno != 0) {
+        ++m_selectFailures;
+        m_changed.notify_all();
         return Fail(camera.faults.selectErrno);
       }
       // As with videobuf2, a gone device, a queue that is not streaming (POLLERR) and a

@@ -115,8 +115,11 @@ class FakeV4l2Device final : public CaptureDevice {
   size_t OpenDescriptors() const;
   size_t Mappings() const;
   std::vector<std::string> OpenedPaths() const;
-  std::vector<int> OpenFlags() const;                   // flags of each open, in order
-  uint64_t SelectTimeouts() const;                      // selects that ended with nothing ready
+  std::vector<int> OpenFlags() const;  // flags of each open, in order
+  // Selects that ended with nothing ready.
+  uint64_t SelectTimeouts() const;
+  // Waits in real time until `count` selects failed with an injected selectErrno.
+  bool WaitForSelectFailures(uint64_t count);
   std::vector<uint32_t> TriedFormats(int index) const;  // fourccs of TRY_FMT, in order
   uint32_t FramesDelivered(int index) const;            // dequeued frames
   bool IsStreaming(int index) const;
@@ -201,6 +204,7 @@ class FakeV4l2Device final : public CaptureDevice {
   std::vector<std::string> m_openedPaths;
   std::vector<int> m_openFlags;
   uint64_t m_selectTimeouts = 0;
+  uint64_t m_selectFailures = 0;
   int m_nextFd = 600;
 };
 
