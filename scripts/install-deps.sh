@@ -10,4 +10,5 @@ $SUDO apt-get install -y --no-install-recommends \
   libgtest-dev libgmock-dev libbenchmark-dev \
   libboost1.81-dev libsafec-dev libyuv-dev \
   clang-14 libclang-rt-14-dev clang-format-14 \
-  libx11-dev zlib1g-dev
+  libx11-dev zlib1g-dev \
+  libjpeg62-turbo-dev

@@ -1,0 +1,722 @@
+// The V4L2 capturer against the fake kernel: device search, format and interval
+// negotiation, buffers, the capture thread and every failure path, checking that nothing
+// stays open or mapped afterwards. The last case runs against a real camera when one is
+// present.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <libyuv.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "camera/tavo_video_vlink_camera_capturer_linux.h"
+#include "tests/support/fake_os.h"
+#include "tests/support/fake_v4l2_device.h"
+#include "tests/support/jpeg_util.h"
+#include "tests/support/virtual_clock.h"
+#include "tests/support/wait.h"
+#include "tests/support/waitable_log.h"
+
+namespace {
+
+const char* const kBus = "usb-0000:00:14.0-3";
+
+tagCameraCaptureParams Params(uint32_t width, uint32_t height, uint32_t fps,
+                              const char* id = kBus) {
+  tagCameraCaptureParams params{};
+  params.uiWidth = width;
+  params.uiHeight = height;
+  params.uiFrameRate = fps;
+  std::strncpy(params.cameraId, id, sizeof(params.cameraId) - 1);
+  return params;
+}
+
+// Keeps what the capture thread hands over.
+struct FrameLog {
+  CountLatch frames;
+  std::mutex lock;  // guards last, formats
+  std::vector<uint8_t> last;
+  _PEL_V_FRAME lastFrame{};
+  std::vector<uint32_t> formats;
+
+  CaptureFrameCallback Callback() {
+    return [this](_PEL_V_FRAME& frame) {
+      {
+        std::lock_guard<std::mutex> guard(lock);
+        lastFrame = frame;
+        last.assign(frame.data, frame.data + frame.dataSize);
+        formats.push_back(frame.format);
+      }
+      frames.Add();
+      return 0;
+    };
+  }
+};
+
+class CapturerTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    capturer.reset();
+    EXPECT_EQ(device.OpenDescriptors(), 0U);
+    EXPECT_EQ(device.Mappings(), 0U);
+  }
+  // Starts a capturer for kBus with the given request.
+  uint32_t Start(uint32_t width, uint32_t height, uint32_t fps) {
+    params = Params(width, height, fps);
+    capturer->Init(kBus);
+    capturer->SetCaptureCallback(frames.Callback());
+    return capturer->CaptureStart(&params);
+  }
+  void ExpectNothingLeft() {
+    EXPECT_EQ(device.OpenDescriptors(), 0U);
+    EXPECT_EQ(device.Mappings(), 0U);
+    EXPECT_EQ(capturer->GetFd(), -1);
+    EXPECT_FALSE(capturer->IsCapturing());
+  }
+
+  WaitableLog log;
+  FakeV4l2Device device;
+  ScopedSeamOverride<CaptureDevice> seam{device};
+  tagCameraCaptureParams params{};
+  FrameLog frames;
+  std::unique_ptr<DevCaptureCameraLinux> capturer = std::make_unique<DevCaptureCameraLinux>();
+};
+
+TEST_F(CapturerTest, FindsTheWantedCameraBehindOthers) {
+  device.AddCamera(0, TypicalCamera("usb-0000:00:14.0-1"));
+  FakeCameraConfig metadata = TypicalCamera(kBus);  // a UVC metadata node shares the bus
+  metadata.deviceCaps = V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING;
+  device.AddCamera(1, metadata);
+  device.AddCamera(2, TypicalCamera(""));
+  FakeCameraConfig locked = TypicalCamera(kBus);
+  device.AddCamera(3, locked);
+  device.Faults(3, [](FakeCameraFaults& f) { f.openErrno = EACCES; });
+  device.AddCamera(4, TypicalCamera("usb-0000:00:14.0"));  // a prefix of the wanted one
+  device.AddCamera(5, TypicalCamera(kBus));
+  device.AddCamera(6, TypicalCamera(kBus));
+
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  const std::vector<std::string> opened = device.OpenedPaths();
+  ASSERT_EQ(opened.size(), 6U);  // video0..video5; the first match ends the search
+  EXPECT_EQ(opened.back(), "/dev/video5");
+  for (int flags : device.OpenFlags()) {
+    EXPECT_EQ(flags, O_RDWR | O_NONBLOCK);
+  }
+  EXPECT_TRUE(device.IsStreaming(5));
+  EXPECT_FALSE(device.IsStreaming(6));
+  EXPECT_EQ(device.OpenDescriptors(), 1U);
+  EXPECT_TRUE(log.HasModule(
+      "Device: /dev/video0[usb-0000:00:14.0-1] not the device usb-0000:00:14.0-3 we need.", 1));
+  EXPECT_TRUE(log.HasModule("find device success: /dev/video5", 3));
+  EXPECT_FALSE(log.HasModule("/dev/video1["));
+  EXPECT_FALSE(log.HasModule("/dev/video2["));
+  ASSERT_TRUE(frames.frames.WaitFor(2));
+}
+
+TEST_F(CapturerTest, ProbesAllSixtyFourPathsWhenNoCameraMatches) {
+  device.AddCamera(0, TypicalCamera("usb-other"));
+  device.AddCamera(63, TypicalCamera("usb-0000:00:14.0-30"));  // a longer id is no match
+  EXPECT_EQ(Start(640, 480, 30), 1U);
+  const std::vector<std::string> opened = device.OpenedPaths();
+  ASSERT_EQ(opened.size(), 64U);
+  EXPECT_EQ(opened.front(), "/dev/video0");
+  EXPECT_EQ(opened.back(), "/dev/video63");
+  EXPECT_TRUE(log.HasModule("not found match usb-0000:00:14.0-3 capture", 1));
+  EXPECT_TRUE(log.HasModule("failed to open Capture Device", 1));
+  ExpectNothingLeft();
+}
+
+struct FormatOrderCase {
+  uint32_t width;
+  uint32_t height;
+  uint32_t firstTried;
+};
+
+TEST_F(CapturerTest, FormatOrderDependsOnTheRequestedSize) {
+  const FormatOrderCase cases[] = {{1280, 720, V4L2_PIX_FMT_MJPEG},
+                                   {640, 480, V4L2_PIX_FMT_YUV420},
+                                   {641, 480, V4L2_PIX_FMT_MJPEG},
+                                   {640, 481, V4L2_PIX_FMT_MJPEG},
+                                   {320, 240, V4L2_PIX_FMT_YUV420}};
+  for (const FormatOrderCase& c : cases) {
+    SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+    FakeV4l2Device fresh;
+    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
+    fresh.AddCamera(0, TypicalCamera(kBus));
+    DevCaptureCameraLinux one;
+    one.Init(kBus);
+    tagCameraCaptureParams p = Params(c.width, c.height, 30);
+    ASSERT_EQ(one.CaptureStart(&p), 0U);
+    ASSERT_FALSE(fresh.TriedFormats(0).empty());
+    EXPECT_EQ(fresh.TriedFormats(0)[0], c.firstTried);
+    EXPECT_EQ(fresh.CurrentFormat(0).pixelformat, c.firstTried);
+    one.CaptureStop();
+    EXPECT_EQ(fresh.OpenDescriptors(), 0U);
+  }
+}
+
+TEST_F(CapturerTest, RefusedFormatsFallToTheNextCandidate) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  device.Faults(0, [](FakeCameraFaults& f) {
+    f.refusedFormats = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420};
+  });
+  ASSERT_EQ(Start(1280, 720, 30), 0U);
+  EXPECT_EQ(device.TriedFormats(0),
+            (std::vector<uint32_t>{V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_YUYV}));
+  EXPECT_EQ(capturer->GetRawVideoType(), CAPTURE_FORMAT_YUYV);
+  ASSERT_TRUE(frames.frames.WaitFor(1));
+  std::lock_guard<std::mutex> guard(frames.lock);
+  EXPECT_EQ(frames.lastFrame.format, PELV_IMAGE_FORMAT_YUY2);
+  EXPECT_EQ(frames.lastFrame.dataSize, 1280U * 720U * 2U);
+}
+
+TEST_F(CapturerTest, NoAcceptedFormatFailsAndClosesTheDevice) {
+  FakeCameraConfig config = TypicalCamera(kBus);
+  config.substituteUnknownFormat = false;
+  config.formats = {DiscreteFormat(V4L2_PIX_FMT_NV12, {{640, 480}}, {{1, 30}})};
+  device.AddCamera(0, config);
+  EXPECT_EQ(Start(640, 480, 30), 1U);
+  EXPECT_TRUE(log.HasModule("not found suitable video formats", 1));
+  EXPECT_TRUE(log.HasModule("failed to setCaptureParams", 1));
+  ExpectNothingLeft();
+}
+
+TEST_F(CapturerTest, DriverSubstitutedFormatDecidesTheRawType) {
+  FakeCameraConfig config = TypicalCamera(kBus);
+  config.formats = {DiscreteFormat(V4L2_PIX_FMT_YUYV, {{640, 480}}, {{1, 30}})};
+  device.AddCamera(0, config);
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  EXPECT_EQ(device.TriedFormats(0).size(), 1U);  // YU12 "accepted" as YUYV
+  EXPECT_EQ(capturer->GetRawVideoType(), CAPTURE_FORMAT_YUYV);
+  ASSERT_TRUE(frames.frames.WaitFor(1));
+  std::lock_guard<std::mutex> guard(frames.lock);
+  EXPECT_EQ(frames.lastFrame.format, PELV_IMAGE_FORMAT_YUY2);
+}
+
+struct MjpegSizeCase {
+  uint32_t width;
+  uint32_t height;
+  bool accepted;
+};
+
+TEST_F(CapturerTest, MjpegNeedsOneSideAMultipleOfEight) {
+  const MjpegSizeCase cases[] = {
+      {960, 540, true}, {962, 542, false}, {960, 542, true}, {962, 544, true}, {1280, 720, true}};
+  for (const MjpegSizeCase& c : cases) {
+    SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+    FakeV4l2Device fresh;
+    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
+    FakeCameraConfig config = TypicalCamera(kBus);
+    config.formats = {DiscreteFormat(V4L2_PIX_FMT_MJPEG, {{c.width, c.height}}, {{1, 30}})};
+    fresh.AddCamera(0, config);
+    WaitableLog sizes;
+    DevCaptureCameraLinux one;
+    one.Init(kBus);
+    tagCameraCaptureParams p = Params(c.width, c.height, 30);
+    EXPECT_EQ(one.CaptureStart(&p), c.accepted ? 0U : 1U);
+    EXPECT_EQ(sizes.HasModule("capture MJPEG format. width and height must be a multiple of 8. "),
+              !c.accepted);
+    if (!c.accepted) {
+      EXPECT_TRUE(sizes.HasModule("set video formats failed, width[962], height[542]", 1));
+      EXPECT_FALSE(fresh.IsStreaming(0));
+    } else {
+      EXPECT_EQ(one.GetWidth(), c.width);
+      EXPECT_EQ(one.GetHeight(), c.height);
+    }
+    one.CaptureStop();
+    EXPECT_EQ(fresh.OpenDescriptors(), 0U);
+  }
+}
+
+struct RateCase {
+  const char* name;
+  std::vector<v4l2_fract> discrete;  // empty: the stepwise range below
+  v4l2_fract min, max, step;
+  uint32_t target;
+  v4l2_fract expected;
+};
+
+TEST_F(CapturerTest, NegotiatesTheFrameInterval) {
+  const std::vector<v4l2_fract> fastFirst = {{1, 30}, {1, 25}, {1, 20}, {1, 15}, {1, 10}};
+  const std::vector<v4l2_fract> slowFirst = {{1, 5}, {1, 10}, {1, 15}, {1, 30}};
+  const RateCase cases[] = {
+      {"fastest first, 15", fastFirst, {}, {}, {}, 15, {1, 15}},
+      {"fastest first, 60", fastFirst, {}, {}, {}, 60, {1, 30}},
+      {"fastest first, 12", fastFirst, {}, {}, {}, 12, {1, 15}},
+      {"fastest first, 5", fastFirst, {}, {}, {}, 5, {1, 10}},
+      {"slowest first, 15", slowFirst, {}, {}, {}, 15, {1, 5}},
+      {"slowest first, 60", slowFirst, {}, {}, {}, 60, {1, 30}},
+      {"slowest first, exactly the fastest", slowFirst, {}, {}, {}, 30, {1, 30}},
+      {"zero denominator skipped", {{1, 0}, {1, 30}, {1, 15}}, {}, {}, {}, 20, {1, 30}},
+      {"stepwise, 16", {}, {1, 40}, {1, 5}, {1, 40}, 16, {80, 1600}},
+      {"stepwise, 50", {}, {1, 40}, {1, 5}, {1, 40}, 50, {1, 40}},
+      {"stepwise, 40", {}, {1, 40}, {1, 5}, {1, 40}, 40, {1, 40}},
+      {"stepwise, 4", {}, {1, 40}, {1, 5}, {1, 40}, 4, {1, 5}},
+      {"stepwise, 5", {}, {1, 40}, {1, 5}, {1, 40}, 5, {1, 5}},
+      {"stepwise, 10", {}, {1, 40}, {1, 5}, {1, 40}, 10, {160, 1600}},
+  };
+  for (const RateCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeV4l2Device fresh;
+    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
+    FakeCameraFormat format = DiscreteFormat(V4L2_PIX_FMT_YUV420, {{640, 480}}, c.discrete);
+    format.stepMin = c.min;
+    format.stepMax = c.max;
+    format.step = c.step;
+    FakeCameraConfig config = TypicalCamera(kBus);
+    config.formats = {format};
+    fresh.AddCamera(0, config);
+    WaitableLog rates;
+    DevCaptureCameraLinux one;
+    one.Init(kBus);
+    tagCameraCaptureParams p = Params(640, 480, c.target);
+    ASSERT_EQ(one.CaptureStart(&p), 0U);
+    const v4l2_fract agreed = fresh.CurrentInterval(0);
+    EXPECT_EQ(agreed.numerator, c.expected.numerator);
+    EXPECT_EQ(agreed.denominator, c.expected.denominator);
+    EXPECT_EQ(one.GetFrameRate(), c.expected.denominator / c.expected.numerator);
+    EXPECT_FALSE(rates.HasModule("set video framerate failed."));
+    one.CaptureStop();
+  }
+}
+
+TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
+  struct Case {
+    const char* name;
+    std::function<void(FakeCameraConfig&, FakeCameraFaults&)> setUp;
+    uint32_t width, height, fps;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"no TIMEPERFRAME", [](FakeCameraConfig& c, FakeCameraFaults&) { c.timePerFrame = false; },
+       640, 480, 15, "Camera capture capability:(0), does not support framerate control."},
+      {"G_PARM fails",
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[VIDIOC_G_PARM] = EIO; }, 640, 480,
+       15, "Get capture framerate capabilities failed."},
+      {"zero target", [](FakeCameraConfig&, FakeCameraFaults&) {}, 640, 480, 0,
+       "Invalid targetFramerate."},
+      {"size adjusted by the driver", [](FakeCameraConfig&, FakeCameraFaults&) {}, 1000, 700, 15,
+       "Failed to enumerate framerate."},
+      {"S_PARM fails",
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[VIDIOC_S_PARM] = EIO; }, 640, 480,
+       15, "Set capture framerate failed."},
+      {"bad stepwise range",
+       [](FakeCameraConfig& c, FakeCameraFaults&) {
+         c.formats[1].discreteIntervals.clear();
+         c.formats[1].stepMin = {1, 0};
+       },
+       640, 480, 15, "Invalid FrameInterval Fraction Parameters."},
+      {"zero step denominator",
+       [](FakeCameraConfig& c, FakeCameraFaults&) {
+         c.formats[1].discreteIntervals.clear();
+         c.formats[1].step = {1, 0};
+       },
+       640, 480, 15, "Invalid FrameInterval Fraction Parameters."},
+      {"zero stepwise interval",
+       [](FakeCameraConfig& c, FakeCameraFaults&) {
+         c.formats[1].discreteIntervals.clear();
+         c.formats[1].step = {0, 30};
+       },
+       640, 480, 15, "Invalid FrameInterval Parameters."},
+      {"only invalid intervals",
+       [](FakeCameraConfig& c, FakeCameraFaults&) {
+         c.formats[1].discreteIntervals = {{1, 0}, {2, 0}};
+       },
+       640, 480, 15, "Failed to enum framerate."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeV4l2Device fresh;
+    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
+    FakeCameraConfig config = TypicalCamera(kBus);
+    FakeCameraFaults faults;
+    c.setUp(config, faults);
+    fresh.AddCamera(0, config);
+    fresh.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
+    WaitableLog rates;
+    DevCaptureCameraLinux one;
+    one.Init(kBus);
+    tagCameraCaptureParams p = Params(c.width, c.height, c.fps);
+    ASSERT_EQ(one.CaptureStart(&p), 0U);
+    EXPECT_TRUE(rates.HasModule(c.message, 1));
+    EXPECT_TRUE(rates.HasModule("set video framerate failed.", 1));
+    EXPECT_TRUE(rates.HasModule("Set capture framerate succeeded.", 3));
+    EXPECT_EQ(one.GetFrameRate(), 0U);
+    EXPECT_TRUE(fresh.IsStreaming(0));
+    EXPECT_EQ(one.GetWidth(), fresh.CurrentFormat(0).width);  // the driver's size, not asked
+    EXPECT_EQ(one.GetHeight(), fresh.CurrentFormat(0).height);
+    one.CaptureStop();
+  }
+}
+
+TEST_F(CapturerTest, FailedStartsLeaveNothingOpenOrMapped) {
+  struct Case {
+    const char* name;
+    std::function<void(FakeCameraConfig&, FakeCameraFaults&)> setUp;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"REQBUFS refused",
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[VIDIOC_REQBUFS] = ENOMEM; },
+       "Get mmap buffers failed. error"},
+      {"QUERYBUF refused",
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[VIDIOC_QUERYBUF] = EINVAL; },
+       "VIDIOC_QUERYBUF failed"},
+      {"third mmap fails", [](FakeCameraConfig&, FakeCameraFaults& f) { f.mmapFailAt = 2; },
+       "mmap failed"},
+      {"QBUF refused",
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[VIDIOC_QBUF] = EIO; },
+       "VIDIOC_QBUF failed"},
+      {"STREAMON refused",
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[VIDIOC_STREAMON] = EIO; },
+       "start capture stream failed! error:5"},
+      {"no buffers granted", [](FakeCameraConfig& c, FakeCameraFaults&) { c.maxBuffers = 0; },
+       "start capture stream failed! error:22"},
+      {"S_FMT refused",
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[VIDIOC_S_FMT] = EBUSY; },
+       "set video formats failed. rawVideoType:1, error:16"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeV4l2Device fresh;
+    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
+    FakeCameraConfig config = TypicalCamera(kBus);
+    FakeCameraFaults faults;
+    c.setUp(config, faults);
+    fresh.AddCamera(0, config);
+    fresh.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
+    WaitableLog failures;
+    DevCaptureCameraLinux one;
+    one.Init(kBus);
+    tagCameraCaptureParams p = Params(640, 480, 30);
+    EXPECT_EQ(one.CaptureStart(&p), 1U);
+    EXPECT_TRUE(failures.HasModule(c.message, 1));
+    EXPECT_EQ(fresh.OpenDescriptors(), 0U);
+    EXPECT_EQ(fresh.Mappings(), 0U);
+    EXPECT_FALSE(one.IsCapturing());
+    EXPECT_EQ(one.GetFd(), -1);
+  }
+}
+
+TEST_F(CapturerTest, CaptureThreadThatCannotStartLeavesNothingBehind) {
+  FakeThreadSystem threads;
+  ScopedSeamOverride<ThreadSystem> threadSeam(threads);
+  threads.FailNextCreates(1);
+  device.AddCamera(0, TypicalCamera(kBus));
+  EXPECT_EQ(Start(640, 480, 30), 1U);
+  EXPECT_TRUE(log.HasModule("start capture thread failed, ret[11]", 1));
+  EXPECT_FALSE(device.IsStreaming(0));
+  ExpectNothingLeft();
+  ASSERT_EQ(capturer->CaptureStart(&params), 0U);  // the next start works
+  ASSERT_TRUE(frames.frames.WaitFor(1));
+  capturer->CaptureStop();
+}
+
+TEST_F(CapturerTest, FewerBuffersGrantedStillCapture) {
+  FakeCameraConfig config = TypicalCamera(kBus);
+  config.maxBuffers = 2;
+  device.AddCamera(0, config);
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  EXPECT_EQ(device.BuffersGranted(0), 2U);
+  EXPECT_EQ(device.Mappings(), 2U);
+  ASSERT_TRUE(frames.frames.WaitFor(6));  // each buffer went round more than once
+}
+
+TEST_F(CapturerTest, DeliversEachFormatWithItsBytes) {
+  struct Case {
+    uint32_t width, height, fourcc, format, size;
+  };
+  const Case cases[] = {
+      {640, 480, V4L2_PIX_FMT_YUV420, PELV_IMAGE_FORMAT_I420, 640 * 480 * 3 / 2},
+      {640, 480, V4L2_PIX_FMT_YUYV, PELV_IMAGE_FORMAT_YUY2, 640 * 480 * 2},
+      {1280, 720, V4L2_PIX_FMT_MJPEG, PELV_IMAGE_FORMAT_MJPEG, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.fourcc);
+    FakeV4l2Device fresh;
+    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
+    FakeCameraConfig config = TypicalCamera(kBus);
+    config.formats = {DiscreteFormat(c.fourcc, {{c.width, c.height}}, {{1, 30}})};
+    fresh.AddCamera(0, config);
+    FrameLog got;
+    DevCaptureCameraLinux one;
+    one.Init(kBus);
+    one.SetCaptureCallback(got.Callback());
+    tagCameraCaptureParams p = Params(c.width, c.height, 30);
+    ASSERT_EQ(one.CaptureStart(&p), 0U);
+    ASSERT_TRUE(got.frames.WaitFor(3));
+    one.CaptureStop();
+    std::lock_guard<std::mutex> guard(got.lock);
+    EXPECT_EQ(got.lastFrame.format, c.format);
+    EXPECT_EQ(got.lastFrame.width, c.width);
+    EXPECT_EQ(got.lastFrame.height, c.height);
+    PatternFrameSource pattern;
+    // Sequence numbers start at 0; frames of one camera differ, so the bytes name the frame.
+    bool matched = false;
+    for (uint32_t sequence = 0; sequence < 64 && !matched; ++sequence) {
+      matched = pattern.MakeFrame(c.fourcc, c.width, c.height, sequence) == got.last;
+    }
+    EXPECT_TRUE(matched);
+    if (c.size != 0) {
+      EXPECT_EQ(got.lastFrame.dataSize, c.size);
+    } else {
+      int w = 0;
+      int h = 0;
+      EXPECT_EQ(libyuv::MJPGSize(got.last.data(), got.last.size(), &w, &h), 0);
+      EXPECT_EQ(w, 1280);
+    }
+  }
+}
+
+TEST_F(CapturerTest, DequeueErrorsAreLoggedAndCaptureGoesOn) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  device.Faults(0, [](FakeCameraFaults& f) { f.dequeueErrors = {EINTR, EAGAIN, EINTR, EIO}; });
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  ASSERT_TRUE(frames.frames.WaitFor(3));
+  EXPECT_TRUE(log.HasModule("could not sync on a buffer on device 11 ", 1));
+  EXPECT_TRUE(log.HasModule("could not sync on a buffer on device 5 Input/output error", 1));
+  EXPECT_FALSE(log.HasModule("device 4 "));  // EINTR is retried, never reported
+  EXPECT_TRUE(capturer->IsCapturing());
+}
+
+TEST_F(CapturerTest, UnpluggedCameraKeepsTheLoopUntilStopped) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  device.Faults(0, [](FakeCameraFaults& f) { f.unplugAfterFrames = 5; });
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  ASSERT_TRUE(frames.frames.WaitFor(5));
+  ASSERT_TRUE(log.WaitFor("could not sync on a buffer on device No such device", 1, 1));
+  EXPECT_TRUE(capturer->IsCapturing());
+  EXPECT_EQ(capturer->CaptureStop(), 0U);
+  EXPECT_EQ(frames.frames.Get(), 5);
+  ExpectNothingLeft();
+}
+
+TEST_F(CapturerTest, SilentCameraIsReportedOncePerHundredAndOneTimeouts) {
+  VirtualClock clock;
+  ScopedSeamOverride<Clock> clockSeam(clock);
+  device.AddCamera(0, TypicalCamera(kBus));
+  device.Faults(0, [](FakeCameraFaults& f) { f.neverDeliver = true; });
+  // The line is written on the capture thread right after the timeout it counts, so the
+  // fake's count of timeouts at that moment tells which timeout produced it.
+  std::mutex lock;  // guards reports
+  std::vector<std::pair<std::string, uint64_t>> reports;
+  CountLatch lines;
+  OmLogSink previous = OmLogSetSink([&](const OmLogRecord& record) {
+    if (record.text.find("StatusAbnormalCnt failed") != std::string::npos) {
+      {
+        std::lock_guard<std::mutex> guard(lock);
+        reports.emplace_back(record.text, device.SelectTimeouts());
+      }
+      lines.Add();
+    }
+  });
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  const bool reported = lines.WaitFor(3);
+  capturer->CaptureStop();
+  OmLogSetSink(std::move(previous));
+  ASSERT_TRUE(reported);
+  std::lock_guard<std::mutex> guard(lock);
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(reports[i].first, "StatusAbnormalCnt failed cnt:0 100 0");
+    EXPECT_EQ(reports[i].second, 100U + 101U * i);
+  }
+  EXPECT_EQ(frames.frames.Get(), 0);
+}
+
+TEST_F(CapturerTest, SelectErrorsAreCountedApart) {
+  VirtualClock clock;
+  ScopedSeamOverride<Clock> clockSeam(clock);
+  device.AddCamera(0, TypicalCamera(kBus));
+  device.Faults(0, [](FakeCameraFaults& f) { f.selectErrno = ENOMEM; });
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  ASSERT_TRUE(log.WaitFor("StatusAbnormalCnt failed"));
+  capturer->CaptureStop();
+  EXPECT_TRUE(log.HasModule("StatusAbnormalCnt failed cnt:100 0 0", 1));
+}
+
+TEST_F(CapturerTest, InterruptedWaitsAreNotFailures) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  device.Faults(0, [](FakeCameraFaults& f) { f.selectErrno = EINTR; });
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  ASSERT_TRUE(device.WaitForSelectFailures(250));
+  capturer->CaptureStop();
+  EXPECT_FALSE(log.HasModule("StatusAbnormalCnt"));
+}
+
+TEST_F(CapturerTest, StopWaitsForTheFrameInFlight) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  Gate release;
+  CountLatch entered;
+  std::atomic<bool> stopped{false};
+  std::atomic<bool> frameAfterStop{false};
+  capturer->Init(kBus);
+  capturer->SetCaptureCallback([&](_PEL_V_FRAME& frame) {
+    if (stopped.load()) {
+      frameAfterStop = true;
+    }
+    entered.Add();
+    release.Pass();
+    volatile uint8_t first = frame.data[0];  // the mapping must still be there
+    (void)first;
+    return 0;
+  });
+  params = Params(640, 480, 30);
+  ASSERT_EQ(capturer->CaptureStart(&params), 0U);
+  ASSERT_TRUE(entered.WaitFor(1));
+  std::thread stopper([&] {
+    capturer->CaptureStop();
+    stopped = true;
+  });
+  // While the callback still reads the buffer, stop must not take the mappings away.
+  EXPECT_FALSE(device.WaitForMappingsAtMost(3, std::chrono::milliseconds(200)));
+  release.Open();
+  stopper.join();
+  EXPECT_TRUE(stopped.load());
+  EXPECT_FALSE(frameAfterStop.load());
+  ExpectNothingLeft();
+}
+
+TEST_F(CapturerTest, RestartKeepsTheSameSizeAndReopensForAnother) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  const int fd = capturer->GetFd();
+  tagCameraCaptureParams slower = Params(640, 480, 15);
+  EXPECT_EQ(capturer->CaptureStart(&slower), 0U);
+  EXPECT_EQ(capturer->GetFd(), fd);
+  EXPECT_EQ(device.CurrentInterval(0).denominator, 30U);  // the old rate stays
+  EXPECT_EQ(device.OpenedPaths().size(), 1U);
+  tagCameraCaptureParams larger = Params(1280, 720, 15);
+  ASSERT_EQ(capturer->CaptureStart(&larger), 0U);
+  EXPECT_NE(capturer->GetFd(), fd);
+  EXPECT_EQ(device.CurrentFormat(0).width, 1280U);
+  EXPECT_EQ(device.CurrentInterval(0).denominator, 15U);
+  EXPECT_EQ(device.OpenDescriptors(), 1U);
+  EXPECT_EQ(device.Mappings(), 4U);
+  EXPECT_TRUE(capturer->IsCaptrueParamSame(&larger));
+  EXPECT_FALSE(capturer->IsCaptrueParamSame(&slower));
+  tagCameraCaptureParams sameWidth = Params(1280, 480, 30);
+  tagCameraCaptureParams sameHeight = Params(640, 720, 30);
+  EXPECT_FALSE(capturer->IsCaptrueParamSame(&sameWidth));
+  EXPECT_FALSE(capturer->IsCaptrueParamSame(&sameHeight));
+}
+
+TEST_F(CapturerTest, DestructionStopsAndReleasesEverything) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  ASSERT_EQ(Start(640, 480, 30), 0U);
+  ASSERT_TRUE(frames.frames.WaitFor(1));
+  capturer.reset();
+  EXPECT_EQ(device.OpenDescriptors(), 0U);
+  EXPECT_EQ(device.Mappings(), 0U);
+  EXPECT_TRUE(log.HasModule("still capturing. to stop it. 0", 3));
+  capturer = std::make_unique<DevCaptureCameraLinux>();
+}
+
+TEST_F(CapturerTest, UnterminatedCameraIdIsReadWithinItsField) {
+  device.AddCamera(0, TypicalCamera(kBus));
+  tagCameraCaptureParams p = Params(640, 480, 30);
+  std::memset(p.cameraId, 'x', sizeof(p.cameraId));  // no terminator in 192 bytes
+  p.reserved = 0x41414141;
+  const std::string id = CameraIdOf(p);
+  EXPECT_EQ(id.size(), kCameraIdLength);
+  capturer->Init(id);
+  EXPECT_EQ(capturer->CaptureStart(&p), 1U);
+  EXPECT_TRUE(log.HasModule("not found match " + id + " capture", 1));
+  ExpectNothingLeft();
+}
+
+TEST_F(CapturerTest, StopWithoutStartIsHarmless) {
+  EXPECT_EQ(capturer->CaptureStop(), 0U);
+  EXPECT_EQ(capturer->Init("x"), 0U);
+  EXPECT_EQ(capturer->CaptureStart(nullptr), 1U);
+  ExpectNothingLeft();
+}
+
+// A real camera, when the machine has one (the first V4L2 capture device found): the same
+// start, frames, restart and stop, and afterwards no descriptor and no mapping of it left.
+class RealCameraTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (int n = 0; n < 64 && busInfo.empty(); ++n) {
+      const std::string path = "/dev/video" + std::to_string(n);
+      const int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK);
+      if (fd < 0) {
+        continue;
+      }
+      v4l2_capability cap{};
+      if (ioctl(fd, VIDIOC_QUERYCAP, &cap) == 0 &&
+          (cap.device_caps & V4L2_CAP_VIDEO_CAPTURE) != 0) {
+        busInfo.assign(reinterpret_cast<const char*>(cap.bus_info),
+                       strnlen(reinterpret_cast<const char*>(cap.bus_info), sizeof(cap.bus_info)));
+      }
+      ::close(fd);
+    }
+    if (busInfo.empty()) {
+      GTEST_SKIP() << "no V4L2 camera on this machine";
+    }
+    descriptorsBefore = Count("/proc/self/fd", "");
+  }
+  // Entries of a /proc listing (a directory, or lines of a file) that contain `text`.
+  static size_t Count(const std::string& where, const std::string& text) {
+    size_t count = 0;
+    if (text.empty()) {
+      for (const auto& entry : std::filesystem::directory_iterator(where)) {
+        (void)entry;
+        ++count;
+      }
+      return count;
+    }
+    std::ifstream in(where);
+    for (std::string line; std::getline(in, line);) {
+      count += line.find(text) != std::string::npos ? 1 : 0;
+    }
+    return count;
+  }
+  void ExpectReleased() {
+    EXPECT_EQ(Count("/proc/self/maps", "/dev/video"), 0U);
+    EXPECT_EQ(Count("/proc/self/fd", ""), descriptorsBefore);
+  }
+
+  std::string busInfo;
+  size_t descriptorsBefore = 0;
+};
+
+TEST_F(RealCameraTest, CapturesRestartsAndReleasesTheDevice) {
+  FrameLog got;
+  DevCaptureCameraLinux capturer;
+  capturer.Init(busInfo);
+  capturer.SetCaptureCallback(got.Callback());
+  tagCameraCaptureParams p = Params(640, 480, 30, busInfo.c_str());
+  ASSERT_EQ(capturer.CaptureStart(&p), 0U);
+  EXPECT_TRUE(got.frames.WaitFor(5));
+  EXPECT_GT(Count("/proc/self/maps", "/dev/video"), 0U);
+  tagCameraCaptureParams same =
+      Params(capturer.GetWidth(), capturer.GetHeight(), 15, busInfo.c_str());
+  EXPECT_EQ(capturer.CaptureStart(&same), 0U);
+  EXPECT_EQ(capturer.CaptureStop(), 0U);
+  EXPECT_EQ(capturer.GetFd(), -1);
+  {
+    std::lock_guard<std::mutex> guard(got.lock);
+    EXPECT_NE(got.lastFrame.format, 0U);
+    EXPECT_GT(got.lastFrame.dataSize, 0U);
+  }
+  ExpectReleased();
+}
+
+TEST_F(RealCameraTest, DestructionWhileCapturingReleasesTheDevice) {
+  {
+    FrameLog got;
+    DevCaptureCameraLinux capturer;
+    capturer.Init(busInfo);
+    capturer.SetCaptureCallback(got.Callback());
+    tagCameraCaptureParams p = Params(1280, 720, 30, busInfo.c_str());
+    ASSERT_EQ(capturer.CaptureStart(&p), 0U);
+    EXPECT_TRUE(got.frames.WaitFor(2));
+  }
+  ExpectReleased();
+}
+
+}  // namespace

@@ -1,0 +1,749 @@
+// The capture manager: every camera pixel format, rotation and mirror against libyuv's own
+// output of the same input, the size and data checks, the try-lock frame path, the
+// quality-indicator stream, the overlay front, and a whole capture through the V4L2
+// capturer over the fake kernel.
+#include <gtest/gtest.h>
+#include <libyuv.h>
+
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include "camera/tavo_video_vlink_camera_capturer_linux.h"
+#include "camera/tavo_video_vlink_capture_manager.h"
+#include "platform/stream_qi.h"
+#include "tests/support/fake_v4l2_device.h"
+#include "tests/support/jpeg_util.h"
+#include "tests/support/waitable_log.h"
+
+namespace {
+
+std::vector<uint8_t> RandomBytes(size_t size, uint32_t seed) {
+  std::mt19937 generator(seed);
+  std::vector<uint8_t> bytes(size);
+  for (uint8_t& byte : bytes) {
+    byte = static_cast<uint8_t>(generator());
+  }
+  return bytes;
+}
+
+// Packed I420 of width x height with strides width and width/2, as the manager lays it out.
+struct RefI420 {
+  RefI420(uint32_t w, uint32_t h) : width(w), height(h), bytes(size_t{w} * h * 3 / 2) {}
+  uint8_t* Y() { return bytes.data(); }
+  uint8_t* U() { return bytes.data() + size_t{width} * height; }
+  uint8_t* V() { return U() + size_t{width} * height / 4; }
+  int SY() const { return static_cast<int>(width); }
+  int SUV() const { return static_cast<int>(width / 2); }
+  uint32_t width;
+  uint32_t height;
+  std::vector<uint8_t> bytes;
+};
+
+// A frame over `input`, owned by the test; after a conversion the block is the frame's.
+_PEL_V_FRAME FrameOver(std::vector<uint8_t>& input, uint32_t format, uint32_t width,
+                       uint32_t height) {
+  _PEL_V_FRAME frame{};
+  frame.format = format;
+  frame.width = width;
+  frame.height = height;
+  frame.data = input.data();
+  frame.dataSize = static_cast<uint32_t>(input.size());
+  return frame;
+}
+
+// The I420 picture a converted frame holds.
+std::vector<uint8_t> PictureOf(const _PEL_V_FRAME& frame) {
+  return std::vector<uint8_t>(frame.data, frame.data + size_t{frame.width} * frame.height * 3 / 2);
+}
+
+struct FormatCase {
+  const char* name;
+  uint32_t format;
+  bool copyOnly;
+  // Input bytes for a width x height frame.
+  std::function<size_t(uint32_t, uint32_t)> inputSize;
+  // libyuv's own answer for the same input.
+  std::function<int(const uint8_t*, size_t, RefI420&)> reference;
+};
+
+std::vector<FormatCase> FormatCases() {
+  auto w = [](const RefI420& r) { return static_cast<int>(r.width); };
+  auto h = [](const RefI420& r) { return static_cast<int>(r.height); };
+  return {
+      {"I420", PELV_IMAGE_FORMAT_I420, false,
+       [](uint32_t x, uint32_t y) { return size_t{x} * y * 3 / 2; },
+       [](const uint8_t* in, size_t size, RefI420& out) {
+         std::memcpy(out.bytes.data(), in, std::min(size, out.bytes.size()));
+         return 0;
+       }},
+      {"NV21 copy", PELV_IMAGE_FORMAT_NV21, true,
+       [](uint32_t x, uint32_t y) { return size_t{x} * y * 3 / 2; },
+       [](const uint8_t* in, size_t size, RefI420& out) {
+         std::memcpy(out.bytes.data(), in, size);
+         return 0;
+       }},
+      {"YUY2", PELV_IMAGE_FORMAT_YUY2, false,
+       [](uint32_t x, uint32_t y) { return size_t{x} * y * 2; },
+       [=](const uint8_t* in, size_t, RefI420& out) {
+         return libyuv::YUY2ToI420(in, w(out) * 2, out.Y(), out.SY(), out.U(), out.SUV(), out.V(),
+                                   out.SUV(), w(out), h(out));
+       }},
+      {"NV12", PELV_IMAGE_FORMAT_NV12, false,
+       [](uint32_t x, uint32_t y) { return size_t{x} * y * 3 / 2; },
+       [=](const uint8_t* in, size_t, RefI420& out) {
+         return libyuv::NV12ToI420(in, w(out), in + w(out) * h(out), w(out), out.Y(), out.SY(),
+                                   out.U(), out.SUV(), out.V(), out.SUV(), w(out), h(out));
+       }},
+      {"NV21", PELV_IMAGE_FORMAT_NV21, false,
+       [](uint32_t x, uint32_t y) { return size_t{x} * y * 3 / 2; },
+       [=](const uint8_t* in, size_t, RefI420& out) {
+         return libyuv::NV21ToI420(in, w(out), in + w(out) * h(out), w(out), out.Y(), out.SY(),
+                                   out.U(), out.SUV(), out.V(), out.SUV(), w(out), h(out));
+       }},
+      {"RGB24", PELV_IMAGE_FORMAT_RGB24, false,
+       [](uint32_t x, uint32_t y) { return size_t{x} * y * 3; },
+       [=](const uint8_t* in, size_t, RefI420& out) {
+         return libyuv::RGB24ToI420(in, w(out) * 3, out.Y(), out.SY(), out.U(), out.SUV(), out.V(),
+                                    out.SUV(), w(out), h(out));
+       }},
+      {"ABGR", PELV_IMAGE_FORMAT_ABGR, false,
+       [](uint32_t x, uint32_t y) { return size_t{x} * y * 4; },
+       [=](const uint8_t* in, size_t, RefI420& out) {
+         return libyuv::ABGRToI420(in, w(out) * 4, out.Y(), out.SY(), out.U(), out.SUV(), out.V(),
+                                   out.SUV(), w(out), h(out));
+       }},
+  };
+}
+
+class CaptureManagerTest : public ::testing::Test {
+ protected:
+  WaitableLog log;
+  DevCaptureManager manager;
+};
+
+TEST_F(CaptureManagerTest, EveryFormatMatchesLibyuvByteForByte) {
+  const std::pair<uint32_t, uint32_t> sizes[] = {{1280, 720}, {640, 480}, {64, 36}, {2, 2}};
+  uint32_t seed = 1;
+  for (const FormatCase& c : FormatCases()) {
+    for (auto [width, height] : sizes) {
+      SCOPED_TRACE(std::string(c.name) + " " + std::to_string(width) + "x" +
+                   std::to_string(height));
+      std::vector<uint8_t> input = RandomBytes(c.inputSize(width, height), seed++);
+      _PEL_V_FRAME frame = FrameOver(input, c.format, width, height);
+      frame.copyOnly = c.copyOnly ? 1 : 0;
+      frame.rotation = 90;  // carried, not applied
+      ASSERT_EQ(manager.FrameConvert(frame), 0U);
+      ASSERT_NE(frame.data, input.data());
+      RefI420 expected(width, height);
+      ASSERT_EQ(c.reference(input.data(), input.size(), expected), 0);
+      EXPECT_EQ(PictureOf(frame), expected.bytes);
+      EXPECT_EQ(frame.rotation, 90U);
+      EXPECT_EQ(frame.width, width);
+      if (c.copyOnly) {
+        EXPECT_EQ(frame.format, c.format);
+        EXPECT_EQ(frame.dataSize, input.size());
+      } else {
+        EXPECT_EQ(frame.format, PELV_IMAGE_FORMAT_I420);
+        EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(width, height));
+        EXPECT_EQ(frame.stride, c.format == PELV_IMAGE_FORMAT_NV21 ? width : 0U);
+      }
+      DevCaptureManager::ReleaseBuffer(frame.data);
+    }
+  }
+}
+
+TEST_F(CaptureManagerTest, BlocksAreRoundedToSixteenLines) {
+  EXPECT_EQ(DevCaptureManager::BlockSize(1280, 720), 1'382'400U);
+  EXPECT_EQ(DevCaptureManager::BlockSize(1920, 1080), 3'133'440U);
+  EXPECT_EQ(DevCaptureManager::BlockSize(64, 33), 64U * 48U * 3U / 2U);
+  EXPECT_EQ(DevCaptureManager::BlockSize(64, 32), 64U * 32U * 3U / 2U);
+}
+
+TEST_F(CaptureManagerTest, MjpegMatchesLibyuvDecode) {
+  for (auto [width, height] : {std::pair<uint32_t, uint32_t>{1280, 720}, {320, 240}, {96, 56}}) {
+    SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+    const std::vector<uint8_t> picture = MakePatternI420(width, height, 3);
+    std::vector<uint8_t> jpeg = EncodeI420Jpeg(picture.data(), width, height);
+    ASSERT_FALSE(jpeg.empty());
+    _PEL_V_FRAME frame = FrameOver(jpeg, PELV_IMAGE_FORMAT_MJPEG, width, height);
+    ASSERT_EQ(manager.ConvertToI420(frame), 0U);
+    RefI420 expected(width, height);
+    const int w = static_cast<int>(width);
+    const int h = static_cast<int>(height);
+    ASSERT_EQ(
+        libyuv::MJPGToI420(jpeg.data(), jpeg.size(), expected.Y(), expected.SY(), expected.U(),
+                           expected.SUV(), expected.V(), expected.SUV(), w, h, w, h),
+        0);
+    EXPECT_EQ(PictureOf(frame), expected.bytes);
+    EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(width, height));
+    DevCaptureManager::ReleaseBuffer(frame.data);
+  }
+}
+
+TEST_F(CaptureManagerTest, Nv12RotatesWhileConverting) {
+  const uint32_t width = 640;
+  const uint32_t height = 480;
+  for (uint32_t angle : {0U, 90U, 180U, 270U, 45U}) {
+    SCOPED_TRACE(angle);
+    std::vector<uint8_t> input = RandomBytes(size_t{width} * height * 3 / 2, angle + 7);
+    _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_NV12_ROTATE, width, height);
+    frame.rotation = angle;
+    ASSERT_EQ(manager.ConvertToI420(frame), 0U);
+    const bool turned = angle == 90 || angle == 270;
+    const uint32_t outWidth = turned ? height : width;
+    const uint32_t outHeight = turned ? width : height;
+    EXPECT_EQ(frame.width, outWidth);
+    EXPECT_EQ(frame.height, outHeight);
+    EXPECT_EQ(frame.rotation, 0U);
+    EXPECT_EQ(frame.format, PELV_IMAGE_FORMAT_I420);
+    RefI420 expected(outWidth, outHeight);
+    const auto mode = angle == 45 ? libyuv::kRotate0 : static_cast<libyuv::RotationMode>(angle);
+    ASSERT_EQ(libyuv::NV12ToI420Rotate(input.data(), width, input.data() + width * height, width,
+                                       expected.Y(), expected.SY(), expected.U(), expected.SUV(),
+                                       expected.V(), expected.SUV(), width, height, mode),
+              0);
+    EXPECT_EQ(PictureOf(frame), expected.bytes);
+    DevCaptureManager::ReleaseBuffer(frame.data);
+  }
+}
+
+// libyuv writes whole chroma rows and columns: for odd sizes the last ones reach past the
+// packed w x h x 3/2. The block must still hold them.
+TEST_F(CaptureManagerTest, OddSizesFitTheirBlocks) {
+  auto written = [](uint32_t w, uint32_t h) {
+    const uint64_t v = uint64_t{w} * h + uint64_t{w} * h / 4;
+    return v + uint64_t{(h + 1) / 2 - 1} * (w / 2) + (w + 1) / 2;
+  };
+  for (auto [width, height] : {std::pair<uint32_t, uint32_t>{3, 16}, {5, 32}, {7, 9}, {1, 1}}) {
+    for (uint32_t angle : {0U, 90U, 180U, 270U}) {
+      SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height) + " " +
+                   std::to_string(angle));
+      std::vector<uint8_t> input = RandomBytes(size_t{width} * height * 2 + 2, angle);
+      _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_NV12_ROTATE, width, height);
+      frame.rotation = angle;
+      ASSERT_EQ(manager.ConvertToI420(frame), 0U);
+      EXPECT_GE(frame.dataSize, written(frame.width, frame.height));
+      DevCaptureManager::ReleaseBuffer(frame.data);
+      _PEL_V_FRAME plain = FrameOver(input, PELV_IMAGE_FORMAT_YUY2, width, height);
+      ASSERT_EQ(manager.ConvertToI420(plain), 0U);
+      EXPECT_GE(plain.dataSize, written(width, height));
+      plain.rotation = angle;
+      ASSERT_EQ(manager.TransRotate(plain), 0U);
+      EXPECT_GE(plain.dataSize, written(plain.width, plain.height));
+      DevCaptureManager::ReleaseBuffer(plain.data);
+    }
+  }
+}
+
+// A converted frame the test owns: a heap block as the manager makes them.
+_PEL_V_FRAME ConvertedFrame(uint32_t width, uint32_t height, uint32_t seed) {
+  const std::vector<uint8_t> picture = RandomBytes(size_t{width} * height * 3 / 2, seed);
+  _PEL_V_FRAME frame{};
+  frame.format = PELV_IMAGE_FORMAT_I420;
+  frame.width = width;
+  frame.height = height;
+  frame.dataSize = DevCaptureManager::BlockSize(width, height);
+  frame.data = static_cast<uint8_t*>(std::malloc(frame.dataSize));
+  std::memcpy(frame.data, picture.data(), picture.size());
+  return frame;
+}
+
+TEST_F(CaptureManagerTest, RotateAndMirrorMatchLibyuv) {
+  const uint32_t width = 320;
+  const uint32_t height = 240;
+  for (uint32_t angle : {90U, 180U, 270U}) {
+    SCOPED_TRACE(angle);
+    _PEL_V_FRAME frame = ConvertedFrame(width, height, angle);
+    frame.rotation = angle;
+    RefI420 source(width, height);
+    std::memcpy(source.bytes.data(), frame.data, source.bytes.size());
+    const bool turned = angle != 180;
+    RefI420 expected(turned ? height : width, turned ? width : height);
+    ASSERT_EQ(libyuv::I420Rotate(source.Y(), source.SY(), source.U(), source.SUV(), source.V(),
+                                 source.SUV(), expected.Y(), expected.SY(), expected.U(),
+                                 expected.SUV(), expected.V(), expected.SUV(), width, height,
+                                 static_cast<libyuv::RotationMode>(angle)),
+              0);
+    ASSERT_EQ(manager.TransRotate(frame), 0U);  // frees the old block: ASan checks
+    EXPECT_EQ(frame.width, expected.width);
+    EXPECT_EQ(frame.height, expected.height);
+    EXPECT_EQ(frame.rotation, 0U);
+    EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(expected.width, expected.height));
+    EXPECT_EQ(PictureOf(frame), expected.bytes);
+    DevCaptureManager::ReleaseBuffer(frame.data);
+  }
+  _PEL_V_FRAME still = ConvertedFrame(width, height, 5);
+  uint8_t* block = still.data;
+  EXPECT_EQ(manager.TransRotate(still), 0U);  // no rotation: the frame stays as it is
+  EXPECT_EQ(still.data, block);
+  DevCaptureManager::ReleaseBuffer(still.data);
+
+  _PEL_V_FRAME mirrored = ConvertedFrame(width, height, 9);
+  mirrored.mirror = 1;
+  RefI420 source(width, height);
+  std::memcpy(source.bytes.data(), mirrored.data, source.bytes.size());
+  RefI420 expected(width, height);
+  ASSERT_EQ(libyuv::I420Mirror(source.Y(), source.SY(), source.U(), source.SUV(), source.V(),
+                               source.SUV(), expected.Y(), expected.SY(), expected.U(),
+                               expected.SUV(), expected.V(), expected.SUV(), width, height),
+            0);
+  ASSERT_EQ(manager.MirrorYuvI420(mirrored), 0U);
+  EXPECT_EQ(mirrored.mirror, 0);
+  EXPECT_EQ(PictureOf(mirrored), expected.bytes);
+  DevCaptureManager::ReleaseBuffer(mirrored.data);
+
+  _PEL_V_FRAME empty{};
+  empty.mirror = 1;
+  EXPECT_EQ(manager.MirrorYuvI420(empty), 1U);
+  EXPECT_TRUE(log.HasModule("libyuv::I420Mirror failed [-1]!", 1));
+  EXPECT_EQ(empty.mirror, 1);
+}
+
+TEST_F(CaptureManagerTest, SizeCheckAcceptsUpTo8192) {
+  std::vector<uint8_t> input(16);
+  _PEL_V_FRAME largest = FrameOver(input, PELV_IMAGE_FORMAT_NONE, 8192, 8192);
+  EXPECT_EQ(manager.ConvertToI420(largest), 1U);  // passes the check, then no such format
+  EXPECT_FALSE(log.HasModule("fetal!"));
+  for (auto [width, height] : {std::pair<uint32_t, uint32_t>{8193, 100}, {100, 8193}}) {
+    _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_YUY2, width, height);
+    EXPECT_EQ(manager.ConvertToI420(frame), DevCaptureManager::kFailed);
+    EXPECT_TRUE(log.HasModule(
+        "fetal! frame size invalid [" + std::to_string(width) + "-" + std::to_string(height) + "].",
+        1));
+    EXPECT_EQ(frame.data, input.data());
+  }
+  _PEL_V_FRAME nothing = FrameOver(input, PELV_IMAGE_FORMAT_YUY2, 2, 2);
+  nothing.data = nullptr;
+  EXPECT_EQ(manager.ConvertToI420(nothing), DevCaptureManager::kFailed);
+  EXPECT_TRUE(log.HasModule("frame data is null.", 1));
+}
+
+TEST_F(CaptureManagerTest, ShortFramesAreRefusedAtTheExactLimit) {
+  for (const FormatCase& c : FormatCases()) {
+    if (c.copyOnly) {
+      continue;
+    }
+    SCOPED_TRACE(c.name);
+    const uint32_t width = 64;
+    const uint32_t height = 48;
+    std::vector<uint8_t> input = RandomBytes(c.inputSize(width, height), 3);
+    _PEL_V_FRAME exact = FrameOver(input, c.format, width, height);
+    ASSERT_EQ(manager.ConvertToI420(exact), 0U);
+    DevCaptureManager::ReleaseBuffer(exact.data);
+    // One byte short, in a block of exactly that size so any over-read trips ASan.
+    std::vector<uint8_t> shorter(input.begin(), input.end() - 1);
+    _PEL_V_FRAME frame = FrameOver(shorter, c.format, width, height);
+    EXPECT_EQ(manager.ConvertToI420(frame), 1U);
+    EXPECT_EQ(frame.data, shorter.data());
+  }
+  EXPECT_TRUE(log.HasModule("frame data too short [4607 < 4608], format[100] [64-48].", 1));
+}
+
+TEST_F(CaptureManagerTest, PaddedI420KeepsWhatFitsTheBlock) {
+  std::vector<uint8_t> input = RandomBytes(64 * 48 * 3 / 2 + 100, 8);
+  _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_I420, 64, 48);
+  ASSERT_EQ(manager.ConvertToI420(frame), 0U);
+  EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(64, 48));
+  EXPECT_EQ(PictureOf(frame), std::vector<uint8_t>(input.begin(), input.end() - 100));
+  DevCaptureManager::ReleaseBuffer(frame.data);
+}
+
+TEST_F(CaptureManagerTest, ZeroSizesFailEveryConverter) {
+  std::vector<uint8_t> input(64, 0x80);
+  for (uint32_t format : {100U, 102U, 104U, 105U, 106U, 201U, 205U, 300U}) {
+    for (auto [width, height] : {std::pair<uint32_t, uint32_t>{0, 16}, {16, 0}, {0, 0}}) {
+      SCOPED_TRACE(std::to_string(format) + " " + std::to_string(width) + "x" +
+                   std::to_string(height));
+      _PEL_V_FRAME frame = FrameOver(input, format, width, height);
+      EXPECT_NE(manager.ConvertToI420(frame), 0U);
+      EXPECT_EQ(frame.data, input.data());
+    }
+  }
+}
+
+TEST_F(CaptureManagerTest, DamagedMjpegIsRefused) {
+  const std::vector<uint8_t> picture = MakePatternI420(320, 240, 1);
+  const std::vector<uint8_t> jpeg = EncodeI420Jpeg(picture.data(), 320, 240);
+  struct Case {
+    const char* name;
+    std::vector<uint8_t> bytes;
+    uint32_t width, height;
+  };
+  std::vector<uint8_t> garbage = RandomBytes(4096, 11);
+  std::vector<uint8_t> headerOnly(jpeg.begin(), jpeg.begin() + 20);
+  std::vector<uint8_t> noSoi(jpeg.begin() + 2, jpeg.end());
+  const Case cases[] = {{"garbage", garbage, 320, 240},
+                        {"header only", headerOnly, 320, 240},
+                        {"no start marker", noSoi, 320, 240},
+                        {"other size than the frame", jpeg, 640, 480},
+                        {"one byte", {0xFF}, 320, 240}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<uint8_t> bytes = c.bytes;
+    _PEL_V_FRAME frame = FrameOver(bytes, PELV_IMAGE_FORMAT_MJPEG, c.width, c.height);
+    EXPECT_EQ(manager.ConvertToI420(frame), 1U);
+    EXPECT_EQ(frame.data, bytes.data());
+  }
+  EXPECT_TRUE(log.HasModule("ConvertToI420 fail. ret = ", 1));
+}
+
+// A capturer whose start and stop the test controls.
+class ScriptedCapturer final : public IDevCaptureProxy {
+ public:
+  uint32_t Init(std::string cameraId) override {
+    id = cameraId;
+    return initResult;
+  }
+  uint32_t CaptureStart(tagCameraCaptureParams*) override { return startResult; }
+  uint32_t CaptureStop() override {
+    if (blockStop) {
+      stopEntered.Add();
+      stopGate.Pass();
+    }
+    return 0;
+  }
+  void SetCaptureCallback(CaptureFrameCallback cb) override { callback = std::move(cb); }
+
+  std::string id;
+  uint32_t initResult = 0;
+  uint32_t startResult = 0;
+  CaptureFrameCallback callback;
+  bool blockStop = false;  // stop waits for stopGate, holding the manager's capture lock
+  CountLatch stopEntered;
+  Gate stopGate;
+};
+
+struct FrameSink {
+  CountLatch frames;
+  std::vector<_PEL_V_FRAME> kept;  // capture thread only until Release
+  int result = 0;
+  CaptureFrameCallback Callback() {
+    return [this](_PEL_V_FRAME& frame) {
+      kept.push_back(frame);
+      frames.Add();
+      return result;
+    };
+  }
+  ~FrameSink() {
+    for (const _PEL_V_FRAME& frame : kept) {
+      DevCaptureManager::ReleaseBuffer(frame.data);
+    }
+  }
+};
+
+class ManagerFramePathTest : public CaptureManagerTest {
+ protected:
+  void SetUp() override {
+    auto owned = std::make_unique<ScriptedCapturer>();
+    capturer = owned.get();
+    manager.SetDevCaptureProxy(std::move(owned));
+    ASSERT_EQ(manager.Init("usb-1"), 0U);
+    manager.SetCaptureCallback(sink.Callback());
+  }
+  int Push(uint32_t format, uint32_t width, uint32_t height, std::vector<uint8_t>& input) {
+    _PEL_V_FRAME frame = FrameOver(input, format, width, height);
+    return capturer->callback(frame);
+  }
+
+  ScriptedCapturer* capturer = nullptr;
+  FrameSink sink;
+  tagCameraCaptureParams params{};
+};
+
+TEST_F(ManagerFramePathTest, ConvertsReportsAndHandsOn) {
+  EXPECT_EQ(capturer->id, "usb-1");
+  std::vector<uint8_t> input = RandomBytes(64 * 48 * 2, 4);
+  EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);  // not started: dropped
+  EXPECT_TRUE(log.HasModule("m_captureMutex lock fail or capture is stopped", 1));
+  EXPECT_EQ(sink.frames.Get(), 0);
+
+  ASSERT_EQ(manager.CaptureStart(&params), 0U);
+  EXPECT_TRUE(manager.IsCapturing());
+  sink.result = 7;
+  EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 7);
+  ASSERT_EQ(sink.kept.size(), 1U);
+  EXPECT_EQ(sink.kept[0].format, PELV_IMAGE_FORMAT_I420);
+  EXPECT_NE(sink.kept[0].data, input.data());
+  StreamQiStats stats{};
+  ASSERT_EQ(StreamQiGetStats(manager.GetQiHandle(), &stats), 0);
+  EXPECT_EQ(stats.framesIn, 1U);
+  EXPECT_EQ(stats.framesOut, 1U);
+  EXPECT_EQ(stats.bytesIn, input.size());
+  EXPECT_EQ(stats.bytesOut, DevCaptureManager::BlockSize(64, 48));
+
+  std::vector<uint8_t> unknown(64);
+  EXPECT_EQ(Push(PELV_IMAGE_FORMAT_NONE, 4, 4, unknown), 1);
+  EXPECT_EQ(Push(0, 4, 4, unknown), 1);
+  EXPECT_EQ(log.CountModule("FrameConvert fail", 1), 1U);  // paced: one line per run
+  EXPECT_EQ(sink.kept.size(), 1U);
+  ASSERT_EQ(StreamQiGetStats(manager.GetQiHandle(), &stats), 0);
+  EXPECT_EQ(stats.framesIn, 3U);
+  EXPECT_EQ(stats.framesOut, 1U);
+
+  EXPECT_EQ(manager.CaptureStop(), 0U);
+  EXPECT_FALSE(manager.IsCapturing());
+  EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);
+}
+
+TEST_F(ManagerFramePathTest, DroppedFramesArePaced) {
+  std::vector<uint8_t> input = RandomBytes(64 * 48 * 2, 4);
+  for (int i = 0; i < 150; ++i) {
+    EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);
+  }
+  EXPECT_EQ(log.CountModule("m_captureMutex lock fail or capture is stopped", 1), 2U);
+  EXPECT_EQ(sink.frames.Get(), 0);
+}
+
+TEST_F(ManagerFramePathTest, FailingFramesArePacedAndCountedAgainAfterAGoodOne) {
+  ASSERT_EQ(manager.CaptureStart(&params), 0U);
+  std::vector<uint8_t> garbage = RandomBytes(512, 2);
+  for (int i = 0; i < 250; ++i) {
+    EXPECT_EQ(Push(PELV_IMAGE_FORMAT_MJPEG, 64, 48, garbage), 1);
+  }
+  EXPECT_EQ(log.CountModule("FrameConvert fail", 1), 3U);  // frames 1, 101 and 201
+  EXPECT_EQ(log.CountModule("ConvertToI420 fail. ret = ", 1), 3U);
+  std::vector<uint8_t> good = RandomBytes(64 * 48 * 2, 3);
+  EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, good), 0);
+  EXPECT_EQ(Push(PELV_IMAGE_FORMAT_MJPEG, 64, 48, garbage), 1);
+  EXPECT_EQ(log.CountModule("FrameConvert fail", 1), 4U);
+}
+
+TEST_F(ManagerFramePathTest, FramesDuringStopAreDroppedAndStopCompletes) {
+  ASSERT_EQ(manager.CaptureStart(&params), 0U);
+  capturer->blockStop = true;
+  std::thread stopper([&] { manager.CaptureStop(); });
+  ASSERT_TRUE(capturer->stopEntered.WaitFor(1));
+  std::vector<uint8_t> input = RandomBytes(64 * 48 * 2, 4);
+  int result = 0;
+  std::thread frameThread([&] { result = Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input); });
+  frameThread.join();  // never waits for the lock
+  EXPECT_EQ(result, 1);
+  EXPECT_TRUE(log.HasModule("m_captureMutex lock fail or capture is stopped", 1));
+  capturer->stopGate.Open();
+  stopper.join();
+  EXPECT_EQ(sink.frames.Get(), 0);
+}
+
+TEST_F(ManagerFramePathTest, InstanceNumbersAndQualityStreamsFollowInit) {
+  const uint32_t first = manager.GetInstanceNo();
+  ASSERT_NE(manager.GetQiHandle(), nullptr);
+  ASSERT_EQ(manager.CaptureStart(&params), 0U);
+  std::vector<uint8_t> input = RandomBytes(64 * 48 * 2, 4);
+  ASSERT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 0);
+  ASSERT_EQ(manager.Init("usb-1"), 0U);
+  EXPECT_EQ(manager.GetInstanceNo(), first + 1);
+  StreamQiStats stats{};
+  ASSERT_EQ(StreamQiGetStats(manager.GetQiHandle(), &stats), 0);
+  EXPECT_EQ(stats.framesIn, 0U);  // a fresh stream for the new instance
+  EXPECT_EQ(manager.CaptureQiDestory(), 0U);
+  // The stream was opened as "capture", kind 2, under the instance number.
+  EXPECT_TRUE(log.HasModule("stream qi [capture] id[" + std::to_string(first + 1) + "] kind[2]"));
+  EXPECT_EQ(manager.CaptureQiDestory(), DevCaptureManager::kFailed);
+  EXPECT_EQ(manager.CaptureQiCreate(), 0U);
+}
+
+TEST_F(ManagerFramePathTest, CapturerFailuresArePassedUp) {
+  capturer->startResult = 1;
+  EXPECT_EQ(manager.CaptureStart(&params), 1U);
+  EXPECT_TRUE(manager.IsCapturing());  // stays set until stop
+  capturer->initResult = 1;
+  EXPECT_EQ(manager.Init("usb-2"), 1U);
+  EXPECT_TRUE(log.HasModule("m_devCaptureProxy Init fail", 1));
+  EXPECT_EQ(manager.CaptureStart(nullptr), 1U);
+}
+
+TEST(CaptureManagerWithoutCapturerTest, StartAndStopNeedInit) {
+  WaitableLog log;
+  DevCaptureManager manager;
+  tagCameraCaptureParams params{};
+  EXPECT_EQ(manager.CaptureStart(&params), 1U);
+  EXPECT_EQ(manager.CaptureStop(), 1U);
+  EXPECT_EQ(log.CountModule("m_devCaptureProxy is null", 1), 2U);
+}
+
+// An overlay proxy that records what it is given.
+class RecordingCsnProxy final : public CsnProxy {
+ public:
+  void Initialize() override { ++initialized; }
+  int SetOverlayText(int channel, const TavoVideoOverlayTextInfo* info) override {
+    channels.push_back(channel);
+    records.push_back(*info);
+    return static_cast<int>(records.size()) == failAt ? 1 : 0;
+  }
+  int RefreshOverlay() override { return 0; }
+  int CloseOverlay() override { return 5; }
+  int initialized = 0;
+  int failAt = 0;
+  std::vector<int> channels;
+  std::vector<TavoVideoOverlayTextInfo> records;
+};
+
+TEST_F(CaptureManagerTest, OverlayRequestsOnLinuxHaveNoProxy) {
+  ASSERT_EQ(manager.Init("usb-1"), 0U);
+  TavoVideoOverlayTextInfo info{};
+  std::strcpy(info.overlayText, "Room 4");
+  EXPECT_EQ(manager.SetIvrParam(0, &info), 1U);
+  EXPECT_TRUE(log.HasModule("m_csnProxy is null", 1));
+  EXPECT_EQ(manager.CloseIvr(), 1U);
+  EXPECT_TRUE(log.HasModule("m_csnProxy is null", 3));
+}
+
+TEST_F(CaptureManagerTest, OverlayRecordsPassTheHostWordsThrough) {
+  auto owned = std::make_unique<RecordingCsnProxy>();
+  RecordingCsnProxy* proxy = owned.get();
+  manager.SetCsnProxy(std::move(owned));
+  TavoVideoOverlayTextInfo info{};
+  EXPECT_EQ(manager.SetIvrParam(2, &info), 1U);
+  EXPECT_TRUE(log.HasModule("overlayText is null", 1));
+  // Text that fills all 256 bytes without a terminator is cut, never over-read.
+  std::memset(info.overlayText, 'a', sizeof(info.overlayText));
+  info.overlayKind = 0x11;
+  info.overlayWord1 = 0x2222222222222222ULL;
+  info.overlayWord2 = 0x3333333333333333ULL;
+  info.showTime = 1;
+  EXPECT_EQ(manager.SetIvrParam(2, &info), 1U);
+  EXPECT_TRUE(log.HasModule("call strcpy_s failed! retError = ", 1));
+  info.overlayText[255] = '\0';
+  ASSERT_EQ(manager.SetIvrParam(2, &info), 0U);
+  ASSERT_EQ(proxy->records.size(), 2U);
+  EXPECT_EQ(proxy->channels, (std::vector<int>{2, 2}));
+  EXPECT_EQ(std::string(proxy->records[0].overlayText), std::string(255, 'a'));
+  EXPECT_EQ(proxy->records[0].showTime, 0);
+  EXPECT_EQ(proxy->records[1].overlayText[0], '\0');
+  EXPECT_EQ(proxy->records[1].showTime, 1);
+  for (const TavoVideoOverlayTextInfo& record : proxy->records) {
+    EXPECT_EQ(record.overlayKind, 0x11U);
+    EXPECT_EQ(record.overlayWord1, 0x2222222222222222ULL);
+    EXPECT_EQ(record.overlayWord2, 0x3333333333333333ULL);
+  }
+  proxy->failAt = 4;  // the time record of the next request
+  EXPECT_EQ(manager.SetIvrParam(2, &info), 1U);
+  EXPECT_TRUE(log.HasModule("SetIvrParam infoTime fail!", 1));
+  proxy->failAt = 5;
+  info.showTime = 0;
+  EXPECT_EQ(manager.SetIvrParam(2, &info), 1U);
+  EXPECT_TRUE(log.HasModule("SetIvrParam infoText fail!", 1));
+  EXPECT_EQ(manager.CloseIvr(), 5U);
+}
+
+// The whole way: the V4L2 capturer over the fake kernel feeds the manager, which hands
+// converted frames on.
+TEST(CaptureManagerCameraTest, CapturesConvertedFramesFromTheFakeCamera) {
+  struct Case {
+    uint32_t fourcc, width, height;
+  };
+  for (const Case& c : {Case{V4L2_PIX_FMT_YUYV, 640, 480}, Case{V4L2_PIX_FMT_MJPEG, 1280, 720},
+                        Case{V4L2_PIX_FMT_YUV420, 320, 240}}) {
+    SCOPED_TRACE(c.fourcc);
+    FakeV4l2Device device;
+    ScopedSeamOverride<CaptureDevice> seam(device);
+    FakeCameraConfig config = TypicalCamera("usb-cam");
+    config.formats = {DiscreteFormat(c.fourcc, {{c.width, c.height}}, {{1, 30}})};
+    device.AddCamera(2, config);
+    FrameSink sink;
+    {
+      DevCaptureManager manager;
+      ASSERT_EQ(manager.Init("usb-cam"), 0U);
+      manager.SetCaptureCallback(sink.Callback());
+      tagCameraCaptureParams params{};
+      params.uiWidth = c.width;
+      params.uiHeight = c.height;
+      params.uiFrameRate = 30;
+      ASSERT_EQ(manager.CaptureStart(&params), 0U);
+      ASSERT_TRUE(sink.frames.WaitFor(3));
+      EXPECT_EQ(manager.CaptureStop(), 0U);
+    }
+    EXPECT_EQ(device.OpenDescriptors(), 0U);
+    EXPECT_EQ(device.Mappings(), 0U);
+    const _PEL_V_FRAME& frame = sink.kept.back();
+    EXPECT_EQ(frame.format, PELV_IMAGE_FORMAT_I420);
+    EXPECT_EQ(frame.width, c.width);
+    // The picture is the conversion of one of the camera's frames.
+    PatternFrameSource pattern;
+    bool matched = false;
+    for (uint32_t sequence = 0; sequence < 64 && !matched; ++sequence) {
+      std::vector<uint8_t> raw = pattern.MakeFrame(c.fourcc, c.width, c.height, sequence);
+      DevCaptureManager reference;
+      _PEL_V_FRAME expected =
+          FrameOver(raw,
+                    TransCaptureFormat(c.fourcc == V4L2_PIX_FMT_MJPEG  ? CAPTURE_FORMAT_MJPEG
+                                       : c.fourcc == V4L2_PIX_FMT_YUYV ? CAPTURE_FORMAT_YUYV
+                                                                       : CAPTURE_FORMAT_YU12),
+                    c.width, c.height);
+      ASSERT_EQ(reference.ConvertToI420(expected), 0U);
+      matched = PictureOf(expected) == PictureOf(frame);
+      DevCaptureManager::ReleaseBuffer(expected.data);
+    }
+    EXPECT_TRUE(matched);
+  }
+}
+
+// Random bytes where a JPEG picture should be.
+class GarbageSource final : public FakeFrameSource {
+ public:
+  std::vector<uint8_t> MakeFrame(uint32_t, uint32_t, uint32_t, uint32_t sequence) override {
+    return RandomBytes(2000 + sequence % 7, sequence);
+  }
+};
+
+// A camera that sends what its format does not promise: the manager refuses each frame,
+// nothing reaches the node, and capture goes on until it is stopped.
+TEST(CaptureManagerCameraTest, BadFramesFromTheCameraAreDroppedOneByOne) {
+  struct Case {
+    const char* name;
+    uint32_t fourcc;
+    std::function<void(FakeCameraConfig&, FakeCameraFaults&)> setUp;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"short YUYV", V4L2_PIX_FMT_YUYV,
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 640 * 480; },
+       "frame data too short [307200 < 614400], format[102] [640-480]."},
+      {"empty YU12", V4L2_PIX_FMT_YUV420,
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 0; },
+       "frame data too short [0 < 460800], format[100] [640-480]."},
+      {"MJPEG of another size", V4L2_PIX_FMT_MJPEG,
+       [](FakeCameraConfig&, FakeCameraFaults& f) {
+         f.contentSize = FakeFrameSize{320, 240};
+       },
+       "ConvertToI420 fail. ret = "},
+      {"garbage MJPEG", V4L2_PIX_FMT_MJPEG,
+       [](FakeCameraConfig& c, FakeCameraFaults&) { c.source = std::make_shared<GarbageSource>(); },
+       "ConvertToI420 fail. ret = "},
+      {"truncated MJPEG", V4L2_PIX_FMT_MJPEG,
+       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 300; },
+       "ConvertToI420 fail. ret = "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    WaitableLog log;
+    FakeV4l2Device device;
+    ScopedSeamOverride<CaptureDevice> seam(device);
+    FakeCameraConfig config = TypicalCamera("usb-cam");
+    config.formats = {DiscreteFormat(c.fourcc, {{640, 480}}, {{1, 30}})};
+    FakeCameraFaults faults;
+    c.setUp(config, faults);
+    device.AddCamera(0, config);
+    device.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
+    FrameSink sink;
+    DevCaptureManager manager;
+    ASSERT_EQ(manager.Init("usb-cam"), 0U);
+    manager.SetCaptureCallback(sink.Callback());
+    tagCameraCaptureParams params{};
+    params.uiWidth = 640;
+    params.uiHeight = 480;
+    params.uiFrameRate = 30;
+    ASSERT_EQ(manager.CaptureStart(&params), 0U);
+    ASSERT_TRUE(device.WaitForFrames(0, 3));
+    EXPECT_EQ(manager.CaptureStop(), 0U);
+    EXPECT_TRUE(log.HasModule(c.message, 1));
+    EXPECT_TRUE(log.HasModule("FrameConvert fail", 1));
+    EXPECT_EQ(log.CountModule("FrameConvert fail"), 1U);  // the rest of the run is paced
+    EXPECT_EQ(sink.frames.Get(), 0);
+    EXPECT_EQ(device.OpenDescriptors(), 0U);
+    EXPECT_EQ(device.Mappings(), 0U);
+  }
+}
+
+}  // namespace
