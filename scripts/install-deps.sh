@@ -10,4 +10,5 @@ $SUDO apt-get install -y --no-install-recommends \
   libgtest-dev libgmock-dev libbenchmark-dev \
   libboost1.81-dev libsafec-dev libyuv-dev \
   clang-14 libclang-rt-14-dev clang-format-14 \
-  libx11-dev zlib1g-dev
+  libx11-dev zlib1g-dev \
+  libxext-dev libxfixes-dev libxrandr-dev xvfb x11-xserver-utils xdotool
