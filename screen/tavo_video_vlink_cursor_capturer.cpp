@@ -4,6 +4,7 @@
 
 #include "platform/os_platform_check.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
+#include "screen/tavo_video_vlink_x11_seams.h"
 #include "trace/tavo_video_vlink_log.h"
 
 namespace {
@@ -187,7 +188,7 @@ uint32_t CursorCapturer::IndepedentCapture() {
       return 1;
     }
     const VlinkX11ScreenInfo screen = m_screenInfo;
-    if (screen.display == nullptr) {
+    if (screen.display == nullptr || IsX11DisplayLost(screen.display)) {
       VLOG_ERR("display is nullptr");
       return 1;
     }

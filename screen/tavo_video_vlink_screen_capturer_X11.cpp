@@ -125,7 +125,7 @@ int LogXIoError(Display* /*display*/) {
   return 0;
 }
 
-void KeepProcessOnIoError(Display* /*display*/, void* /*data*/) {}
+void KeepProcessOnIoError(Display* display, void* /*data*/) { MarkX11DisplayLost(display); }
 
 void InstallErrorHandlers(Display* display) {
   static std::once_flag once;
@@ -417,7 +417,9 @@ uint32_t X11ScreenCapturer::InitShmImages() {
 
 void X11ScreenCapturer::CloseDisplay() {
   if (m_display != nullptr) {
-    Seam<X11DisplaySystem>::Get().Close(m_display);
+    if (!IsX11DisplayLost(m_display)) {
+      Seam<X11DisplaySystem>::Get().Close(m_display);
+    }
     m_display = nullptr;
   }
 }
@@ -434,7 +436,7 @@ uint32_t X11ScreenCapturer::DestroyVideoCapture() {
   SharedMemorySystem& memory = Seam<SharedMemorySystem>::Get();
   const bool attached = m_shmSegmentInfo && m_shmSegmentInfo->shmid != -1 &&
                         m_shmSegmentInfo->shmaddr != reinterpret_cast<char*>(-1);
-  if (attached && m_display != nullptr) {
+  if (attached && m_display != nullptr && !IsX11DisplayLost(m_display)) {
     XShmDetach(m_display, m_shmSegmentInfo.get());
   }
   if (m_image != nullptr) {
@@ -794,7 +796,7 @@ uint32_t X11ScreenCapturer::FindTargetScreen() {
 
 uint32_t X11ScreenCapturer::CheckMonitorInfo() {
   std::lock_guard<std::recursive_mutex> lock(m_lock);
-  if (m_display == nullptr) {
+  if (m_display == nullptr || IsX11DisplayLost(m_display)) {
     return 1;
   }
   int count = 0;

@@ -3,7 +3,13 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
+#include <mutex>
+#include <set>
+
 namespace {
+
+std::mutex g_lostLock;  // guards g_lostDisplays; no callback runs under it
+std::set<Display*>* g_lostDisplays = new std::set<Display*>;  // parked, still reachable
 
 class XlibDisplaySystem final : public X11DisplaySystem {
  public:
@@ -46,4 +52,14 @@ SharedMemorySystem& SharedMemorySystem::Real() {
 HostShmQueue& HostShmQueue::Real() {
   static PlatformShmQueue queue;
   return queue;
+}
+
+void MarkX11DisplayLost(Display* display) {
+  std::lock_guard<std::mutex> lock(g_lostLock);
+  g_lostDisplays->insert(display);
+}
+
+bool IsX11DisplayLost(Display* display) {
+  std::lock_guard<std::mutex> lock(g_lostLock);
+  return g_lostDisplays->count(display) != 0;
 }

@@ -11,6 +11,12 @@
 #include "core/tavo_video_seam.h"
 #include "platform/os_shm_queue.h"
 
+// A connection whose server went away. Xlib leaves such a connection's internal lock in
+// an unknown state, so it is never used again, not even to close it: it is parked for the
+// life of the process. Marked by the IO error handlers the capturer installs.
+void MarkX11DisplayLost(Display* display);
+bool IsX11DisplayLost(Display* display);
+
 class X11DisplaySystem {
  public:
   virtual ~X11DisplaySystem() = default;

@@ -120,6 +120,8 @@ bool XvfbServer::SetMonitor(int screen, const std::string& name, uint32_t width,
   std::ostringstream geometry;
   geometry << width << "/" << width / 4 << "x" << height << "/" << height / 4 << "+" << x << "+"
            << y;
+  // The server refuses to change a monitor in place: take the old one off first.
+  Xrandr(screen, {"--delmonitor", name});
   return Xrandr(screen, {"--setmonitor", name, geometry.str(), output});
 }
 
