@@ -1,5 +1,6 @@
 #include "core/tavo_video_thread_pool.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 
@@ -51,34 +52,78 @@ void ThreadPool::Stop() {
 
 std::promise<void>* ThreadPool::Add(const std::function<int()>& fn) {
   auto* promise = new std::promise<void>();
-  std::unique_lock<std::mutex> lock(m_poolLock);
-  if (m_stopping) {
+  if (!Enqueue(QueuedTask{PoolTask([fn] { fn(); }), promise})) {
     delete promise;
     return nullptr;
-  }
-  if (m_workers.empty()) {
-    lock.unlock();
-    fn();
-    promise->set_value();
-    return promise;
-  }
-  m_queue.Push(PoolTask(fn, promise));
-  // Only a worker that announced itself can be asleep or about to sleep. It announces
-  // before its last look at the queue, and that look takes the producer lock this push
-  // held, so either it sees the task or this load sees its announcement.
-  if (m_sleepers.load() > 0) {
-    // It keeps the take lock until it sleeps: taking it here means the wake-up cannot fall
-    // between its last look and its wait.
-    std::lock_guard<std::mutex> takeLock(m_takeLock);
-    m_workSignal.notify_one();
   }
   return promise;
 }
 
-std::optional<PoolTask> ThreadPool::Take() {
+bool ThreadPool::Post(PoolTask work) { return Enqueue(QueuedTask{std::move(work), nullptr}); }
+
+bool ThreadPool::PostBatch(PoolTask* works, size_t count) {
+  std::unique_lock<std::mutex> lock(m_poolLock);
+  if (m_stopping) {
+    return false;
+  }
+  if (m_workers.empty()) {
+    lock.unlock();
+    for (size_t i = 0; i < count; ++i) {
+      works[i]();
+      works[i].Reset();
+    }
+    return true;
+  }
+  for (size_t i = 0; i < count; ++i) {
+    m_queue.Push(QueuedTask{std::move(works[i]), nullptr});
+  }
+  lock.unlock();
+  WakeWorkers(count);
+  return true;
+}
+
+bool ThreadPool::Enqueue(QueuedTask&& task) {
+  std::unique_lock<std::mutex> lock(m_poolLock);
+  if (m_stopping) {
+    return false;
+  }
+  if (m_workers.empty()) {
+    lock.unlock();
+    task.work();
+    if (task.promise != nullptr) {
+      task.promise->set_value();
+    }
+    return true;
+  }
+  m_queue.Push(std::move(task));
+  lock.unlock();
+  WakeWorkers(1);
+  return true;
+}
+
+void ThreadPool::WakeWorkers(size_t tasks) {
+  // Only a worker that announced itself can be asleep or about to sleep. It announces
+  // before its last look at the queue, and that look takes the producer lock the push
+  // held, so either it sees the tasks or this load sees its announcement.
+  const int sleepers = m_sleepers.load();
+  if (sleepers <= 0) {
+    return;
+  }
+  // It keeps the take lock from its last look until it sleeps: passing through the lock
+  // here means it is now either asleep (and gets the signal) or has not looked yet (and
+  // sees the tasks). Notified after letting go, so the woken worker need not wait for it.
+  { std::lock_guard<std::mutex> takeLock(m_takeLock); }
+  // One worker per task at most: waking more only makes them queue for the take lock.
+  const size_t wake = std::min(tasks, static_cast<size_t>(sleepers));
+  for (size_t i = 0; i < wake; ++i) {
+    m_workSignal.notify_one();
+  }
+}
+
+std::optional<QueuedTask> ThreadPool::Take() {
   std::unique_lock<std::mutex> lock(m_takeLock);
   for (;;) {
-    if (std::optional<PoolTask> task = m_queue.Pop()) {
+    if (std::optional<QueuedTask> task = m_queue.Pop()) {
       return task;
     }
     if (!m_running.load()) {
@@ -87,7 +132,7 @@ std::optional<PoolTask> ThreadPool::Take() {
     // Announce, then look once more: a push that did not see the announcement is seen by
     // this pop (see Add).
     ++m_sleepers;
-    std::optional<PoolTask> task = m_queue.Pop();
+    std::optional<QueuedTask> task = m_queue.Pop();
     if (!task) {
       m_workSignal.wait(lock);
     }
@@ -100,19 +145,20 @@ std::optional<PoolTask> ThreadPool::Take() {
 
 void ThreadPool::ThreadFunc() {
   while (m_running.load()) {
-    std::optional<PoolTask> task = Take();
+    std::optional<QueuedTask> task = Take();
     if (!task) {
       continue;
     }
-    if (!task->first) {
+    if (!task->work) {
       std::fputs("ThreadPool: empty task\n", stderr);
       std::terminate();
     }
     // An exception escaping a task ends the process (the thread function is noexcept in
     // effect: std::thread terminates).
-    task->first();
-    std::promise<void>* promise = task->second;
-    promise->set_value();
+    task->work();
+    if (task->promise != nullptr) {
+      task->promise->set_value();
+    }
     // Drop the work (and whatever it captured) only after the promise is fulfilled: if it
     // held the last reference to a node, that node's destructor waits for this very task.
     task.reset();
