@@ -4,11 +4,10 @@
 // (XShmGetImage + libyuv ARGBToI420 [+ I420Scale]) on the same private Xvfb, in one run.
 // Prints the ratio of each pair; the aim is at most 1.3.
 
-#include <benchmark/benchmark.h>
-#include <libyuv.h>
-
 #include <X11/Xlib.h>
 #include <X11/extensions/XShm.h>
+#include <benchmark/benchmark.h>
+#include <libyuv.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 

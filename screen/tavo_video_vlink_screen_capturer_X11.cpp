@@ -476,7 +476,11 @@ uint32_t X11ScreenCapturer::StartCapture() {
     m_isStarted = true;
   }
   if (m_captureThread.Start([this] { CaptureThreadFunc(); }) != 0) {
+    // Not started after all: the next start tries again, a stop has nothing to do.
     VLOG_ERR("Capturer[%u] capture thread not started", m_capturerId);
+    std::lock_guard<std::recursive_mutex> lock(m_lock);
+    m_isStarted = false;
+    return 1;
   }
   m_cursor->StartCapture();
   VLOG_INF("X11 Capturer[%u] StartCapture successful!", m_capturerId);

@@ -1,8 +1,11 @@
 // GoogleTest before the X headers, whose None macro it cannot take.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "screen/tavo_video_vlink_cursor_capturer.h"
 #include "tests/screen/screen_test_support.h"
+#include "tests/support/fake_os.h"
 #include "tests/support/step_clock.h"
 
 namespace {
@@ -254,6 +257,32 @@ TEST_F(CursorCapturerTest, KylinForcesTheCursorIntoTheFrames) {
   ASSERT_EQ(screen.SetCaptureCursorParams(Independent(10)), 0u);
   ASSERT_EQ(screen.GetCaptureCursorParams(&inForce), 0u);
   EXPECT_EQ(inForce.independent, 1u);
+}
+
+TEST_F(CursorCapturerTest, CaptureThreadsAreNamedAndACreationFailureIsSurvived) {
+  StartTwoMonitors();
+  FakeThreadSystem threads;
+  ScopedSeamOverride<ThreadSystem> threadSeam(threads);
+  FrameSink sink;
+  auto screen = MakeCapturer(sink, 1);
+  ASSERT_EQ(screen->SetCaptureCursorParams(Independent(5)), 0u);
+  threads.FailNextCreates(1);
+  EXPECT_EQ(screen->StartCapture(), 1u);
+  EXPECT_FALSE(screen->IsStarted());
+  EXPECT_FALSE(screen->GetCursorCapturer()->IsRunning());
+  ASSERT_EQ(screen->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  ASSERT_TRUE(m_records.count.WaitFor(1));
+  screen->StopCapture();
+  const auto names = threads.Names();
+  EXPECT_NE(std::find(names.begin(), names.end(), "ScreenCapSendBufferToEnc"), names.end());
+  EXPECT_NE(std::find(names.begin(), names.end(), "CursorCapture"), names.end());
+  // The sampling thread alone cannot start: the cursor capturer stays stopped.
+  threads.FailNextCreates(1);
+  EXPECT_EQ(m_capturer.SetCaptureParams(Independent(5)), 0u);
+  EXPECT_EQ(m_capturer.StartCapture(), 1u);
+  EXPECT_FALSE(m_capturer.IsRunning());
+  Stop();
 }
 
 }  // namespace
