@@ -5,6 +5,7 @@
 // Prints the ratio of each pair; the aim is at most 1.3.
 
 #include <X11/Xlib.h>
+#include <X11/Xutil.h>
 #include <X11/extensions/XShm.h>
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
@@ -134,8 +135,12 @@ int main(int argc, char** argv) {
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   for (const char* size : {"1920/1080", "1280/720"}) {
-    const double capturer = reporter.cpuNs["BM_CapturerFrame/" + std::string(size)];
-    const double bare = reporter.cpuNs["BM_BareCalls/" + std::string(size)];
+    std::string capturerName("BM_CapturerFrame/");
+    capturerName += size;
+    std::string bareName("BM_BareCalls/");
+    bareName += size;
+    const double capturer = reporter.cpuNs[capturerName];
+    const double bare = reporter.cpuNs[bareName];
     if (bare > 0) {
       std::printf("frame step %s: capturer %.3f ms, bare calls %.3f ms, ratio %.2f (aim <= 1.3)\n",
                   size, capturer / 1e6, bare / 1e6, capturer / bare);

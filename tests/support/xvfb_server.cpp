@@ -90,6 +90,19 @@ XvfbServer::XvfbServer(const std::vector<XvfbScreen>& screens) {
 
 XvfbServer::~XvfbServer() { Kill(); }
 
+std::string XvfbServer::Name() const {
+  std::string name(":");
+  name += std::to_string(m_number);
+  return name;
+}
+
+std::string XvfbServer::Name(int defaultScreen) const {
+  std::string name = Name();
+  name += '.';
+  name += std::to_string(defaultScreen);
+  return name;
+}
+
 void XvfbServer::Kill() {
   if (m_display != nullptr) {
     XCloseDisplay(m_display);

@@ -28,8 +28,8 @@ class XvfbServer {
   bool Ok() const { return m_display != nullptr; }
   const std::string& Error() const { return m_error; }
   // ":N"; with a screen, ":N.S", a name whose default screen is S.
-  std::string Name() const { return ":" + std::to_string(m_number); }
-  std::string Name(int defaultScreen) const { return Name() + "." + std::to_string(defaultScreen); }
+  std::string Name() const;
+  std::string Name(int defaultScreen) const;
   // The fixture's own connection, kept open for the server's life.
   Display* Connection() const { return m_display; }
 
