@@ -667,22 +667,31 @@ uint32_t X11ScreenCapturer::ResetScaleSize(uint32_t width, uint32_t height) {
   return 0;
 }
 
-void X11ScreenCapturer::CheckImageFormat() {
+bool X11ScreenCapturer::FindPixelLayout(uint32_t bits, unsigned long redMask,
+                                        unsigned long greenMask, unsigned long blueMask,
+                                        std::array<uint32_t, 4>* layout) {
   bool matched = false;
-  for (const PixelLayout& layout : kPixelLayouts) {
-    if (static_cast<uint32_t>(m_image->bits_per_pixel) == layout.bits &&
-        m_image->red_mask == layout.redMask && m_image->green_mask == layout.greenMask &&
-        m_image->blue_mask == layout.blueMask) {
-      m_bytesPerPixel = layout.bytes;
-      m_redOffset = layout.red;
-      m_greenOffset = layout.green;
-      m_blueOffset = layout.blue;
+  for (const PixelLayout& row : kPixelLayouts) {
+    if (bits == row.bits && redMask == row.redMask && greenMask == row.greenMask &&
+        blueMask == row.blueMask) {
+      *layout = {row.bytes, row.red, row.green, row.blue};
       matched = true;
     }
   }
-  if (!matched) {
+  return matched;
+}
+
+void X11ScreenCapturer::CheckImageFormat() {
+  std::array<uint32_t, 4> layout{};
+  if (!FindPixelLayout(static_cast<uint32_t>(m_image->bits_per_pixel), m_image->red_mask,
+                       m_image->green_mask, m_image->blue_mask, &layout)) {
     VLOG_ERR("The image format is incorrect!");
+    return;
   }
+  m_bytesPerPixel = layout[0];
+  m_redOffset = layout[1];
+  m_greenOffset = layout[2];
+  m_blueOffset = layout[3];
 }
 
 void X11ScreenCapturer::X11ImageDrawCursor() {

@@ -86,6 +86,11 @@ class X11ScreenCapturer {
   uint32_t GetMonitorChangeCount();
   bool GetDrawCursor();
   CursorCapturer* GetCursorCapturer() { return m_cursor.get(); }
+  // The byte layout of a pixel of `bits` with these colour masks: bytes per pixel and the
+  // red, green and blue byte offsets, from the known-layout table (the last matching row
+  // wins). False, `layout` untouched, for a layout the table does not know.
+  static bool FindPixelLayout(uint32_t bits, unsigned long redMask, unsigned long greenMask,
+                              unsigned long blueMask, std::array<uint32_t, 4>* layout);
   // The period of the capture loop for the given capture fps on this processor.
   static uint64_t CapturePeriodNs(uint32_t captureFps, bool targetCpu);
 

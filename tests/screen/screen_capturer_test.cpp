@@ -1,6 +1,9 @@
 // GoogleTest before the X headers, whose None macro it cannot take.
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <string>
+
 #include "core/tavo_video_os_seams.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
@@ -43,7 +46,11 @@ TEST_P(CapturedPixelsTest, EqualLibyuvOfWhatWasDrawn) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, CapturedPixelsTest,
                          ::testing::Values(ScaleCase{kWidth, kHeight}, ScaleCase{160, 120},
-                                           ScaleCase{480, 360}, ScaleCase{0, 0}));
+                                           ScaleCase{480, 360}, ScaleCase{0, 0}),
+                         [](const auto& param) {
+                           return std::to_string(param.param.encWidth) + "x" +
+                                  std::to_string(param.param.encHeight);
+                         });
 
 // ---- monitor choice -----------------------------------------------------------------
 
@@ -277,6 +284,32 @@ TEST_F(ScreenCapturerTest, CursorIsNotDrawnWhenClearHiddenOrIndependent) {
 
 // ---- pixel layouts ------------------------------------------------------------------
 
+TEST(PixelLayoutTest, KnownLayoutsGiveTheirByteOffsets) {
+  struct Case {
+    uint32_t bits;
+    unsigned long red, green, blue;
+    bool known;
+    std::array<uint32_t, 4> layout;
+  };
+  const Case cases[] = {
+      {24, 0xff0000, 0xff00, 0xff, true, {3, 2, 1, 0}},
+      {24, 0xff, 0xff00, 0xff0000, true, {3, 0, 1, 2}},
+      {32, 0xff0000, 0xff00, 0xff, true, {4, 2, 1, 0}},
+      {32, 0xff, 0xff00, 0xff0000, true, {4, 0, 1, 2}},
+      {32, 0xff000000, 0xff0000, 0xff00, true, {4, 3, 2, 1}},
+      {32, 0xff00, 0xff0000, 0xff000000, true, {4, 1, 2, 3}},
+      {16, 0xf800, 0x7e0, 0x1f, false, {9, 9, 9, 9}},
+      {24, 0xff0000, 0xff00, 0xfe, false, {9, 9, 9, 9}},
+      {32, 0xff00, 0xff, 0xff0000, false, {9, 9, 9, 9}},
+  };
+  for (const Case& c : cases) {
+    std::array<uint32_t, 4> layout{9, 9, 9, 9};
+    EXPECT_EQ(X11ScreenCapturer::FindPixelLayout(c.bits, c.red, c.green, c.blue, &layout), c.known)
+        << c.bits << " " << std::hex << c.red;
+    EXPECT_EQ(layout, c.layout) << c.bits << " " << std::hex << c.red;
+  }
+}
+
 TEST_F(ScreenCapturerTest, LayoutOfAnOrdinaryScreenIsFound) {
   StartServer({{kWidth, kHeight}});
   FrameSink sink;
@@ -362,7 +395,15 @@ INSTANTIATE_TEST_SUITE_P(
     Processors, CapturePeriodTest,
     ::testing::Values(PeriodCase{"Intel(R) Core(TM)", 30, 50000}, PeriodCase{"Intel", 60, 50000},
                       PeriodCase{"Intel", 5, 50000}, PeriodCase{"Soren 7A", 30, 33333},
-                      PeriodCase{"Soren 8C", 25, 40000}, PeriodCase{"Soren 7A", 60, 16666}));
+                      PeriodCase{"Soren 8C", 25, 40000}, PeriodCase{"Soren 7A", 60, 16666}),
+    [](const auto& param) {
+      std::string name =
+          std::string(param.param.cpu).substr(0, 5) + "_fps" + std::to_string(param.param.fps);
+      for (char& c : name) {
+        if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+      }
+      return name;
+    });
 
 TEST_F(ScreenCapturerTest, RealClockKeepsFiftyMillisecondsOnAnOrdinaryProcessor) {
   StartServer({{64, 48}});
@@ -453,9 +494,18 @@ TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
   EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 1u);
   EXPECT_EQ(capturer->SetEncodeResolution(0, 0), 0u);
   EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 2u);
+  const size_t resets = m_logs.CountModule("ResetScaleSize size");
+  EXPECT_EQ(capturer->SetEncodeResolution(160, 120), 0u);  // unchanged: nothing replaced
+  EXPECT_EQ(m_logs.CountModule("ResetScaleSize size"), resets);
   EXPECT_EQ(capturer->GetUnusedBufferCount(), 0u);
   ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
   EXPECT_EQ(sink.Info(0).width, 160u);
+  EXPECT_EQ(capturer->SetEncodeResolution(96, 64), 0u);
+  EXPECT_TRUE(m_logs.HasModule("ResetScaleSize size: 96 64", 3));
+  EXPECT_EQ(capturer->GetUnusedBufferCount(), 5u);
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(sink.Info(1).width, 96u);
+  EXPECT_EQ(sink.Info(1).height, 64u);
 }
 
 // ---- shared memory ------------------------------------------------------------------
