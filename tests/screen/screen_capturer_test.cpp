@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <ostream>
 #include <string>
 
 #include "core/tavo_video_os_seams.h"
@@ -23,6 +24,8 @@ struct ScaleCase {
   uint32_t encWidth;
   uint32_t encHeight;
 };
+
+void PrintTo(const ScaleCase& c, std::ostream* os) { *os << c.encWidth << "x" << c.encHeight; }
 
 class CapturedPixelsTest : public ScreenCapturerTest,
                            public ::testing::WithParamInterface<ScaleCase> {};
@@ -230,6 +233,8 @@ struct CursorCase {
   int y;
 };
 
+void PrintTo(const CursorCase& c, std::ostream* os) { *os << c.name; }
+
 class CursorDrawingTest : public ScreenCapturerTest,
                           public ::testing::WithParamInterface<CursorCase> {};
 
@@ -363,6 +368,8 @@ struct PeriodCase {
   uint32_t fps;
   uint64_t periodUs;
 };
+
+void PrintTo(const PeriodCase& c, std::ostream* os) { *os << c.cpu << " " << c.fps << " fps"; }
 
 class CapturePeriodTest : public ScreenCapturerTest,
                           public ::testing::WithParamInterface<PeriodCase> {};
