@@ -112,6 +112,24 @@ TEST_F(SnapshotTest, AZeroSideMeansTheCaptureSize) {
   }
 }
 
+TEST_F(SnapshotTest, UosOnSoren7AMakesEveryPixelOpaque) {
+  StartServer({{64, 48}});
+  for (const auto& [cpu, opaque] : {std::pair{"Soren 7A", true}, std::pair{"Soren 8C", false}}) {
+    OsPlatformSetIdentity(cpu, "UOS");
+    X11ScreenCapturer capturer(90);
+    ASSERT_EQ(capturer.CapturePictureImp(Request(32, 24)), 0u);
+    OsShmAdvancedBuffer* buffer = nullptr;
+    ASSERT_EQ(OsShmAdvancedReadBulkQueue(kQueue, &buffer, 1, 0), 1u);
+    const auto* pixels = static_cast<const uint8_t*>(buffer->mem) + kSnapshotHeaderBytes;
+    size_t opaquePixels = 0;
+    for (size_t at = 3; at < 32 * 24 * 4; at += 4) {
+      opaquePixels += pixels[at] == 255 ? 1 : 0;
+    }
+    OsShmAdvancedMemFreeBuffer(buffer);
+    EXPECT_EQ(opaquePixels, opaque ? 32u * 24u : 0u) << cpu;
+  }
+}
+
 TEST_F(SnapshotTest, APortraitMonitorKeepsItsAspectBetweenBars) {
   StartServer({{270, 480}});
   m_server->PutPixels(0, 0, 0, 270, 480, PatternPixels(270, 480, 23));
