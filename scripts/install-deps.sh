@@ -11,4 +11,5 @@ $SUDO apt-get install -y --no-install-recommends \
   libboost1.81-dev libsafec-dev libyuv-dev \
   clang-14 libclang-rt-14-dev clang-format-14 \
   libx11-dev zlib1g-dev \
-  libjpeg62-turbo-dev
+  libjpeg62-turbo-dev \
+  libxext-dev libxfixes-dev libxrandr-dev libxrender-dev xvfb x11-xserver-utils xdotool

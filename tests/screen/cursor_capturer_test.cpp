@@ -1,0 +1,288 @@
+// GoogleTest before the X headers, whose None macro it cannot take.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "screen/tavo_video_vlink_cursor_capturer.h"
+#include "tests/screen/screen_test_support.h"
+#include "tests/support/fake_os.h"
+#include "tests/support/step_clock.h"
+
+namespace {
+
+static_assert(offsetof(VlinkCursorSendData, cursorId) == 0);
+static_assert(offsetof(VlinkCursorSendData, y) == 14);
+static_assert(offsetof(VlinkCursorSendData, reserved3) == 16);
+
+// What the host's cursor function received; userData picks the instance.
+struct CursorRecords {
+  std::mutex lock;  // guards records and timesUs
+  std::vector<VlinkCursorSendData> records;
+  std::vector<uint64_t> timesUs;
+  std::vector<uint32_t> lengths;
+  CountLatch count;
+  int32_t answer = 0;
+};
+
+CursorRecords* g_records = nullptr;
+
+int32_t Receive(VlinkCursorSendData* data, uint32_t length, uint32_t userData) {
+  EXPECT_EQ(userData, 0x5eedU);
+  {
+    std::lock_guard<std::mutex> lock(g_records->lock);
+    g_records->records.push_back(*data);
+    g_records->lengths.push_back(length);
+    g_records->timesUs.push_back(Seam<Clock>::Get().NowUs());
+  }
+  g_records->count.Add();
+  return g_records->answer;
+}
+
+class CursorCapturerTest : public ScreenTest {
+ protected:
+  void SetUp() override { g_records = &m_records; }
+  void TearDown() override {
+    ScreenTest::TearDown();
+    g_records = nullptr;
+  }
+  static VlinkCursorParams Independent(uint32_t framerate, bool hide = false) {
+    VlinkCursorParams params = Cursor(hide, true, framerate);
+    params.cursorCallback = &Receive;
+    params.userData = 0x5eed;
+    return params;
+  }
+  // A server of two monitors of 160x240 side by side; the cursor capturer is told about
+  // the right one. The pointer starts on it.
+  void StartTwoMonitors() {
+    StartServer({{320, 240}});
+    ASSERT_TRUE(m_server->SplitScreen(0, 2));
+    m_server->SetRootCursor(0, 4, 4, 0, 0, std::vector<uint32_t>(16, 0xFF102030U));
+    m_server->WarpPointer(0, 240, 120);
+    m_display = XOpenDisplay(m_server->Name().c_str());
+    ASSERT_NE(m_display, nullptr);
+    m_capturer.SetX11ScreenInfo({m_display, DefaultRootWindow(m_display), 160, 240, 160, 0});
+  }
+  std::vector<VlinkCursorSendData> Records() {
+    std::lock_guard<std::mutex> lock(m_records.lock);
+    return m_records.records;
+  }
+  void Stop() {
+    m_capturer.StopCapture();
+    if (m_display != nullptr) {
+      XCloseDisplay(m_display);
+      m_display = nullptr;
+    }
+  }
+
+  CursorRecords m_records;
+  StepClock m_clock;
+  ScopedSeamOverride<Clock> m_clockSeam{m_clock};
+  Display* m_display = nullptr;
+  CursorCapturer m_capturer;
+};
+
+TEST_F(CursorCapturerTest, PositionsAreScaledToTheEncoderSize) {
+  struct Case {
+    uint32_t captureW, captureH, encW, encH;
+    int32_t grabX, grabY, rootX, rootY;
+    int16_t x, y;
+  };
+  const Case cases[] = {
+      {1920, 1080, 1280, 720, 0, 0, 960, 540, 640, 360},
+      {1920, 1080, 1920, 1080, 0, 0, 960, 540, 960, 540},     // same size: not scaled
+      {1920, 1080, 1280, 720, 1920, 0, 1900, 10, -13, 6},     // left of the monitor
+      {1920, 1080, 1280, 720, 1920, 0, 1919, 1079, -0, 719},  // toward zero
+      {160, 240, 80, 120, 160, 0, 240, 120, 40, 60},
+  };
+  for (const Case& c : cases) {
+    CursorCapturer capturer;
+    capturer.SetEncodeResolution(c.encW, c.encH);
+    VlinkCursorSendData record{};
+    capturer.CalCursorPos(record, c.rootX, c.rootY,
+                          {nullptr, 0, c.captureW, c.captureH, c.grabX, c.grabY});
+    EXPECT_EQ(record.x, c.x) << c.rootX << "," << c.rootY;
+    EXPECT_EQ(record.y, c.y) << c.rootX << "," << c.rootY;
+  }
+}
+
+TEST_F(CursorCapturerTest, RecordsStartBlankedThenCarryTheShape) {
+  StartTwoMonitors();
+  m_capturer.SetEncodeResolution(80, 120);
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(10)), 0u);
+  ASSERT_EQ(m_capturer.StartCapture(), 0u);
+  EXPECT_TRUE(m_capturer.IsSampling());
+  ASSERT_TRUE(m_records.count.WaitFor(22));
+  Stop();
+  const auto records = Records();
+  for (size_t i = 0; i < 20; ++i) {
+    EXPECT_EQ(records[i].cursorId, 0u) << i;  // 2 x framerate samples blanked
+  }
+  EXPECT_EQ(records[20].cursorId, 7u);
+  EXPECT_EQ(records[20].x, 40);
+  EXPECT_EQ(records[20].y, 60);
+  EXPECT_EQ(records[20].value1, 32);
+  EXPECT_EQ(records[20].value2, 32);
+  EXPECT_EQ(records[20].value3, 32);
+  EXPECT_EQ(records[20].value4, 128);
+  EXPECT_EQ(records[20].reserved1 | records[20].reserved2 | records[20].reserved3, 0u);
+  std::lock_guard<std::mutex> lock(m_records.lock);
+  EXPECT_EQ(m_records.lengths[20], 28u);
+}
+
+TEST_F(CursorCapturerTest, OffTheMonitorHiddenOrClearGivesIdZero) {
+  StartTwoMonitors();
+  m_capturer.SetEncodeResolution(80, 120);
+  struct Case {
+    const char* name;
+    int pointerX;
+    bool hide;
+    bool clear;
+  };
+  for (const Case& c : {Case{"left monitor", 100, false, false}, Case{"hidden", 240, true, false},
+                        Case{"clear", 240, false, true}, Case{"shown", 240, false, false}}) {
+    SCOPED_TRACE(c.name);
+    m_server->WarpPointer(0, c.pointerX, 100);
+    m_server->SetRootCursor(0, 4, 4, 0, 0, std::vector<uint32_t>(16, c.clear ? 0U : 0xFF102030U));
+    ASSERT_EQ(m_capturer.SetCaptureParams(Independent(1, c.hide)), 0u);
+    ASSERT_EQ(m_capturer.StartCapture(), 0u);
+    ASSERT_TRUE(m_records.count.WaitFor(m_records.count.Get() + 3));  // past the blanking
+    m_capturer.StopCapture();
+    EXPECT_EQ(Records().back().cursorId, std::string(c.name) == "shown" ? 7u : 0u);
+  }
+  Stop();
+}
+
+TEST_F(CursorCapturerTest, ARateChangeWhileRunningIsPickedUp) {
+  TraceCapture traces;
+  StartTwoMonitors();
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(30)), 0u);
+  ASSERT_EQ(m_capturer.StartCapture(), 0u);
+  ASSERT_TRUE(m_records.count.WaitFor(10));
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(15)), 0u);
+  EXPECT_TRUE(m_capturer.IsSampling());
+  ASSERT_TRUE(WaitUntilTrue([&] { return traces.Count("FPS change[30 -> 15]") == 1; }));
+  const int changedAt = m_records.count.Get();
+  ASSERT_TRUE(m_records.count.WaitFor(changedAt + 12));
+  Stop();
+  std::lock_guard<std::mutex> lock(m_records.lock);
+  const auto& t = m_records.timesUs;
+  // 30 a second: 33 or 34 ms apart; 15 a second: 66 or 67 ms apart.
+  EXPECT_NEAR(static_cast<double>(t[8] - t[2]) / 6, 33333, 1000);
+  const size_t from = static_cast<size_t>(changedAt) + 2;
+  EXPECT_NEAR(static_cast<double>(t[from + 8] - t[from]) / 8, 66666, 1000);
+}
+
+TEST_F(CursorCapturerTest, FlippingIndependentRestartsWithAFreshBlanking) {
+  StartTwoMonitors();
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(2)), 0u);
+  ASSERT_EQ(m_capturer.StartCapture(), 0u);
+  ASSERT_TRUE(m_records.count.WaitFor(6));
+  VlinkCursorParams drawn = Independent(2);
+  drawn.independent = 0;
+  ASSERT_EQ(m_capturer.SetCaptureParams(drawn), 0u);
+  EXPECT_TRUE(m_capturer.IsRunning());
+  EXPECT_FALSE(m_capturer.IsSampling());
+  const size_t before = Records().size();
+  EXPECT_EQ(Records().back().cursorId, 7u);
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(2)), 0u);
+  EXPECT_TRUE(m_capturer.IsSampling());
+  ASSERT_TRUE(m_records.count.WaitFor(static_cast<int>(before) + 5));
+  Stop();
+  const auto records = Records();
+  for (size_t i = before; i < before + 4; ++i) {
+    EXPECT_EQ(records[i].cursorId, 0u) << i;
+  }
+  EXPECT_EQ(records[before + 4].cursorId, 7u);
+}
+
+TEST_F(CursorCapturerTest, BadParametersAreRefusedAndTheOldOnesStay) {
+  TraceCapture traces;
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(60)), 0u);
+  EXPECT_EQ(m_capturer.SetCaptureParams(Independent(61)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("Invalid framerate [61]", 1));
+  EXPECT_EQ(m_capturer.SetCaptureParams(Independent(0)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("Invalid framerate [0]", 1));
+  VlinkCursorParams none = Independent(5);
+  none.cursorCallback = nullptr;
+  EXPECT_EQ(m_capturer.SetCaptureParams(none), 1u);
+  EXPECT_TRUE(m_logs.HasModule("cursor callback is nullptr", 1));
+  EXPECT_EQ(m_capturer.GetCaptureParams().framerate, 60u);
+  EXPECT_EQ(m_capturer.SetCaptureParams(Independent(1)), 0u);
+  EXPECT_EQ(traces.Count("Cursor SetCaptureParams success, independent[1] fps[1] shape [7]"), 1u);
+  EXPECT_EQ(m_capturer.SetEncodeResolution(4096, 2160), 0u);
+  EXPECT_TRUE(m_logs.HasModule("invalid width[4096] height[2160]", 1));
+  EXPECT_EQ(m_capturer.SetEncodeResolution(3840, 2161), 0u);
+  EXPECT_EQ(m_logs.CountModule("invalid width["), 2u);
+  EXPECT_EQ(m_capturer.SetEncodeResolution(3840, 2160), 0u);
+  EXPECT_EQ(m_logs.CountModule("invalid width["), 2u);
+}
+
+TEST_F(CursorCapturerTest, FailedSamplesAreLoggedAndTheLoopGoesOn) {
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(20)), 0u);
+  ASSERT_EQ(m_capturer.StartCapture(), 0u);  // no display yet
+  ASSERT_TRUE(WaitUntilTrue([&] { return m_logs.CountModule("display is nullptr", 1) >= 3; }));
+  EXPECT_GE(m_logs.CountModule("Cursor capture failed!", 1), 2u);
+  StartTwoMonitors();
+  m_records.answer = 1;  // the host refuses every record
+  ASSERT_TRUE(m_records.count.WaitFor(3));
+  EXPECT_TRUE(m_logs.HasModule("failed to send cursorData!", 1));
+  Stop();
+}
+
+TEST_F(CursorCapturerTest, UosRefusesTheSamplingThread) {
+  OsPlatformSetIdentity("Soren 7A", "UOS");
+  TraceCapture traces;
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(10)), 0u);
+  EXPECT_EQ(m_capturer.StartCapture(), 0u);
+  EXPECT_TRUE(m_capturer.IsRunning());
+  EXPECT_FALSE(m_capturer.IsSampling());
+  EXPECT_EQ(traces.Count("soren7a or soren8c Uos not support independent cursor!"), 1u);
+  EXPECT_EQ(m_capturer.StartCapture(), 0u);
+  EXPECT_EQ(traces.Count("cursor has been started"), 1u);
+  EXPECT_EQ(m_capturer.StopCapture(), 0u);
+  EXPECT_EQ(m_capturer.StopCapture(), 0u);
+  EXPECT_EQ(traces.Count("cursor has been stopped!"), 1u);
+}
+
+TEST_F(CursorCapturerTest, KylinForcesTheCursorIntoTheFrames) {
+  OsPlatformSetIdentity("Soren 8C", "Kylin");
+  X11ScreenCapturer screen(90);
+  ASSERT_EQ(screen.SetCaptureCursorParams(Independent(10)), 0u);
+  VlinkCursorParams inForce{};
+  ASSERT_EQ(screen.GetCaptureCursorParams(&inForce), 0u);
+  EXPECT_EQ(inForce.independent, 0u);
+  EXPECT_EQ(screen.GetCursorCapturer()->GetCaptureParams().independent, 0u);
+  EXPECT_TRUE(m_logs.HasModule("kos force not independent", 3));
+  OsPlatformSetIdentity("Soren 8C", "Debian");
+  ASSERT_EQ(screen.SetCaptureCursorParams(Independent(10)), 0u);
+  ASSERT_EQ(screen.GetCaptureCursorParams(&inForce), 0u);
+  EXPECT_EQ(inForce.independent, 1u);
+}
+
+TEST_F(CursorCapturerTest, CaptureThreadsAreNamedAndACreationFailureIsSurvived) {
+  StartTwoMonitors();
+  FakeThreadSystem threads;
+  ScopedSeamOverride<ThreadSystem> threadSeam(threads);
+  FrameSink sink;
+  auto screen = MakeCapturer(sink, 1);
+  ASSERT_EQ(screen->SetCaptureCursorParams(Independent(5)), 0u);
+  threads.FailNextCreates(1);
+  EXPECT_EQ(screen->StartCapture(), 1u);
+  EXPECT_FALSE(screen->IsStarted());
+  EXPECT_FALSE(screen->GetCursorCapturer()->IsRunning());
+  ASSERT_EQ(screen->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  ASSERT_TRUE(m_records.count.WaitFor(1));
+  screen->StopCapture();
+  const auto names = threads.Names();
+  EXPECT_NE(std::find(names.begin(), names.end(), "ScreenCapSendBufferToEnc"), names.end());
+  EXPECT_NE(std::find(names.begin(), names.end(), "CursorCapture"), names.end());
+  // The sampling thread alone cannot start: the cursor capturer stays stopped.
+  threads.FailNextCreates(1);
+  EXPECT_EQ(m_capturer.SetCaptureParams(Independent(5)), 0u);
+  EXPECT_EQ(m_capturer.StartCapture(), 1u);
+  EXPECT_FALSE(m_capturer.IsRunning());
+  Stop();
+}
+
+}  // namespace

@@ -1,0 +1,665 @@
+// GoogleTest before the X headers, whose None macro it cannot take.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <ostream>
+#include <string>
+
+#include "core/tavo_video_os_seams.h"
+#include "screen/tavo_video_vlink_capture_pacer.h"
+#include "screen/tavo_video_vlink_screen_capturer_X11.h"
+#include "tests/screen/screen_test_support.h"
+#include "tests/support/step_clock.h"
+
+namespace {
+
+constexpr uint32_t kWidth = 320;
+constexpr uint32_t kHeight = 240;
+
+class ScreenCapturerTest : public ScreenTest {};
+
+// ---- pixels -------------------------------------------------------------------------
+
+struct ScaleCase {
+  uint32_t encWidth;
+  uint32_t encHeight;
+};
+
+void PrintTo(const ScaleCase& c, std::ostream* os) { *os << c.encWidth << "x" << c.encHeight; }
+
+class CapturedPixelsTest : public ScreenCapturerTest,
+                           public ::testing::WithParamInterface<ScaleCase> {};
+
+TEST_P(CapturedPixelsTest, EqualLibyuvOfWhatWasDrawn) {
+  StartServer({{kWidth, kHeight}});
+  const auto drawn = PatternPixels(kWidth, kHeight, 11);
+  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink, 0, GetParam().encWidth, GetParam().encHeight);
+  ASSERT_EQ(capturer->Init(), 0u);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(2));
+  EXPECT_EQ(capturer->StopCapture(), 0u);
+  const uint32_t outWidth = GetParam().encWidth != 0 ? GetParam().encWidth : kWidth;
+  const uint32_t outHeight = GetParam().encHeight != 0 ? GetParam().encHeight : kHeight;
+  EXPECT_EQ(sink.Info(1).width, outWidth);
+  EXPECT_EQ(sink.Info(1).height, outHeight);
+  EXPECT_EQ(sink.Frame(1), OracleI420(drawn, kWidth, kHeight, outWidth, outHeight));
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, CapturedPixelsTest,
+                         ::testing::Values(ScaleCase{kWidth, kHeight}, ScaleCase{160, 120},
+                                           ScaleCase{480, 360}, ScaleCase{0, 0}),
+                         [](const auto& param) {
+                           return std::to_string(param.param.encWidth) + "x" +
+                                  std::to_string(param.param.encHeight);
+                         });
+
+// ---- monitor choice -----------------------------------------------------------------
+
+struct PortCase {
+  int defaultScreen;
+  uint32_t port;
+  uint32_t screenNum;
+  uint32_t monitorIdx;
+  int32_t grabX;
+  uint32_t width;
+  uint32_t height;
+};
+
+TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
+  // Screen 0 split in two monitors of 160x240, screen 1 one monitor of 200x150.
+  StartServer({{kWidth, kHeight}, {200, 150}});
+  ASSERT_TRUE(m_server->SplitScreen(0, 2));
+  const auto left = PatternPixels(kWidth, kHeight, 3);
+  const auto other = PatternPixels(200, 150, 4);
+  m_server->PutPixels(0, 0, 0, kWidth, kHeight, left);
+  m_server->PutPixels(1, 0, 0, 200, 150, other);
+  const PortCase cases[] = {
+      {0, 0, 0, 0, 0, 160, 240}, {0, 1, 0, 1, 160, 160, 240}, {0, 2, 1, 0, 0, 200, 150},
+      {1, 0, 1, 0, 0, 200, 150}, {1, 1, 0, 0, 0, 160, 240},   {1, 2, 0, 1, 160, 160, 240},
+  };
+  for (const PortCase& c : cases) {
+    SCOPED_TRACE("default screen " + std::to_string(c.defaultScreen) + " port " +
+                 std::to_string(c.port));
+    m_displaySystem->SetName(m_server->Name(c.defaultScreen));
+    FrameSink sink;
+    auto capturer = MakeCapturer(sink, c.port);
+    ASSERT_EQ(capturer->Init(), 0u);
+    EXPECT_EQ(capturer->GetScreenNum(), c.screenNum);
+    EXPECT_EQ(capturer->GetMonitorIdx(), c.monitorIdx);
+    EXPECT_EQ(capturer->GetGrabX(), c.grabX);
+    EXPECT_EQ(capturer->GetCapability().width, c.width);
+    EXPECT_EQ(capturer->GetCapability().height, c.height);
+    ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+    const auto& source = c.screenNum == 0 ? left : other;
+    const uint32_t stride = c.screenNum == 0 ? kWidth : 200;
+    EXPECT_EQ(sink.Frame(0),
+              OracleI420(Crop(source, stride, static_cast<uint32_t>(c.grabX), 0, c.width, c.height),
+                         c.width, c.height, c.width, c.height));
+  }
+}
+
+TEST_F(ScreenCapturerTest, PortNamingNoMonitorFailsAndClosesTheDisplay) {
+  StartServer({{kWidth, kHeight}, {200, 150}});
+  ASSERT_TRUE(m_server->SplitScreen(0, 2));
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink, 3);
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_EQ(m_logs.CountModule("not find the screen[3]!", 1), 1u);
+  EXPECT_EQ(m_logs.CountModule("InitWindowImage failed!", 1), 1u);
+  EXPECT_FALSE(capturer->IsInited());
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+  // The loop of a capture started anyway keeps running and refuses every frame.
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
+  EXPECT_EQ(capturer->StopCapture(), 0u);
+  EXPECT_EQ(sink.Count(), 0);
+}
+
+TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
+  OsPlatformSetIdentity("Soren 7A", "Kylin");
+  StartServer({{kWidth, kHeight}});
+  // Listed right one first: its own output, then a monitor on no output at x = 0.
+  ASSERT_TRUE(m_server->SetMonitor(0, "right", 160, 240, 160, 0, "screen"));
+  ASSERT_TRUE(m_server->SetMonitor(0, "left", 160, 240, 0, 0));
+  FrameSink sink;
+  auto plain = std::make_unique<X11ScreenCapturer>(90);
+  OsPlatformSetIdentity(nullptr, nullptr);
+  auto ordinary = std::make_unique<X11ScreenCapturer>(90);
+  ASSERT_EQ(plain->Init(), 0u);
+  ASSERT_EQ(ordinary->Init(), 0u);
+  EXPECT_EQ(plain->GetGrabX(), 0);
+  EXPECT_EQ(plain->GetMonitorIdx(), 1u);
+  EXPECT_EQ(ordinary->GetGrabX(), 160);
+  EXPECT_EQ(ordinary->GetMonitorIdx(), 0u);
+}
+
+// ---- following the monitor ----------------------------------------------------------
+
+TEST_F(ScreenCapturerTest, AResizedMonitorRefusesFramesWithAPacedLine) {
+  StartServer({{kWidth, kHeight}});
+  ASSERT_TRUE(m_server->SplitScreen(0, 2));
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink, 1);
+  ASSERT_EQ(capturer->Init(), 0u);
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 100, 240, 160, 0));
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(capturer->ScreenCaptureProcess(), 1u);
+  }
+  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[0] oldWidth[160] oldHeight[240] "
+                               "newWidth[100] newHeight[240]",
+                               1),
+            1u);
+  EXPECT_EQ(m_logs.CountModule("wait recreate link!"), 1u);
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);  // the 101st refusal
+  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
+  EXPECT_EQ(capturer->GetMonitorChangeCount(), 101u);
+  EXPECT_EQ(sink.Count(), 1);
+  // Back to its size, frames flow again; the count is never reset.
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 160, 0));
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(capturer->GetMonitorChangeCount(), 101u);
+}
+
+TEST_F(ScreenCapturerTest, AMovedMonitorIsFollowed) {
+  StartServer({{kWidth, kHeight}});
+  ASSERT_TRUE(m_server->SplitScreen(0, 2));
+  const auto drawn = PatternPixels(kWidth, kHeight, 5);
+  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink, 1);
+  ASSERT_EQ(capturer->Init(), 0u);
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 100, 0));
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(capturer->GetGrabX(), 100);
+  EXPECT_EQ(m_logs.CountModule("reset capturer MonitorInfo change! m_monitorIdx[1] grabX[100] "
+                               "grabY[0]"),
+            1u);
+  EXPECT_EQ(sink.Frame(1), OracleI420(Crop(drawn, kWidth, 100, 0, 160, 240), 160, 240, 160, 240));
+}
+
+// ---- cursor drawing -----------------------------------------------------------------
+
+constexpr uint32_t kCursorSide = 16;
+constexpr int kHot = 5;
+
+// A cursor of every kind of pixel: opaque, half and barely covering, and clear.
+std::vector<uint32_t> CursorPixels() {
+  std::vector<uint32_t> pixels(kCursorSide * kCursorSide);
+  for (uint32_t row = 0; row < kCursorSide; ++row) {
+    for (uint32_t col = 0; col < kCursorSide; ++col) {
+      const uint32_t alpha = (row * kCursorSide + col) * 255 / (kCursorSide * kCursorSide - 1);
+      const uint32_t a = (col % 4 == 3) ? 0 : alpha;
+      // Premultiplied colours: never above the alpha.
+      const uint32_t r = a * 3 / 4, g = a / 2, b = a * (col % 2);
+      pixels[row * kCursorSide + col] = a << 24 | r << 16 | g << 8 | b;
+    }
+  }
+  return pixels;
+}
+
+// The screen as the capturer should see it with the cursor blended in.
+std::vector<uint32_t> Blend(std::vector<uint32_t> screen, const std::vector<uint32_t>& cursor,
+                            int pointerX, int pointerY) {
+  for (int row = 0; row < static_cast<int>(kCursorSide); ++row) {
+    for (int col = 0; col < static_cast<int>(kCursorSide); ++col) {
+      const int x = pointerX - kHot + col;
+      const int y = pointerY - kHot + row;
+      if (x < 0 || y < 0 || x >= static_cast<int>(kWidth) || y >= static_cast<int>(kHeight)) {
+        continue;
+      }
+      const uint32_t c = cursor[size_t(row) * kCursorSide + size_t(col)];
+      const uint32_t a = c >> 24;
+      uint32_t& d = screen[size_t(y) * kWidth + size_t(x)];
+      uint32_t out = d & 0xFF000000U;
+      for (int shift : {16, 8, 0}) {
+        const uint32_t s = (c >> shift) & 0xff;
+        const uint32_t dst = (d >> shift) & 0xff;
+        const uint32_t v = a == 255 ? s : (s + ((255 - a) * dst + 127) / 255) & 0xff;
+        out |= v << shift;
+      }
+      d = out;
+    }
+  }
+  return screen;
+}
+
+struct CursorCase {
+  const char* name;
+  int x;
+  int y;
+};
+
+void PrintTo(const CursorCase& c, std::ostream* os) { *os << c.name; }
+
+class CursorDrawingTest : public ScreenCapturerTest,
+                          public ::testing::WithParamInterface<CursorCase> {};
+
+TEST_P(CursorDrawingTest, BlendsExactlyAndClipsAtTheEdges) {
+  StartServer({{kWidth, kHeight}});
+  const auto drawn = PatternPixels(kWidth, kHeight, 9);
+  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
+  const auto cursor = CursorPixels();
+  m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, cursor);
+  m_server->WarpPointer(0, GetParam().x, GetParam().y);
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink, 0, 0, 0, /*hideCursor=*/false);
+  ASSERT_EQ(capturer->Init(), 0u);
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(sink.Frame(0), OracleI420(Blend(drawn, cursor, GetParam().x, GetParam().y), kWidth,
+                                      kHeight, kWidth, kHeight));
+}
+
+INSTANTIATE_TEST_SUITE_P(Positions, CursorDrawingTest,
+                         ::testing::Values(CursorCase{"inside", 100, 77},
+                                           CursorCase{"topLeft", 2, 1},
+                                           CursorCase{"bottomRight", 318, 239},
+                                           CursorCase{"right", 315, 100}),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+TEST_F(ScreenCapturerTest, CursorIsNotDrawnWhenClearHiddenOrIndependent) {
+  StartServer({{kWidth, kHeight}});
+  const auto drawn = PatternPixels(kWidth, kHeight, 13);
+  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
+  m_server->WarpPointer(0, 50, 50);
+  const auto plain = OracleI420(drawn, kWidth, kHeight, kWidth, kHeight);
+  struct Case {
+    const char* name;
+    bool clearCursor;
+    bool hide;
+    bool independent;
+  };
+  for (const Case& c : {Case{"clear", true, false, false}, Case{"hidden", false, true, false},
+                        Case{"independent", false, false, true}}) {
+    SCOPED_TRACE(c.name);
+    m_server->SetRootCursor(
+        0, kCursorSide, kCursorSide, kHot, kHot,
+        c.clearCursor ? std::vector<uint32_t>(kCursorSide * kCursorSide, 0) : CursorPixels());
+    FrameSink sink;
+    auto capturer = MakeCapturer(sink);
+    ASSERT_EQ(capturer->SetCaptureCursorParams(Cursor(c.hide, c.independent)), 0u);
+    ASSERT_EQ(capturer->Init(), 0u);
+    ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+    EXPECT_EQ(sink.Frame(0), plain);
+  }
+}
+
+// ---- pixel layouts ------------------------------------------------------------------
+
+TEST(PixelLayoutTest, KnownLayoutsGiveTheirByteOffsets) {
+  struct Case {
+    uint32_t bits;
+    unsigned long red, green, blue;
+    bool known;
+    std::array<uint32_t, 4> layout;
+  };
+  const Case cases[] = {
+      {24, 0xff0000, 0xff00, 0xff, true, {3, 2, 1, 0}},
+      {24, 0xff, 0xff00, 0xff0000, true, {3, 0, 1, 2}},
+      {32, 0xff0000, 0xff00, 0xff, true, {4, 2, 1, 0}},
+      {32, 0xff, 0xff00, 0xff0000, true, {4, 0, 1, 2}},
+      {32, 0xff000000, 0xff0000, 0xff00, true, {4, 3, 2, 1}},
+      {32, 0xff00, 0xff0000, 0xff000000, true, {4, 1, 2, 3}},
+      {16, 0xf800, 0x7e0, 0x1f, false, {9, 9, 9, 9}},
+      {24, 0xff0000, 0xff00, 0xfe, false, {9, 9, 9, 9}},
+      {32, 0xff00, 0xff, 0xff0000, false, {9, 9, 9, 9}},
+  };
+  for (const Case& c : cases) {
+    std::array<uint32_t, 4> layout{9, 9, 9, 9};
+    EXPECT_EQ(X11ScreenCapturer::FindPixelLayout(c.bits, c.red, c.green, c.blue, &layout), c.known)
+        << c.bits << " " << std::hex << c.red;
+    EXPECT_EQ(layout, c.layout) << c.bits << " " << std::hex << c.red;
+  }
+}
+
+TEST_F(ScreenCapturerTest, LayoutOfAnOrdinaryScreenIsFound) {
+  StartServer({{kWidth, kHeight}});
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->Init(), 0u);
+  EXPECT_EQ(capturer->GetBytesPerPixel(), 0u);  // looked at with the first frame
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  uint32_t red = 9, green = 9, blue = 9;
+  capturer->GetColorOffsets(&red, &green, &blue);
+  EXPECT_EQ(capturer->GetBytesPerPixel(), 4u);
+  EXPECT_EQ(red, 2u);
+  EXPECT_EQ(green, 1u);
+  EXPECT_EQ(blue, 0u);
+}
+
+TEST_F(ScreenCapturerTest, AnUnknownLayoutIsReportedAndNothingIsSent) {
+  StartServer({{kWidth, kHeight, 16}});
+  m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, CursorPixels());
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink, 0, 0, 0, /*hideCursor=*/false);
+  ASSERT_EQ(capturer->Init(), 0u);
+  EXPECT_NE(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_NE(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(m_logs.CountModule("The image format is incorrect!", 1), 1u);
+  EXPECT_EQ(m_logs.CountModule("Convert srcImg to I420 failed!", 1), 1u);  // paced
+  EXPECT_EQ(capturer->GetBytesPerPixel(), 0u);
+  EXPECT_EQ(sink.Count(), 0);
+}
+
+// ---- the capture period -------------------------------------------------------------
+
+TEST(CapturePacerTest, CarriesTheRemainderAsOneNanosecond) {
+  CapturePacer pacer(30, 1000000000ULL);
+  EXPECT_EQ(pacer.PeriodNs(), 33333333ULL);
+  EXPECT_EQ(pacer.Deadline(), 1000000000ULL);  // the first frame at once
+  const uint64_t expected[] = {0, 0, 1, 1, 1, 2, 2, 2, 3};
+  for (uint32_t frame = 1; frame <= 9; ++frame) {
+    pacer.Advance();
+    EXPECT_EQ(pacer.Deadline(), 1000000000ULL + frame * 33333333ULL + expected[frame - 1])
+        << "frame " << frame;
+  }
+  CapturePacer fixed(X11ScreenCapturer::kOrdinaryPeriodNs, 30, 5000000000ULL);
+  for (int frame = 0; frame < 3; ++frame) {
+    fixed.Advance();
+  }
+  EXPECT_EQ(fixed.Deadline(), 5000000000ULL + 3 * 50000000ULL + 1);
+}
+
+struct PeriodCase {
+  const char* cpu;
+  uint32_t fps;
+  uint64_t periodUs;
+};
+
+void PrintTo(const PeriodCase& c, std::ostream* os) { *os << c.cpu << " " << c.fps << " fps"; }
+
+class CapturePeriodTest : public ScreenCapturerTest,
+                          public ::testing::WithParamInterface<PeriodCase> {};
+
+TEST_P(CapturePeriodTest, FramesComeAtThePeriodOverManyFrames) {
+  OsPlatformSetIdentity(GetParam().cpu, "Debian");
+  StartServer({{64, 48}});
+  StepClock clock;
+  ScopedSeamOverride<Clock> clockSeam(clock);
+  FrameSink sink;
+  auto capturer = std::make_unique<X11ScreenCapturer>(90);
+  ASSERT_EQ(capturer->SetCaptureParams(Params(64, 48, GetParam().fps)), 0u);
+  ASSERT_EQ(capturer->SetSendFrameCallback(sink.Callback()), 0u);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  constexpr int kFrames = 31;
+  ASSERT_TRUE(sink.WaitFrames(kFrames));
+  capturer->StopCapture();
+  const auto times = sink.TimesUs();
+  // Ticks of the clock are whole milliseconds: each frame comes at the first tick at or
+  // after its deadline, so 30 periods span 30 x period to within a millisecond.
+  const uint64_t span = times[kFrames - 1] - times[0];
+  EXPECT_GE(span, 30 * GetParam().periodUs);
+  EXPECT_LE(span, 30 * GetParam().periodUs + 1000);
+  for (int i = 1; i < kFrames; ++i) {
+    EXPECT_LE(times[i] - times[i - 1], GetParam().periodUs + 1000) << i;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Processors, CapturePeriodTest,
+    ::testing::Values(PeriodCase{"Intel(R) Core(TM)", 30, 50000}, PeriodCase{"Intel", 60, 50000},
+                      PeriodCase{"Intel", 5, 50000}, PeriodCase{"Soren 7A", 30, 33333},
+                      PeriodCase{"Soren 8C", 25, 40000}, PeriodCase{"Soren 7A", 60, 16666}),
+    [](const auto& param) {
+      std::string name =
+          std::string(param.param.cpu).substr(0, 5) + "_fps" + std::to_string(param.param.fps);
+      for (char& c : name) {
+        if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+      }
+      return name;
+    });
+
+TEST_F(ScreenCapturerTest, RealClockKeepsFiftyMillisecondsOnAnOrdinaryProcessor) {
+  StartServer({{64, 48}});
+  FrameSink sink;
+  auto capturer = std::make_unique<X11ScreenCapturer>(90);
+  ASSERT_EQ(capturer->SetCaptureParams(Params(64, 48, 60)), 0u);
+  ASSERT_EQ(capturer->SetSendFrameCallback(sink.Callback()), 0u);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(11));
+  capturer->StopCapture();
+  const auto times = sink.TimesUs();
+  const uint64_t span = times[10] - times[0];
+  EXPECT_GE(span, 500000u - 2000u);  // never faster than the period
+  EXPECT_LT(span, 900000u);          // and not drifting far behind it
+}
+
+// ---- output buffers -----------------------------------------------------------------
+
+TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
+  StartServer({{kWidth, kHeight}});
+  StepClock clock;
+  ScopedSeamOverride<Clock> clockSeam(clock);
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink, 0, 160, 120);
+  X11ScreenCapturer* raw = capturer.get();
+  constexpr int kChangeAt = 3;
+  std::vector<size_t> unusedSeen;  // capture thread only
+  std::vector<FrameRef> kept;      // capture thread only
+  sink.hook = [&](OsvGraphicBuffer* frame, int index) {
+    if (index < 2) {
+      kept.push_back(FrameRef::Share(frame));  // two old buffers stay downstream
+    }
+    if (index == kChangeAt) {
+      raw->SetEncodeResolution(80, 60);
+    }
+    if (index > kChangeAt) {
+      unusedSeen.push_back(raw->GetUnusedBufferCount());
+    }
+    if (index == kChangeAt + 70) {
+      kept.erase(kept.begin());  // one comes back
+    }
+  };
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(kChangeAt + 75));
+  capturer->StopCapture();
+  EXPECT_EQ(sink.Info(kChangeAt).width, 160u);
+  EXPECT_EQ(sink.Info(kChangeAt + 1).width, 80u);
+  EXPECT_EQ(sink.Frame(kChangeAt + 1).size(), 80u * 60u * 3u / 2u);
+  ASSERT_GE(unusedSeen.size(), 72u);
+  // unusedSeen[j - 1]: seen by the j-th frame after the change, after j turns of the loop.
+  for (size_t j = 1; j <= 60; ++j) {
+    EXPECT_EQ(unusedSeen[j - 1], 5u) << j;
+  }
+  EXPECT_EQ(unusedSeen[60], 4u);  // freed by the 61st turn
+  EXPECT_EQ(unusedSeen[61], 3u);
+  EXPECT_EQ(unusedSeen[62], 2u);
+  EXPECT_EQ(unusedSeen[69], 2u);  // the two held downstream stay
+  EXPECT_EQ(unusedSeen[71], 1u);  // freed the turn after it came back
+  // The one still held outlives the stop and stays readable.
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(kept[0]->GetImageInfo().width, 160u);
+  EXPECT_EQ(PackI420(*kept[0].Get()).size(), 160u * 120u * 3u / 2u);
+}
+
+TEST_F(ScreenCapturerTest, AllFiveBuffersHeldDownstreamDropFramesUntilOneReturns) {
+  StartServer({{kWidth, kHeight}});
+  StepClock clock;
+  ScopedSeamOverride<Clock> clockSeam(clock);
+  FrameSink sink;
+  sink.holdFrames = true;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(5));
+  ASSERT_TRUE(WaitUntilTrue([&] { return m_logs.HasModule("no available buffer!", 1); }));
+  EXPECT_EQ(sink.Count(), 5);
+  sink.ReleaseHeld();
+  ASSERT_TRUE(sink.WaitFrames(10));
+  capturer->StopCapture();
+  sink.ReleaseHeld();
+}
+
+TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
+  StartServer({{kWidth, kHeight}});
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink, 0, 160, 120);
+  ASSERT_EQ(capturer->Init(), 0u);
+  EXPECT_EQ(capturer->SetEncodeResolution(100000, 100000), 0u);
+  EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 1u);
+  EXPECT_EQ(capturer->SetEncodeResolution(0, 0), 0u);
+  EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 2u);
+  const size_t resets = m_logs.CountModule("ResetScaleSize size");
+  EXPECT_EQ(capturer->SetEncodeResolution(160, 120), 0u);  // unchanged: nothing replaced
+  EXPECT_EQ(m_logs.CountModule("ResetScaleSize size"), resets);
+  EXPECT_EQ(capturer->GetUnusedBufferCount(), 0u);
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(sink.Info(0).width, 160u);
+  EXPECT_EQ(capturer->SetEncodeResolution(96, 64), 0u);
+  EXPECT_TRUE(m_logs.HasModule("ResetScaleSize size: 96 64", 3));
+  EXPECT_EQ(capturer->GetUnusedBufferCount(), 5u);
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(sink.Info(1).width, 96u);
+  EXPECT_EQ(sink.Info(1).height, 64u);
+}
+
+// ---- shared memory ------------------------------------------------------------------
+
+TEST_F(ScreenCapturerTest, StopStartAndDestroyLeaveNoSegmentBehind) {
+  StartServer({{kWidth, kHeight}});
+  const size_t before = CountOwnShmSegments();
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  EXPECT_EQ(CountOwnShmSegments(), before + 1);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  capturer->StopCapture();
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(2));
+  EXPECT_EQ(CountOwnShmSegments(), before + 1);
+  capturer.reset();
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+}
+
+TEST_F(ScreenCapturerTest, SharedMemoryThatCannotBeHadFailsInitCleanly) {
+  StartServer({{kWidth, kHeight}});
+  FakeSharedMemory memory;
+  ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
+  const size_t before = CountOwnShmSegments();
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  memory.getError = ENOSPC;
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("shmget failed, errono = 28, No space left on device", 1));
+  EXPECT_TRUE(m_logs.HasModule("InitShmImages failed!", 1));
+  memory.getError = 0;
+  memory.attachError = EACCES;
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
+  EXPECT_EQ(memory.removes.load(), 1);  // the segment got is given back
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_FALSE(capturer->IsInited());
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+  memory.attachError = 0;
+  EXPECT_EQ(capturer->Init(), 0u);  // and a later try works
+}
+
+// ---- bad input and failures ---------------------------------------------------------
+
+TEST_F(ScreenCapturerTest, ParametersOutsideTheLimitsAreRefused) {
+  StartServer({{kWidth, kHeight}});
+  X11ScreenCapturer capturer(90);
+  EXPECT_EQ(capturer.SetCaptureParams(Params(0, 240, 30)), 1u);
+  EXPECT_EQ(capturer.SetCaptureParams(Params(320, 0, 30)), 1u);
+  EXPECT_EQ(capturer.SetCaptureParams(Params(320, 240, 0)), 1u);
+  EXPECT_EQ(m_logs.CountModule("Invalid param for screen capture!", 1), 3u);
+  EXPECT_EQ(capturer.SetCaptureParams(Params(1, 1, 1)), 0u);
+  ViDevInfo kept{};
+  ASSERT_EQ(capturer.GetCaptureParams(&kept), 0u);
+  EXPECT_EQ(kept.width, 1u);
+  EXPECT_EQ(capturer.SetSendFrameCallback(nullptr), 1u);
+  EXPECT_TRUE(m_logs.HasModule("SetSendFrameCallback failed, cb is nullptr!", 1));
+  VlinkCursorParams noCallback = Cursor(false);
+  noCallback.cursorCallback = nullptr;
+  EXPECT_EQ(capturer.SetCaptureCursorParams(noCallback), 1u);
+  EXPECT_TRUE(m_logs.HasModule("Capturer[90] SetCaptureCursorParams failed!", 1));
+  EXPECT_EQ(capturer.StopCapture(), 0u);
+  EXPECT_TRUE(m_logs.HasModule("Capture has stopped", 2));
+}
+
+TEST_F(ScreenCapturerTest, NoDisplayFailsInitAndTheLoopKeepsItsRhythm) {
+  StartServer({{kWidth, kHeight}});
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  m_displaySystem->failInitThreads = true;
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("XInitThreads failed", 1));
+  m_displaySystem->failInitThreads = false;
+  m_displaySystem->refuseOpen = true;
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
+  StepClock clock;
+  ScopedSeamOverride<Clock> clockSeam(clock);
+  const uint64_t start = clock.NowUs();
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  EXPECT_EQ(capturer->StartCapture(), 0u);
+  EXPECT_TRUE(m_logs.HasModule("Capture has started", 2));
+  // 201 refused frames, 50 ms apart, three lines.
+  ASSERT_TRUE(WaitUntilTrue([&] { return clock.NowUs() - start >= 200 * 50000; }));
+  capturer->StopCapture();
+  const size_t lines = m_logs.CountModule("Capturer[90] ScreenCaptureProcess failed!", 1);
+  EXPECT_GE(lines, 3u);
+  EXPECT_LE(lines, (clock.NowUs() - start) / 50000 / 100 + 1);
+  EXPECT_EQ(sink.Count(), 0);
+}
+
+TEST_F(ScreenCapturerTest, ARefusingSinkIsReportedAndTheLoopGoesOn) {
+  StartServer({{kWidth, kHeight}});
+  FrameSink sink;
+  sink.answer = 5;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->Init(), 0u);
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  EXPECT_TRUE(m_logs.HasModule("SendFrame to Encoder failed!", 1));
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);  // and the buffer came back
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
+}
+
+TEST_F(ScreenCapturerTest, ADisplayThatGoesAwayMidCaptureIsSurvived) {
+  StartServer({{kWidth, kHeight}});
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(2));
+  m_server->Kill();
+  const int seen = sink.Count();
+  ASSERT_TRUE(WaitUntilTrue([&] { return m_logs.HasModule("ScreenCaptureProcess failed!", 1); }));
+  EXPECT_LE(sink.Count(), seen + 1);
+  EXPECT_TRUE(m_logs.HasModule("X display connection lost", 1));
+  EXPECT_EQ(capturer->StopCapture(), 0u);
+  EXPECT_FALSE(capturer->IsStarted());
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
+}
+
+// ---- ports while running ------------------------------------------------------------
+
+TEST_F(ScreenCapturerTest, APortChangeWhileRunningMovesTheCapture) {
+  StartServer({{kWidth, kHeight}, {200, 150}});
+  const auto other = PatternPixels(200, 150, 21);
+  m_server->PutPixels(1, 0, 0, 200, 150, other);
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  EXPECT_EQ(capturer->SetCaptureScreenPort(1), 0u);
+  EXPECT_TRUE(m_logs.HasModule("change screen capture port [0] -> [1]", 3));
+  EXPECT_TRUE(m_logs.HasModule("X11 Capturer[90] reset sucessful!", 3));
+  const int seen = sink.Count();
+  ASSERT_TRUE(sink.WaitFrames(seen + 1));
+  EXPECT_EQ(sink.Frame(static_cast<size_t>(seen)), OracleI420(other, 200, 150, 200, 150));
+  // A port that names nothing: the reset fails, the result is still 0.
+  EXPECT_EQ(capturer->SetCaptureScreenPort(7), 0u);
+  EXPECT_TRUE(m_logs.HasModule("ResetCapture failed!", 1));
+  EXPECT_FALSE(capturer->IsStarted());
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+}
+
+}  // namespace

@@ -1,0 +1,202 @@
+#include "tests/screen/screen_test_support.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "core/tavo_video_os_seams.h"
+
+namespace {
+std::mutex g_traceLock;  // guards g_traces and g_traceActive
+std::vector<std::string> g_traces;
+bool g_traceActive = false;
+}  // namespace
+
+TraceCapture::TraceCapture() {
+  {
+    std::lock_guard<std::mutex> lock(g_traceLock);
+    g_traces.clear();
+    g_traceActive = true;
+  }
+  OS_VLink_Debug_TraceRegister(0, &TraceCapture::Receive);
+  OS_VLink_Debug_SetTraceLevel(4);
+}
+
+TraceCapture::~TraceCapture() {
+  OS_VLink_Debug_SetTraceLevel(0);
+  std::lock_guard<std::mutex> lock(g_traceLock);
+  g_traceActive = false;
+  g_traces.clear();
+}
+
+void TraceCapture::Receive(uint32_t /*level*/, const char* text) {
+  std::lock_guard<std::mutex> lock(g_traceLock);
+  if (g_traceActive) {
+    g_traces.emplace_back(text);
+  }
+}
+
+size_t TraceCapture::Count(const std::string& text) {
+  std::lock_guard<std::mutex> lock(g_traceLock);
+  return static_cast<size_t>(std::count_if(g_traces.begin(), g_traces.end(), [&](const auto& t) {
+    return t.find(text) != std::string::npos;
+  }));
+}
+
+std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame) {
+  const OsvGraphicBufferInfo info = frame.GetImageInfo();
+  std::vector<uint8_t> out;
+  const uint32_t widths[3] = {info.width, (info.width + 1) / 2, (info.width + 1) / 2};
+  const uint32_t heights[3] = {info.height, (info.height + 1) / 2, (info.height + 1) / 2};
+  for (uint32_t plane = 0; plane < 3; ++plane) {
+    const uint8_t* data = frame.GetImageAddr(plane);
+    for (uint32_t row = 0; row < heights[plane]; ++row) {
+      out.insert(out.end(), data + size_t{row} * info.stride[plane],
+                 data + size_t{row} * info.stride[plane] + widths[plane]);
+    }
+  }
+  return out;
+}
+
+std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t width, uint32_t height,
+                                uint32_t outWidth, uint32_t outHeight) {
+  const int w = static_cast<int>(width);
+  const int h = static_cast<int>(height);
+  const int cw = (w + 1) / 2;
+  const int ch = (h + 1) / 2;
+  std::vector<uint8_t> full(size_t(w) * h + 2 * size_t(cw) * ch);
+  uint8_t* y = full.data();
+  uint8_t* u = y + size_t(w) * h;
+  uint8_t* v = u + size_t(cw) * ch;
+  libyuv::ARGBToI420(reinterpret_cast<const uint8_t*>(argb.data()), w * 4, y, w, u, cw, v, cw, w,
+                     h);
+  if (outWidth == width && outHeight == height) {
+    return full;
+  }
+  const int ow = static_cast<int>(outWidth);
+  const int oh = static_cast<int>(outHeight);
+  const int ocw = (ow + 1) / 2;
+  const int och = (oh + 1) / 2;
+  std::vector<uint8_t> scaled(size_t(ow) * oh + 2 * size_t(ocw) * och);
+  uint8_t* sy = scaled.data();
+  uint8_t* su = sy + size_t(ow) * oh;
+  uint8_t* sv = su + size_t(ocw) * och;
+  libyuv::I420Scale(y, w, u, cw, v, cw, w, h, sy, ow, su, ocw, sv, ocw, ow, oh, libyuv::kFilterBox);
+  return scaled;
+}
+
+std::vector<uint32_t> Crop(const std::vector<uint32_t>& pixels, uint32_t stride, uint32_t x,
+                           uint32_t y, uint32_t width, uint32_t height) {
+  std::vector<uint32_t> out;
+  for (uint32_t row = y; row < y + height; ++row) {
+    out.insert(out.end(), pixels.begin() + row * stride + x,
+               pixels.begin() + row * stride + x + width);
+  }
+  return out;
+}
+
+int FrameSink::OnFrame(OsvGraphicBuffer* frame) {
+  int index = 0;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_frames.push_back(PackI420(*frame));
+    m_infos.push_back(frame->GetImageInfo());
+    m_timesUs.push_back(Seam<Clock>::Get().NowUs());
+    if (holdFrames) {
+      held.push_back(FrameRef::Share(frame));
+    }
+    index = static_cast<int>(m_frames.size()) - 1;
+  }
+  if (hook) {
+    hook(frame, index);
+  }
+  m_count.Add();
+  return answer;
+}
+
+std::vector<uint8_t> FrameSink::Frame(size_t index) {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return index < m_frames.size() ? m_frames[index] : std::vector<uint8_t>{};
+}
+
+OsvGraphicBufferInfo FrameSink::Info(size_t index) {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return index < m_infos.size() ? m_infos[index] : OsvGraphicBufferInfo{};
+}
+
+std::vector<uint64_t> FrameSink::TimesUs() {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_timesUs;
+}
+
+void FrameSink::ReleaseHeld() {
+  std::vector<FrameRef> dropping;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    dropping.swap(held);
+  }
+}
+
+bool WaitUntilTrue(const std::function<bool()>& condition, std::chrono::seconds limit) {
+  const auto until = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > until) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+int32_t AcceptCursor(VlinkCursorSendData* /*data*/, uint32_t /*length*/, uint32_t /*userData*/) {
+  return 0;
+}
+
+void ScreenTest::StartServer(const std::vector<XvfbScreen>& screens, int defaultScreen) {
+  m_server = std::make_unique<XvfbServer>(screens);
+  ASSERT_TRUE(m_server->Ok()) << m_server->Error();
+  m_displaySystem = std::make_unique<FakeX11DisplaySystem>(m_server->Name(defaultScreen));
+  m_displaySeam.emplace(*m_displaySystem);
+}
+
+ViDevInfo ScreenTest::Params(uint32_t width, uint32_t height, uint32_t captureFps) {
+  ViDevInfo info{};
+  info.imgNo = 90;
+  info.width = width;
+  info.height = height;
+  info.fps = captureFps;
+  info.captureFps = captureFps;
+  return info;
+}
+
+VlinkCursorParams ScreenTest::Cursor(bool hide, bool independent, uint32_t framerate) {
+  VlinkCursorParams params{};
+  params.isHide = hide ? 1 : 0;
+  params.independent = independent ? 1 : 0;
+  params.framerate = framerate;
+  params.shape = 7;
+  params.cursorCallback = &AcceptCursor;
+  return params;
+}
+
+std::unique_ptr<X11ScreenCapturer> ScreenTest::MakeCapturer(FrameSink& sink, uint32_t port,
+                                                            uint32_t encWidth, uint32_t encHeight,
+                                                            bool hideCursor) {
+  auto capturer = std::make_unique<X11ScreenCapturer>(90 + port);
+  EXPECT_EQ(capturer->SetCaptureParams(Params()), 0u);
+  EXPECT_EQ(capturer->SetEncodeResolution(encWidth, encHeight), 0u);
+  EXPECT_EQ(capturer->SetCaptureScreenPort(port), 0u);
+  EXPECT_EQ(capturer->SetCaptureCursorParams(Cursor(hideCursor)), 0u);
+  EXPECT_EQ(capturer->SetSendFrameCallback(sink.Callback()), 0u);
+  return capturer;
+}
+
+#if defined(__SANITIZE_THREAD__)
+// When a display's server goes away, Xlib's IO error path unlocks the display's mutex and
+// the Xlib or RandR call it interrupted unlocks it once more on its way out. That is
+// Xlib's own doing; the test of a display lost mid-capture goes through it on purpose.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
+  return "mutex:libX11.so\nmutex:libXrandr.so\nmutex:libXext.so\n";
+}
+#endif

@@ -1,0 +1,218 @@
+// GoogleTest before the X headers, whose None macro it cannot take.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "platform/os_shm_queue.h"
+#include "tests/screen/screen_test_support.h"
+
+namespace {
+
+constexpr uint32_t kQueue = 0x5a;
+
+uint32_t Get32(const uint8_t* at) {
+  uint32_t value = 0;
+  std::memcpy(&value, at, 4);
+  return value;
+}
+
+class SnapshotTest : public ScreenTest {
+ protected:
+  void SetUp() override { ASSERT_EQ(OsShmAdvancedQueueCreate(kQueue, 4, 64 << 20), 0); }
+  void TearDown() override {
+    OsShmAdvancedQueueDestroy(kQueue);
+    ScreenTest::TearDown();
+  }
+  static TagTavoVideoSnapshotStorage Request(uint32_t width, uint32_t height) {
+    TagTavoVideoSnapshotStorage storage{};
+    storage.width = width;
+    storage.height = height;
+    storage.queueId = kQueue;
+    storage.format = 3;
+    return storage;
+  }
+  // The one picture queued: its record and its pixels (alpha cleared).
+  struct Picture {
+    std::vector<uint8_t> header;
+    std::vector<uint32_t> pixels;
+  };
+  static Picture Take() {
+    OsShmAdvancedBuffer* buffer = nullptr;
+    Picture picture;
+    if (OsShmAdvancedReadBulkQueue(kQueue, &buffer, 1, 0) != 1) {
+      return picture;
+    }
+    const auto* memory = static_cast<const uint8_t*>(buffer->mem);
+    picture.header.assign(memory, memory + kSnapshotHeaderBytes);
+    const uint32_t size = Get32(memory);
+    EXPECT_EQ(buffer->usedLen, size + kSnapshotHeaderBytes);
+    picture.pixels.resize(size / 4);
+    std::memcpy(picture.pixels.data(), memory + kSnapshotHeaderBytes, size);
+    for (uint32_t& pixel : picture.pixels) {
+      pixel &= 0xFFFFFFU;
+    }
+    OsShmAdvancedMemFreeBuffer(buffer);
+    return picture;
+  }
+  // libyuv's box scaling of `source` into width x height (alpha cleared).
+  static std::vector<uint32_t> Scaled(const std::vector<uint32_t>& source, uint32_t sw, uint32_t sh,
+                                      uint32_t width, uint32_t height) {
+    std::vector<uint32_t> out(size_t(width) * height);
+    libyuv::ARGBScale(reinterpret_cast<const uint8_t*>(source.data()), static_cast<int>(sw * 4),
+                      static_cast<int>(sw), static_cast<int>(sh),
+                      reinterpret_cast<uint8_t*>(out.data()), static_cast<int>(width * 4),
+                      static_cast<int>(width), static_cast<int>(height), libyuv::kFilterBox);
+    for (uint32_t& pixel : out) {
+      pixel &= 0xFFFFFFU;
+    }
+    return out;
+  }
+  // What the server holds (no alpha), as the capturer reads it.
+  std::vector<uint32_t> Screen(uint32_t width, uint32_t height) {
+    return m_server->GetPixels(0, 0, 0, width, height);
+  }
+};
+
+TEST_F(SnapshotTest, AStoppedScreenIsCapturedIntoTheQueueAndNothingStays) {
+  StartServer({{320, 240}});
+  m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 17));
+  const auto screen = Screen(320, 240);
+  const size_t segments = CountOwnShmSegments();
+  X11ScreenCapturer capturer(90);
+  ASSERT_EQ(capturer.CapturePictureImp(Request(160, 100)), 0u);
+  const Picture picture = Take();
+  ASSERT_EQ(picture.header.size(), kSnapshotHeaderBytes);
+  const uint8_t* h = picture.header.data();
+  EXPECT_EQ(Get32(h + 0), 160u * 100u * 4u);
+  EXPECT_EQ(Get32(h + 4), 160u);
+  EXPECT_EQ(Get32(h + 8), 100u);
+  EXPECT_EQ(Get32(h + 20), 3u);
+  EXPECT_EQ(Get32(h + 24), 1u);
+  EXPECT_EQ(h[28], 1u);
+  EXPECT_EQ(Get32(h + 32), 160u * 100u * 4u);
+  EXPECT_NE(Get32(h + 40) | Get32(h + 44), 0u);
+  EXPECT_EQ(picture.pixels, Scaled(screen, 320, 240, 160, 100));
+  // The capturer made for the snapshot is gone again.
+  EXPECT_FALSE(capturer.IsInited());
+  EXPECT_EQ(CountOwnShmSegments(), segments);
+  EXPECT_EQ(m_displaySystem->opens.load(), 1);
+  EXPECT_EQ(m_displaySystem->closes.load(), 1);
+}
+
+TEST_F(SnapshotTest, AZeroSideMeansTheCaptureSize) {
+  StartServer({{320, 240}});
+  m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 19));
+  X11ScreenCapturer capturer(90);
+  for (const auto& [w, h] : {std::pair{0u, 100u}, std::pair{100u, 0u}}) {
+    ASSERT_EQ(capturer.CapturePictureImp(Request(w, h)), 0u);
+    const Picture picture = Take();
+    EXPECT_EQ(Get32(picture.header.data() + 4), 320u);
+    EXPECT_EQ(Get32(picture.header.data() + 8), 240u);
+    EXPECT_EQ(picture.pixels, Screen(320, 240));
+  }
+}
+
+TEST_F(SnapshotTest, UosOnSoren7AMakesEveryPixelOpaque) {
+  StartServer({{64, 48}});
+  for (const auto& [cpu, opaque] : {std::pair{"Soren 7A", true}, std::pair{"Soren 8C", false}}) {
+    OsPlatformSetIdentity(cpu, "UOS");
+    X11ScreenCapturer capturer(90);
+    ASSERT_EQ(capturer.CapturePictureImp(Request(32, 24)), 0u);
+    OsShmAdvancedBuffer* buffer = nullptr;
+    ASSERT_EQ(OsShmAdvancedReadBulkQueue(kQueue, &buffer, 1, 0), 1u);
+    const auto* pixels = static_cast<const uint8_t*>(buffer->mem) + kSnapshotHeaderBytes;
+    size_t opaquePixels = 0;
+    for (size_t at = 3; at < 32 * 24 * 4; at += 4) {
+      opaquePixels += pixels[at] == 255 ? 1 : 0;
+    }
+    OsShmAdvancedMemFreeBuffer(buffer);
+    EXPECT_EQ(opaquePixels, opaque ? 32u * 24u : 0u) << cpu;
+  }
+}
+
+TEST_F(SnapshotTest, APortraitMonitorKeepsItsAspectBetweenBars) {
+  StartServer({{270, 480}});
+  m_server->PutPixels(0, 0, 0, 270, 480, PatternPixels(270, 480, 23));
+  const auto screen = Screen(270, 480);
+  X11ScreenCapturer capturer(90);
+  // 270 wide is more than 180 high: region trunc(180 / 320 x 180) = 101, offset 109.
+  ASSERT_EQ(capturer.CapturePictureImp(Request(320, 180)), 0u);
+  const Picture picture = Take();
+  const auto region = Scaled(screen, 270, 480, 101, 180);
+  for (uint32_t row = 0; row < 180; ++row) {
+    for (uint32_t col = 0; col < 320; ++col) {
+      const uint32_t got = picture.pixels[row * 320 + col];
+      const uint32_t want = col >= 109 && col < 210 ? region[row * 101 + col - 109] : 0;
+      ASSERT_EQ(got, want) << row << "," << col;
+    }
+  }
+  // Not wider than the picture is high: the whole picture is filled.
+  ASSERT_EQ(capturer.CapturePictureImp(Request(480, 270)), 0u);
+  EXPECT_EQ(Take().pixels, Scaled(screen, 270, 480, 480, 270));
+}
+
+TEST_F(SnapshotTest, ARunningCaptureGivesItsLastFrameAndGoesOn) {
+  StartServer({{320, 240}});
+  m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 29));
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  const int opens = m_displaySystem->opens.load();
+  ASSERT_EQ(capturer->CapturePictureImp(Request(0, 0)), 0u);
+  EXPECT_EQ(Take().pixels, Screen(320, 240));
+  EXPECT_EQ(m_displaySystem->opens.load(), opens);  // the running capture's image
+  EXPECT_TRUE(capturer->IsInited());
+  const int seen = sink.Count();
+  ASSERT_TRUE(sink.WaitFrames(seen + 1));
+  capturer->StopCapture();
+}
+
+TEST_F(SnapshotTest, QueueFailuresGiveTheBufferBackAndLeaveTheCaptureRunning) {
+  StartServer({{320, 240}});
+  FakeHostShmQueue queue;
+  ScopedSeamOverride<HostShmQueue> queueSeam(queue);
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  queue.allocFails = true;
+  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("QueueBuffer is nullptr", 1));
+  EXPECT_TRUE(m_logs.HasModule("WritePicureToQueue failed", 1));
+  queue.allocFails = false;
+  queue.nullMemory = true;
+  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
+  EXPECT_EQ(m_logs.CountModule("QueueBuffer is nullptr", 1), 2u);
+  queue.nullMemory = false;
+  queue.writeFails = true;
+  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("OsShmAdvancedWriteBulkQueue fail", 1));
+  EXPECT_EQ(queue.frees.load(), 3);
+  EXPECT_TRUE(capturer->IsStarted());
+  const int seen = sink.Count();
+  ASSERT_TRUE(sink.WaitFrames(seen + 1));
+  capturer->StopCapture();
+  EXPECT_EQ(capturer->WritePicureToQueue(nullptr, 4, Request(1, 1)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("input null", 1));
+}
+
+TEST_F(SnapshotTest, SnapshotFailuresOfAStoppedScreenReleaseWhatWasMade) {
+  StartServer({{320, 240}});
+  const size_t segments = CountOwnShmSegments();
+  X11ScreenCapturer capturer(93);  // port 3 names no monitor
+  ASSERT_EQ(capturer.SetCaptureScreenPort(3), 0u);
+  EXPECT_EQ(capturer.CapturePictureImp(Request(64, 48)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("not find the screen[3]!", 1));
+  ASSERT_EQ(capturer.SetCaptureScreenPort(0), 0u);
+  EXPECT_EQ(capturer.CapturePictureImp(Request(100000, 48)), 1u);  // absurd size
+  EXPECT_TRUE(m_logs.HasModule("libyuv::ARGBScale failed", 1));
+  m_displaySystem->refuseOpen = true;
+  EXPECT_EQ(capturer.CapturePictureImp(Request(64, 48)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
+  EXPECT_EQ(CountOwnShmSegments(), segments);
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+  EXPECT_FALSE(capturer.IsInited());
+}
+
+}  // namespace

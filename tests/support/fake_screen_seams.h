@@ -1,0 +1,105 @@
+// Fakes of the screen capturer's seams. The display fake opens a real display (a test's
+// Xvfb) by name and can refuse; the shared-memory and queue fakes pass through to the real
+// calls unless told to fail the way the real side can.
+#pragma once
+
+#include <X11/Xlib.h>
+#include <errno.h>
+
+#include <atomic>
+#include <string>
+
+#include "platform/os_shm_queue.h"
+#include "screen/tavo_video_vlink_x11_seams.h"
+
+class FakeX11DisplaySystem final : public X11DisplaySystem {
+ public:
+  explicit FakeX11DisplaySystem(std::string name) : m_name(std::move(name)) {}
+  int32_t InitThreads() override { return failInitThreads ? 0 : XInitThreads(); }
+  Display* Open() override {
+    if (refuseOpen) {
+      ++refusedOpens;
+      return nullptr;
+    }
+    Display* display = XOpenDisplay(m_name.c_str());
+    if (display != nullptr) {
+      ++opens;
+    }
+    return display;
+  }
+  void Close(Display* display) override {
+    ++closes;
+    XCloseDisplay(display);
+  }
+  void SetName(std::string name) { m_name = std::move(name); }
+
+  std::atomic<bool> failInitThreads{false};
+  std::atomic<bool> refuseOpen{false};
+  std::atomic<int> opens{0};
+  std::atomic<int> closes{0};
+  std::atomic<int> refusedOpens{0};
+
+ private:
+  std::string m_name;
+};
+
+class FakeSharedMemory final : public SharedMemorySystem {
+ public:
+  int Get(size_t size, int flags) override {
+    if (getError != 0) {
+      errno = getError;
+      return -1;
+    }
+    return SharedMemorySystem::Real().Get(size, flags);
+  }
+  void* Attach(int id) override {
+    if (attachError != 0) {
+      errno = attachError;
+      return reinterpret_cast<void*>(-1);
+    }
+    return SharedMemorySystem::Real().Attach(id);
+  }
+  int Detach(const void* address) override { return SharedMemorySystem::Real().Detach(address); }
+  int Remove(int id) override {
+    ++removes;
+    return SharedMemorySystem::Real().Remove(id);
+  }
+
+  std::atomic<int> getError{0};     // e.g. ENOSPC, EACCES
+  std::atomic<int> attachError{0};  // e.g. ENOMEM, EACCES
+  std::atomic<int> removes{0};
+};
+
+class FakeHostShmQueue final : public HostShmQueue {
+ public:
+  OsShmAdvancedBuffer* Alloc(uint32_t queueId, uint32_t size) override {
+    if (allocFails) {
+      return nullptr;
+    }
+    OsShmAdvancedBuffer* buffer = OsShmAdvancedMemAllocBuffer(queueId, 0, size);
+    if (buffer != nullptr && nullMemory) {
+      lastNullMemory = buffer->mem;
+      buffer->mem = nullptr;  // a handle without memory
+    }
+    return buffer;
+  }
+  int32_t Write(uint32_t queueId, OsShmAdvancedBuffer** buffers, uint32_t count) override {
+    if (writeFails) {
+      return -1;
+    }
+    return OsShmAdvancedWriteBulkQueue(queueId, buffers, count);
+  }
+  void Free(OsShmAdvancedBuffer* buffer) override {
+    ++frees;
+    if (buffer != nullptr && buffer->mem == nullptr) {
+      buffer->mem = lastNullMemory;
+    }
+    OsShmAdvancedMemFreeBuffer(buffer);
+  }
+
+  std::atomic<bool> allocFails{false};
+  std::atomic<bool> nullMemory{false};
+  std::atomic<bool> writeFails{false};
+  std::atomic<int> frees{0};
+  void* lastNullMemory = nullptr;
+};
