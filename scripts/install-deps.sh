@@ -10,4 +10,7 @@ $SUDO apt-get install -y --no-install-recommends \
   libgtest-dev libgmock-dev libbenchmark-dev \
   libboost1.81-dev libsafec-dev libyuv-dev \
   clang-14 libclang-rt-14-dev clang-format-14 \
-  libx11-dev zlib1g-dev
+  libx11-dev zlib1g-dev \
+  libopencv-dev opencv-doc python3-flatbuffers python3-onnx python3-numpy
+# The virtual background's segmentation models and test pictures.
+bash "$(dirname "$0")/install-models.sh"
