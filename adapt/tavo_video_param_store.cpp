@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 
+#include "trace/tavo_video_host_guard.h"
 #include "trace/tavo_video_vlink_log.h"
 
 std::map<std::string, std::shared_ptr<DataContainer>> DataContainer::m_dataContainerTable;
@@ -62,7 +63,7 @@ int GetPortIdFromNodeId(uint32_t componentId, uint32_t* portId) {
   return result;
 }
 
-DataContainer* TavoVideoGetDataContainer(const char* name) {
+DataContainer* TavoVideoGetDataContainer(const char* name) try {
   if (name == nullptr) {
     VLOG_ERR("null container name");
     return nullptr;
@@ -75,8 +76,9 @@ DataContainer* TavoVideoGetDataContainer(const char* name) {
     return nullptr;
   }
 }
+VLINK_HOST_CATCH(nullptr)
 
-uint32_t TavoVideoReleaseDataContainer(const char* name) {
+uint32_t TavoVideoReleaseDataContainer(const char* name) try {
   if (name == nullptr) {
     VLOG_ERR("Cannot release dataContainer[%s]", "(null)");
     return 1;
@@ -88,3 +90,4 @@ uint32_t TavoVideoReleaseDataContainer(const char* name) {
   }
   return result;
 }
+VLINK_HOST_CATCH(1)

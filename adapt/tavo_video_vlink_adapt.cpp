@@ -11,6 +11,7 @@
 #include "core/pelv_print_struct.h"
 #include "platform/os_time.h"
 #include "platform/safe_string.h"
+#include "trace/tavo_video_host_guard.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ struct PreviewComponent {
 };
 
 template <class Component>
-uint32_t CreateVarietyNode(uint32_t componentId, tagTavoVideoComponentParam* param) {
+uint32_t CreateVarietyNode(uint32_t componentId, tagTavoVideoComponentParam* param) try {
   using Node = typename Component::Node;
   if (param == nullptr) {
     std::printf("compParam is nullpter\n");
@@ -100,9 +101,10 @@ uint32_t CreateVarietyNode(uint32_t componentId, tagTavoVideoComponentParam* par
   Component::Convert(record, portId, imgNo, param);
   return node->SetParam(record);
 }
+VLINK_HOST_CATCH(1)
 
 template <class Node>
-uint32_t DestroyVarietyNode(uint32_t componentId) {
+uint32_t DestroyVarietyNode(uint32_t componentId) try {
   uint32_t id = 0;
   GetImgNoFromNodeId(componentId, &id);
   std::shared_ptr<Node> node = VideoVlinkNode::GetNodeByUnique<Node>(id);
@@ -110,24 +112,28 @@ uint32_t DestroyVarietyNode(uint32_t componentId) {
     VLOG_INF_TRACE("node has closed");
     return 0;
   }
-  node->StopProcess();
+  node.reset();  // the registry stops and shuts it down, then lets it go
   VideoVlinkNode::DeleteNodeByUnique(id);
   VlinkBuilderFactory::GetInstance().DeleteBuilder(id);
   return 0;
 }
+VLINK_HOST_CATCH(1)
 
 // Rows of component types whose node classes this build does not have yet.
-uint32_t CreateUnsupportedNode(uint32_t componentId, tagTavoVideoComponentParam* /*param*/) {
+uint32_t CreateUnsupportedNode(uint32_t componentId, tagTavoVideoComponentParam* /*param*/) try {
   VLOG_ERR("component[%u]: this component type is not available in this build", componentId);
   return 1;
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t DestroyUnsupportedNode(uint32_t /*componentId*/) {
+uint32_t DestroyUnsupportedNode(uint32_t /*componentId*/) try {
   VLOG_INF_TRACE("node has closed");  // such a node can never have been created
   return 0;
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t DumpNothing(uint32_t /*componentId*/) { return 0; }
+uint32_t DumpNothing(uint32_t /*componentId*/) try { return 0; }
+VLINK_HOST_CATCH(1)
 
 const tagTavoVideoCreateFuncMap kCreateTable[] = {
     {TAVO_VIDEO_COMPONENT_ENCODER, 0, CreateVarietyNode<EncoderComponent>},
@@ -275,13 +281,15 @@ uint32_t ChangeLink(uint32_t sinkComponentId, uint32_t sourceComponentId, bool b
 
 }  // namespace
 
-uint32_t VlinkBind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
+uint32_t VlinkBind(uint32_t sinkComponentId, uint32_t sourceComponentId) try {
   return ChangeLink(sinkComponentId, sourceComponentId, true);
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t VlinkUnbind(uint32_t sinkComponentId, uint32_t sourceComponentId) {
+uint32_t VlinkUnbind(uint32_t sinkComponentId, uint32_t sourceComponentId) try {
   return ChangeLink(sinkComponentId, sourceComponentId, false);
 }
+VLINK_HOST_CATCH(1)
 
 namespace {
 
@@ -312,7 +320,7 @@ std::shared_ptr<T> FindComponentNode(uint32_t componentId, const std::string& mi
 
 }  // namespace
 
-uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param) {
+uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param) try {
   if (param == nullptr) {
     VLOG_ERR("null compParam! encId[%u].", componentId);
     return 1;
@@ -345,6 +353,7 @@ uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param
   }
   return result;
 }
+VLINK_HOST_CATCH(1)
 
 namespace {
 
@@ -363,7 +372,7 @@ uint32_t UpdateOutputNode(uint32_t componentId, const Record& record) {
 
 }  // namespace
 
-uint32_t VlinkUpdateVdec(uint32_t componentId, tagTavoVideoComponentParam* param) {
+uint32_t VlinkUpdateVdec(uint32_t componentId, tagTavoVideoComponentParam* param) try {
   if (param == nullptr) {
     VLOG_ERR("compParam is null! node [%d].", static_cast<int>(componentId));
     return 1;
@@ -372,8 +381,9 @@ uint32_t VlinkUpdateVdec(uint32_t componentId, tagTavoVideoComponentParam* param
   std::memcpy(&record, &param->vdec, sizeof(record));
   return UpdateOutputNode<VirtualDecoderNode>(componentId, record);
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t VlinkUpdateVoChn(uint32_t componentId, tagTavoVideoComponentParam* param) {
+uint32_t VlinkUpdateVoChn(uint32_t componentId, tagTavoVideoComponentParam* param) try {
   if (param == nullptr) {
     VLOG_ERR("compParam is null! node [%d].", static_cast<int>(componentId));
     return 1;
@@ -382,9 +392,10 @@ uint32_t VlinkUpdateVoChn(uint32_t componentId, tagTavoVideoComponentParam* para
   std::memcpy(&record, &param->vo, sizeof(record));
   return UpdateOutputNode<VideoPreviewNode>(componentId, record);
 }
+VLINK_HOST_CATCH(1)
 
 uint32_t TavoVideoReceiveVDecFrame(uint64_t decId, uint32_t nodeId,
-                                   tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
+                                   tagOS_S_VIDEO_CODEC_IMG_INFO* frame) try {
   if (frame == nullptr) {
     VLOG_ERR("null pData! portId[%d], decId[%d].", static_cast<int>(nodeId),
              static_cast<int>(decId));
@@ -406,9 +417,10 @@ uint32_t TavoVideoReceiveVDecFrame(uint64_t decId, uint32_t nodeId,
   }
   return result;
 }
+VLINK_HOST_CATCH(1)
 
 uint32_t TavoVideoVlinkFreezeLastFrame(uint32_t nodeId, uint64_t /*ignored*/,
-                                       std::vector<TavoVideoDefreezeStrategy>* strategies) {
+                                       std::vector<TavoVideoDefreezeStrategy>* strategies) try {
   std::shared_ptr<VirtualDecoderNode> node =
       VideoVlinkNode::GetNodeByUnique<VirtualDecoderNode>(nodeId);
   if (!node) {
@@ -419,8 +431,9 @@ uint32_t TavoVideoVlinkFreezeLastFrame(uint32_t nodeId, uint64_t /*ignored*/,
                                            : std::vector<TavoVideoDefreezeStrategy>{});
   return 0;
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t TavoVideoVlinkVoStopRender(uint32_t componentId, uint64_t winHandle) {
+uint32_t TavoVideoVlinkVoStopRender(uint32_t componentId, uint64_t winHandle) try {
   uint32_t id = 0;
   uint32_t result = 0;
   std::shared_ptr<VideoPreviewNode> node =
@@ -430,22 +443,25 @@ uint32_t TavoVideoVlinkVoStopRender(uint32_t componentId, uint64_t winHandle) {
   }
   return node->RenderStop(winHandle);
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t TavoVideoVlinkVoSetDefaultImage(uint32_t nodeId) {
+uint32_t TavoVideoVlinkVoSetDefaultImage(uint32_t nodeId) try {
   if (!VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(nodeId)) {
     VLOG_ERR_MODULE("node isn't exist! videoPort[%u]", nodeId);
     return 1;
   }
   return 0;
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t TavoVideoSetWinReportCb(std::function<int(TavoVideoDisplayWinInfo&)> winReportCb) {
+uint32_t TavoVideoSetWinReportCb(std::function<int(TavoVideoDisplayWinInfo&)> winReportCb) try {
   if (!winReportCb) {
     VLOG_ERR("winReportCb is nullptr");
     return 1;
   }
   return VideoPreviewNode::SetWinReportCb(std::move(winReportCb));
 }
+VLINK_HOST_CATCH(1)
 
 uint32_t TavoVideoGetCreateNodeFuncMap(const tagTavoVideoCreateFuncMap** table, uint32_t* count) {
   return GetTable(kCreateTable, table, count);
@@ -474,7 +490,7 @@ uint32_t TavoVideoGetSnapshotFuncMap(const tagTavoVideoSnapshotFuncMap** table, 
   return 0;
 }
 
-uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) {
+uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) try {
   if (frame == nullptr) {
     VLOG_ERR("data is nullptr");
     return 1;
@@ -490,8 +506,9 @@ uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) {
   std::free(frame);
   return 0;
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t TavoVideoReportEncError(uint32_t componentId, uint32_t error) {
+uint32_t TavoVideoReportEncError(uint32_t componentId, uint32_t error) try {
   uint32_t id = 0;
   uint32_t result = 0;
   std::shared_ptr<VirtualEncoderNode> node =
@@ -505,6 +522,7 @@ uint32_t TavoVideoReportEncError(uint32_t componentId, uint32_t error) {
   }
   return 0;
 }
+VLINK_HOST_CATCH(1)
 
 // Kept for the host interface only.
 uint32_t TavoVideoFindFreeVoChnId(...) { return 1; }

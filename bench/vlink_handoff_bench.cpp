@@ -55,24 +55,11 @@ void Publish(benchmark::State& state, const std::string& scenario, const RunFigu
 class TimingSink final : public VideoVlinkNode {
  public:
   TimingSink(uint32_t id, DeliveryLog& log) : VideoVlinkNode(id, OS_E_MPP_DEV_TEST), m_log(log) {}
-  ~TimingSink() override { DealTaskHandler(true); }
 
-  uint32_t StartProcess() override {
-    VideoVlinkNode::StartProcess();
-    m_isStart.store(true, std::memory_order_release);
-    return 0;
-  }
-
-  uint32_t StopProcess() override {
-    VideoVlinkNode::StopProcess();
-    m_isStart.store(false, std::memory_order_release);
-    return 0;
-  }
-
-  uint32_t HandleBuffer(OsvGraphicBuffer* buffer) override {
+  uint32_t HandleBuffer(FrameRef& frame) override {
     const Clock::time_point arrived = Clock::now();
-    m_log.Record(buffer->GetSrcImgNo(), arrived);
-    buffer->DecreaseRef();
+    m_log.Record(frame->GetSrcImgNo(), arrived);
+    frame.Reset();
     // After letting go, so that once all have passed here every release has been started.
     m_log.Delivered();
     return 0;

@@ -156,6 +156,7 @@ uint32_t VlinkBuilder::UnBindNode(uint32_t viNodeId, const NodePtr& voNode) {
 }
 
 uint32_t VlinkBuilder::UnBindDirectSink(uint32_t voNodeId) {
+  std::lock_guard<std::mutex> lock(m_bindLock);
   NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId);
   if (!sink) {
     VLOG_ERR("node is nullptr");
@@ -170,6 +171,7 @@ uint32_t VlinkBuilder::UnBindDirectSink(uint32_t voNodeId) {
 
 uint32_t VlinkBuilder::BindDirectSink(
     uint32_t voNodeId, const std::function<void(const NodePtr& input)>& afterConnect) {
+  std::lock_guard<std::mutex> lock(m_bindLock);
   NodePtr input = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(m_viNodeId);
   if (!input) {
     VLOG_ERR("vi node is nullptr");

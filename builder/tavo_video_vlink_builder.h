@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <mutex>
 #include <string>
 
 #include "core/tavo_video_vlink_node.h"
@@ -54,6 +55,10 @@ class VlinkBuilder {
 
  protected:
   const uint32_t m_viNodeId;
+  // Serialises binds and unbinds of this link (host threads may race them) and guards
+  // m_isFirstBind. Taken before any node lock. Host callbacks that may run under it: the
+  // encoder create callback (a sink's start).
+  std::mutex m_bindLock;
   bool m_isFirstBind = true;  // the input is started by the first bind that succeeds
   const OS_E_MPP_DEV_TYPE m_viNodeType;
 

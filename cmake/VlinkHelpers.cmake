@@ -2,15 +2,16 @@
 
 set(VLINK_WARNINGS -Wall -Wextra -Wshadow -Wconversion -Wno-sign-conversion)
 
-# vlink_library(NAME <target> SRCS ... DEPS ...)
-# A static, position-independent part of libtavo_video_vlink.so. DEPS says what it
-# really uses, so the target graph draws the layering.
+# vlink_library(NAME <target> SRCS ... PUBLIC_DEPS ... DEPS ...)
+# A static, position-independent part of libtavo_video_vlink.so. PUBLIC_DEPS are what its
+# headers expose; DEPS what only its sources use. Both say what it really uses, so the
+# target graph draws the layering.
 function(vlink_library)
-  cmake_parse_arguments(ARG "" "NAME" "SRCS;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "NAME" "SRCS;PUBLIC_DEPS;DEPS" ${ARGN})
   add_library(${ARG_NAME} STATIC ${ARG_SRCS})
   target_include_directories(${ARG_NAME} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
   target_compile_options(${ARG_NAME} PRIVATE ${VLINK_WARNINGS})
-  target_link_libraries(${ARG_NAME} PUBLIC ${ARG_DEPS})
+  target_link_libraries(${ARG_NAME} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_DEPS})
 endfunction()
 
 # vlink_test(NAME <test> SRCS ... DEPS ...)

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "platform/os_time.h"
-#include "render/tavo_video_vlink_preview_node.h"
 
 FrameRateRecorder::FrameRateRecorder(std::string name, uint64_t capacity)
     : m_name(std::move(name)), m_capacity(capacity) {}
@@ -36,13 +35,6 @@ VirtualDecoderNode::VirtualDecoderNode(uint32_t id) : VideoVlinkNode(id, OS_E_MP
 }
 
 VirtualDecoderNode::~VirtualDecoderNode() {
-  m_isDestroying = true;
-  VLOG_INF("[%s] VirtualDecoderNode destory m_nodeId[%u] Enter.", m_nodeName.c_str(), m_nodeId);
-  if (m_isStart) {
-    VLOG_INF("[%s] m_nodeId[%u] is no closed", m_nodeName.c_str(), m_nodeId);
-    StopProcess();
-  }
-  DealTaskHandler(true);
   VLOG_INF("[%s] VirtualDecoderNode destory m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
 }
 
@@ -108,38 +100,19 @@ void VirtualDecoderNode::SetLinkedVoWaterMarkParam() {
   const std::string content(param.watermarkContent,
                             strnlen(param.watermarkContent, sizeof(param.watermarkContent)));
   for (const NodePtr& node : next) {
-    if (node->GetNodeType() == OS_E_MPP_DEV_VO) {
-      static_cast<VideoPreviewNode*>(node.get())
-          ->SetWaterMarkParam(param.imgNo, param.watermarkEnable != 0, content);
-    }
+    node->SetWaterMarkParam(param.imgNo, param.watermarkEnable != 0, content);
   }
 }
 
-uint32_t VirtualDecoderNode::StartProcess() {
+uint32_t VirtualDecoderNode::OnStart() {
   VLOG_INF("[%s] StartProcess DecoderNode Enter. m_nodeId[%u]", m_nodeName.c_str(), m_nodeId);
-  if (VideoVlinkNode::StartProcess() != 0) {
-    VLOG_ERR("[%s] StartProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
-    return 1;
-  }
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  if (!m_isStart) {
-    m_isStart = true;
-    VLOG_INF("[%s] StartProcess DecoderNode success. m_nodeId[%u]", m_nodeName.c_str(), m_nodeId);
-  }
+  VLOG_INF("[%s] StartProcess DecoderNode success. m_nodeId[%u]", m_nodeName.c_str(), m_nodeId);
   return 0;
 }
 
-uint32_t VirtualDecoderNode::StopProcess() {
+uint32_t VirtualDecoderNode::OnStop() {
   VLOG_INF("[%s] VirtualDecoderNode StopProcess m_nodeId[%u] Enter.", m_nodeName.c_str(), m_nodeId);
-  if (VideoVlinkNode::StopProcess() != 0) {
-    VLOG_ERR("[%s] StopProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
-    return 1;
-  }
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  if (m_isStart) {
-    m_isStart = false;
-    VLOG_INF("[%s] VirtualDecoderNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
-  }
+  VLOG_INF("[%s] VirtualDecoderNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
   return 0;
 }
 
@@ -195,9 +168,6 @@ void VirtualDecoderNode::ReleaseFrame(OsvGraphicBuffer* buffer) {
   TavoVideoDecReleaseFunc release = nullptr;
   {
     std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-    if (m_isDestroying) {
-      return;
-    }
     for (auto it = m_frameMap.begin(); it != m_frameMap.end(); ++it) {
       if (it->second == buffer) {
         record = it->first;

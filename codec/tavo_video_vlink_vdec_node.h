@@ -40,8 +40,6 @@ class VirtualDecoderNode : public VideoVlinkNode {
   explicit VirtualDecoderNode(uint32_t id);
   ~VirtualDecoderNode() override;
 
-  uint32_t StartProcess() override;
-  uint32_t StopProcess() override;
   // The last holder of a frame let go: give its record back to the host.
   void ReleaseFrame(OsvGraphicBuffer* buffer) override;
   virtual uint32_t SetParam(const tagTavoVideoVDecParam& param);
@@ -60,13 +58,16 @@ class VirtualDecoderNode : public VideoVlinkNode {
   tagTavoVideoVDecParam GetParam();
   size_t GetFramesInFlight();
 
+ protected:
+  uint32_t OnStart() override;
+  uint32_t OnStop() override;
+
  private:
   std::unique_ptr<FrameRateRecorder> m_frameRateRecorder;  // made on the first frame
   uint32_t frameNum = 0;
   uint64_t m_lastFpsTime = 0;
   tagTavoVideoVDecParam m_param{};                                        // guarded by m_nodeLock
   std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, OsvGraphicBuffer*> m_frameMap;  // guarded by m_nodeLock
-  std::atomic<bool> m_isDestroying{false};
   std::atomic<TavoVideoDefreezeStrategy> m_freezeStrategy{kDefaultFreezeStrategy};
   std::atomic<bool> m_freezeApplied{true};
   std::mutex m_rateLock;  // guards the recorder and the counters: frames come from any host thread

@@ -11,14 +11,6 @@ VirtualEncoderNode::VirtualEncoderNode(uint32_t id) : VideoVlinkNode(id, OS_E_MP
 }
 
 VirtualEncoderNode::~VirtualEncoderNode() {
-  VLOG_INF("[%s] VirtualEncoderNode destory m_nodeId[%u] Enter.", m_nodeName.c_str(), m_nodeId);
-  if (m_isStart) {
-    VLOG_WRN("[%s] m_nodeId[%u] is no closed", m_nodeName.c_str(), m_nodeId);
-    StopProcess();
-    m_isStart = false;
-  }
-  // Tasks call HandleBuffer of this class: none may outlive it.
-  DealTaskHandler(true);
   VLOG_INF("[%s] VirtualEncoderNode destory m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
 }
 
@@ -76,60 +68,45 @@ uint32_t VirtualEncoderNode::NotifyEncCreate() {
   return m_param.encCreateFunc(m_param.imgNo, m_param.hostKey, m_param.hostSubKey);
 }
 
-uint32_t VirtualEncoderNode::StartProcess() {
+uint32_t VirtualEncoderNode::OnStart() {
   VLOG_INF("[%s] StartProcess Enter. Venc[%u] portId[%u] ", m_nodeName.c_str(), m_nodeId,
            GetParam().voPort);
-  if (VideoVlinkNode::StartProcess() != 0) {
-    VLOG_ERR("[%s] StartProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
-    return 1;
-  }
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  if (m_isStart) {
-    return 0;  // the host's encoder is created once per start
-  }
+  // The host's encoder is created once per start.
   const uint32_t result = NotifyEncCreate();
   if (result != 0) {
     VLOG_ERR("Venc[%u] NotifyEncCreate failed", m_nodeId);
     return result;
   }
-  m_isStart = true;
   VLOG_INF("[%s] StartProcess Venc[%u] portId[%u] ok", m_nodeName.c_str(), m_nodeId,
-           m_param.voPort);
+           GetParam().voPort);
   return 0;
 }
 
-uint32_t VirtualEncoderNode::StopProcess() {
+uint32_t VirtualEncoderNode::OnStop() {
   VLOG_INF("[%s] VirtualEncoderNode StopProcess m_nodeId[%u] Enter.", m_nodeName.c_str(), m_nodeId);
-  if (VideoVlinkNode::StopProcess() != 0) {
-    VLOG_ERR("[%s] StopProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
-    return 1;
+  const uint32_t voPort = GetParam().voPort;
+  if (voPort != 1) {
+    VLOG_INF("CloseVoDevice m_param.voPort[%u]", voPort);
   }
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  if (m_isStart) {
-    if (m_param.voPort != 1) {
-      VLOG_INF("CloseVoDevice m_param.voPort[%u]", m_param.voPort);
-    }
-    m_isStart = false;
-    VLOG_INF_CH(1, "[%s] VirtualEncoderNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(),
-                m_nodeId);
-  }
+  VLOG_INF_CH(1, "[%s] VirtualEncoderNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(),
+              m_nodeId);
   return 0;
 }
 
-uint32_t VirtualEncoderNode::HandleBuffer(OsvGraphicBuffer* buffer) {
-  if (buffer == nullptr) {
+uint32_t VirtualEncoderNode::HandleBuffer(FrameRef& frame) {
+  if (!frame) {
     VLOG_ERR("[%s] m_nodeId[%u] buffer is nullptr", m_nodeName.c_str(), m_nodeId);
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  if (EncOutAfterAcquireBuffer(buffer) != 0) {
+  if (EncOutAfterAcquireBuffer(frame) != 0) {
     VLOG_ERR("[%s] EncOutAfterAcquireBuffer failed", m_nodeName.c_str());
     return 1;
   }
   return 0;
 }
 
-uint32_t VirtualEncoderNode::EncOutAfterAcquireBuffer(OsvGraphicBuffer* buffer) {
+uint32_t VirtualEncoderNode::EncOutAfterAcquireBuffer(FrameRef& frame) {
   // Freed with free() by the release entry point, or here when the host refuses the frame.
   auto* record = static_cast<VencOutFrame*>(std::malloc(sizeof(VencOutFrame)));
   if (record == nullptr) {
@@ -137,7 +114,7 @@ uint32_t VirtualEncoderNode::EncOutAfterAcquireBuffer(OsvGraphicBuffer* buffer) 
     return 1;
   }
   record->imgNo = m_param.imgNo;
-  record->buffer = buffer;
+  record->buffer = frame.Get();
   record->hostTag = m_param.hostTag;
   record->hostKey = m_param.hostKey;
   record->hostSubKey = m_param.hostSubKey;
@@ -155,6 +132,7 @@ uint32_t VirtualEncoderNode::EncOutAfterAcquireBuffer(OsvGraphicBuffer* buffer) 
     std::free(record);
     return 1;
   }
+  (void)frame.Detach();  // the host's record holds it until TavoVideoReleaseVEncFrame
   return 0;
 }
 
@@ -163,7 +141,7 @@ void VirtualEncoderNode::ReleaseBuffer(OsvGraphicBuffer* buffer) {
     VLOG_ERR("m_uniqueId[%u] buffer is nullptr", m_nodeId);
     return;
   }
-  buffer->DecreaseRef();
+  FrameRef::Adopt(buffer).Reset();
 }
 
 uint32_t VirtualEncoderNode::ReportEncError(int code) {

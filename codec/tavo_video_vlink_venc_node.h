@@ -34,22 +34,25 @@ class VirtualEncoderNode : public VideoVlinkNode {
   explicit VirtualEncoderNode(uint32_t id);
   ~VirtualEncoderNode() override;
 
-  uint32_t StartProcess() override;
-  uint32_t StopProcess() override;
   uint32_t GetNodeResolution(uint32_t& width, uint32_t& height, uint32_t& frameRate) override;
   // Hands the frame to the host; on success the host owns the reference.
-  uint32_t HandleBuffer(OsvGraphicBuffer* buffer) override;
+  uint32_t HandleBuffer(FrameRef& frame) override;
   virtual uint32_t SetParam(const VencDevInfo& info);
   virtual uint32_t CheckParam(const VencDevInfo& info);
 
   uint32_t NotifyEncCreate();
-  uint32_t EncOutAfterAcquireBuffer(OsvGraphicBuffer* buffer);
+  // On success the host's record holds the frame's reference.
+  uint32_t EncOutAfterAcquireBuffer(FrameRef& frame);
   // The host gave the frame back: drop the reference it held.
   void ReleaseBuffer(OsvGraphicBuffer* buffer);
   uint32_t ReportEncError(int code);
   void SetEncErrorCallBackFun(std::function<int(int)> callback);
   TavoVideoCodecType GetCodecType();
   VencDevInfo GetParam();
+
+ protected:
+  uint32_t OnStart() override;
+  uint32_t OnStop() override;
 
  private:
   VencDevInfo m_param{};                 // guarded by m_nodeLock

@@ -6,12 +6,6 @@ VirtualCameraNode::VirtualCameraNode(uint32_t id)
 }
 
 VirtualCameraNode::~VirtualCameraNode() {
-  VLOG_INF("[%s] VirtualCameraNode destory m_nodeId[%u] enter.", m_nodeName.c_str(), m_nodeId);
-  if (m_isStart) {
-    VLOG_WRN("[%s] m_nodeId[%d] is no closed", m_nodeName.c_str(), static_cast<int>(m_nodeId));
-    StopProcess();
-  }
-  DealTaskHandler(true);
   VLOG_INF("[%s] VirtualCameraNode destory m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
 }
 
@@ -45,23 +39,14 @@ VoDevInfo VirtualCameraNode::GetParam() {
   return m_param;
 }
 
-uint32_t VirtualCameraNode::StartProcess() {
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  if (m_isStart) {
-    VLOG_INF("[%s] m_nodeId[%d] is already opened", m_nodeName.c_str(), static_cast<int>(m_nodeId));
-    return 0;
-  }
-  m_isStart = true;
+uint32_t VirtualCameraNode::OnStartWhileStarted() {
+  VLOG_INF("[%s] m_nodeId[%d] is already opened", m_nodeName.c_str(), static_cast<int>(m_nodeId));
   return 0;
 }
 
-uint32_t VirtualCameraNode::StopProcess() {
+uint32_t VirtualCameraNode::OnStop() {
   VLOG_INF("[%s] VirtualCameraNode StopProcess m_nodeId[%u] enter.", m_nodeName.c_str(), m_nodeId);
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  if (m_isStart) {
-    m_isStart = false;
-    VLOG_INF("[%s] VirtualCameraNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
-  }
+  VLOG_INF("[%s] VirtualCameraNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
   return 0;
 }
 

@@ -23,13 +23,15 @@ class VirtualCameraNode : public VideoVlinkNode {
   explicit VirtualCameraNode(uint32_t id);
   ~VirtualCameraNode() override;
 
-  uint32_t StartProcess() override;
-  uint32_t StopProcess() override;
   virtual uint32_t SetParam(const VoDevInfo& info);
   uint32_t CheckParam(const VoDevInfo& info);
   // Passes the record to the host callback as both target and source.
   uint32_t AcquireBuffer(tagOS_S_VIDEO_CODEC_IMG_INFO& info);
   VoDevInfo GetParam();
+
+ protected:
+  uint32_t OnStartWhileStarted() override;
+  uint32_t OnStop() override;
 
  private:
   VoDevInfo m_param{};  // guarded by m_nodeLock

@@ -51,18 +51,29 @@ void ThreadPool::Stop() {
 
 std::promise<void>* ThreadPool::Add(const std::function<int()>& fn) {
   auto* promise = new std::promise<void>();
-  std::unique_lock<std::mutex> lock(m_poolLock);
-  if (m_stopping) {
+  if (!Enqueue(QueuedTask{PoolTask([fn] { fn(); }), promise})) {
     delete promise;
     return nullptr;
   }
+  return promise;
+}
+
+bool ThreadPool::Post(PoolTask work) { return Enqueue(QueuedTask{std::move(work), nullptr}); }
+
+bool ThreadPool::Enqueue(QueuedTask&& task) {
+  std::unique_lock<std::mutex> lock(m_poolLock);
+  if (m_stopping) {
+    return false;
+  }
   if (m_workers.empty()) {
     lock.unlock();
-    fn();
-    promise->set_value();
-    return promise;
+    task.work();
+    if (task.promise != nullptr) {
+      task.promise->set_value();
+    }
+    return true;
   }
-  m_queue.Push(PoolTask(fn, promise));
+  m_queue.Push(std::move(task));
   // Only a worker that announced itself can be asleep or about to sleep. It announces
   // before its last look at the queue, and that look takes the producer lock this push
   // held, so either it sees the task or this load sees its announcement.
@@ -72,13 +83,13 @@ std::promise<void>* ThreadPool::Add(const std::function<int()>& fn) {
     std::lock_guard<std::mutex> takeLock(m_takeLock);
     m_workSignal.notify_one();
   }
-  return promise;
+  return true;
 }
 
-std::optional<PoolTask> ThreadPool::Take() {
+std::optional<QueuedTask> ThreadPool::Take() {
   std::unique_lock<std::mutex> lock(m_takeLock);
   for (;;) {
-    if (std::optional<PoolTask> task = m_queue.Pop()) {
+    if (std::optional<QueuedTask> task = m_queue.Pop()) {
       return task;
     }
     if (!m_running.load()) {
@@ -87,7 +98,7 @@ std::optional<PoolTask> ThreadPool::Take() {
     // Announce, then look once more: a push that did not see the announcement is seen by
     // this pop (see Add).
     ++m_sleepers;
-    std::optional<PoolTask> task = m_queue.Pop();
+    std::optional<QueuedTask> task = m_queue.Pop();
     if (!task) {
       m_workSignal.wait(lock);
     }
@@ -100,19 +111,20 @@ std::optional<PoolTask> ThreadPool::Take() {
 
 void ThreadPool::ThreadFunc() {
   while (m_running.load()) {
-    std::optional<PoolTask> task = Take();
+    std::optional<QueuedTask> task = Take();
     if (!task) {
       continue;
     }
-    if (!task->first) {
+    if (!task->work) {
       std::fputs("ThreadPool: empty task\n", stderr);
       std::terminate();
     }
     // An exception escaping a task ends the process (the thread function is noexcept in
     // effect: std::thread terminates).
-    task->first();
-    std::promise<void>* promise = task->second;
-    promise->set_value();
+    task->work();
+    if (task->promise != nullptr) {
+      task->promise->set_value();
+    }
     // Drop the work (and whatever it captured) only after the promise is fulfilled: if it
     // held the last reference to a node, that node's destructor waits for this very task.
     task.reset();

@@ -13,10 +13,14 @@
 #include <vector>
 
 #include "core/tavo_video_nonblocking_queue.h"
+#include "core/tavo_video_pool_task.h"
 
-// The work and the promise the worker fulfils once the work has returned. Whoever queued
-// the task owns the promise afterwards and frees it.
-using PoolTask = std::pair<std::function<int()>, std::promise<void>*>;
+// The work and, for Add, the promise the worker fulfils once the work has returned. Whoever
+// queued the task owns the promise afterwards and frees it. Post queues without one.
+struct QueuedTask {
+  PoolTask work;
+  std::promise<void>* promise = nullptr;
+};
 
 class ThreadPool {
  public:
@@ -33,12 +37,17 @@ class ThreadPool {
   // pool runs fn at once on the caller's thread and returns a fulfilled promise; a pool
   // that is stopping returns null.
   std::promise<void>* Add(const std::function<int()>& fn);
+  // The frame path: the same queue and order as Add, without a promise, so queuing costs
+  // no allocation for a small task. false when the pool is stopping (work is dropped);
+  // a stopped pool runs work at once on the caller's thread.
+  bool Post(PoolTask work);
   // Wait until the queue is empty, then stop (and restart). 1 on a stopped pool.
   uint32_t WaitAllEnd();
   uint32_t WaitAllEndToStop();
 
  private:
-  std::optional<PoolTask> Take();
+  std::optional<QueuedTask> Take();
+  bool Enqueue(QueuedTask&& task);
   void ThreadFunc();
   uint32_t WaitQueueDrained();
 
@@ -52,5 +61,5 @@ class ThreadPool {
   std::condition_variable m_progressSignal;  // a task finished; waited on with m_takeLock
   std::atomic<int> m_progressWaiters{0};     // threads waiting on m_progressSignal
   std::atomic<int> m_sleepers{0};            // workers that may be waiting on m_workSignal
-  DuelNonblockingQueue<PoolTask> m_queue;
+  DuelNonblockingQueue<QueuedTask> m_queue;
 };

@@ -1,7 +1,6 @@
 #include "core/tavo_video_vlink_node.h"
 
 #include <algorithm>
-#include <chrono>
 
 namespace {
 
@@ -25,11 +24,39 @@ VideoVlinkNode::VideoVlinkNode(uint32_t id, OS_E_MPP_DEV_TYPE type)
 
 VideoVlinkNode::~VideoVlinkNode() { DealTaskHandler(true); }
 
-uint32_t VideoVlinkNode::StartProcess() { return 0; }
+uint32_t VideoVlinkNode::StartProcess() {
+  std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
+  if (IsStarted()) {
+    return OnStartWhileStarted();
+  }
+  const uint32_t code = OnStart();
+  if (code == 0) {
+    m_isStart.store(true, std::memory_order_release);
+  }
+  return code;
+}
 
 uint32_t VideoVlinkNode::StopProcess() {
+  std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
+  if (!m_isStart.exchange(false, std::memory_order_acq_rel)) {
+    return 0;
+  }
+  const uint32_t code = OnStop();
   DealTaskHandler(true);
-  return 0;
+  return code;
+}
+
+void VideoVlinkNode::Shutdown() {
+  StopProcess();
+  {
+    std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
+    if (m_shutDown) {
+      return;
+    }
+    m_shutDown = true;
+    OnShutdown();
+  }
+  DealTaskHandler(true);
 }
 
 uint32_t VideoVlinkNode::ConnectFromNode(NodePtr node) {
@@ -98,7 +125,13 @@ void VideoVlinkNode::SetRequirement(VideoNodeRequirement& requirement) {
   m_requirement = requirement;
 }
 
-uint32_t VideoVlinkNode::HandleBuffer(OsvGraphicBuffer* /*buffer*/) { return 1; }
+uint32_t VideoVlinkNode::HandleBuffer(FrameRef& /*frame*/) { return 1; }
+
+void VideoVlinkNode::SetWaterMarkParam(uint32_t imgNo, bool enable, const std::string& content) {
+  for (const NodePtr& next : GetNextConnectListCopy()) {
+    next->SetWaterMarkParam(imgNo, enable, content);
+  }
+}
 
 bool VideoVlinkNode::HasNextNodes() {
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
@@ -115,38 +148,67 @@ VideoVlinkNode::NodeList VideoVlinkNode::GetNextConnectListCopy() {
   return m_nextNodes;
 }
 
-uint32_t VideoVlinkNode::QueueTask(std::function<int()> task) {
-  std::lock_guard<std::mutex> lock(m_taskLock);
-  ReapFinishedTasks();
-  std::promise<void>* promise = m_nodeThreadPool.Add(task);
-  if (promise == nullptr) {
+uint32_t VideoVlinkNode::QueueTask(PoolTask task) {
+  m_pendingTasks.fetch_add(1);
+  if (!m_nodeThreadPool.Post(std::move(task))) {
+    FinishTask();
     return 1;
   }
-  m_pendingTasks.emplace(promise, promise->get_future());
   return 0;
 }
 
-uint32_t VideoVlinkNode::QueueBuffer(OsvGraphicBuffer* buffer) {
-  if (!m_isStart.load(std::memory_order_acquire)) {
+void VideoVlinkNode::FinishTask() {
+  // Sequentially consistent with the waiter's announce-then-check (a store-load pair on
+  // both sides): either it sees the count at zero or this sees it waiting.
+  if (m_pendingTasks.fetch_sub(1) == 1 && m_taskWaiters.load() > 0) {
+    // Under the lock the waiter checks the count with, so the wake-up cannot fall between
+    // its check and its wait.
+    std::lock_guard<std::mutex> lock(m_taskLock);
+    m_tasksDone.notify_all();
+  }
+}
+
+void VideoVlinkNode::RunHandle(const std::shared_ptr<VideoVlinkNode>& node,
+                               OsvGraphicBuffer* buffer) {
+  FrameRef frame = FrameRef::Adopt(buffer);
+  if (node->HandleBuffer(frame) != 0) {
+    VLOG_ERR_MODULE("[%s] HandleBuffer error!", node->m_nodeName.c_str());
+  }
+}
+
+uint32_t VideoVlinkNode::QueueBuffer(FrameRef& frame) {
+  if (!m_isStart.load(std::memory_order_acquire) || !frame) {
     return 1;
   }
-  return QueueTask([this, buffer] {
-    if (HandleBuffer(buffer) != 0) {
-      VLOG_ERR_MODULE("[%s] HandleBuffer error!", m_nodeName.c_str());
-      buffer->DecreaseRef();
-    }
-    return 0;
+  // The task holds the node: it can never run on a destroyed one.
+  std::shared_ptr<VideoVlinkNode> self = weak_from_this().lock();
+  if (!self) {
+    return 1;
+  }
+  OsvGraphicBuffer* buffer = frame.Get();
+  const uint32_t code = QueueTask([self = std::move(self), buffer]() mutable {
+    RunHandle(self, buffer);
+    self->FinishTask();
+    // `self` goes with the task, after the worker ran it; if it was the last holder the
+    // node is destroyed there, with no task of its own left to wait for.
   });
+  if (code == 0) {
+    (void)frame.Detach();  // the task owns that reference now
+  }
+  return code;
 }
 
 void VideoVlinkNode::ReleaseBufferDeal(OsvGraphicBuffer* buffer) {
-  // The task keeps the node alive while it runs; if it holds the last reference, the node
-  // is destroyed on the worker after the task's promise is fulfilled.
   std::shared_ptr<VideoVlinkNode> self = weak_from_this().lock();
-  VideoVlinkNode* node = this;
-  QueueTask([self = std::move(self), node, buffer] {
-    node->ReleaseFrame(buffer);
-    return 0;
+  if (!self) {
+    // Only a node that is being destroyed has no owner left; its frames are its own to
+    // free in its destructor.
+    ReleaseFrame(buffer);
+    return;
+  }
+  QueueTask([self = std::move(self), buffer]() mutable {
+    self->ReleaseFrame(buffer);
+    self->FinishTask();
   });
 }
 
@@ -157,17 +219,14 @@ uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
   // Held for the whole call so that a receiver releasing early cannot return the frame to
   // its producer while it is still being handed out.
-  buffer->IncreaseRef();
+  FrameRef guard = FrameRef::Share(buffer);
   if (m_nextNodes.empty()) {
     VLOG_ERR_MODULE("[%s] m_nextNodes is empty!", m_nodeName.c_str());
   }
   for (const NodePtr& next : m_nextNodes) {
-    buffer->IncreaseRef();
-    if (next->QueueBuffer(buffer) != 0) {
-      buffer->DecreaseRef();
-    }
+    FrameRef share = guard.Clone();
+    next->QueueBuffer(share);  // a refused share drops here
   }
-  buffer->DecreaseRef();
   return 0;
 }
 
@@ -176,53 +235,24 @@ uint32_t VideoVlinkNode::SendBuffer(const NodePtr& next, OsvGraphicBuffer* buffe
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  buffer->IncreaseRef();
-  if (next->QueueBuffer(buffer) != 0) {
-    buffer->DecreaseRef();
-    return 1;
-  }
-  return 0;
-}
-
-void VideoVlinkNode::ReapFinishedTasks() {
-  for (auto it = m_pendingTasks.begin(); it != m_pendingTasks.end();) {
-    if (it->second.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
-      delete it->first;
-      it = m_pendingTasks.erase(it);
-    } else {
-      ++it;
-    }
-  }
+  FrameRef share = FrameRef::Share(buffer);
+  return next->QueueBuffer(share);
 }
 
 void VideoVlinkNode::DealTaskHandler(bool waitAll) {
   if (!waitAll) {
-    std::lock_guard<std::mutex> lock(m_taskLock);
-    ReapFinishedTasks();
     return;
   }
-  for (;;) {
-    std::promise<void>* promise = nullptr;
-    std::future<void> future;
-    {
-      std::lock_guard<std::mutex> lock(m_taskLock);
-      if (m_pendingTasks.empty()) {
-        return;
-      }
-      auto first = m_pendingTasks.begin();
-      promise = first->first;
-      future = std::move(first->second);
-      m_pendingTasks.erase(first);
-    }
-    // Waited without the task lock, so finishing tasks can still reap and queue.
-    future.wait();
-    delete promise;
+  std::unique_lock<std::mutex> lock(m_taskLock);
+  m_taskWaiters.fetch_add(1);
+  m_tasksDone.wait(lock, [this] { return m_pendingTasks.load() == 0; });
+  m_taskWaiters.fetch_sub(1);
+}
+
+int VideoVlinkNode::DeleteNodeByUnique(uint32_t id) {
+  // Stopped and shut down outside the registry lock: its threads may look nodes up.
+  if (std::optional<NodePtr> node = m_nodeManager->GetInstance<VideoVlinkNode>(id); node && *node) {
+    (*node)->Shutdown();
   }
+  return m_nodeManager->DeleteInstance(id);
 }
-
-size_t VideoVlinkNode::GetPendingTaskCount() {
-  std::lock_guard<std::mutex> lock(m_taskLock);
-  return m_pendingTasks.size();
-}
-
-int VideoVlinkNode::DeleteNodeByUnique(uint32_t id) { return m_nodeManager->DeleteInstance(id); }

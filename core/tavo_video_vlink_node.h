@@ -3,18 +3,18 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
-#include <future>
 #include <list>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 
-#include "trace/tavo_video_vlink_log.h"
+#include "core/tavo_video_frame_ref.h"
 #include "core/tavo_video_instance_manager.h"
 #include "core/tavo_video_thread_pool.h"
 #include "osv_graphic_buffer.h"
+#include "trace/tavo_video_vlink_log.h"
 
 // Node type, fixed by each node class.
 enum OS_E_MPP_DEV_TYPE : uint32_t {
@@ -51,14 +51,22 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // Called by a buffer this node produced when its last holder lets go, on that holder's
   // thread; queues ReleaseFrame on the pool, also when the node is stopped.
   void ReleaseBufferDeal(OsvGraphicBuffer* buffer) override;
-  // Waits for every task of this node first: a node is never freed under a running task.
+  // Every task holds its node, so by the time the destructor runs no task is left.
   ~VideoVlinkNode() override;
 
-  // Subclasses call the base first, then start or stop their own work and set or clear
-  // m_isStart. The base stop waits for every queued task of this node; never call it from
-  // one of them.
-  virtual uint32_t StartProcess();
-  virtual uint32_t StopProcess();
+  // The lifecycle lives here; subclasses add hooks and never repeat it.
+  // StartProcess: 0 at once when started (OnStartWhileStarted decides what a repeated start
+  // says), else OnStart(); its 0 marks the node started.
+  // StopProcess: nothing when stopped; else marks the node stopped (new frames are refused
+  // from here on), runs OnStop() (stop and join the node's threads there, without holding
+  // the node lock), then waits for every task of this node already queued. Never call it
+  // from one of those tasks.
+  uint32_t StartProcess();
+  uint32_t StopProcess();
+  // Run once by the registry before it lets the node go, outside the registry lock:
+  // StopProcess, then OnShutdown for what outlives a stop (threads, caches), then waits
+  // for the releases still queued.
+  void Shutdown();
   // One half of a link each; neighbours are matched by node id. 1 when already linked.
   virtual uint32_t ConnectFromNode(NodePtr node);
   virtual uint32_t ConnectToNode(NodePtr node);
@@ -70,9 +78,14 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   virtual void ReleaseFrame(OsvGraphicBuffer* buffer);
   virtual void GetRequirement(VideoNodeRequirement& requirement) const;
   virtual void SetRequirement(VideoNodeRequirement& requirement);
-  // 0: the node took the frame's reference and drops or passes it on itself. Non-zero:
-  // the task drops it. Runs on the pool, possibly concurrently for one node.
-  virtual uint32_t HandleBuffer(OsvGraphicBuffer* buffer);
+  // The node moves the frame out of `frame` to keep it or pass it on; whatever is left
+  // there is dropped by the task. Non-zero is logged as a failure. Runs on the pool,
+  // possibly concurrently for one node.
+  virtual uint32_t HandleBuffer(FrameRef& frame);
+
+  // A source's watermark setting for the frames stamped with imgNo. A node that does not
+  // show frames passes it on downstream, so it reaches previews behind inserted nodes too.
+  virtual void SetWaterMarkParam(uint32_t imgNo, bool enable, const std::string& content);
 
   OS_E_MPP_DEV_TYPE GetNodeType() const { return m_nodeType; }
   uint32_t GetNodeId() const { return m_nodeId; }
@@ -90,18 +103,19 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   NodeList GetPrevConnectListCopy();
   NodeList GetNextConnectListCopy();
 
-  // 0 when a hand-off task was queued, 1 when this node is not started (or the pool is
-  // stopping).
-  uint32_t QueueBuffer(OsvGraphicBuffer* buffer);
-  // Gives every started downstream node one reference and one task; the caller's own
-  // reference is left as it was. Always 0.
+  // 0 when a hand-off task was queued (the task took `frame`), 1 when this node is not
+  // started or the pool is stopping (`frame` is left with the caller).
+  uint32_t QueueBuffer(FrameRef& frame);
+  // Gives every started downstream node a reference and a task; the caller's own reference
+  // is left as it was. Always 0.
   uint32_t SendBuffer(OsvGraphicBuffer* buffer);
   // The same to one node, which need not be a neighbour; 1 when it refused.
   uint32_t SendBuffer(const NodePtr& next, OsvGraphicBuffer* buffer);
-  // false: forget finished tasks without blocking; true: wait for every pending task.
+  // false: returns at once (finished tasks need no reaping); true: waits until every task
+  // this node queued has run, including tasks queued while it waits.
   void DealTaskHandler(bool waitAll);
-  // Number of tasks queued by this node and not yet reaped.
-  size_t GetPendingTaskCount();
+  // Number of tasks queued by this node that have not finished.
+  size_t GetPendingTaskCount() const { return m_pendingTasks.load(std::memory_order_acquire); }
 
   template <class T>
   static NodePtr CreateNodeByUnique(uint32_t id);
@@ -113,24 +127,39 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   static ThreadPool m_nodeThreadPool;
 
  protected:
+  // Lifecycle hooks, called by StartProcess, StopProcess and Shutdown with no lock of the
+  // base held. OnStart's non-zero code fails the start and is returned as it is.
+  virtual uint32_t OnStart() { return 0; }
+  virtual uint32_t OnStartWhileStarted() { return 0; }
+  virtual uint32_t OnStop() { return 0; }
+  virtual void OnShutdown() {}
+
   // Lock order: a sender's node lock, then the receiver's task lock, then the pool's locks.
-  std::recursive_mutex m_nodeLock;  // guards m_prevNodes and m_nextNodes
+  // Host callbacks that may run under it: the render callback (preview) and the encoder
+  // frame callback; never the decoder release or first-frame callbacks.
+  std::recursive_mutex m_nodeLock;  // guards m_prevNodes, m_nextNodes, m_requirement
   uint32_t m_nodeId;
   std::atomic<bool> m_isStart{false};
   std::string m_nodeName;
 
  private:
-  // Reaping and queuing share one hold of the task lock: this is the hot path.
-  uint32_t QueueTask(std::function<int()> task);
-  void ReapFinishedTasks();  // m_taskLock held
+  // Counts the task in before it is queued and out after it ran, so DealTaskHandler(true)
+  // sees every task that could still touch this node.
+  uint32_t QueueTask(PoolTask task);
+  void FinishTask();
+  static void RunHandle(const std::shared_ptr<VideoVlinkNode>& node, OsvGraphicBuffer* buffer);
 
   OS_E_MPP_DEV_TYPE m_nodeType;
   bool m_isViVoNode = true;
   NodeList m_prevNodes;
   NodeList m_nextNodes;
   uint32_t m_viNodeId = 0xFFFFFFFFU;
-  std::map<std::promise<void>*, std::future<void>> m_pendingTasks;  // guarded by m_taskLock
-  std::mutex m_taskLock;
+  std::mutex m_lifecycleLock;  // serialises start, stop and shutdown; no callback under it
+  bool m_shutDown = false;     // guarded by m_lifecycleLock
+  std::atomic<size_t> m_pendingTasks{0};
+  std::atomic<int> m_taskWaiters{0};  // threads inside DealTaskHandler(true)
+  std::mutex m_taskLock;              // pairs with m_tasksDone; never held while a task runs
+  std::condition_variable m_tasksDone;
   VideoNodeRequirement m_requirement{};  // guarded by m_nodeLock
 };
 

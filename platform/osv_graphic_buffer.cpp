@@ -84,7 +84,9 @@ namespace {
 std::atomic<uint64_t> g_underflows{0};
 }  // namespace
 
-uint64_t OsvGraphicBuffer::GetUnderflowCount() { return g_underflows.load(std::memory_order_relaxed); }
+uint64_t OsvGraphicBuffer::GetUnderflowCount() {
+  return g_underflows.load(std::memory_order_relaxed);
+}
 
 int32_t OsvGraphicBuffer::IncreaseRef() {
   return static_cast<int32_t>(m_refCount.fetch_add(1, std::memory_order_acq_rel) + 1);

@@ -4,8 +4,9 @@
 #include <cstdint>
 #include <new>
 
-#include "trace/tavo_video_vlink_log.h"
 #include "render/tavo_video_render_manager.h"
+#include "trace/tavo_video_host_guard.h"
+#include "trace/tavo_video_vlink_log.h"
 
 namespace {
 
@@ -42,18 +43,16 @@ struct Shape {
   float rd;
 };
 
-// Without a source or a window size there is no ratio: the rect is emptied (it draws
-// nothing) and false comes back.
-bool GetShape(const RenderSize& size, RenderRect& rect, Shape& shape) {
-  if (size.srcWidth == 0 || size.srcHeight == 0 || size.dstWidth == 0 || size.dstHeight == 0) {
-    SetRect(rect, 0.0F, 0.0F, 0.0F, 0.0F);
-    return false;
-  }
+// The window's size and both ratios in single precision, as written: a zero height gives
+// an infinite or NaN ratio, which the formulas carry like any other value (the rect's
+// integer sizes saturate).
+Shape GetShape(const RenderSize& size) {
+  Shape shape{};
   shape.dw = static_cast<float>(size.dstWidth);
   shape.dh = static_cast<float>(size.dstHeight);
   shape.rs = static_cast<float>(size.srcWidth) / static_cast<float>(size.srcHeight);
   shape.rd = shape.dw / shape.dh;
-  return true;
+  return shape;
 }
 
 // The whole window, whatever the image's shape.
@@ -70,11 +69,7 @@ uint32_t RenderGetPosOrg(RenderSize size, RenderRect& rect) {
 
 // The whole image, as large as fits, centred; bars on the other axis.
 uint32_t RenderGetPosAdapt(RenderSize size, RenderRect& rect) {
-  Shape shape;
-  if (!GetShape(size, rect, shape)) {
-    return 0;
-  }
-  const auto [dw, dh, rs, rd] = shape;
+  const auto [dw, dh, rs, rd] = GetShape(size);
   if (rs > rd) {
     const float f = (1.0F - rd / rs) * 0.5F;
     SetRect(rect, 0.0F, dh * f, dw, (1.0F - f) * dh);
@@ -87,11 +82,7 @@ uint32_t RenderGetPosAdapt(RenderSize size, RenderRect& rect) {
 
 // The window filled, centred; the image's overhang lies outside it.
 uint32_t RenderGetPosCrop(RenderSize size, RenderRect& rect) {
-  Shape shape;
-  if (!GetShape(size, rect, shape)) {
-    return 0;
-  }
-  const auto [dw, dh, rs, rd] = shape;
+  const auto [dw, dh, rs, rd] = GetShape(size);
   const float w = rs > rd ? rs * dh : dw;
   const float h = rs > rd ? dh : dw / rs;
   const float left = -(w - dw) * 0.5F;
@@ -127,7 +118,7 @@ uint32_t RenderGetRenderPos(RenderSize size, RenderRect& rect, PelvAspectRatioMo
   }
 }
 
-uint32_t TavoVideoRenderCreate(tagOS_S_SOFT_VO_CHN_PARAM* param, DevRenderManager** out) {
+uint32_t TavoVideoRenderCreate(tagOS_S_SOFT_VO_CHN_PARAM* param, DevRenderManager** out) try {
   if (param == nullptr || out == nullptr) {
     VLOG_ERR("param or out is null");
     return kRenderFailure;
@@ -145,32 +136,36 @@ uint32_t TavoVideoRenderCreate(tagOS_S_SOFT_VO_CHN_PARAM* param, DevRenderManage
   *out = manager;
   return 0;
 }
+VLINK_HOST_CATCH(kRenderFailure)
 
-uint32_t TavoVideoRenderFrame(DevRenderManager* manager, OsvGraphicBuffer* buffer) {
+uint32_t TavoVideoRenderFrame(DevRenderManager* manager, OsvGraphicBuffer* buffer) try {
   if (manager == nullptr) {
     VLOG_ERR("DevRenderManager is null");
     return 0;
   }
   return manager->RenderFrame(buffer);
 }
+VLINK_HOST_CATCH(kRenderFailure)
 
-uint32_t TavoVideoRenderSetParams(DevRenderManager* manager, PelvRenderParams& params) {
+uint32_t TavoVideoRenderSetParams(DevRenderManager* manager, PelvRenderParams& params) try {
   if (manager == nullptr) {
     VLOG_ERR("DevRenderManager is null");
     return 0;
   }
   return manager->RenderSetParams(params);
 }
+VLINK_HOST_CATCH(kRenderFailure)
 
-uint32_t TavoVideoRenderStop(DevRenderManager* manager) {
+uint32_t TavoVideoRenderStop(DevRenderManager* manager) try {
   if (manager == nullptr) {
     VLOG_ERR("DevRenderManager is null");
     return 0;
   }
   return manager->RenderStop();
 }
+VLINK_HOST_CATCH(kRenderFailure)
 
-uint32_t TavoVideoRenderDelete(DevRenderManager* manager) {
+uint32_t TavoVideoRenderDelete(DevRenderManager* manager) try {
   if (manager == nullptr) {
     VLOG_ERR("DevRenderManager is null");
     return 0;
@@ -179,3 +174,4 @@ uint32_t TavoVideoRenderDelete(DevRenderManager* manager) {
   delete manager;
   return 0;
 }
+VLINK_HOST_CATCH(kRenderFailure)

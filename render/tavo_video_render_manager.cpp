@@ -1,9 +1,10 @@
 #include "render/tavo_video_render_manager.h"
 
+#include <cstdlib>
 #include <new>
 
-#include "trace/tavo_video_vlink_log.h"
 #include "render/tavo_video_vlink_render_adapter.h"
+#include "trace/tavo_video_vlink_log.h"
 
 namespace {
 
@@ -18,10 +19,26 @@ DevRenderManager::~DevRenderManager() {
   m_renderProxy.reset();
 }
 
-std::unique_ptr<IDevRenderStreamProxy> DevRenderManager::CreateRenderProxy(
-    PelvRenderMode /*mode*/) {
-  // Linux has one renderer for every mode.
-  return std::unique_ptr<IDevRenderStreamProxy>(new (std::nothrow) DevRenderLinuxAdapter());
+namespace {
+
+class LinuxRenderProxyFactory final : public RenderProxyFactory {
+ public:
+  std::unique_ptr<IDevRenderStreamProxy> Create(PelvRenderMode /*mode*/) override {
+    // Linux has one renderer for every mode.
+    return std::unique_ptr<IDevRenderStreamProxy>(
+        new (std::nothrow) DevRenderLinuxAdapter(std::getenv("VANTOR_SOREN")));
+  }
+};
+
+}  // namespace
+
+RenderProxyFactory& RenderProxyFactory::Real() {
+  static LinuxRenderProxyFactory factory;
+  return factory;
+}
+
+std::unique_ptr<IDevRenderStreamProxy> DevRenderManager::CreateRenderProxy(PelvRenderMode mode) {
+  return Seam<RenderProxyFactory>::Get().Create(mode);
 }
 
 uint32_t DevRenderManager::Init(tagOS_S_SOFT_VO_CHN_PARAM* param) {

@@ -3,7 +3,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
+#include "core/tavo_video_seam.h"
 #include "osv_graphic_buffer.h"
 #include "tavo_video_render_interface.h"
 
@@ -28,4 +30,14 @@ class IDevRenderStreamProxy {
   // Atomics: frames, stop and parameters arrive on different host threads.
   std::atomic<bool> m_isRender{false};  // running: between Init and RenderStop
   std::atomic<bool> m_isRenderFirstFrame{false};
+};
+
+// Makes the renderer of one window; the real side makes the Linux adapter, which reads
+// VANTOR_SOREN. Tests choose a renderer (or the adapter's processor) through the seam.
+class RenderProxyFactory {
+ public:
+  virtual ~RenderProxyFactory() = default;
+  // Null when no renderer can be made.
+  virtual std::unique_ptr<IDevRenderStreamProxy> Create(PelvRenderMode mode) = 0;
+  static RenderProxyFactory& Real();
 };

@@ -20,11 +20,6 @@ VideoPreviewNode::VideoPreviewNode(uint32_t id) : VideoVlinkNode(id, OS_E_MPP_DE
 
 VideoPreviewNode::~VideoPreviewNode() {
   VLOG_INF("[%s] VideoPreviewNode destory m_nodeId[%u] enter.", m_nodeName.c_str(), m_nodeId);
-  if (m_isStart) {
-    VLOG_ERR("[%s] m_nodeId[%u] is no closed", m_nodeName.c_str(), m_nodeId);
-    StopProcess();
-  }
-  DealTaskHandler(true);
   // Windows made by an update of a stopped node still own renderers.
   for (auto& [handle, render] : m_renderMap) {
     TavoVideoRenderDelete(render.manager);
@@ -133,17 +128,9 @@ std::set<uint64_t> VideoPreviewNode::ApplyWindows() {
   return wanted;
 }
 
-uint32_t VideoPreviewNode::StartProcess() {
-  if (m_isStart) {
-    return 0;
-  }
-  if (VideoVlinkNode::StartProcess() != 0) {
-    VLOG_ERR("[%s] StartProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
-    return 1;
-  }
+uint32_t VideoPreviewNode::OnStart() {
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
   ApplyWindows();
-  m_isStart = true;
   return 0;
 }
 
@@ -167,11 +154,12 @@ uint32_t VideoPreviewNode::UpdateParam(const tagTavoVideoVoChnParam& param) {
   return 0;
 }
 
-uint32_t VideoPreviewNode::HandleBuffer(OsvGraphicBuffer* buffer) {
-  if (buffer == nullptr) {
+uint32_t VideoPreviewNode::HandleBuffer(FrameRef& frame) {
+  if (!frame) {
     VLOG_ERR("[%s] buffer is null", m_nodeName.c_str());
     return 1;
   }
+  OsvGraphicBuffer* buffer = frame.Get();
   const uint32_t imgNo = buffer->GetSrcImgNo();
   {
     std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
@@ -186,8 +174,7 @@ uint32_t VideoPreviewNode::HandleBuffer(OsvGraphicBuffer* buffer) {
       TavoVideoRenderFrame(render.manager, buffer);
     }
   }
-  buffer->DecreaseRef();
-  return 0;
+  return 0;  // rendering copies; the task drops the frame
 }
 
 void VideoPreviewNode::ReportFirstFrame(uint32_t imgNo, uint64_t winHandle) {
@@ -255,12 +242,8 @@ uint32_t VideoPreviewNode::RenderDelete(uint64_t winHandle) {
   return 0;
 }
 
-uint32_t VideoPreviewNode::StopProcess() {
+uint32_t VideoPreviewNode::OnStop() {
   VLOG_INF("[%s] VideoPreviewNode StopProcess m_nodeId[%u] enter.", m_nodeName.c_str(), m_nodeId);
-  if (VideoVlinkNode::StopProcess() != 0) {
-    VLOG_ERR("[%s] StopProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
-    return 1;
-  }
   std::set<uint64_t> created;
   {
     std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
@@ -275,7 +258,6 @@ uint32_t VideoPreviewNode::StopProcess() {
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
   m_renderMap.clear();
   m_createdWins.clear();
-  m_isStart = false;
   VLOG_INF("[%s] VideoPreviewNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
   return 0;
 }

@@ -32,10 +32,8 @@ class VideoPreviewNode : public VideoVlinkNode {
   explicit VideoPreviewNode(uint32_t id);
   ~VideoPreviewNode() override;
 
-  uint32_t StartProcess() override;
-  uint32_t StopProcess() override;
   // Renders the frame into every window of its source image number, synchronously.
-  uint32_t HandleBuffer(OsvGraphicBuffer* buffer) override;
+  uint32_t HandleBuffer(FrameRef& frame) override;
   // Keeps the record; windows are made at start. 1 for a winNum above 40.
   virtual uint32_t SetParam(const tagTavoVideoVoChnParam& param);
   // Applies a changed record to a running node: new windows get renderers, windows no
@@ -48,7 +46,7 @@ class VideoPreviewNode : public VideoVlinkNode {
   // The window's renderer drops frames from now on, until it is deleted or re-created.
   uint32_t RenderStop(uint64_t winHandle);
   uint32_t RenderSetParam(uint64_t winHandle, bool flag);
-  void SetWaterMarkParam(uint32_t imgNo, bool enable, const std::string& content);
+  void SetWaterMarkParam(uint32_t imgNo, bool enable, const std::string& content) override;
   void ReportFirstFrame(uint32_t imgNo, uint64_t winHandle);
   static uint32_t SetWinReportCb(WinReportCallback callback);
 
@@ -56,6 +54,10 @@ class VideoPreviewNode : public VideoVlinkNode {
   size_t GetWindowCount();
   // The watermark text kept for an image number; false when it has none.
   bool GetWaterMark(uint32_t imgNo, std::string& text);
+
+ protected:
+  uint32_t OnStart() override;
+  uint32_t OnStop() override;
 
  private:
   // Renderers for the windows of m_param that lack one; returns the handles served.

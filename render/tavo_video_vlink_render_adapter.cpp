@@ -5,9 +5,9 @@
 #include <limits>
 #include <new>
 
-#include "trace/tavo_video_vlink_log.h"
 #include "platform/pelv_trace.h"
 #include "platform/tavo_video_image_convert.h"
+#include "trace/tavo_video_vlink_log.h"
 
 namespace {
 
@@ -23,8 +23,7 @@ constexpr uint32_t kLogEvery = 1000;
 
 }  // namespace
 
-DevRenderLinuxAdapter::DevRenderLinuxAdapter() {
-  const char* processor = std::getenv("VANTOR_SOREN");
+DevRenderLinuxAdapter::DevRenderLinuxAdapter(const char* processor) {
   if (processor != nullptr && std::strcmp(processor, "Soren") == 0) {
     g_isSorenProcessor.store(true, std::memory_order_relaxed);
     VLOG_INF("getenv VANTOR_SOREN eq \"Soren\".");

@@ -15,8 +15,9 @@ class DevRenderLinuxAdapter : public IDevRenderStreamProxy {
   static constexpr uint32_t kCpuTypeRgb = 0;
   static constexpr uint32_t kCpuTypeYuv = 3;
 
-  // Reads VANTOR_SOREN; the latest reading applies to every adapter of the process.
-  DevRenderLinuxAdapter();
+  // `processor` is the value of VANTOR_SOREN (null when unset); only exactly "Soren"
+  // selects RGB. The latest construction applies to every adapter of the process.
+  explicit DevRenderLinuxAdapter(const char* processor);
   ~DevRenderLinuxAdapter() override;
 
   DevRenderLinuxAdapter(const DevRenderLinuxAdapter&) = delete;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "trace/tavo_video_host_guard.h"
 #include "trace/tavo_video_vlink_log.h"
 
 // PNG fields are big-endian and are turned around with GetRealValue after a plain read.
@@ -135,7 +136,7 @@ bool ImageUtils::isBmpFormat(uint8_t* data, uint32_t length) {
 uint32_t ImageUtils::GetRealValue(uint32_t value) { return __builtin_bswap32(value); }
 
 uint32_t ImageUtils::GetJpegInfo(const char* path, uint32_t* width, uint32_t* height,
-                                 uint32_t* depthPix) {
+                                 uint32_t* depthPix) try {
   if (!OutputsValid(width, height, depthPix)) {
     return 1;
   }
@@ -184,9 +185,10 @@ uint32_t ImageUtils::GetJpegInfo(const char* path, uint32_t* width, uint32_t* he
     }
   }
 }
+VLINK_HOST_CATCH(1)
 
 uint32_t ImageUtils::GetPngInfo(const char* path, uint32_t* width, uint32_t* height,
-                                uint32_t* depthPix) {
+                                uint32_t* depthPix) try {
   if (!OutputsValid(width, height, depthPix)) {
     return 1;
   }
@@ -232,9 +234,10 @@ uint32_t ImageUtils::GetPngInfo(const char* path, uint32_t* width, uint32_t* hei
   }
   return 1;
 }
+VLINK_HOST_CATCH(1)
 
 uint32_t ImageUtils::GetBmpInfo(const char* path, uint32_t* width, uint32_t* height,
-                                uint32_t* depthPix) {
+                                uint32_t* depthPix) try {
   if (!OutputsValid(width, height, depthPix)) {
     return 1;
   }
@@ -261,8 +264,9 @@ uint32_t ImageUtils::GetBmpInfo(const char* path, uint32_t* width, uint32_t* hei
   VLOG_INF("BMP image info width[%u], height[%u], depthPix[%u]: ", *width, *height, *depthPix);
   return 0;
 }
+VLINK_HOST_CATCH(1)
 
-uint32_t ImageUtils::VerifyImage(const char* path, const ImageVerifyRequirement* req) {
+uint32_t ImageUtils::VerifyImage(const char* path, const ImageVerifyRequirement* req) try {
   if (path == nullptr) {
     VLOG_ERR("filePath is null!");
     return 1;
@@ -313,3 +317,4 @@ uint32_t ImageUtils::VerifyImage(const char* path, const ImageVerifyRequirement*
   VLOG_ERR("The image format is invalid.!");
   return 1;
 }
+VLINK_HOST_CATCH(1)

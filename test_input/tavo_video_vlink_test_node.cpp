@@ -25,11 +25,6 @@ TestInputInputNode::TestInputInputNode(uint32_t id) : VideoVlinkNode(id, OS_E_MP
 TestInputInputNode::~TestInputInputNode() {
   VLOG_INF_CH(2, "[%s] TestInputInputNode destory m_nodeId[%u] enter.", m_nodeName.c_str(),
               m_nodeId);
-  if (m_isStart) {
-    VLOG_WRN_CH(2, "m_nodeId[%u] is no closed", m_nodeId);
-    StopProcess();
-  }
-  DealTaskHandler(true);
   for (uint32_t attempt = 0; attempt < kReleaseAttempts; ++attempt) {
     if (ReleaseCache() == 0) {
       delete[] m_imageData;
@@ -78,49 +73,33 @@ TestDevInfo TestInputInputNode::GetParam() {
   return m_param;
 }
 
-uint32_t TestInputInputNode::StartProcess() {
+uint32_t TestInputInputNode::OnStartWhileStarted() {
   VLOG_INF_CH(2, "StartProcess");
-  if (VideoVlinkNode::StartProcess() != 0) {
-    VLOG_ERR_CH(2, "[%s] StartProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
-    return 1;
-  }
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  if (m_isStart) {
-    VLOG_ERR_CH(2, "m_nodeId[%u] is already opened", m_nodeId);
-    return 0;
-  }
-  if (ReadImage(m_param.fileName.data()) != 0) {
-    VLOG_ERR_CH(2, "failed to read test Img!");
-    return 1;
-  }
-  m_isStart = true;
-  m_sendThread = std::thread(&TestInputInputNode::SendTestImgFunc, this);
-  VLOG_INF_CH(2, "StartProcess testNode[%u] portID[%u] ok", m_nodeId, m_param.portId);
+  VLOG_ERR_CH(2, "m_nodeId[%u] is already opened", m_nodeId);
   return 0;
 }
 
-uint32_t TestInputInputNode::StopProcess() {
-  VLOG_INF_CH(2, "[%s] TestInputInputNode StopProcess m_nodeId[%u] enter.", m_nodeName.c_str(),
-              m_nodeId);
-  if (VideoVlinkNode::StopProcess() != 0) {
-    VLOG_ERR_CH(2, "[%s] StopProcess failed[%u]", m_nodeName.c_str(), m_nodeId);
+uint32_t TestInputInputNode::OnStart() {
+  VLOG_INF_CH(2, "StartProcess");
+  const TestDevInfo param = GetParam();
+  if (ReadImage(param.fileName.data()) != 0) {
+    VLOG_ERR_CH(2, "failed to read test Img!");
     return 1;
   }
-  bool wasStarted = false;
-  {
-    std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-    wasStarted = m_isStart.exchange(false);
+  if (m_sendThread.Start([this] { SendTestImgFunc(); }) != 0) {
+    return 1;
   }
-  if (wasStarted) {
-    { std::lock_guard<std::mutex> wakeLock(m_wakeLock); }
-    m_wake.notify_all();
-    // Joined without the node lock: the sender takes it inside SendBuffer.
-    if (m_sendThread.joinable()) {
-      m_sendThread.join();
-    }
-    VLOG_INF_CH(2, "[%s] TestInputInputNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(),
-                m_nodeId);
-  }
+  VLOG_INF_CH(2, "StartProcess testNode[%u] portID[%u] ok", m_nodeId, param.portId);
+  return 0;
+}
+
+uint32_t TestInputInputNode::OnStop() {
+  VLOG_INF_CH(2, "[%s] TestInputInputNode StopProcess m_nodeId[%u] enter.", m_nodeName.c_str(),
+              m_nodeId);
+  // Joined without the node lock: the sender takes it inside SendBuffer.
+  m_sendThread.Stop();
+  VLOG_INF_CH(2, "[%s] TestInputInputNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(),
+              m_nodeId);
   return 0;
 }
 
@@ -264,21 +243,18 @@ OsvGraphicBuffer* TestInputInputNode::GetFreeCache() {
 }
 
 void TestInputInputNode::SendTestImgFunc() {
-  OsPthreadSetName("VLINK_TEST_SEND");
   VLOG_INF_CH(2, "[%s] TestInputInputNode SendTestImgFunc m_nodeId[%u] m_isStart %u.",
-              m_nodeName.c_str(), m_nodeId, static_cast<unsigned>(m_isStart.load()));
-  while (m_isStart) {
+              m_nodeName.c_str(), m_nodeId, static_cast<unsigned>(!m_sendThread.StopRequested()));
+  while (!m_sendThread.StopRequested()) {
     OsvGraphicBuffer* buffer = GetFreeCache();
     if (buffer == nullptr) {
       VLOG_ERR_CH(2, "[%s] GetFreeCache failed!", m_nodeName.c_str());
       break;
     }
-    if (!m_isStart) {
+    SendBuffer(buffer);
+    if (!m_sendThread.WaitFor(kSendPeriodMs)) {
       break;
     }
-    SendBuffer(buffer);
-    std::unique_lock<std::mutex> lock(m_wakeLock);
-    m_wake.wait_for(lock, std::chrono::milliseconds(kSendPeriodMs), [this] { return !m_isStart; });
   }
   VLOG_INF_CH(2, "[%s] TestInputInputNode SendTestImgFunc m_nodeId[%u] end.", m_nodeName.c_str(),
               m_nodeId);

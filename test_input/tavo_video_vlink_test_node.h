@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
+#include "core/tavo_video_named_thread.h"
 #include "core/tavo_video_vlink_node.h"
 
 struct TestDevInfo {
@@ -34,8 +34,6 @@ class TestInputInputNode : public VideoVlinkNode {
   explicit TestInputInputNode(uint32_t id);
   ~TestInputInputNode() override;
 
-  uint32_t StartProcess() override;
-  uint32_t StopProcess() override;
   virtual uint32_t SetParam(const TestDevInfo& info);
   virtual uint32_t CheckParam(const TestDevInfo& info);
 
@@ -50,11 +48,14 @@ class TestInputInputNode : public VideoVlinkNode {
   TestDevInfo GetParam();
   size_t GetCacheSize() const { return m_cache.size(); }
 
+ protected:
+  uint32_t OnStart() override;
+  uint32_t OnStartWhileStarted() override;
+  uint32_t OnStop() override;
+
  private:
   TestDevInfo m_param{};  // guarded by m_nodeLock
-  std::thread m_sendThread;
-  std::mutex m_wakeLock;  // pairs with m_wake so a stop interrupts the pause between frames
-  std::condition_variable m_wake;
+  NamedThread m_sendThread{"VLINK_TEST_SEND"};
   uint8_t* m_imageData = nullptr;     // the image of the latest start; new[] memory
   std::vector<uint8_t*> m_oldImages;  // images of earlier starts, still under their buffers
   uint32_t m_cacheIndex = 0;

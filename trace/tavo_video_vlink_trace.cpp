@@ -3,8 +3,11 @@
 
 #include <array>
 #include <atomic>
+#include <exception>
 
 #include "platform/safe_string.h"
+#include "trace/tavo_video_host_guard.h"
+#include "trace/tavo_video_vlink_log.h"
 
 namespace {
 
@@ -58,3 +61,17 @@ void OSV_VLink_TracePrintf(unsigned int channel, unsigned int level, const char*
     callback(level, text);
   }
 }
+
+namespace vlink {
+
+void LogHostCallException(const char* function) noexcept {
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    VLOG_ERR("[%s] failed: %s", function, error.what());
+  } catch (...) {
+    VLOG_ERR("[%s] failed: unknown exception", function);
+  }
+}
+
+}  // namespace vlink

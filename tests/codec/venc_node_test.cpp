@@ -174,14 +174,17 @@ TEST_F(VencNodeTest, ErrorCallbackIsOptional) {
   EXPECT_EQ(seen, 9);
 }
 
-TEST_F(VencNodeTest, DestroyingAStartedNodeStopsItFirst) {
+TEST_F(VencNodeTest, DeletingAStartedNodeFromTheRegistryStopsItFirst) {
   LogCapture logs;
-  {
-    VirtualEncoderNode node(6);
-    ASSERT_EQ(node.SetParam(ValidInfo(6)), 0U);
-    ASSERT_EQ(node.StartProcess(), 0U);
-  }
-  EXPECT_TRUE(logs.HasModule("[ENC_6] m_nodeId[6] is no closed", 2));
+  constexpr uint32_t kId = 6;
+  auto node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(kId);
+  ASSERT_FALSE(node);
+  ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<VirtualEncoderNode>(kId));
+  node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(kId);
+  ASSERT_EQ(node->SetParam(ValidInfo(kId)), 0U);
+  ASSERT_EQ(node->StartProcess(), 0U);
+  EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(kId), 0);
+  EXPECT_FALSE(node->IsStarted());
   EXPECT_TRUE(logs.HasModule("[ENC_6] VirtualEncoderNode StopProcess m_nodeId[6] Ok."));
 }
 

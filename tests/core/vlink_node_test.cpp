@@ -121,36 +121,51 @@ TEST(VlinkNodeTest, ConnectAndDisconnectMatchNeighboursById) {
   EXPECT_EQ(node->DisconnectFromNode(nullptr, true), 0U);
 }
 
-TEST(VlinkNodeTest, DestructionWaitsForQueuedTasks) {
+TEST(VlinkNodeTest, QueuedTasksKeepTheirNodeAlive) {
   auto source = MakeNode(1, true);
   auto sink = MakeNode(2, true);
   Link(source, sink);
   Gate gate;
   sink->onFrame = [&](OsvGraphicBuffer*) { gate.Pass(); };
+  CountLatch destroyed;
+  sink->onDestroy = [&] { destroyed.Add(); };
   constexpr int kFrames = 12;  // more than the pool has workers: some stay queued
   OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
   for (int i = 0; i < kFrames; ++i) {
     source->SendBuffer(&frame);
   }
-  std::atomic<bool> destroyed{false};
-  source->DisconnectFromNode(sink, true);
-  sink->DisconnectFromNode(source, false);
-  std::thread destroyer([&, node = std::move(sink)]() mutable {
-    node.reset();
-    destroyed = true;
-  });
-  EXPECT_FALSE(destroyed);
+  Unlink(source, sink);
+  sink.reset();  // the last owner outside the pool lets go with tasks still queued
+  EXPECT_EQ(destroyed.Get(), 0);
   gate.Open();
-  destroyer.join();
+  ASSERT_TRUE(destroyed.WaitFor(1));
   EXPECT_TRUE(frame.IsAvailable());  // every task ran and dropped its reference
 }
 
-TEST(VlinkNodeTest, StopOnAnIdleNodeReturnsAtOnce) {
+TEST(VlinkNodeTest, StopRefusesFramesAndWaitsForTheQueuedOnes) {
   auto node = MakeNode(1, true);
-  EXPECT_EQ(node->StopProcess(), 0U);
-  EXPECT_FALSE(node->IsStarted());
+  Gate gate;
+  node->onFrame = [&](OsvGraphicBuffer*) { gate.Pass(); };
   OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
-  EXPECT_EQ(node->QueueBuffer(&frame), 1U);
+  FrameRef first = FrameRef::Share(&frame);
+  ASSERT_EQ(node->QueueBuffer(first), 0U);
+  EXPECT_FALSE(first);  // the task took it
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] {
+    node->StopProcess();
+    stopped = true;
+  });
+  // The stop clears the started flag before it waits, so new frames are refused at once.
+  ASSERT_TRUE(node->stopping.WaitFor(1));
+  FrameRef late = FrameRef::Share(&frame);
+  EXPECT_EQ(node->QueueBuffer(late), 1U);
+  EXPECT_TRUE(late);  // left with the caller
+  late.Reset();
+  EXPECT_FALSE(stopped);
+  gate.Open();
+  stopper.join();
+  EXPECT_TRUE(frame.IsAvailable());
+  EXPECT_EQ(node->StopProcess(), 0U);  // a second stop does nothing
 }
 
 TEST(VlinkNodeTest, RegistryEntryPoints) {

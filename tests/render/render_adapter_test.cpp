@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -17,6 +18,7 @@
 #include "platform/tavo_video_image_convert.h"
 #include "render/tavo_video_render_manager.h"
 #include "tavo_video_render_interface.h"
+#include "tests/support/fake_render_proxy.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
 
@@ -111,14 +113,20 @@ Manager Create(TavoVideoRenderCallback callback = Capture) {
 class RenderAdapterTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    unsetenv("VANTOR_SOREN");
     Deliveries();
     g_callbackResult = 0;
   }
-  void TearDown() override {
-    unsetenv("VANTOR_SOREN");
-    g_delivered = nullptr;
+  void TearDown() override { g_delivered = nullptr; }
+  // Renderers made from now on see VANTOR_SOREN as `processor` (nullopt: unset).
+  void UseProcessor(std::optional<std::string> processor) {
+    m_override.reset();
+    m_factory = std::make_unique<FakeRenderProxyFactory>(std::move(processor));
+    m_override.emplace(*m_factory);
   }
+
+ private:
+  std::unique_ptr<FakeRenderProxyFactory> m_factory;
+  std::optional<ScopedSeamOverride<RenderProxyFactory>> m_override;
 };
 
 // Only exactly "Soren" selects RGB: the host then gets converted copies in one buffer per
@@ -134,7 +142,7 @@ TEST_F(RenderAdapterTest, HeaderAndPixelsOnEachPath) {
       MakeFrame(64, 36, 3, true)};  // chroma strides differ from half the width
   for (const auto& c : cases) {
     SCOPED_TRACE(c.value == nullptr ? "unset" : c.value);
-    if (c.value != nullptr) setenv("VANTOR_SOREN", c.value, 1);
+    UseProcessor(c.value == nullptr ? std::nullopt : std::optional<std::string>(c.value));
     Manager manager = Create();
     for (const auto& frame : frames) {
       ASSERT_EQ(TavoVideoRenderFrame(manager.get(), frame.get()), 0U);
@@ -194,7 +202,7 @@ TEST_F(RenderAdapterTest, HostCalledOnlyWithPixelsAndCallback) {
   EXPECT_EQ(TavoVideoRenderSetParams(yuv.get(), params), 0U);
   EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), &empty), 1U);
   EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), nullptr), 1U);
-  setenv("VANTOR_SOREN", "Soren", 1);
+  UseProcessor("Soren");
   Manager rgb = Create();
   EXPECT_EQ(TavoVideoRenderFrame(rgb.get(), &empty), 1U);
   EXPECT_TRUE(Deliveries().empty());
@@ -224,7 +232,7 @@ TEST_F(RenderAdapterTest, NullManager) {
 // Host threads: one renders while another changes parameters, stops and deletes; the
 // deleted renderer then refuses frames and parameters.
 TEST_F(RenderAdapterTest, FramesRaceParamsStopAndDelete) {
-  setenv("VANTOR_SOREN", "Soren", 1);
+  UseProcessor("Soren");
   CountLatch delivered;
   g_delivered = &delivered;
   DevRenderManager manager;

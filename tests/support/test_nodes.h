@@ -8,34 +8,27 @@
 #include "tests/support/wait.h"
 
 // A node that can be started and that counts what reaches it. HandleBuffer runs `onFrame`
-// (if set) and returns `handleResult`; on 0 it drops the frame's reference itself.
+// (if set), keeps the frame for `keep` (if set) and returns `handleResult`.
 class CountingNode : public VideoVlinkNode {
  public:
   explicit CountingNode(uint32_t id, OS_E_MPP_DEV_TYPE type = OS_E_MPP_DEV_VENC)
       : VideoVlinkNode(id, type) {
     m_nodeName = "TEST_" + std::to_string(id);
   }
-  // Tasks call back into this class, so they must be finished before its part goes.
-  ~CountingNode() override { DealTaskHandler(true); }
+  ~CountingNode() override {
+    if (onDestroy) {
+      onDestroy();
+    }
+  }
 
-  uint32_t StartProcess() override {
-    VideoVlinkNode::StartProcess();
-    m_isStart = true;
-    return 0;
-  }
-  uint32_t StopProcess() override {
-    VideoVlinkNode::StopProcess();
-    m_isStart = false;
-    return 0;
-  }
-  uint32_t HandleBuffer(OsvGraphicBuffer* buffer) override {
+  uint32_t HandleBuffer(FrameRef& frame) override {
     if (onFrame) {
-      onFrame(buffer);
+      onFrame(frame.Get());
+    }
+    if (keep) {
+      keep(std::move(frame));
     }
     handled.Add();
-    if (handleResult == 0) {
-      buffer->DecreaseRef();
-    }
     return handleResult;
   }
   void ReleaseFrame(OsvGraphicBuffer* buffer) override {
@@ -45,8 +38,18 @@ class CountingNode : public VideoVlinkNode {
     released.Add();
   }
 
+ protected:
+  uint32_t OnStop() override {
+    stopping.Add();
+    return 0;
+  }
+
+ public:
   std::function<void(OsvGraphicBuffer*)> onFrame;
+  std::function<void(FrameRef)> keep;
   std::function<void(OsvGraphicBuffer*)> onRelease;
+  std::function<void()> onDestroy;
+  CountLatch stopping;  // bumped when a stop has begun (the started flag is already clear)
   uint32_t handleResult = 0;
   CountLatch handled;
   CountLatch released;

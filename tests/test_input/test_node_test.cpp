@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "test_input/tavo_video_vlink_test_node.h"
+#include "tests/support/fake_os.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
@@ -115,7 +116,11 @@ TEST(TestNodeTest, CacheWalkSkipsTheSlotHandedOutLast) {
   }
 }
 
-TEST(TestNodeTest, SendsToItsSinksAndStopsPromptly) {
+TEST(TestNodeTest, SendsEveryHalfSecondAndStopsAtOnce) {
+  FakeClock clock;
+  FakeThreadSystem threads;
+  ScopedSeamOverride<Clock> clockOverride(clock);
+  ScopedSeamOverride<ThreadSystem> threadsOverride(threads);
   TempDir dir;
   const std::string path = dir.Write("p.bmp", SolidBmp24(32, 16, 0, 255, 0));
   auto node = std::make_shared<TestInputInputNode>(53);
@@ -125,12 +130,37 @@ TEST(TestNodeTest, SendsToItsSinksAndStopsPromptly) {
   Link(node, sink);
   ASSERT_EQ(node->StartProcess(), 0U);
   EXPECT_EQ(node->StartProcess(), 0U);  // "already opened"
-  ASSERT_TRUE(sink->handled.WaitFor(2));
-  EXPECT_EQ(node->StopProcess(), 0U);
-  const int afterStop = sink->handled.Get();
+  ASSERT_TRUE(sink->handled.WaitFor(1));
+  ASSERT_TRUE(clock.WaitForWaiters(1));
+  clock.AdvanceMs(TestInputInputNode::kSendPeriodMs - 1);
+  ASSERT_TRUE(clock.WaitForWaiters(1));
   sink->DealTaskHandler(true);
-  EXPECT_EQ(sink->handled.Get(), afterStop);
+  EXPECT_EQ(sink->handled.Get(), 1);
+  clock.AdvanceMs(1);
+  ASSERT_TRUE(sink->handled.WaitFor(2));
+  ASSERT_TRUE(clock.WaitForWaiters(1));
+  // Time stands still: only the stop's wake-up ends the pause.
+  EXPECT_EQ(node->StopProcess(), 0U);
+  EXPECT_EQ(threads.Joins(), 1);
+  EXPECT_EQ(threads.Names(), std::vector<std::string>{"VLINK_TEST_SEND"});
+  sink->DealTaskHandler(true);
+  EXPECT_EQ(sink->handled.Get(), 2);
   Unlink(node, sink);
+}
+
+TEST(TestNodeTest, AThreadThatCannotStartFailsTheStart) {
+  FakeThreadSystem threads;
+  ScopedSeamOverride<ThreadSystem> threadsOverride(threads);
+  TempDir dir;
+  const std::string path = dir.Write("p.bmp", SolidBmp24(16, 16, 1, 2, 3));
+  auto node = std::make_shared<TestInputInputNode>(55);
+  ASSERT_EQ(node->SetParam(Info(path)), 0U);
+  threads.FailNextCreates(1);
+  EXPECT_NE(node->StartProcess(), 0U);
+  EXPECT_FALSE(node->IsStarted());
+  EXPECT_EQ(node->StartProcess(), 0U);  // the next try starts it
+  EXPECT_TRUE(node->IsStarted());
+  node->StopProcess();
 }
 
 TEST(TestNodeTest, DestroyLeavesMemoryUnderHeldFramesAlone) {

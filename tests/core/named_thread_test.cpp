@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "core/tavo_video_named_thread.h"
+#include "tests/support/fake_os.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+class NamedThreadTest : public ::testing::Test {
+ protected:
+  FakeClock m_clock;
+  FakeThreadSystem m_threads;
+  ScopedSeamOverride<Clock> m_clockOverride{m_clock};
+  ScopedSeamOverride<ThreadSystem> m_threadsOverride{m_threads};
+};
+
+TEST_F(NamedThreadTest, RunsNamedKeepsItsPeriodAndStopsAtOnce) {
+  NamedThread thread("VLINK_PERIODIC");
+  CountLatch rounds;
+  ASSERT_EQ(thread.Start([&] {
+    do {
+      rounds.Add();
+    } while (thread.WaitFor(500));
+  }),
+            0);
+  EXPECT_EQ(thread.Start([] {}), EBUSY);  // one body per thread
+  ASSERT_TRUE(rounds.WaitFor(1));
+  ASSERT_TRUE(m_clock.WaitForWaiters(1));
+  m_clock.AdvanceMs(499);
+  ASSERT_TRUE(m_clock.WaitForWaiters(1));
+  EXPECT_EQ(rounds.Get(), 1);  // one millisecond short of the period
+  m_clock.AdvanceMs(1);
+  ASSERT_TRUE(rounds.WaitFor(2));
+  ASSERT_TRUE(m_clock.WaitForWaiters(1));
+  // Virtual time stands still: only the stop can end this wait.
+  thread.Stop();
+  EXPECT_FALSE(thread.IsRunning());
+  EXPECT_EQ(m_threads.Joins(), 1);
+  ASSERT_FALSE(m_threads.Names().empty());
+  EXPECT_EQ(m_threads.Names().back(), "VLINK_PERIODIC");
+  thread.Stop();  // a second stop joins nothing
+  EXPECT_EQ(m_threads.Joins(), 1);
+}
+
+TEST_F(NamedThreadTest, ACreationFailureIsReportedAndTheThreadCanStartLater) {
+  LogCapture logs;
+  NamedThread thread("VLINK_FAILS");
+  m_threads.FailNextCreates(1, EAGAIN);
+  std::atomic<int> runs{0};
+  EXPECT_EQ(thread.Start([&] { ++runs; }), EAGAIN);
+  EXPECT_FALSE(thread.IsRunning());
+  EXPECT_TRUE(logs.HasModule("create thread VLINK_FAILS failed, ret[11]", 1));
+  thread.Stop();  // nothing to join
+  EXPECT_EQ(m_threads.Joins(), 0);
+  ASSERT_EQ(thread.Start([&] { ++runs; }), 0);
+  thread.Stop();
+  EXPECT_EQ(runs, 1);
+}
+
+// A producer that changes the condition and wakes the thread is never missed, however the
+// wake-up and the thread's look at its condition interleave. On the real clock: a lost
+// wake-up would leave the thread asleep for its whole minute.
+TEST(NamedThreadWakeTest, WakeUpsAreNeverLost) {
+  NamedThread thread("VLINK_WORKER");
+  std::mutex lock;
+  int queued = 0;
+  int taken = 0;
+  CountLatch done;
+  constexpr int kItems = 2000;
+  ASSERT_EQ(thread.Start([&] {
+    for (;;) {
+      const bool more = thread.WaitFor(60000, [&] {
+        std::lock_guard<std::mutex> guard(lock);
+        return queued > taken;
+      });
+      if (!more) {
+        return;
+      }
+      std::lock_guard<std::mutex> guard(lock);
+      while (taken < queued) {
+        ++taken;
+        done.Add();
+      }
+    }
+  }),
+            0);
+  for (int i = 0; i < kItems; ++i) {
+    {
+      std::lock_guard<std::mutex> guard(lock);
+      ++queued;
+    }
+    thread.Wake();
+  }
+  EXPECT_TRUE(done.WaitFor(kItems));
+  thread.Stop();
+}
+
+}  // namespace
