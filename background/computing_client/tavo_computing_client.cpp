@@ -95,7 +95,9 @@ class Task {
     return TAVO_COMPUTING_OK;
   }
 
-  int Launch() { return m_thread.Start([this] { Body(); }) == 0 ? 0 : TAVO_COMPUTING_ERR_STATE; }
+  int Launch() {
+    return m_thread.Start([this] { Body(); }) == 0 ? 0 : TAVO_COMPUTING_ERR_STATE;
+  }
 
   int Start() {
     std::lock_guard<std::mutex> lock(m_lock);
@@ -164,8 +166,7 @@ class Task {
       }
       m_lent.erase(std::find(m_lent.begin(), m_lent.end(), input.data));
       ++m_inFlight;
-      m_requests.push_back(
-          Request{static_cast<uint8_t*>(input.data), m_width, m_height, callback});
+      m_requests.push_back(Request{static_cast<uint8_t*>(input.data), m_width, m_height, callback});
       *number = ++m_submitted;
     }
     m_thread.Wake();
@@ -219,8 +220,9 @@ class Task {
       }
       int status = TAVO_COMPUTING_ERR_CANCELLED;
       if (run) {
-        status = m_segmenter->Run(request.data, request.width, request.height,
-                                  size_t{static_cast<uint32_t>(request.width)} * 3, m_result.data());
+        status =
+            m_segmenter->Run(request.data, request.width, request.height,
+                             size_t{static_cast<uint32_t>(request.width)} * 3, m_result.data());
       }
       TavoComputingBufferParams result{};
       if (status == TAVO_COMPUTING_OK) {
@@ -254,7 +256,7 @@ class Task {
   std::vector<uint8_t*> m_free;
   size_t m_bufferBytes = 0;
   std::vector<uint8_t*> m_lent;  // handed out, not yet submitted or given back
-  size_t m_inFlight = 0;  // submitted, not yet called back
+  size_t m_inFlight = 0;         // submitted, not yet called back
   std::deque<Request> m_requests;
   uint64_t m_submitted = 0;
   uint64_t m_done = 0;

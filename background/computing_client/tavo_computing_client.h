@@ -24,12 +24,12 @@ extern "C" {
 
 enum TavoComputingError {
   TAVO_COMPUTING_OK = 0,
-  TAVO_COMPUTING_ERR_ARGUMENT = -1,  // null pointer, bad size, unknown task
-  TAVO_COMPUTING_ERR_STATE = -2,     // not initialised, task not started
-  TAVO_COMPUTING_ERR_MODEL = -3,     // model missing, unreadable or not a segmentation model
-  TAVO_COMPUTING_ERR_BUSY = -4,      // every input buffer is in use: try again later
-  TAVO_COMPUTING_ERR_INFERENCE = -5, // the model failed on this frame (callback status)
-  TAVO_COMPUTING_ERR_CANCELLED = -6, // the task stopped before the request ran (callback status)
+  TAVO_COMPUTING_ERR_ARGUMENT = -1,   // null pointer, bad size, unknown task
+  TAVO_COMPUTING_ERR_STATE = -2,      // not initialised, task not started
+  TAVO_COMPUTING_ERR_MODEL = -3,      // model missing, unreadable or not a segmentation model
+  TAVO_COMPUTING_ERR_BUSY = -4,       // every input buffer is in use: try again later
+  TAVO_COMPUTING_ERR_INFERENCE = -5,  // the model failed on this frame (callback status)
+  TAVO_COMPUTING_ERR_CANCELLED = -6,  // the task stopped before the request ran (callback status)
 };
 
 // How a task runs: how many threads and input buffers it uses, and the expected frame rate.
@@ -41,17 +41,17 @@ typedef struct TavoComputingTaskConfig {
 
 // What a task computes: 3,172 bytes, zeroed by the caller before filling.
 typedef struct TavoComputingTaskParams {
-  char taskName[100];       // NUL-terminated
-  char pluginName[100];     // NUL-terminated; the plug-in that would post-process (unused)
-  uint32_t modelCount;      // 1
-  char modelPath[200];      // NUL-terminated ONNX segmentation model
+  char taskName[100];    // NUL-terminated
+  char pluginName[100];  // NUL-terminated; the plug-in that would post-process (unused)
+  uint32_t modelCount;   // 1
+  char modelPath[200];   // NUL-terminated ONNX segmentation model
   uint8_t reserved0[1840];
-  uint32_t inputSpec[2];    // element type 12 (8-bit packed colour), 2 = host memory
-  uint32_t outputSpec[2];   // element type 12 (8-bit mask), 2 = host memory
+  uint32_t inputSpec[2];   // element type 12 (8-bit packed colour), 2 = host memory
+  uint32_t outputSpec[2];  // element type 12 (8-bit mask), 2 = host memory
   uint8_t reserved1[812];
-  uint16_t width;           // frame width, little-endian
-  uint16_t height;          // frame height, little-endian
-  uint8_t modelSizeCode;    // 1
+  uint16_t width;         // frame width, little-endian
+  uint16_t height;        // frame height, little-endian
+  uint8_t modelSizeCode;  // 1
   uint8_t reserved2[95];
 } TavoComputingTaskParams;
 
@@ -65,10 +65,10 @@ typedef struct TavoComputingBufferParams {
 } TavoComputingBufferParams;
 
 typedef struct TavoComputingResourceUsage {
-  uint32_t tasks;            // tasks created
-  uint32_t requestsInFlight; // accepted, not yet called back
-  uint64_t framesDone;       // callbacks with status 0
-  uint64_t framesFailed;     // callbacks with a non-zero status
+  uint32_t tasks;             // tasks created
+  uint32_t requestsInFlight;  // accepted, not yet called back
+  uint64_t framesDone;        // callbacks with status 0
+  uint64_t framesFailed;      // callbacks with a non-zero status
 } TavoComputingResourceUsage;
 
 typedef void (*TavoComputingCallback)(unsigned int status, int taskHandle,
@@ -80,8 +80,7 @@ TAVO_COMPUTING_API int TavoComputingClientInit(const char* clientName, uint32_t 
 // Loads the model and makes a task for the frame size in params; *taskId receives its handle
 // (never reused within the process).
 TAVO_COMPUTING_API int TavoComputingCreateTask(TavoComputingTaskConfig config,
-                                               TavoComputingTaskParams params,
-                                               uint32_t* taskId);
+                                               TavoComputingTaskParams params, uint32_t* taskId);
 TAVO_COMPUTING_API int TavoComputingDestroyTask(uint32_t taskId);
 TAVO_COMPUTING_API int TavoComputingStartTask(uint32_t taskId);
 // Requests still waiting are called back with TAVO_COMPUTING_ERR_CANCELLED; returns once no
@@ -102,8 +101,7 @@ TAVO_COMPUTING_API int TavoComputingInference(void* output, TavoComputingCallbac
 // Lends an input buffer of width x height x 3 bytes; TAVO_COMPUTING_ERR_BUSY when all are lent.
 TAVO_COMPUTING_API int TavoComputingGetBuffer(uint32_t taskId, TavoComputingBufferParams* buffer);
 // Gives back a lent buffer that will not be submitted.
-TAVO_COMPUTING_API int TavoComputingReturnBuffer(uint32_t taskId,
-                                                 TavoComputingBufferParams buffer);
+TAVO_COMPUTING_API int TavoComputingReturnBuffer(uint32_t taskId, TavoComputingBufferParams buffer);
 
 #ifdef __cplusplus
 }

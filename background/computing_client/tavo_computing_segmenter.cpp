@@ -191,9 +191,9 @@ int Segmenter::Run(const uint8_t* bgr, int width, int height, size_t stride, uin
   try {
     const cv::Mat frame(height, width, CV_8UC3, const_cast<uint8_t*>(bgr), stride);
     // The whole frame stretched to the model size, R, G, B as floats in [0, 1].
-    const cv::Mat blob = cv::dnn::blobFromImage(frame, 1.0 / 255.0,
-                                                cv::Size(m_modelWidth, m_modelHeight),
-                                                cv::Scalar(), true, false, CV_32F);
+    const cv::Mat blob =
+        cv::dnn::blobFromImage(frame, 1.0 / 255.0, cv::Size(m_modelWidth, m_modelHeight),
+                               cv::Scalar(), true, false, CV_32F);
     m_net.setInput(blob);
     cv::Mat output = m_net.forward();
     if (output.dims != 4 || output.size[0] != 1 || output.size[1] != 1 ||
