@@ -304,7 +304,9 @@ void BackgroundVirtualityNode::ClearQueue() {
   }
   uint8_t* mask = nullptr;
   while (m_maskQueue.dequeue(&mask, 0)) {
-    m_freeMaskQueue.enqueue(mask);
+    if (mask != nullptr) {
+      m_freeMaskQueue.enqueue(mask);
+    }
   }
   FreeMasks(m_freeMaskQueue);
   while (m_rgbQueue.dequeue(&buffer, 0)) {
@@ -434,14 +436,10 @@ void BackgroundVirtualityNode::OnResult(unsigned int status,
   } else {
     VLOG_ERR_PACED(kPacedAnswerFailed, "ComputingCallback failed");
   }
-  // Drop the oldest frame in flight so the queues stay in step.
-  OsvGraphicBuffer* buffer = nullptr;
-  if (m_inputQueue.dequeue(&buffer, kQueueWaitMs)) {
-    FrameRef::Adopt(buffer).Reset();
-  }
-  if (m_rgbQueue.dequeue(&buffer, 0)) {
-    delete buffer;
-  }
+  // The frame of this request is dropped in its turn: masks of earlier requests may still
+  // wait for the handle thread, and dropping the oldest frame in flight here would pair
+  // them with the wrong frames. A null entry tells the handle thread to drop one frame.
+  m_maskQueue.enqueue(nullptr);
 }
 
 void BackgroundVirtualityNode::HandleBufferThread() {
@@ -451,7 +449,9 @@ void BackgroundVirtualityNode::HandleBufferThread() {
       continue;
     }
     HandleCallbackBuffer(mask);
-    m_freeMaskQueue.enqueue(mask);
+    if (mask != nullptr) {
+      m_freeMaskQueue.enqueue(mask);
+    }
   }
 }
 
@@ -462,8 +462,8 @@ void BackgroundVirtualityNode::HandleCallbackBuffer(uint8_t* mask) {
   const bool haveFrame = m_inputQueue.dequeue(&frameRaw, kQueueWaitMs);
   std::unique_ptr<OsvGraphicBuffer> rgb(haveRgb ? rgbRaw : nullptr);
   FrameRef frame = FrameRef::Adopt(haveFrame ? frameRaw : nullptr);
-  if (!rgb || !frame) {
-    return;  // a mask without its frame: whatever came is dropped here
+  if (!rgb || !frame || mask == nullptr) {
+    return;  // a failed request, or a mask without its frame: what came is dropped here
   }
   if (DataOverlayer(frame.Get(), mask, rgb.get()) != 0) {
     VLOG_ERR_PACED(kPacedOverlayer, "DataOverlayer failed");

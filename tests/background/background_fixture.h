@@ -84,6 +84,7 @@ class BackgroundLinkTest : public ::testing::Test {
     m_producer->Shutdown();
     EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame was released twice";
     EXPECT_EQ(m_producer->released.Get(), m_sent) << "a frame was not given back";
+    m_node.reset();  // its image goes back to the wrapper bound through this test's loader
     ResetOpencvBinding();
   }
 
