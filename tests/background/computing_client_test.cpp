@@ -117,8 +117,11 @@ TEST_F(ComputingClientTest, MaskCoversThePersonAndLeavesTheBackground) {
       // 512 x 512; measured 0.969 person, 0.000 background.
       {VLINK_TESTDATA_DIR "/astronaut.png", {170, 60, 110, 340}, {400, 0, 100, 80}, 0.9, 0.05},
       // 548 x 342, torso and the crowd top left; measured 1.000 person, 0.001 background.
-      {"/usr/share/doc/opencv-doc/examples/data/messi5.jpg", {215, 120, 60, 80}, {0, 0, 150, 100},
-       0.9, 0.05},
+      {"/usr/share/doc/opencv-doc/examples/data/messi5.jpg",
+       {215, 120, 60, 80},
+       {0, 0, 150, 100},
+       0.9,
+       0.05},
   };
   size_t index = 0;
   for (const Photo& photo : photos) {
