@@ -51,10 +51,11 @@ CMat* CMatCreateEmpty(void) { return NewMat(cv::Mat()); }
 void CMatDestroy(CMat* mat) { delete mat; }
 
 CMat* CImread(char const* path, int flags) {
-  if (path == nullptr) {
-    return NewMat(cv::Mat());
+  CMat* image = nullptr;
+  if (path != nullptr) {
+    image = Guard([&] { return NewMat(cv::imread(path, flags)); }, static_cast<CMat*>(nullptr));
   }
-  return Guard([&] { return NewMat(cv::imread(path, flags)); }, NewMat(cv::Mat()));
+  return image != nullptr ? image : NewMat(cv::Mat());  // unreadable: an empty matrix
 }
 
 int C_IMREAD_COLOR(void) { return cv::IMREAD_COLOR; }

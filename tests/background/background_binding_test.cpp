@@ -12,6 +12,7 @@
 #include "background/tavo_video_thread_safe_queue.h"
 #include "platform/om_cust_util.h"
 #include "platform/tavo_video_frame_convert.h"
+#include "tests/support/build_tree_loader.h"
 #include "tests/support/fake_os.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -95,6 +96,8 @@ TEST_F(BindingTest, MissingLibraryOrFunctionFallsBackWithoutJumping) {
 
 // The real wrapper through the real loader, as the node uses it.
 TEST(WrapperTest, RealWrapperReadsScalesAndReportsOpencvsConstants) {
+  BuildTreeLoader loader(VLINK_LOADABLE_DIR);
+  ScopedSeamOverride<DynamicLoader> use(loader);
   ResetOpencvBinding();
   ASSERT_TRUE(OpencvWrapperUsable());
   EXPECT_EQ(cvbind::C_IMREAD_COLOR(), cv::IMREAD_COLOR);

@@ -10,12 +10,15 @@
 
 #include "background/tavo_video_background_virtuality.h"
 #include "background/tavo_video_opencv_binding.h"
+#include "tests/support/build_tree_loader.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
 
 namespace {
 
 TEST(BackgroundRealClientTest, ReplacesTheBackgroundOfAPersonPhoto) {
+  BuildTreeLoader loader(VLINK_LOADABLE_DIR);
+  ScopedSeamOverride<DynamicLoader> use(loader);
   ResetOpencvBinding();
   const cv::Mat photo = cv::imread(VLINK_TESTDATA_DIR "/astronaut.png", cv::IMREAD_COLOR);
   ASSERT_FALSE(photo.empty()) << "run scripts/install-models.sh";
