@@ -96,7 +96,12 @@ class Task {
   }
 
   int Launch() {
-    return m_thread.Start([this] { Body(); }) == 0 ? 0 : TAVO_COMPUTING_ERR_STATE;
+    if (m_thread.Start([this] { Body(); }) != 0) {
+      return TAVO_COMPUTING_ERR_STATE;
+    }
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_launched = true;
+    return TAVO_COMPUTING_OK;
   }
 
   int Start() {
@@ -116,7 +121,7 @@ class Task {
     }
     m_thread.Wake();
     std::unique_lock<std::mutex> lock(m_lock);
-    m_changed.wait(lock, [this] { return m_inFlight == 0 || !m_thread.IsRunning(); });
+    m_changed.wait(lock, [this] { return m_inFlight == 0 || !m_launched; });
     return TAVO_COMPUTING_OK;
   }
 
@@ -252,6 +257,7 @@ class Task {
   int m_width = 0;
   int m_height = 0;
   bool m_started = false;
+  bool m_launched = false;  // the inference thread runs and will answer what is queued
   std::vector<std::unique_ptr<uint8_t[]>> m_buffers;
   std::vector<uint8_t*> m_free;
   size_t m_bufferBytes = 0;
