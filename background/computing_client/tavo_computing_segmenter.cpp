@@ -213,8 +213,10 @@ int Segmenter::Run(const uint8_t* bgr, int width, int height, size_t stride, uin
     }
     m_previous = smoothed;
     cv::Mat alpha;
-    const double scale = 255.0 / (kEdgeHigh - kEdgeLow);
-    smoothed.convertTo(alpha, CV_8U, scale, -kEdgeLow * scale);  // saturates to 0..255
+    const float low = m_edgeRefinement ? kEdgeLow : 0.0F;
+    const float high = m_edgeRefinement ? kEdgeHigh : 1.0F;
+    const double scale = 255.0 / (high - low);
+    smoothed.convertTo(alpha, CV_8U, scale, -low * scale);  // saturates to 0..255
     cv::Mat out(height, width, CV_8U, mask);
     cv::resize(alpha, out, out.size(), 0, 0, cv::INTER_LINEAR);
     if (out.data != mask) {

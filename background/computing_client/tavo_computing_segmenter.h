@@ -32,6 +32,8 @@ class Segmenter {
   // Forgets the previous frame (new scene or size).
   void ResetHistory() { m_previous.release(); }
   void SetSmoothing(bool on) { m_smoothing = on; }
+  // Off: probabilities map linearly onto 0..255 (the model's own soft edge).
+  void SetEdgeRefinement(bool on) { m_edgeRefinement = on; }
   int ModelWidth() const { return m_modelWidth; }
   int ModelHeight() const { return m_modelHeight; }
 
@@ -40,6 +42,7 @@ class Segmenter {
   int m_modelWidth = 0;
   int m_modelHeight = 0;
   bool m_smoothing = true;
+  bool m_edgeRefinement = true;
   cv::Mat m_previous;  // smoothed probabilities of the last frame, model size, CV_32F
 };
 

@@ -343,6 +343,9 @@ TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
   EXPECT_TRUE(m_log.HasModule("OsPthreadCreate HandleBufferThread failed[11]"));
   EXPECT_TRUE(m_log.HasModule("SetEnable Start failed[10001]"));
   EXPECT_FALSE(m_node->IsRunning());
+  const int starts = m_client.Get().starts;
+  EXPECT_EQ(m_node->SetEnable(true), 0U);  // the request was kept: repeating it does nothing
+  EXPECT_EQ(m_client.Get().starts, starts);
   Send(1);
   ASSERT_TRUE(m_sink->handled.WaitFor(1));
   ASSERT_EQ(m_node->SetEnable(false), 0U);
@@ -353,6 +356,62 @@ TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
   Send(2);
   ASSERT_TRUE(m_sink->handled.WaitFor(2));
   ASSERT_TRUE(AllReleased());
+}
+
+// A client that appears later is loaded by the next start.
+TEST_F(BackgroundNodeTest, MissingClientIsTriedAgainAtTheNextStart) {
+  FakeDynamicLoader loader;
+  loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
+  {
+    ScopedSeamOverride<DynamicLoader> use(loader);
+    EXPECT_EQ(m_node->SetEnable(true), 0U);
+    EXPECT_FALSE(m_node->IsRunning());
+    EXPECT_TRUE(
+        m_log.HasModule("libtavo_computing_client open failed:libtavo_computing_client.so: "
+                        "cannot open shared object file"));
+    EXPECT_EQ(m_node->SetEnable(false), 0U);
+  }
+  EXPECT_EQ(m_node->SetEnable(true), 0U);  // the fixture's loader has it
+  EXPECT_TRUE(m_node->IsRunning());
+}
+
+// The client refuses to stop: the node says so and keeps what is in flight until it is
+// destroyed, which releases it.
+TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
+  m_client.Set(With([](Knobs& k) {
+    k.hold = true;
+    k.stopResult = -4;
+  }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  Submit(1);
+  ASSERT_TRUE(m_client.requests.WaitFor(1));
+  EXPECT_EQ(m_node->SetEnable(false), 1U);
+  EXPECT_TRUE(m_log.HasModule("TavoComputingStopTask error ret :-4"));
+  EXPECT_TRUE(m_log.HasModule("StopComputing failed[1]"));
+  EXPECT_TRUE(m_log.HasModule("SetEnable Stop failed[10001]"));
+  EXPECT_EQ(m_producer->released.Get(), 0);  // still in flight
+  m_node->Shutdown();
+  Unlink(m_node, m_sink);
+  m_node.reset();  // the destructor empties the queues
+  ASSERT_TRUE(AllReleased());
+  m_node = std::make_shared<BackgroundVirtualityNode>(10001);  // for TearDown
+}
+
+// A frame the blend cannot write back (not I420) is dropped after its mask came.
+TEST_F(BackgroundNodeTest, FrameThatCannotBeWrittenBackIsDropped) {
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  auto* argb = new OsvGraphicBuffer(kWidth, kHeight, TAVO_VIDEO_VLINK_FORMAT_ARGB, true);
+  argb->SetReleaseTarget(m_producer);
+  {
+    FrameRef mine = FrameRef::Share(argb);
+    ++m_sent;
+    ASSERT_EQ(m_node->HandleBuffer(mine), 0U);
+  }
+  Submit(2);
+  ASSERT_TRUE(AllReleased());
+  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{2}));
+  EXPECT_TRUE(m_log.HasModule("RGBToYUV420SP failed"));
+  EXPECT_TRUE(m_log.HasModule("DataOverlayer failed"));
 }
 
 TEST_F(BackgroundNodeTest, ShutdownOfANodeSwitchedOnButNeverStartedStopsItsThread) {

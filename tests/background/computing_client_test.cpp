@@ -258,4 +258,33 @@ TEST(SegmenterTest, SmoothingKeepsAStillSceneSteady) {
   EXPECT_LT(flicker[1], 0.008);
 }
 
+// The soft band around the person, where the blend mixes frame and background (alpha 70 to
+// 249) and the old background shows through as a halo: its mean width in pixels (band area
+// over the length of the person's outline), with and without the client's edge refinement.
+TEST(SegmenterTest, EdgeRefinementNarrowsTheSoftBand) {
+  const cv::Mat photo = cv::imread(VLINK_TESTDATA_DIR "/astronaut.png", cv::IMREAD_COLOR);
+  ASSERT_FALSE(photo.empty());
+  cv::Mat frame;
+  cv::resize(photo(cv::Rect(0, 64, 512, 288)), frame, cv::Size(1280, 720));
+  double width[2] = {};
+  for (int refined = 0; refined < 2; ++refined) {
+    Segmenter segmenter;
+    ASSERT_EQ(segmenter.Load(Model(kLandscape)), 0);
+    segmenter.SetEdgeRefinement(refined == 1);
+    cv::Mat mask(720, 1280, CV_8U);
+    ASSERT_EQ(segmenter.Run(frame.data, 1280, 720, frame.step[0], mask.data), 0);
+    const int band = cv::countNonZero((mask >= 70) & (mask <= 249));
+    std::vector<std::vector<cv::Point>> outlines;
+    cv::findContours(mask >= 128, outlines, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+    double length = 0;
+    for (const auto& outline : outlines) {
+      length += cv::arcLength(outline, true);
+    }
+    ASSERT_GT(length, 0);
+    width[refined] = band / length;
+  }
+  std::printf("soft band width: raw %.1f px, refined %.1f px\n", width[0], width[1]);
+  EXPECT_LT(width[1], 0.6 * width[0]);
+}
+
 }  // namespace
