@@ -59,6 +59,8 @@ uint32_t BackgroundVirtualityNode::LoadBackgroundImage() {
   if (cvbind::CMatEmpty(loaded)) {
     VLOG_ERR("read image faild, file path[%s]", path.c_str());
     result = 1;
+  } else if (param.width == 0 || param.height == 0) {
+    cvbind::CMatCopy(loaded, m_bgImage);  // no frame size yet: the first frame rescales it
   } else {
     CSize* size =
         cvbind::CSizeCreate(static_cast<int>(param.width), static_cast<int>(param.height));

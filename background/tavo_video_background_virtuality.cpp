@@ -80,15 +80,20 @@ std::string BackgroundVirtualityNode::GetModelFilePath() {
   const BackgroundVirtualityParams param = GetParam();
   const bool portrait = param.height > param.width;
   std::string name;
+  int width = 0;
+  int height = 0;
   if (GetModelSize() == 1) {
     name = portrait ? "output_ppsegv2_398_224_mask" : "output_ppsegv2_224_398_mask";
-    modelWidth = portrait ? 224 : 398;
-    modelHeight = portrait ? 398 : 224;
+    width = portrait ? 224 : 398;
+    height = portrait ? 398 : 224;
   } else {
     name = portrait ? "output_ppsegv2_270_160_mask" : "output_ppsegv2_160_270_mask";
-    modelWidth = portrait ? 160 : 270;
-    modelHeight = portrait ? 270 : 160;
+    width = portrait ? 160 : 270;
+    height = portrait ? 270 : 160;
   }
+  // Plain exported ints for the host; nodes choose on their own threads.
+  __atomic_store_n(&modelWidth, width, __ATOMIC_RELAXED);
+  __atomic_store_n(&modelHeight, height, __ATOMIC_RELAXED);
   const char* cfg = TavoOmCustUtilGetCfgPath(0);
   std::string path = std::string(cfg == nullptr ? "" : cfg) + kModelFolder + name;
   VLOG_INF("modelName [%s]", path.c_str());

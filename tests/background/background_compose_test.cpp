@@ -116,6 +116,18 @@ TEST_F(ComposeTest, BackgroundIsRescaledOnceWhenTheFrameSizeChanges) {
   EXPECT_EQ(g_resizes.load(), 2);  // load, then once for 32 x 18
 }
 
+TEST_F(ComposeTest, ImageLoadedBeforeTheFrameSizeIsKnownIsScaledByTheFirstFrame) {
+  const std::string red = m_dir.Write("red.bmp", SolidBmp24(8, 8, 0, 0, 255));
+  ASSERT_EQ(m_node->SetParam(Params(red, 0, 0)), 0U);
+  std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(32, 18, 90, 1));
+  std::vector<uint8_t> mask(BackgroundVirtualityNode::kMaskBytes, 0);
+  OsvGraphicBuffer* rgb = nullptr;
+  ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 0U);
+  std::unique_ptr<OsvGraphicBuffer> copy(rgb);
+  ASSERT_EQ(m_node->DataOverlayer(frame.get(), mask.data(), copy.get()), 0U);
+  EXPECT_EQ(frame->GetImageAddr(0)[0], LumaOf(0, 0, 255));
+}
+
 TEST_F(ComposeTest, FrameCopyIsLibyuvsRgb24AndAFailedConversionGivesNone) {
   std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(32, 18, 0, 1));
   const OsvGraphicBufferInfo info = frame->GetImageInfo();
