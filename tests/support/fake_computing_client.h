@@ -8,6 +8,7 @@
 // and answers never given.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
