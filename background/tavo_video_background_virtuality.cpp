@@ -178,7 +178,8 @@ uint32_t BackgroundVirtualityNode::StartComputing(const std::string& modelPath) 
     }
     m_taskId = taskId;
     m_taskCreated = true;
-    auto self = std::static_pointer_cast<BackgroundVirtualityNode>(shared_from_this());
+    // Nodes are owned by shared pointers; one that is not cannot be found by its answers.
+    auto self = std::static_pointer_cast<BackgroundVirtualityNode>(weak_from_this().lock());
     std::lock_guard<std::mutex> lock(callbackMapLock);
     callbackMap[static_cast<int>(m_taskId)] = self;
   }
