@@ -462,14 +462,21 @@ void BackgroundVirtualityNode::HandleBufferThread() {
 }
 
 void BackgroundVirtualityNode::HandleCallbackBuffer(uint8_t* mask) {
-  OsvGraphicBuffer* rgbRaw = nullptr;
-  OsvGraphicBuffer* frameRaw = nullptr;
-  const bool haveRgb = m_rgbQueue.dequeue(&rgbRaw, kQueueWaitMs);
-  const bool haveFrame = m_inputQueue.dequeue(&frameRaw, kQueueWaitMs);
-  std::unique_ptr<OsvGraphicBuffer> rgb(haveRgb ? rgbRaw : nullptr);
-  FrameRef frame = FrameRef::Adopt(haveFrame ? frameRaw : nullptr);
+  // The answer may come before the submitting worker has queued its frame (it queues right
+  // after the request returns): wait for both as long as the effect runs, 50 ms at a time.
+  auto take = [this](OsThreadSafeQueue<OsvGraphicBuffer*>& queue) -> OsvGraphicBuffer* {
+    OsvGraphicBuffer* item = nullptr;
+    while (!queue.dequeue(&item, kQueueWaitMs)) {
+      if (!m_isRunning.load(std::memory_order_acquire)) {
+        return nullptr;
+      }
+    }
+    return item;
+  };
+  std::unique_ptr<OsvGraphicBuffer> rgb(take(m_rgbQueue));
+  FrameRef frame = FrameRef::Adopt(take(m_inputQueue));
   if (!rgb || !frame || mask == nullptr) {
-    return;  // a failed request, or a mask without its frame: what came is dropped here
+    return;  // a failed request, or switched off while waiting: what came is dropped here
   }
   if (DataOverlayer(frame.Get(), mask, rgb.get()) != 0) {
     VLOG_ERR_PACED(kPacedOverlayer, "DataOverlayer failed");

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 
@@ -15,6 +16,7 @@ class OsThreadSafeQueue {
     {
       std::lock_guard<std::mutex> lock(m_lock);
       m_items.push_back(item);
+      ++m_enqueued;
     }
     m_signal.notify_one();
   }
@@ -28,7 +30,10 @@ class OsThreadSafeQueue {
       if (timeoutMs == 0) {
         return false;
       }
-      m_signal.wait_for(lock, std::chrono::milliseconds(timeoutMs));
+      // Only an enqueue ends the wait early, never a spurious wake-up.
+      const uint64_t seen = m_enqueued;
+      m_signal.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                        [&] { return m_enqueued != seen; });
       if (m_items.empty()) {
         return false;
       }
@@ -46,7 +51,8 @@ class OsThreadSafeQueue {
   }
 
  private:
-  std::deque<T> m_items;  // guarded by m_lock, oldest first
-  std::mutex m_lock;      // guards m_items; nothing is called under it
+  std::deque<T> m_items;    // guarded by m_lock, oldest first
+  uint64_t m_enqueued = 0;  // guarded by m_lock: items ever enqueued
+  std::mutex m_lock;        // guards m_items; nothing is called under it
   std::condition_variable m_signal;
 };

@@ -288,6 +288,23 @@ TEST_F(BackgroundNodeTest, MisbehavingClientNeverCostsADoubleRelease) {
   EXPECT_TRUE(m_log.HasModule("callbackMap not find handle:424242"));
 }
 
+// A client that answers before the request returns: the answer waits for its frame.
+TEST_F(BackgroundNodeTest, AnswerBeforeTheRequestReturnsFindsItsFrame) {
+  m_client.Set(With([](Knobs& k) {
+    k.inline_ = true;
+    k.maskValue = 0;
+  }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  for (uint32_t i = 1; i <= 3; ++i) {
+    Submit(i);
+  }
+  ASSERT_TRUE(AllReleased());
+  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{1, 2, 3}));
+  for (uint8_t luma : SeenLuma()) {
+    EXPECT_EQ(luma, LumaOf(255, 0, 0));
+  }
+}
+
 TEST_F(BackgroundNodeTest, FrameSizeChangeWaitsForFramesInFlight) {
   m_client.Set(With([](Knobs& k) { k.hold = true; }));
   ASSERT_EQ(m_node->SetEnable(true), 0U);

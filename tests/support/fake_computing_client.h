@@ -78,6 +78,7 @@ class FakeComputingClient {
     std::set<uint64_t> failRequests;  // request numbers (from 1) answered with status 7
     uint8_t maskValue = 255;
     bool alternate = false;  // odd requests get an all-person mask, even ones all background
+    bool inline_ = false;    // answers inside TavoComputingInference, on the caller's thread
   };
   void Set(const Knobs& knobs) {
     std::lock_guard<std::mutex> lock(m_lock);
@@ -226,6 +227,9 @@ class FakeComputingClient {
   static int Inference(void*, TavoComputingCallback callback, void*, uint32_t taskId,
                        TavoComputingBufferParams input) {
     FakeComputingClient* self = s_current;
+    bool answerInline = false;
+    uint8_t maskValue = 0;
+    size_t frameBytes = 0;
     {
       std::lock_guard<std::mutex> lock(self->m_lock);
       ++self->m_record.inferences;
@@ -237,9 +241,25 @@ class FakeComputingClient {
         return self->m_knobs.inferenceResult != 0 ? self->m_knobs.inferenceResult
                                                   : TAVO_COMPUTING_ERR_STATE;
       }
-      self->m_pending.push_back(Pending{++self->m_submitted, taskId, input.data, callback});
+      answerInline = self->m_knobs.inline_;
+      maskValue = self->m_knobs.maskValue;
+      frameBytes = self->m_frameBytes;
+      if (!answerInline) {
+        self->m_pending.push_back(Pending{++self->m_submitted, taskId, input.data, callback});
+      }
     }
     self->requests.Add();
+    if (answerInline) {
+      std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, maskValue);
+      std::free(input.data);
+      TavoComputingBufferParams result{};
+      result.data = mask.data();
+      result.size = static_cast<uint32_t>(frameBytes / 3);
+      result.filled = 1;
+      callback(0, static_cast<int>(taskId), result);
+      self->answers.Add();
+      return 0;
+    }
     self->m_thread.Wake();
     return 0;
   }
