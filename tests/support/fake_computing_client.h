@@ -104,7 +104,7 @@ class FakeComputingClient {
     std::vector<std::vector<uint8_t>> updateParams;
     std::vector<TavoComputingTaskConfig> configs;
     std::vector<uint32_t> taskIds;     // as created
-    std::vector<int> answersAtUpdate;  // answers given when each update came
+    std::vector<int> answersAtUpdate;  // answers begun when each update came
     std::string clientName;
   };
   Record Get() {
@@ -199,7 +199,7 @@ class FakeComputingClient {
     Record& r = s_current->m_record;
     ++r.updates;
     r.updateParams.push_back(Bytes(params));
-    r.answersAtUpdate.push_back(s_current->answers.Get());
+    r.answersAtUpdate.push_back(s_current->m_answersBegun);
     r.configs.push_back(config);
     if (s_current->m_knobs.updateResult == 0) {
       s_current->m_frameBytes = size_t{params.width} * params.height * 3;
@@ -301,6 +301,7 @@ class FakeComputingClient {
         }
         const uint8_t value = m_knobs.alternate ? (p.number % 2 == 1 ? 255 : 0) : m_knobs.maskValue;
         std::memset(m_mask.data(), value, m_mask.size());
+        m_answersBegun += times;
         m_answering = true;
       }
       std::free(p.data);
@@ -334,6 +335,7 @@ class FakeComputingClient {
   bool m_started = false;
   bool m_cancel = false;
   bool m_answering = false;
+  int m_answersBegun = 0;  // callbacks about to be made or made (answers counts them after)
   std::vector<uint8_t> m_mask = std::vector<uint8_t>(TAVO_COMPUTING_RESULT_BYTES, 0);
   NamedThread m_thread{"FAKE_COMPUTING"};
 };
