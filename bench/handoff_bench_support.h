@@ -34,6 +34,7 @@ namespace handoff_bench {
 using Clock = std::chrono::steady_clock;
 
 constexpr int64_t kFramesPerRun = 20000;  // keeps the whole program well under half a minute
+constexpr double kPacedSeconds = 2.0;     // a paced run sends this long
 constexpr size_t kPooledFrames = 16;
 constexpr uint32_t kFrameWidth = 1280;
 constexpr uint32_t kFrameHeight = 720;
@@ -45,6 +46,42 @@ struct RunFigures {
   double fps = 0;
   double p50Us = 0;
   double p99Us = 0;
+  double allocsPerDelivery = 0;  // heap allocations per frame per receiver while sending
+};
+
+// Every operator new of the process, counted by the benchmark program.
+extern std::atomic<uint64_t> g_allocations;
+
+// Frames a run sends: as many as fit the saturated budget, or kPacedSeconds at the pace.
+inline int64_t FramesFor(int64_t paceHz) {
+  return paceHz == 0 ? kFramesPerRun
+                     : static_cast<int64_t>(kPacedSeconds * static_cast<double>(paceHz));
+}
+
+// Keeps the other core busy during paced runs, so a receiver that sleeps must be woken on
+// a loaded machine, as in a call.
+class BusyCore {
+ public:
+  explicit BusyCore(bool enabled) {
+    if (enabled) {
+      m_spinner = std::thread([this] {
+        while (!m_stop.load(std::memory_order_relaxed)) {
+        }
+      });
+    }
+  }
+  ~BusyCore() {
+    m_stop.store(true);
+    if (m_spinner.joinable()) {
+      m_spinner.join();
+    }
+  }
+  BusyCore(const BusyCore&) = delete;
+  BusyCore& operator=(const BusyCore&) = delete;
+
+ private:
+  std::atomic<bool> m_stop{false};
+  std::thread m_spinner;
 };
 
 // Wakes a producer waiting for a frame to come back, without losing a wake-up: the
@@ -300,14 +337,30 @@ class LockedQueueFanOut {
   std::vector<std::thread> m_consumers;
 };
 
+// What the send loop measured.
+struct SendResult {
+  double seconds = 0;
+  uint64_t allocations = 0;
+};
+
 // Sends one frame per iteration: takes a free one from the pool, then send(frame, seq),
-// which says whether the link took it. Returns the seconds from the first send until the
-// last frame reached every receiver.
+// which says whether the link took it. paceHz 0 sends as fast as frames come back;
+// otherwise one frame every 1/paceHz seconds. Measures from the first send until the last
+// frame reached every receiver.
 template <class Pool, class Send>
-double SendFrames(benchmark::State& state, Pool& pool, DeliveryLog& log, Send send) {
+SendResult SendFrames(benchmark::State& state, Pool& pool, DeliveryLog& log, Send send,
+                      int64_t paceHz = 0) {
   uint32_t seq = 0;
   const Clock::time_point start = Clock::now();
+  const uint64_t allocationsBefore = g_allocations.load();
+  const auto period = paceHz == 0
+                          ? Clock::duration::zero()
+                          : std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(
+                                static_cast<int64_t>(1e9 / static_cast<double>(paceHz))));
   for (auto _ : state) {
+    if (paceHz != 0) {
+      std::this_thread::sleep_until(start + period * seq);
+    }
     auto* frame = pool.Acquire();
     if (frame == nullptr) {
       state.SkipWithError("no frame came back to the producer");
@@ -325,13 +378,15 @@ double SendFrames(benchmark::State& state, Pool& pool, DeliveryLog& log, Send se
       break;
     }
   }
-  return std::chrono::duration<double>(Clock::now() - start).count();
+  return {std::chrono::duration<double>(Clock::now() - start).count(),
+          g_allocations.load() - allocationsBefore};
 }
 
 // Checks the run and publishes its counters; call once nothing can touch the frames.
 // Nothing when the run failed (already reported to the benchmark).
 inline std::optional<RunFigures> Report(benchmark::State& state, const DeliveryLog& log,
-                                        bool allFramesReturned, double seconds) {
+                                        bool allFramesReturned, const SendResult& sent,
+                                        size_t fanOut) {
   if (state.error_occurred()) {
     return std::nullopt;
   }
@@ -343,7 +398,10 @@ inline std::optional<RunFigures> Report(benchmark::State& state, const DeliveryL
     state.SkipWithError("a frame is still held after every receiver finished");
     return std::nullopt;
   }
-  const RunFigures run = log.Figures(seconds);
+  RunFigures run = log.Figures(sent.seconds);
+  run.allocsPerDelivery = static_cast<double>(sent.allocations) /
+                          static_cast<double>(log.Frames() * std::max<size_t>(fanOut, 1));
+  state.counters["allocs_per_frame_sink"] = run.allocsPerDelivery;
   state.counters["fps"] =
       benchmark::Counter(static_cast<double>(log.Frames()), benchmark::Counter::kIsRate);
   state.counters["p50_us"] = run.p50Us;
@@ -352,29 +410,34 @@ inline std::optional<RunFigures> Report(benchmark::State& state, const DeliveryL
 }
 
 // Our side of one comparison in the closing table; its yardstick is the locked-queue run
-// with the same fan-out.
+// with the same fan-out and pace.
 struct SummaryRow {
   std::string scenario;
   int64_t fanOut = 0;
+  int64_t paceHz = 0;
   RunFigures ours;
 };
 
+using BaselineKey = std::pair<int64_t, int64_t>;  // fan-out, pace
+
 inline void PrintSummary(const std::vector<SummaryRow>& rows,
-                         const std::map<int64_t, RunFigures>& baselines) {
-  std::printf("\n%-20s %10s %14s %7s %20s %20s\n", "scenario", "ours fps", "baseline fps", "ratio",
-              "ours p50/p99 us", "baseline p50/p99 us");
+                         const std::map<BaselineKey, RunFigures>& baselines) {
+  std::printf("\n%-26s %9s %9s %6s %17s %17s %13s\n", "scenario", "ours fps", "base fps", "ratio",
+              "ours p50/p99 us", "base p50/p99 us", "allocs o/b");
   for (const SummaryRow& row : rows) {
     const RunFigures& ours = row.ours;
-    const auto baseline = baselines.find(row.fanOut);
+    const std::string name =
+        row.scenario + (row.paceHz == 0 ? "" : " @" + std::to_string(row.paceHz) + "Hz");
+    const auto baseline = baselines.find({row.fanOut, row.paceHz});
     if (baseline == baselines.end()) {
-      std::printf("%-20s %10.0f %14s %7s %9.1f/%-10.1f %20s\n", row.scenario.c_str(), ours.fps, "-",
-                  "-", ours.p50Us, ours.p99Us, "-");
+      std::printf("%-26s %9.0f %9s %6s %8.1f/%-8.1f %17s %6.2f/%-6s\n", name.c_str(), ours.fps, "-",
+                  "-", ours.p50Us, ours.p99Us, "-", ours.allocsPerDelivery, "-");
       continue;
     }
     const RunFigures& base = baseline->second;
-    std::printf("%-20s %10.0f %14.0f %7.2f %9.1f/%-10.1f %9.1f/%-10.1f\n", row.scenario.c_str(),
+    std::printf("%-26s %9.0f %9.0f %6.2f %8.1f/%-8.1f %8.1f/%-8.1f %6.2f/%-6.2f\n", name.c_str(),
                 ours.fps, base.fps, ours.fps / base.fps, ours.p50Us, ours.p99Us, base.p50Us,
-                base.p99Us);
+                base.p99Us, ours.allocsPerDelivery, base.allocsPerDelivery);
   }
 }
 

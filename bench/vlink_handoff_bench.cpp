@@ -15,6 +15,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -23,10 +24,33 @@
 #include "core/tavo_video_vlink_node.h"
 #include "osv_graphic_buffer.h"
 #include "render/tavo_video_vlink_preview_node.h"
+#include "render/tavo_video_vlink_render_adapter.h"
 #include "tavo_video_render_interface.h"
 #include "tavo_video_vlink_component.h"
 
+std::atomic<uint64_t> handoff_bench::g_allocations{0};
+
+// Counts every allocation of the process; the hand-off's per-frame cost shows in it.
+void* operator new(size_t size) {
+  handoff_bench::g_allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* memory = std::malloc(size == 0 ? 1 : size)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t /*size*/) noexcept { std::free(memory); }
+
 namespace {
+
+// The renderer previews get: the Linux adapter on the YUV path, whatever the environment
+// says, so the windows get the frame's own memory.
+class YuvRenderProxyFactory final : public RenderProxyFactory {
+ public:
+  std::unique_ptr<IDevRenderStreamProxy> Create(PelvRenderMode /*mode*/) override {
+    return std::make_unique<DevRenderLinuxAdapter>(nullptr);
+  }
+};
 
 using handoff_bench::Clock;
 using handoff_bench::DeliveryLog;
@@ -37,15 +61,15 @@ using handoff_bench::kFrameWidth;
 using handoff_bench::kPooledFrames;
 using handoff_bench::RunFigures;
 
-// Keyed by fan-out; read by vs_baseline and by the closing table.
-std::map<int64_t, RunFigures> g_baselineFigures;
+// Keyed by fan-out and pace; read by vs_baseline and by the closing table.
+std::map<handoff_bench::BaselineKey, RunFigures> g_baselineFigures;
 // Our runs in the order they ran.
 std::vector<handoff_bench::SummaryRow> g_ourRuns;
 
 // Fills in vs_baseline and queues the run for the closing table.
 void Publish(benchmark::State& state, const std::string& scenario, const RunFigures& run) {
-  g_ourRuns.push_back({scenario, state.range(0), run});
-  const auto baseline = g_baselineFigures.find(state.range(0));
+  g_ourRuns.push_back({scenario, state.range(0), state.range(1), run});
+  const auto baseline = g_baselineFigures.find({state.range(0), state.range(1)});
   if (baseline != g_baselineFigures.end() && baseline->second.fps > 0) {
     state.counters["vs_baseline"] = run.fps / baseline->second.fps;
   }
@@ -83,6 +107,7 @@ class FrameSource final : public VideoVlinkNode {
 
 void BM_QueueBaseline(benchmark::State& state) {
   const auto fanOut = static_cast<size_t>(state.range(0));
+  handoff_bench::BusyCore busy(state.range(1) != 0);
   DeliveryLog log(static_cast<size_t>(state.max_iterations), fanOut);
   FramePool pool;
   if (!pool.Allocated()) {
@@ -90,20 +115,23 @@ void BM_QueueBaseline(benchmark::State& state) {
     return;
   }
   handoff_bench::LockedQueueFanOut queue(fanOut, pool, log);
-  const double seconds =
-      handoff_bench::SendFrames(state, pool, log, [&queue](OsvGraphicBuffer& frame, uint32_t seq) {
+  const handoff_bench::SendResult sent = handoff_bench::SendFrames(
+      state, pool, log,
+      [&queue](OsvGraphicBuffer& frame, uint32_t seq) {
         frame.SetSrcImgNo(seq);
         queue.Send(&frame);
         return true;
-      });
+      },
+      state.range(1));
   queue.Stop();
-  if (const auto run = handoff_bench::Report(state, log, pool.AllReturned(), seconds)) {
-    g_baselineFigures[state.range(0)] = *run;
+  if (const auto run = handoff_bench::Report(state, log, pool.AllReturned(), sent, fanOut)) {
+    g_baselineFigures[{state.range(0), state.range(1)}] = *run;
   }
 }
 
 void BM_VlinkHandoff(benchmark::State& state) {
   const auto fanOut = static_cast<size_t>(state.range(0));
+  handoff_bench::BusyCore busy(state.range(1) != 0);
   DeliveryLog log(static_cast<size_t>(state.max_iterations), fanOut);
   FramePool pool;
   if (!pool.Allocated()) {
@@ -121,12 +149,14 @@ void BM_VlinkHandoff(benchmark::State& state) {
   }
   pool.SetReleaseTarget(source);
 
-  const double seconds =
-      handoff_bench::SendFrames(state, pool, log, [&source](OsvGraphicBuffer& frame, uint32_t seq) {
+  const handoff_bench::SendResult sent = handoff_bench::SendFrames(
+      state, pool, log,
+      [&source](OsvGraphicBuffer& frame, uint32_t seq) {
         frame.SetSrcImgNo(seq);
         source->SendBuffer(&frame);
         return true;
-      });
+      },
+      state.range(1));
 
   // Sinks first: their last releases queue the producer's final ReleaseFrame tasks.
   for (auto& sink : sinks) {
@@ -135,7 +165,7 @@ void BM_VlinkHandoff(benchmark::State& state) {
     sink->DisconnectFromNode(source, false);
   }
   source->DealTaskHandler(true);
-  if (const auto run = handoff_bench::Report(state, log, pool.AllReturned(), seconds)) {
+  if (const auto run = handoff_bench::Report(state, log, pool.AllReturned(), sent, fanOut)) {
     Publish(state, "source->" + std::to_string(fanOut) + (fanOut == 1 ? " sink" : " sinks"), *run);
   }
 }
@@ -296,9 +326,6 @@ class DecoderPreviewLink {
       m_fault = "the decoder did not start";
       return;
     }
-    // The renderer takes RGB on one processor and then converts every frame; the windows
-    // here must get the frame's own memory.
-    unsetenv("VANTOR_SOREN");
     for (size_t i = 0; i < previews; ++i) {
       auto preview =
           std::make_shared<VideoPreviewNode>(kFirstPreviewNodeId + static_cast<uint32_t>(i));
@@ -361,21 +388,21 @@ void BM_DecoderPreviews(benchmark::State& state) {
   }
   PreviewRun run(pool, log, previews);
   g_previewRun.store(&run, std::memory_order_release);
-  double seconds = 0;
+  handoff_bench::SendResult sent;
   {
     DecoderPreviewLink link(previews);
     if (const char* fault = link.Fault()) {
       state.SkipWithError(fault);
     } else {
-      seconds = handoff_bench::SendFrames(
-          state, pool, log, [&link, &pool](DecodedFramePool::Slot& slot, uint32_t seq) {
-            slot.seq = seq;
-            if (link.Receive(slot.record)) {
-              return true;
-            }
-            pool.Returned(&slot.record);  // never entered the link
-            return false;
-          });
+      sent = handoff_bench::SendFrames(state, pool, log,
+                                       [&link, &pool](DecodedFramePool::Slot& slot, uint32_t seq) {
+                                         slot.seq = seq;
+                                         if (link.Receive(slot.record)) {
+                                           return true;
+                                         }
+                                         pool.Returned(&slot.record);  // never entered the link
+                                         return false;
+                                       });
     }
   }
   g_previewRun.store(nullptr, std::memory_order_release);
@@ -389,15 +416,16 @@ void BM_DecoderPreviews(benchmark::State& state) {
       state.SkipWithError("a window did not render every frame exactly once");
     }
   }
-  if (const auto figures = handoff_bench::Report(state, log, pool.AllReturned(), seconds)) {
+  if (const auto figures = handoff_bench::Report(state, log, pool.AllReturned(), sent, previews)) {
     Publish(state, "decoder->" + std::to_string(previews) + " previews", *figures);
   }
 }
 
-void Register(const char* name, void (*run)(benchmark::State&), int64_t fanOut) {
+void Register(const char* name, void (*run)(benchmark::State&), int64_t fanOut,
+              int64_t paceHz = 0) {
   benchmark::RegisterBenchmark(name, run)
-      ->Arg(fanOut)
-      ->Iterations(kFramesPerRun)
+      ->Args({fanOut, paceHz})
+      ->Iterations(handoff_bench::FramesFor(paceHz))
       ->UseRealTime()
       ->Unit(benchmark::kMicrosecond);
 }
@@ -407,14 +435,19 @@ void Register(const char* name, void (*run)(benchmark::State&), int64_t fanOut) 
 int main(int argc, char** argv) {
   // Each baseline runs right before the link with the same fan-out, so vs_baseline can be
   // filled in and the two sit next to each other in the output.
-  for (const int64_t fanOut : {1, 3, 10}) {
-    Register("BM_QueueBaseline", BM_QueueBaseline, fanOut);
-    Register("BM_VlinkHandoff", BM_VlinkHandoff, fanOut);
+  // Saturated (pace 0), then paced at 60 Hz and 1 kHz with the other core kept busy.
+  for (const int64_t paceHz : {0, 60, 1000}) {
+    for (const int64_t fanOut : {1, 3, 10}) {
+      Register("BM_QueueBaseline", BM_QueueBaseline, fanOut, paceHz);
+      Register("BM_VlinkHandoff", BM_VlinkHandoff, fanOut, paceHz);
+    }
   }
   constexpr int64_t kPreviewWindows = 4;
   Register("BM_QueueBaseline", BM_QueueBaseline, kPreviewWindows);
   Register("BM_DecoderPreviews", BM_DecoderPreviews, kPreviewWindows);
 
+  YuvRenderProxyFactory yuvRenderer;
+  ScopedSeamOverride<RenderProxyFactory> rendererOverride(yuvRenderer);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 1;

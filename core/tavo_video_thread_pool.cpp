@@ -1,5 +1,6 @@
 #include "core/tavo_video_thread_pool.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 
@@ -60,6 +61,27 @@ std::promise<void>* ThreadPool::Add(const std::function<int()>& fn) {
 
 bool ThreadPool::Post(PoolTask work) { return Enqueue(QueuedTask{std::move(work), nullptr}); }
 
+bool ThreadPool::PostBatch(PoolTask* works, size_t count) {
+  std::unique_lock<std::mutex> lock(m_poolLock);
+  if (m_stopping) {
+    return false;
+  }
+  if (m_workers.empty()) {
+    lock.unlock();
+    for (size_t i = 0; i < count; ++i) {
+      works[i]();
+      works[i].Reset();
+    }
+    return true;
+  }
+  for (size_t i = 0; i < count; ++i) {
+    m_queue.Push(QueuedTask{std::move(works[i]), nullptr});
+  }
+  lock.unlock();
+  WakeWorkers(count);
+  return true;
+}
+
 bool ThreadPool::Enqueue(QueuedTask&& task) {
   std::unique_lock<std::mutex> lock(m_poolLock);
   if (m_stopping) {
@@ -74,16 +96,28 @@ bool ThreadPool::Enqueue(QueuedTask&& task) {
     return true;
   }
   m_queue.Push(std::move(task));
+  lock.unlock();
+  WakeWorkers(1);
+  return true;
+}
+
+void ThreadPool::WakeWorkers(size_t tasks) {
   // Only a worker that announced itself can be asleep or about to sleep. It announces
-  // before its last look at the queue, and that look takes the producer lock this push
-  // held, so either it sees the task or this load sees its announcement.
-  if (m_sleepers.load() > 0) {
-    // It keeps the take lock until it sleeps: taking it here means the wake-up cannot fall
-    // between its last look and its wait.
-    std::lock_guard<std::mutex> takeLock(m_takeLock);
+  // before its last look at the queue, and that look takes the producer lock the push
+  // held, so either it sees the tasks or this load sees its announcement.
+  const int sleepers = m_sleepers.load();
+  if (sleepers <= 0) {
+    return;
+  }
+  // It keeps the take lock from its last look until it sleeps: passing through the lock
+  // here means it is now either asleep (and gets the signal) or has not looked yet (and
+  // sees the tasks). Notified after letting go, so the woken worker need not wait for it.
+  { std::lock_guard<std::mutex> takeLock(m_takeLock); }
+  // One worker per task at most: waking more only makes them queue for the take lock.
+  const size_t wake = std::min(tasks, static_cast<size_t>(sleepers));
+  for (size_t i = 0; i < wake; ++i) {
     m_workSignal.notify_one();
   }
-  return true;
 }
 
 std::optional<QueuedTask> ThreadPool::Take() {

@@ -41,6 +41,9 @@ class ThreadPool {
   // no allocation for a small task. false when the pool is stopping (work is dropped);
   // a stopped pool runs work at once on the caller's thread.
   bool Post(PoolTask work);
+  // Posts count tasks (moved out of works) under one hold of the pool's locks and wakes as
+  // many workers as they need: a frame's hand-offs to all of its receivers.
+  bool PostBatch(PoolTask* works, size_t count);
   // Wait until the queue is empty, then stop (and restart). 1 on a stopped pool.
   uint32_t WaitAllEnd();
   uint32_t WaitAllEndToStop();
@@ -48,6 +51,7 @@ class ThreadPool {
  private:
   std::optional<QueuedTask> Take();
   bool Enqueue(QueuedTask&& task);
+  void WakeWorkers(size_t tasks);
   void ThreadFunc();
   uint32_t WaitQueueDrained();
 

@@ -1,6 +1,7 @@
 #include "core/tavo_video_vlink_node.h"
 
 #include <algorithm>
+#include <array>
 
 namespace {
 
@@ -148,14 +149,39 @@ VideoVlinkNode::NodeList VideoVlinkNode::GetNextConnectListCopy() {
   return m_nextNodes;
 }
 
-uint32_t VideoVlinkNode::QueueTask(PoolTask task) {
-  m_pendingTasks.fetch_add(1);
-  if (!m_nodeThreadPool.Post(std::move(task))) {
-    FinishTask();
-    return 1;
+class VideoVlinkNode::NodeTask {
+ public:
+  // frame set: a hand-off; else a release of `released`.
+  NodeTask(std::shared_ptr<VideoVlinkNode> node, FrameRef frame, OsvGraphicBuffer* released)
+      : m_node(std::move(node)), m_frame(std::move(frame)), m_released(released) {
+    m_node->m_pendingTasks.fetch_add(1);
   }
-  return 0;
-}
+  NodeTask(NodeTask&&) noexcept = default;
+  NodeTask& operator=(NodeTask&&) = delete;
+  NodeTask(const NodeTask&) = delete;
+  NodeTask& operator=(const NodeTask&) = delete;
+  ~NodeTask() {
+    if (m_node) {
+      m_frame.Reset();
+      m_node->FinishTask();
+      // m_node goes last: if it was the last holder, the node is destroyed here with no
+      // task of its own left to wait for.
+    }
+  }
+
+  void operator()() {
+    if (m_released != nullptr) {
+      m_node->ReleaseFrame(m_released);
+    } else if (m_node->HandleBuffer(m_frame) != 0) {
+      VLOG_ERR_MODULE("[%s] HandleBuffer error!", m_node->m_nodeName.c_str());
+    }
+  }
+
+ private:
+  std::shared_ptr<VideoVlinkNode> m_node;
+  FrameRef m_frame;
+  OsvGraphicBuffer* m_released;
+};
 
 void VideoVlinkNode::FinishTask() {
   // Sequentially consistent with the waiter's announce-then-check (a store-load pair on
@@ -168,34 +194,27 @@ void VideoVlinkNode::FinishTask() {
   }
 }
 
-void VideoVlinkNode::RunHandle(const std::shared_ptr<VideoVlinkNode>& node,
-                               OsvGraphicBuffer* buffer) {
-  FrameRef frame = FrameRef::Adopt(buffer);
-  if (node->HandleBuffer(frame) != 0) {
-    VLOG_ERR_MODULE("[%s] HandleBuffer error!", node->m_nodeName.c_str());
-  }
-}
-
-uint32_t VideoVlinkNode::QueueBuffer(FrameRef& frame) {
+PoolTask VideoVlinkNode::MakeHandoffTask(FrameRef& frame) {
+  static_assert(sizeof(NodeTask) <= PoolTask::kInlineSize,
+                "a node task must fit the pool task's own storage: no allocation per hand-off");
   if (!m_isStart.load(std::memory_order_acquire) || !frame) {
-    return 1;
+    return {};
   }
   // The task holds the node: it can never run on a destroyed one.
   std::shared_ptr<VideoVlinkNode> self = weak_from_this().lock();
   if (!self) {
+    return {};
+  }
+  return NodeTask(std::move(self), std::move(frame), nullptr);
+}
+
+uint32_t VideoVlinkNode::QueueBuffer(FrameRef& frame) {
+  PoolTask task = MakeHandoffTask(frame);
+  if (!task) {
     return 1;
   }
-  OsvGraphicBuffer* buffer = frame.Get();
-  const uint32_t code = QueueTask([self = std::move(self), buffer]() mutable {
-    RunHandle(self, buffer);
-    self->FinishTask();
-    // `self` goes with the task, after the worker ran it; if it was the last holder the
-    // node is destroyed there, with no task of its own left to wait for.
-  });
-  if (code == 0) {
-    (void)frame.Detach();  // the task owns that reference now
-  }
-  return code;
+  // A pool that is stopping drops the task, and the task its frame.
+  return m_nodeThreadPool.Post(std::move(task)) ? 0 : 1;
 }
 
 void VideoVlinkNode::ReleaseBufferDeal(OsvGraphicBuffer* buffer) {
@@ -206,10 +225,7 @@ void VideoVlinkNode::ReleaseBufferDeal(OsvGraphicBuffer* buffer) {
     ReleaseFrame(buffer);
     return;
   }
-  QueueTask([self = std::move(self), buffer]() mutable {
-    self->ReleaseFrame(buffer);
-    self->FinishTask();
-  });
+  m_nodeThreadPool.Post(NodeTask(std::move(self), FrameRef(), buffer));
 }
 
 uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
@@ -222,10 +238,25 @@ uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
   FrameRef guard = FrameRef::Share(buffer);
   if (m_nextNodes.empty()) {
     VLOG_ERR_MODULE("[%s] m_nextNodes is empty!", m_nodeName.c_str());
+    return 0;
   }
+  // Every receiver's task goes to the pool in one batch: one hold of its locks and one
+  // wake-up round per frame, however many receivers there are.
+  constexpr size_t kBatch = 8;
+  std::array<PoolTask, kBatch> tasks;
+  size_t count = 0;
   for (const NodePtr& next : m_nextNodes) {
     FrameRef share = guard.Clone();
-    next->QueueBuffer(share);  // a refused share drops here
+    if (PoolTask task = next->MakeHandoffTask(share)) {  // a refused share drops here
+      tasks[count++] = std::move(task);
+    }
+    if (count == kBatch) {
+      m_nodeThreadPool.PostBatch(tasks.data(), count);
+      count = 0;
+    }
+  }
+  if (count != 0) {
+    m_nodeThreadPool.PostBatch(tasks.data(), count);
   }
   return 0;
 }

@@ -143,11 +143,15 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   std::string m_nodeName;
 
  private:
-  // Counts the task in before it is queued and out after it ran, so DealTaskHandler(true)
-  // sees every task that could still touch this node.
-  uint32_t QueueTask(PoolTask task);
+  // One task of this node on the pool: a hand-off (holding the frame's reference) or a
+  // release. It holds its node, is counted in when made and counted out when destroyed,
+  // whether it ran or not, so DealTaskHandler(true) sees every task that could still
+  // touch the node and a task the pool drops still drops its frame.
+  class NodeTask;
+  // A hand-off task of this node for `frame` (taken from it); empty, with `frame` left
+  // alone, when the node is not started or is being destroyed.
+  PoolTask MakeHandoffTask(FrameRef& frame);
   void FinishTask();
-  static void RunHandle(const std::shared_ptr<VideoVlinkNode>& node, OsvGraphicBuffer* buffer);
 
   OS_E_MPP_DEV_TYPE m_nodeType;
   bool m_isViVoNode = true;
