@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 
+#include "platform/tavo_video_rgb_convert.h"
 #include "tavo_video_vlink_camera.h"
 
 // Pixel format of a camera frame.
@@ -22,13 +23,7 @@ enum PelvImageFormat : uint32_t {
   PELV_IMAGE_FORMAT_NONE = 999,  // no usable format
 };
 
-// Rotation of a camera frame in degrees.
-enum PelvRotationAngle : uint32_t {
-  PELV_ROTATION_0 = 0,
-  PELV_ROTATION_90 = 90,
-  PELV_ROTATION_180 = 180,
-  PELV_ROTATION_270 = 270,
-};
+// Rotation of a camera frame in degrees: PelvRotationAngle of the platform's conversions.
 
 // Zeroed before it is filled. Before conversion `data` points into a capture buffer the
 // capturer owns; after conversion it is a heap block owned by the frame's consumer, which

@@ -1,0 +1,181 @@
+#include <gtest/gtest.h>
+#include <libyuv.h>
+
+#include "tests/background/background_fixture.h"
+
+namespace {
+
+class ComposeTest : public BackgroundLinkTest {};
+
+struct BlendCase {
+  uint8_t alpha, bg, fg, expected;
+};
+
+TEST_F(ComposeTest, Compose32AtTheThresholdsAndInTheBlendRange) {
+  const BlendCase cases[] = {
+      {0, 200, 100, 200},
+      {69, 200, 100, 200},                          // background only
+      {70, 200, 100, (200 * 185 + 100 * 70) >> 8},  // 171
+      {128, 200, 100, 149},                         // (200 x 127 + 100 x 128) >> 8
+      {128, 255, 255, 254},                         // one step darker
+      {249, 200, 100, (200 * 6 + 100 * 249) >> 8},  // 101
+      {250, 200, 100, 100},                         // frame only
+      {255, 7, 9, 9},
+  };
+  const uint32_t pixels = BackgroundVirtualityNode::kComposePixels;
+  // One pixel more than the blend covers, to show it stops at 1280 x 720.
+  std::vector<uint8_t> bg((pixels + 1) * 3);
+  std::vector<uint8_t> fg((pixels + 1) * 3);
+  std::vector<uint8_t> alpha(pixels + 1);
+  for (size_t i = 0; i <= pixels; ++i) {
+    const BlendCase& c = cases[i % std::size(cases)];
+    alpha[i] = c.alpha;
+    for (size_t k = 0; k < 3; ++k) {
+      bg[i * 3 + k] = c.bg;
+      fg[i * 3 + k] = c.fg;
+    }
+  }
+  std::vector<uint8_t> out(fg);
+  ASSERT_EQ(m_node->Compose32(out.data(), bg.data(), alpha.data(), out.data()), 0U);
+  for (size_t i = 0; i < pixels; ++i) {
+    const BlendCase& c = cases[i % std::size(cases)];
+    for (size_t k = 0; k < 3; ++k) {
+      ASSERT_EQ(out[i * 3 + k], c.expected) << "pixel " << i << " alpha " << int{c.alpha};
+    }
+  }
+  for (size_t k = 0; k < 3; ++k) {
+    EXPECT_EQ(out[pixels * 3 + k], fg[pixels * 3 + k]) << "pixel 921600 is not blended";
+  }
+}
+
+TEST_F(ComposeTest, Compose32NamesEveryMissingBuffer) {
+  uint8_t byte = 0;
+  EXPECT_EQ(m_node->Compose32(&byte, nullptr, &byte, &byte), 1U);
+  EXPECT_TRUE(
+      m_log.HasModule("m_nodeId[10001] buffer is nullptr bgPtr:1 alphaPtr:0 outImagePtr:0"));
+  auto other = std::make_shared<BackgroundVirtualityNode>(7);  // its own pacing
+  EXPECT_EQ(other->Compose32(nullptr, &byte, nullptr, &byte), 1U);
+  other.reset();
+  EXPECT_TRUE(m_log.HasModule("m_nodeId[7] buffer is nullptr bgPtr:0 alphaPtr:1 outImagePtr:1"));
+}
+
+TEST_F(ComposeTest, BackgroundImageFailuresKeepThePreviousImage) {
+  // SetUp loaded a blue 16 x 9 image scaled to 64 x 36.
+  const std::string corrupt = m_dir.Write("corrupt.bmp", {'B', 'M', 1, 2, 3, 4, 5});
+  BackgroundVirtualityParams unterminated = Params("", kWidth, kHeight);
+  std::memset(unterminated.bgImagePath, 'a', sizeof unterminated.bgImagePath);
+  const BackgroundVirtualityParams cases[] = {
+      Params(m_dir.Path() / "missing.png", kWidth, kHeight),
+      Params(corrupt, kWidth, kHeight),
+      unterminated,
+  };
+  for (const BackgroundVirtualityParams& param : cases) {
+    EXPECT_EQ(m_node->SetParam(param), 1U);
+  }
+  EXPECT_TRUE(
+      m_log.HasModule("read image faild, file path[" + (m_dir.Path() / "missing.png").string()));
+  EXPECT_TRUE(m_log.HasModule("read image faild, file path[" + corrupt + "]"));
+  EXPECT_TRUE(m_log.HasModule("bgImagePath has no terminator within 1024 bytes"));
+  // The blue background is still there: an all-background mask shows it.
+  m_client.Set([] {
+    FakeComputingClient::Knobs k;
+    k.maskValue = 0;
+    return k;
+  }());
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  Submit(1);
+  ASSERT_TRUE(AllReleased());
+  ASSERT_EQ(SeenLuma().size(), 1U);
+  EXPECT_EQ(SeenLuma()[0], LumaOf(255, 0, 0));
+}
+
+// A resize counted on its way to the real wrapper.
+std::atomic<int> g_resizes{0};
+void CountingResize(CMat* src, CMat* dst, CSize* size) {
+  ++g_resizes;
+  ::CResize(src, dst, size);
+}
+
+TEST_F(ComposeTest, BackgroundIsRescaledOnceWhenTheFrameSizeChanges) {
+  std::map<std::string, void*> symbols = WrapperSymbols();
+  symbols["CResize"] = reinterpret_cast<void*>(&CountingResize);
+  m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", symbols);
+  ResetOpencvBinding();
+  g_resizes = 0;
+  m_node->SetParam(Params(m_bgPath, 40, 20));
+  EXPECT_EQ(g_resizes.load(), 1);
+  std::vector<uint8_t> mask(BackgroundVirtualityNode::kMaskBytes, 0);
+  for (int i = 0; i < 3; ++i) {
+    std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(32, 18, 90, 1));
+    OsvGraphicBuffer* rgb = nullptr;
+    ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 0U);
+    std::unique_ptr<OsvGraphicBuffer> copy(rgb);
+    ASSERT_EQ(m_node->DataOverlayer(frame.get(), mask.data(), copy.get()), 0U);
+    EXPECT_EQ(frame->GetImageAddr(0)[0], LumaOf(255, 0, 0));
+  }
+  EXPECT_EQ(g_resizes.load(), 2);  // load, then once for 32 x 18
+}
+
+TEST_F(ComposeTest, ImageLoadedBeforeTheFrameSizeIsKnownIsScaledByTheFirstFrame) {
+  const std::string red = m_dir.Write("red.bmp", SolidBmp24(8, 8, 0, 0, 255));
+  ASSERT_EQ(m_node->SetParam(Params(red, 0, 0)), 0U);
+  std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(32, 18, 90, 1));
+  std::vector<uint8_t> mask(BackgroundVirtualityNode::kMaskBytes, 0);
+  OsvGraphicBuffer* rgb = nullptr;
+  ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 0U);
+  std::unique_ptr<OsvGraphicBuffer> copy(rgb);
+  ASSERT_EQ(m_node->DataOverlayer(frame.get(), mask.data(), copy.get()), 0U);
+  EXPECT_EQ(frame->GetImageAddr(0)[0], LumaOf(0, 0, 255));
+}
+
+TEST_F(ComposeTest, FrameCopyIsLibyuvsRgb24AndAFailedConversionGivesNone) {
+  std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(32, 18, 0, 1));
+  const OsvGraphicBufferInfo info = frame->GetImageInfo();
+  for (uint32_t i = 0; i < info.stride[0] * 18; ++i) {
+    frame->GetImageAddr(0)[i] = static_cast<uint8_t>(i * 7);
+  }
+  for (uint32_t i = 0; i < info.stride[1] * 9; ++i) {
+    frame->GetImageAddr(1)[i] = static_cast<uint8_t>(i * 3);
+    frame->GetImageAddr(2)[i] = static_cast<uint8_t>(255 - i * 5);
+  }
+  OsvGraphicBuffer* rgb = nullptr;
+  ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 0U);
+  std::unique_ptr<OsvGraphicBuffer> copy(rgb);
+  std::vector<uint8_t> expected(32 * 18 * 3);
+  libyuv::I420ToRGB24(frame->GetImageAddr(0), info.stride[0], frame->GetImageAddr(1),
+                      info.stride[1], frame->GetImageAddr(2), info.stride[2], expected.data(),
+                      32 * 3, 32, 18);
+  EXPECT_EQ(copy->GetImageInfo().format, TAVO_VIDEO_VLINK_FORMAT_RGB24);
+  EXPECT_EQ(std::vector<uint8_t>(copy->GetImageAddr(0), copy->GetImageAddr(0) + expected.size()),
+            expected);
+
+  OsvGraphicBufferInfo turned = info;
+  turned.rotation = 90;  // would need a 18 x 32 copy
+  frame->SetImageInfo(turned);
+  rgb = nullptr;
+  EXPECT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 1U);
+  EXPECT_EQ(rgb, nullptr);
+  EXPECT_TRUE(m_log.HasModule("ConvertToARGB Error"));
+}
+
+// Frames of other sizes than 1280 x 720 are blended whole and never past their buffers
+// (the sanitizer build would catch an over-read); half person, half background here.
+TEST_F(ComposeTest, OtherFrameSizesAreBlendedWithinTheirBuffers) {
+  for (const auto& [width, height] : {std::pair{20U, 10U}, std::pair{1290U, 730U}}) {
+    SCOPED_TRACE(width);
+    m_node->SetParam(Params(m_bgPath, width, height));
+    std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(width, height, kFrameLuma, 1));
+    std::vector<uint8_t> mask(BackgroundVirtualityNode::kMaskBytes, 255);
+    std::fill(mask.begin(), mask.begin() + width * height / 2, 0);
+    OsvGraphicBuffer* rgb = nullptr;
+    ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 0U);
+    std::unique_ptr<OsvGraphicBuffer> copy(rgb);
+    ASSERT_EQ(m_node->DataOverlayer(frame.get(), mask.data(), copy.get()), 0U);
+    const uint8_t* y = frame->GetImageAddr(0);
+    const uint32_t stride = frame->GetImageInfo().stride[0];
+    EXPECT_EQ(y[0], LumaOf(255, 0, 0));
+    EXPECT_NEAR(y[size_t{stride} * (height - 1) + width - 1], kFrameLuma, 1);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,445 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+#include <thread>
+
+#include "platform/om_cust_util.h"
+#include "tests/background/background_fixture.h"
+
+namespace {
+
+using Knobs = FakeComputingClient::Knobs;
+
+template <class F>
+Knobs With(F&& change) {
+  Knobs knobs;
+  change(knobs);
+  return knobs;
+}
+
+std::string ModelDir() {
+  return std::string(TavoOmCustUtilGetCfgPath(0)) + "/computing/arm64/Virtualbackground/";
+}
+
+class BackgroundNodeTest : public BackgroundLinkTest {};
+
+// An answer the node is no longer waiting for, as a client would give it.
+void LateAnswer(int handle) {
+  std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, 255);
+  TavoComputingBufferParams result{};
+  result.data = mask.data();
+  BackgroundVirtualityNode::ComputingCallback(0, handle, result);
+}
+
+TEST_F(BackgroundNodeTest, NameTypeAndRepeatedSwitchRequests) {
+  EXPECT_EQ(m_node->GetNodeName(), "BG_VIR_10001");
+  EXPECT_EQ(m_node->GetNodeType(), OS_E_MPP_DEV_BACKGROUND);
+  EXPECT_FALSE(BackgroundVirtualityNode::GetGPUInfo().empty());  // "none" without a GPU
+  EXPECT_EQ(m_node->SetEnable(false), 0U);                       // never enabled: nothing to do
+  EXPECT_EQ(m_client.Get().stops, 0);
+  EXPECT_EQ(m_node->SetEnable(true), 0U);
+  EXPECT_EQ(m_node->SetEnable(true), 0U);
+  EXPECT_EQ(m_client.Get().starts, 1);
+  EXPECT_TRUE(m_node->IsRunning());
+  EXPECT_EQ(m_node->SetEnable(false), 0U);
+  EXPECT_EQ(m_client.Get().stops, 1);
+  EXPECT_FALSE(m_node->IsRunning());
+  const std::vector<std::string> names = m_threads.Names();  // the thread has been joined
+  EXPECT_NE(std::find(names.begin(), names.end(), "VIRTAL_BG_HANDLE"), names.end());
+}
+
+struct ModelCase {
+  uint32_t width, height;
+  const char* model;
+  int modelWidth, modelHeight;
+};
+
+TEST_F(BackgroundNodeTest, TaskRecordAndModelChoiceFollowTheOrientation) {
+  const ModelCase cases[] = {
+      {1280, 720, "output_ppsegv2_224_398_mask", 398, 224},
+      {720, 1280, "output_ppsegv2_398_224_mask", 224, 398},
+      {640, 640, "output_ppsegv2_224_398_mask", 398, 224},
+  };
+  for (const ModelCase& c : cases) {
+    SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+    m_node->SetParam(Params(m_bgPath, c.width, c.height, 25));
+    TavoComputingTaskParams params;
+    std::memset(&params, 0xAB, sizeof params);
+    m_node->FillTaskParams(m_node->GetModelFilePath(), &params);
+    EXPECT_EQ(modelWidth, c.modelWidth);
+    EXPECT_EQ(modelHeight, c.modelHeight);
+    const std::string path = ModelDir() + c.model;
+    std::vector<uint8_t> expected(3172, 0);
+    std::memcpy(&expected[0], "BG_VIRTAL", 9);
+    std::memcpy(&expected[100], "libtavo_video_plugin.so", 23);
+    expected[200] = 1;
+    std::memcpy(&expected[204], path.data(), path.size());
+    expected[2244] = 12;
+    expected[2248] = 2;
+    expected[2252] = 12;
+    expected[2256] = 2;
+    expected[3072] = static_cast<uint8_t>(c.width & 0xFF);
+    expected[3073] = static_cast<uint8_t>(c.width >> 8);
+    expected[3074] = static_cast<uint8_t>(c.height & 0xFF);
+    expected[3075] = static_cast<uint8_t>(c.height >> 8);
+    expected[3076] = 1;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&params);
+    for (size_t i = 0; i < expected.size(); ++i) {
+      ASSERT_EQ(bytes[i], expected[i]) << "byte " << i;
+    }
+  }
+  // What Start hands the client: the same record and the configuration 1, 1, frame rate.
+  m_node->SetParam(Params(m_bgPath, 1280, 720, 25));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  const FakeComputingClient::Record record = m_client.Get();
+  EXPECT_EQ(record.clientName, "tavo_video_master");
+  ASSERT_EQ(record.createParams.size(), 1U);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(&record.createParams[0][204])),
+            ModelDir() + "output_ppsegv2_224_398_mask");
+  EXPECT_EQ(record.configs[0].threadCount, 1U);
+  EXPECT_EQ(record.configs[0].priority, 1U);
+  EXPECT_EQ(record.configs[0].frameRate, 25U);
+  EXPECT_EQ(m_node->GetTaskId(), record.taskIds[0]);
+}
+
+TEST_F(BackgroundNodeTest, OffPassesTheSameFramesThroughInOrder) {
+  for (uint32_t i = 1; i <= 5; ++i) {
+    Send(i);
+  }
+  ASSERT_TRUE(AllReleased());
+  EXPECT_EQ(Seen().size(), 5U);
+  for (uint8_t luma : SeenLuma()) {
+    EXPECT_EQ(luma, kFrameLuma);  // untouched
+  }
+  EXPECT_EQ(m_client.Get().inferences, 0);
+}
+
+// Each way the node can lack what the effect needs leaves it passing frames through.
+TEST_F(BackgroundNodeTest, MissingLibraryOrFunctionKeepsPassThrough) {
+  std::vector<std::pair<std::string, std::string>> cases = {{"client", ""}, {"wrapper", ""}};
+  for (const auto& [name, address] : FakeComputingClient::Symbols()) {
+    cases.emplace_back("client", name);
+  }
+  cases.emplace_back("wrapper", "CResize");
+  cases.emplace_back("wrapper", "C_INTER_LINEAR");
+  uint32_t number = 0;
+  for (const auto& [library, missing] : cases) {
+    SCOPED_TRACE(library + " without " + (missing.empty() ? "itself" : missing));
+    ResetOpencvBinding();  // closes the fixture's wrapper before its loader is swapped out
+    FakeDynamicLoader loader;
+    ScopedSeamOverride<DynamicLoader> use(loader);
+    if (library != "client" || !missing.empty()) {
+      loader.AddLibrary(BackgroundVirtualityNode::kClientLibrary,
+                        FakeComputingClient::Symbols(library == "client" ? missing : ""));
+    }
+    if (library != "wrapper" || !missing.empty()) {
+      loader.AddLibrary("libtavo_video_opencv_wrapper.so",
+                        WrapperSymbols(library == "wrapper" ? missing : ""));
+    }
+    auto node = std::make_shared<BackgroundVirtualityNode>(20000 + number);
+    Link(node, m_sink);
+    ASSERT_EQ(node->StartProcess(), 0U);
+    node->SetParam(Params(m_bgPath, kWidth, kHeight));
+    EXPECT_EQ(node->SetEnable(true), 0U);
+    EXPECT_FALSE(node->IsRunning());
+    const int before = m_sink->handled.Get();
+    OsvGraphicBuffer* frame = NewFrame(kWidth, kHeight, kFrameLuma, ++number);
+    frame->SetReleaseTarget(m_producer);
+    {
+      FrameRef mine = FrameRef::Share(frame);
+      m_producer->SendBuffer(node, frame);
+    }
+    ++m_sent;
+    ASSERT_TRUE(m_sink->handled.WaitFor(before + 1));
+    EXPECT_EQ(SeenLuma().back(), kFrameLuma);
+    node->Shutdown();
+    Unlink(node, m_sink);
+    // Open now: a complete client (kept for the process) and any wrapper there is.
+    const bool completeClient = library != "client";
+    const bool wrapperThere = library != "wrapper" || !missing.empty();
+    EXPECT_EQ(loader.OpenCount(), (completeClient ? 1 : 0) + (wrapperThere ? 1 : 0));
+    node.reset();
+    ResetOpencvBinding();
+  }
+  EXPECT_TRUE(m_log.HasModule("libtavo_computing_client open failed:"));
+  EXPECT_TRUE(m_log.HasModule("OsDLibrarySym failed :undefined symbol: TavoComputingReturnBuffer"));
+  EXPECT_TRUE(m_log.HasModule("libtavo_video_opencv_wrapper unusable:CResize"));
+  ASSERT_TRUE(AllReleased());
+}
+
+// Masks alternate between all person and all background, so a frame blended with another
+// frame's mask shows: every frame must leave with its own, in submission order.
+TEST_F(BackgroundNodeTest, OnBlendsEachFrameWithItsOwnMask) {
+  m_client.Set(With([](Knobs& k) {
+    k.hold = true;
+    k.alternate = true;
+  }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  constexpr uint32_t kFrames = 12;
+  for (uint32_t i = 1; i <= kFrames; ++i) {
+    Submit(i);
+  }
+  ASSERT_TRUE(m_client.requests.WaitFor(kFrames));
+  EXPECT_EQ(m_sink->handled.Get(), 0);  // nothing leaves before its mask
+  m_client.Release(5);
+  ASSERT_TRUE(m_sink->handled.WaitFor(5));
+  m_client.Release();
+  ASSERT_TRUE(AllReleased());
+  const std::map<uint32_t, uint8_t> seen = SeenByNumber();
+  ASSERT_EQ(seen.size(), kFrames);
+  for (const auto& [number, luma] : seen) {
+    SCOPED_TRACE(number);
+    if (number % 2 == 1) {
+      EXPECT_NEAR(luma, kFrameLuma, 1);  // person: the frame, through RGB and back
+    } else {
+      EXPECT_EQ(luma, LumaOf(255, 0, 0));  // background: the blue image
+    }
+  }
+}
+
+TEST_F(BackgroundNodeTest, PersonMaskKeepsTheFrame) {
+  m_client.Set(With([](Knobs& k) { k.maskValue = 255; }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  Send(1);
+  ASSERT_TRUE(AllReleased());
+  ASSERT_EQ(SeenLuma().size(), 1U);
+  EXPECT_NEAR(SeenLuma()[0], kFrameLuma, 1);  // through RGB and back
+}
+
+// Failing answers, refused buffers and refused requests each cost exactly their own frame.
+TEST_F(BackgroundNodeTest, EachFailureDropsOnlyItsFrame) {
+  m_client.Set(With([](Knobs& k) { k.failRequests = {2}; }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  Submit(1);
+  Submit(2);
+  Submit(3);
+  ASSERT_TRUE(m_client.answers.WaitFor(3));
+  ASSERT_TRUE(AllReleased());
+  m_client.Change([](Knobs& k) { k.getBufferResult = TAVO_COMPUTING_ERR_BUSY; });
+  Send(4);
+  ASSERT_TRUE(AllReleased());
+  m_client.Change([](Knobs& k) {
+    k.getBufferResult = 0;
+    k.inferenceResult = -9;
+  });
+  Send(5);
+  ASSERT_TRUE(AllReleased());
+  m_client.Change([](Knobs& k) { k.inferenceResult = 0; });
+  Send(6);
+  ASSERT_TRUE(m_sink->handled.WaitFor(3));
+  ASSERT_TRUE(AllReleased());
+  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{1, 3, 6}));
+  EXPECT_TRUE(m_log.HasModule("ComputingCallback failed"));
+  EXPECT_TRUE(m_log.HasModule("TavoComputingInference error ret :-9"));
+}
+
+TEST_F(BackgroundNodeTest, SwitchingOffReleasesFramesInFlightAndOnAgainReusesTheTask) {
+  m_client.Set(With([](Knobs& k) { k.hold = true; }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  for (uint32_t i = 1; i <= 4; ++i) {
+    Send(i);
+  }
+  ASSERT_TRUE(m_client.requests.WaitFor(4));
+  ASSERT_EQ(m_node->SetEnable(false), 0U);  // the client cancels: every frame dropped once
+  ASSERT_TRUE(AllReleased());
+  EXPECT_TRUE(Seen().empty());
+  Send(5);  // off: straight through
+  ASSERT_TRUE(m_sink->handled.WaitFor(1));
+  m_client.Change([](Knobs& k) { k.hold = false; });
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  Send(6);
+  ASSERT_TRUE(m_sink->handled.WaitFor(2));
+  ASSERT_TRUE(AllReleased());
+  const FakeComputingClient::Record record = m_client.Get();
+  EXPECT_EQ(record.creates, 1);
+  EXPECT_EQ(record.starts, 2);
+  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{5, 6}));
+}
+
+// A client that answers twice, after stop or never: frames may be lost, never freed twice
+// (checked in TearDown), and nothing is left behind (the sanitizer build checks leaks).
+TEST_F(BackgroundNodeTest, MisbehavingClientNeverCostsADoubleRelease) {
+  const Knobs cases[] = {With([](Knobs& k) { k.twice = true; }),
+                         With([](Knobs& k) { k.never = true; }), With([](Knobs& k) {
+                           k.hold = true;
+                           k.answerAfterStop = true;
+                         })};
+  for (const Knobs& knobs : cases) {
+    m_client.Set(knobs);
+    ASSERT_EQ(m_node->SetEnable(true), 0U);
+    const int requests = m_client.requests.Get();
+    for (uint32_t i = 0; i < 3; ++i) {
+      Send(100 + i);
+    }
+    ASSERT_TRUE(m_client.requests.WaitFor(requests + 3));
+    if (knobs.twice) {
+      ASSERT_TRUE(m_client.answers.WaitFor(2 * (requests + 3)));
+    }
+    ASSERT_EQ(m_node->SetEnable(false), 0U);
+    ASSERT_TRUE(AllReleased());
+    if (knobs.answerAfterStop) {
+      const int answers = m_client.answers.Get();
+      m_client.Release();  // the late answers arrive now
+      ASSERT_TRUE(m_client.answers.WaitFor(answers + 3));
+    }
+  }
+  LateAnswer(424242);
+  EXPECT_TRUE(m_log.HasModule("callbackMap not find handle:424242"));
+}
+
+// A client that answers before the request returns: the answer waits for its frame.
+TEST_F(BackgroundNodeTest, AnswerBeforeTheRequestReturnsFindsItsFrame) {
+  m_client.Set(With([](Knobs& k) {
+    k.inline_ = true;
+    k.maskValue = 0;
+  }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  for (uint32_t i = 1; i <= 3; ++i) {
+    Submit(i);
+  }
+  ASSERT_TRUE(AllReleased());
+  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{1, 2, 3}));
+  for (uint8_t luma : SeenLuma()) {
+    EXPECT_EQ(luma, LumaOf(255, 0, 0));
+  }
+}
+
+TEST_F(BackgroundNodeTest, FrameSizeChangeWaitsForFramesInFlight) {
+  m_client.Set(With([](Knobs& k) { k.hold = true; }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  Submit(1);
+  Submit(2);
+  ASSERT_TRUE(m_client.requests.WaitFor(2));
+  Send(3, 32, 48);  // portrait now
+  m_client.Release(1);
+  ASSERT_TRUE(m_sink->handled.WaitFor(1));
+  EXPECT_EQ(m_client.Get().updates, 0);  // frame 2 is still in flight
+  m_client.Release();
+  ASSERT_TRUE(m_client.requests.WaitFor(3));
+  ASSERT_TRUE(AllReleased());
+  const FakeComputingClient::Record record = m_client.Get();
+  ASSERT_EQ(record.updates, 1);
+  EXPECT_EQ(record.answersAtUpdate[0], 2);
+  const auto& update = record.updateParams[0];
+  EXPECT_EQ(update[3072] | (update[3073] << 8), 32);
+  EXPECT_EQ(update[3074] | (update[3075] << 8), 48);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(&update[204])),
+            ModelDir() + "output_ppsegv2_398_224_mask");
+  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{1, 2, 3}));
+  EXPECT_EQ(m_node->GetParam().width, 32U);
+}
+
+TEST_F(BackgroundNodeTest, FailedRetuneDropsTheFrame) {
+  m_client.Set(With([](Knobs& k) { k.updateResult = -3; }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  Send(1, 32, 32);
+  ASSERT_TRUE(AllReleased());
+  EXPECT_TRUE(Seen().empty());
+  EXPECT_TRUE(m_log.HasModule("TavoComputingUpdateTaskParams error ret :-3"));
+  EXPECT_TRUE(m_log.HasModule("UpdateComputingParam failed"));
+}
+
+TEST_F(BackgroundNodeTest, StopProcessDestroysTheTaskAndAStartMakesANewOne) {
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  const uint32_t first = m_node->GetTaskId();
+  m_node->StopProcess();
+  EXPECT_FALSE(m_node->HasTask());
+  EXPECT_EQ(m_client.Get().destroys, 1);
+  LateAnswer(static_cast<int>(first));  // a late answer for the old task
+  EXPECT_TRUE(m_log.HasModule("callbackMap not find handle:" + std::to_string(first)));
+  ASSERT_EQ(m_node->StartProcess(), 0U);
+  ASSERT_EQ(m_node->SetEnable(false), 0U);
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  EXPECT_NE(m_node->GetTaskId(), first);
+  EXPECT_EQ(m_client.Get().creates, 2);
+}
+
+TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
+  m_threads.FailNextCreates(1);
+  EXPECT_EQ(m_node->SetEnable(true), 1U);
+  EXPECT_TRUE(m_log.HasModule("OsPthreadCreate HandleBufferThread failed[11]"));
+  EXPECT_TRUE(m_log.HasModule("SetEnable Start failed[10001]"));
+  EXPECT_FALSE(m_node->IsRunning());
+  const int starts = m_client.Get().starts;
+  EXPECT_EQ(m_node->SetEnable(true), 0U);  // the request was kept: repeating it does nothing
+  EXPECT_EQ(m_client.Get().starts, starts);
+  Send(1);
+  ASSERT_TRUE(m_sink->handled.WaitFor(1));
+  ASSERT_EQ(m_node->SetEnable(false), 0U);
+  m_client.Change([](Knobs& k) { k.startResult = -2; });
+  EXPECT_EQ(m_node->SetEnable(true), 1U);
+  EXPECT_TRUE(m_log.HasModule("TavoComputingStartTask error ret :-2"));
+  EXPECT_TRUE(m_log.HasModule("StartComputing failed[1]"));
+  Send(2);
+  ASSERT_TRUE(m_sink->handled.WaitFor(2));
+  ASSERT_TRUE(AllReleased());
+}
+
+// A client that appears later is loaded by the next start.
+TEST_F(BackgroundNodeTest, MissingClientIsTriedAgainAtTheNextStart) {
+  FakeDynamicLoader loader;
+  loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
+  {
+    ScopedSeamOverride<DynamicLoader> use(loader);
+    EXPECT_EQ(m_node->SetEnable(true), 0U);
+    EXPECT_FALSE(m_node->IsRunning());
+    EXPECT_TRUE(
+        m_log.HasModule("libtavo_computing_client open failed:libtavo_computing_client.so: "
+                        "cannot open shared object file"));
+    EXPECT_EQ(m_node->SetEnable(false), 0U);
+  }
+  EXPECT_EQ(m_node->SetEnable(true), 0U);  // the fixture's loader has it
+  EXPECT_TRUE(m_node->IsRunning());
+}
+
+// The client refuses to stop: the node says so and keeps what is in flight until it is
+// destroyed, which releases it.
+TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
+  m_client.Set(With([](Knobs& k) {
+    k.hold = true;
+    k.stopResult = -4;
+  }));
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  Submit(1);
+  ASSERT_TRUE(m_client.requests.WaitFor(1));
+  EXPECT_EQ(m_node->SetEnable(false), 1U);
+  EXPECT_TRUE(m_log.HasModule("TavoComputingStopTask error ret :-4"));
+  EXPECT_TRUE(m_log.HasModule("StopComputing failed[1]"));
+  EXPECT_TRUE(m_log.HasModule("SetEnable Stop failed[10001]"));
+  EXPECT_EQ(m_producer->released.Get(), 0);  // still in flight
+  m_node->Shutdown();
+  Unlink(m_node, m_sink);
+  m_node.reset();  // the destructor empties the queues
+  ASSERT_TRUE(AllReleased());
+  m_node = std::make_shared<BackgroundVirtualityNode>(10001);  // for TearDown
+}
+
+// A frame the blend cannot write back (not I420) is dropped after its mask came.
+TEST_F(BackgroundNodeTest, FrameThatCannotBeWrittenBackIsDropped) {
+  ASSERT_EQ(m_node->SetEnable(true), 0U);
+  auto* argb = new OsvGraphicBuffer(kWidth, kHeight, TAVO_VIDEO_VLINK_FORMAT_ARGB, true);
+  argb->SetReleaseTarget(m_producer);
+  {
+    FrameRef mine = FrameRef::Share(argb);
+    ++m_sent;
+    ASSERT_EQ(m_node->HandleBuffer(mine), 0U);
+  }
+  Submit(2);
+  ASSERT_TRUE(AllReleased());
+  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{2}));
+  EXPECT_TRUE(m_log.HasModule("RGBToYUV420SP failed"));
+  EXPECT_TRUE(m_log.HasModule("DataOverlayer failed"));
+}
+
+TEST_F(BackgroundNodeTest, ShutdownOfANodeSwitchedOnButNeverStartedStopsItsThread) {
+  auto node = std::make_shared<BackgroundVirtualityNode>(30000);
+  node->SetParam(Params(m_bgPath, kWidth, kHeight));
+  ASSERT_EQ(node->SetEnable(true), 0U);
+  EXPECT_TRUE(node->IsRunning());
+  node->Shutdown();
+  EXPECT_FALSE(node->IsRunning());
+  EXPECT_EQ(m_client.Get().destroys, 1);
+}
+
+}  // namespace

@@ -1,0 +1,341 @@
+// A test double of the inference client "libtavo_computing_client.so": the ten entry points
+// as plain functions over one current fake (the client's callbacks carry no user data, so
+// there is one per process at a time). Put its Symbols() into a FakeDynamicLoader.
+//
+// Requests are answered in submission order on the fake's own thread with a mask of
+// `maskValue` everywhere. Knobs inject each misbehaviour a real client can show: refused
+// calls, held (delayed) answers, failing statuses, answers given twice, answers after stop,
+// and answers never given.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "background/computing_client/tavo_computing_client.h"
+#include "core/tavo_video_named_thread.h"
+#include "tests/support/wait.h"
+
+class FakeComputingClient {
+ public:
+  FakeComputingClient() {
+    s_current = this;
+    m_thread.Start([this] { Body(); });
+  }
+  ~FakeComputingClient() {
+    m_thread.Stop();
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (void* buffer : m_lent) {
+      std::free(buffer);
+    }
+    for (Pending& p : m_pending) {
+      std::free(p.data);
+    }
+    s_current = nullptr;
+  }
+  FakeComputingClient(const FakeComputingClient&) = delete;
+  FakeComputingClient& operator=(const FakeComputingClient&) = delete;
+
+  // The ten entry points by name, less `omit`.
+  static std::map<std::string, void*> Symbols(const std::string& omit = "") {
+    std::map<std::string, void*> symbols = {
+        {"TavoComputingClientInit", reinterpret_cast<void*>(&Init)},
+        {"TavoComputingCreateTask", reinterpret_cast<void*>(&CreateTask)},
+        {"TavoComputingDestroyTask", reinterpret_cast<void*>(&DestroyTask)},
+        {"TavoComputingStartTask", reinterpret_cast<void*>(&StartTask)},
+        {"TavoComputingStopTask", reinterpret_cast<void*>(&StopTask)},
+        {"TavoComputingQueryResourceUsage", reinterpret_cast<void*>(&QueryResourceUsage)},
+        {"TavoComputingUpdateTaskParams", reinterpret_cast<void*>(&UpdateTaskParams)},
+        {"TavoComputingInference", reinterpret_cast<void*>(&Inference)},
+        {"TavoComputingGetBuffer", reinterpret_cast<void*>(&GetBuffer)},
+        {"TavoComputingReturnBuffer", reinterpret_cast<void*>(&ReturnBuffer)},
+    };
+    symbols.erase(omit);
+    return symbols;
+  }
+
+  // Knobs, set before frames flow (guarded by m_lock like everything else).
+  struct Knobs {
+    int initResult = 0;
+    int createResult = 0;
+    int startResult = 0;
+    int stopResult = 0;
+    int destroyResult = 0;
+    int updateResult = 0;
+    int inferenceResult = 0;
+    int getBufferResult = 0;
+    bool hold = false;                // answers wait for Release()
+    bool twice = false;               // every answer is given twice
+    bool never = false;               // nothing is ever answered
+    bool answerAfterStop = false;     // StopTask leaves pending answers for later
+    std::set<uint64_t> failRequests;  // request numbers (from 1) answered with status 7
+    uint8_t maskValue = 255;
+    bool alternate = false;  // odd requests get an all-person mask, even ones all background
+    bool inline_ = false;    // answers inside TavoComputingInference, on the caller's thread
+  };
+  void Set(const Knobs& knobs) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_knobs = knobs;
+  }
+  template <class F>
+  void Change(F&& change) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    change(m_knobs);
+  }
+  // Lets `count` held answers go.
+  void Release(int count = 1 << 30) {
+    {
+      std::lock_guard<std::mutex> lock(m_lock);
+      m_released += count;
+    }
+    m_thread.Wake();
+  }
+
+  struct Record {
+    int creates = 0, destroys = 0, starts = 0, stops = 0, updates = 0, inferences = 0;
+    std::vector<std::vector<uint8_t>> createParams;  // the task record bytes
+    std::vector<std::vector<uint8_t>> updateParams;
+    std::vector<TavoComputingTaskConfig> configs;
+    std::vector<uint32_t> taskIds;     // as created
+    std::vector<int> answersAtUpdate;  // answers begun when each update came
+    std::string clientName;
+  };
+  Record Get() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_record;
+  }
+  size_t PendingCount() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_pending.size();
+  }
+  CountLatch requests;  // bumped per accepted inference
+  CountLatch answers;   // bumped per callback given
+
+ private:
+  struct Pending {
+    uint64_t number;
+    uint32_t taskId;
+    void* data;
+    TavoComputingCallback callback;
+  };
+
+  static std::vector<uint8_t> Bytes(const TavoComputingTaskParams& params) {
+    const auto* p = reinterpret_cast<const uint8_t*>(&params);
+    return std::vector<uint8_t>(p, p + sizeof params);
+  }
+
+  static int Init(const char* name, uint32_t) {
+    std::lock_guard<std::mutex> lock(s_current->m_lock);
+    s_current->m_record.clientName = name == nullptr ? "" : name;
+    return s_current->m_knobs.initResult;
+  }
+  static int CreateTask(TavoComputingTaskConfig config, TavoComputingTaskParams params,
+                        uint32_t* taskId) {
+    std::lock_guard<std::mutex> lock(s_current->m_lock);
+    Record& r = s_current->m_record;
+    ++r.creates;
+    r.createParams.push_back(Bytes(params));
+    r.configs.push_back(config);
+    if (s_current->m_knobs.createResult != 0) {
+      return s_current->m_knobs.createResult;
+    }
+    s_current->m_frameBytes = size_t{params.width} * params.height * 3;
+    *taskId = ++s_current->m_nextId + 100;
+    r.taskIds.push_back(*taskId);
+    return 0;
+  }
+  static int DestroyTask(uint32_t) {
+    std::lock_guard<std::mutex> lock(s_current->m_lock);
+    ++s_current->m_record.destroys;
+    return s_current->m_knobs.destroyResult;
+  }
+  static int StartTask(uint32_t) {
+    std::lock_guard<std::mutex> lock(s_current->m_lock);
+    ++s_current->m_record.starts;
+    s_current->m_started = s_current->m_knobs.startResult == 0;
+    return s_current->m_knobs.startResult;
+  }
+  static int StopTask(uint32_t) {
+    FakeComputingClient* self = s_current;
+    {
+      std::lock_guard<std::mutex> lock(self->m_lock);
+      ++self->m_record.stops;
+      if (self->m_knobs.stopResult != 0) {
+        return self->m_knobs.stopResult;
+      }
+      self->m_started = false;
+      if (self->m_knobs.answerAfterStop) {
+        return 0;
+      }
+      if (self->m_knobs.never) {
+        for (Pending& p : self->m_pending) {
+          std::free(p.data);
+        }
+        self->m_pending.clear();
+        return 0;
+      }
+      self->m_cancel = true;  // the thread answers what is pending with a failure
+    }
+    self->m_thread.Wake();
+    std::unique_lock<std::mutex> lock(self->m_lock);
+    self->m_idle.wait(lock, [self] { return self->m_pending.empty() && !self->m_answering; });
+    self->m_cancel = false;
+    return 0;
+  }
+  static int QueryResourceUsage(uint32_t, TavoComputingResourceUsage* usage) {
+    *usage = TavoComputingResourceUsage{};
+    return 0;
+  }
+  static int UpdateTaskParams(TavoComputingTaskConfig config, TavoComputingTaskParams params,
+                              uint32_t) {
+    std::lock_guard<std::mutex> lock(s_current->m_lock);
+    Record& r = s_current->m_record;
+    ++r.updates;
+    r.updateParams.push_back(Bytes(params));
+    r.answersAtUpdate.push_back(s_current->m_answersBegun);
+    r.configs.push_back(config);
+    if (s_current->m_knobs.updateResult == 0) {
+      s_current->m_frameBytes = size_t{params.width} * params.height * 3;
+    }
+    return s_current->m_knobs.updateResult;
+  }
+  static int GetBuffer(uint32_t, TavoComputingBufferParams* buffer) {
+    std::lock_guard<std::mutex> lock(s_current->m_lock);
+    if (s_current->m_knobs.getBufferResult != 0) {
+      return s_current->m_knobs.getBufferResult;
+    }
+    *buffer = TavoComputingBufferParams{};
+    buffer->data = std::malloc(s_current->m_frameBytes);
+    buffer->size = static_cast<uint32_t>(s_current->m_frameBytes);
+    s_current->m_lent.insert(buffer->data);
+    return 0;
+  }
+  static int ReturnBuffer(uint32_t, TavoComputingBufferParams buffer) {
+    std::lock_guard<std::mutex> lock(s_current->m_lock);
+    if (s_current->m_lent.erase(buffer.data) != 0) {
+      std::free(buffer.data);
+    }
+    return 0;
+  }
+  static int Inference(void*, TavoComputingCallback callback, void*, uint32_t taskId,
+                       TavoComputingBufferParams input) {
+    FakeComputingClient* self = s_current;
+    bool answerInline = false;
+    uint8_t maskValue = 0;
+    size_t frameBytes = 0;
+    {
+      std::lock_guard<std::mutex> lock(self->m_lock);
+      ++self->m_record.inferences;
+      if (self->m_lent.erase(input.data) == 0) {
+        return TAVO_COMPUTING_ERR_ARGUMENT;
+      }
+      if (self->m_knobs.inferenceResult != 0 || !self->m_started || input.filled != 1) {
+        std::free(input.data);  // a refused request gives its buffer back
+        return self->m_knobs.inferenceResult != 0 ? self->m_knobs.inferenceResult
+                                                  : TAVO_COMPUTING_ERR_STATE;
+      }
+      answerInline = self->m_knobs.inline_;
+      maskValue = self->m_knobs.maskValue;
+      frameBytes = self->m_frameBytes;
+      if (!answerInline) {
+        self->m_pending.push_back(Pending{++self->m_submitted, taskId, input.data, callback});
+      }
+    }
+    self->requests.Add();
+    if (answerInline) {
+      std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, maskValue);
+      std::free(input.data);
+      TavoComputingBufferParams result{};
+      result.data = mask.data();
+      result.size = static_cast<uint32_t>(frameBytes / 3);
+      result.filled = 1;
+      callback(0, static_cast<int>(taskId), result);
+      self->answers.Add();
+      return 0;
+    }
+    self->m_thread.Wake();
+    return 0;
+  }
+
+  void Body() {
+    while (m_thread.WaitFor(1000, [this] {
+      std::lock_guard<std::mutex> lock(m_lock);
+      return Ready();
+    })) {
+      AnswerReady();
+    }
+  }
+  bool Ready() {  // m_lock held
+    if (m_pending.empty() || (m_knobs.never && !m_cancel)) {
+      return false;
+    }
+    return m_cancel || !m_knobs.hold || m_released > 0;
+  }
+  void AnswerReady() {
+    for (;;) {
+      Pending p{};
+      unsigned int status = 0;
+      int times = 1;
+      {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (!Ready()) {
+          return;
+        }
+        p = m_pending.front();
+        m_pending.pop_front();
+        if (m_cancel) {
+          status = static_cast<unsigned int>(TAVO_COMPUTING_ERR_CANCELLED);
+        } else {
+          if (m_knobs.hold) {
+            --m_released;
+          }
+          status = m_knobs.failRequests.count(p.number) != 0 ? 7U : 0U;
+          times = m_knobs.twice ? 2 : 1;
+        }
+        const uint8_t value = m_knobs.alternate ? (p.number % 2 == 1 ? 255 : 0) : m_knobs.maskValue;
+        std::memset(m_mask.data(), value, m_mask.size());
+        m_answersBegun += times;
+        m_answering = true;
+      }
+      std::free(p.data);
+      TavoComputingBufferParams result{};
+      result.data = status == 0 ? m_mask.data() : nullptr;
+      result.size = status == 0 ? static_cast<uint32_t>(m_frameBytes / 3) : 0;
+      result.filled = status == 0 ? 1 : 0;
+      for (int i = 0; i < times; ++i) {
+        p.callback(status, static_cast<int>(p.taskId), result);
+        answers.Add();
+      }
+      {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_answering = false;
+      }
+      m_idle.notify_all();
+    }
+  }
+
+  static inline FakeComputingClient* s_current = nullptr;
+  std::mutex m_lock;  // guards everything below except m_mask (the thread's own)
+  std::condition_variable m_idle;
+  Knobs m_knobs;
+  Record m_record;
+  std::set<void*> m_lent;
+  std::deque<Pending> m_pending;
+  size_t m_frameBytes = 0;
+  uint32_t m_nextId = 0;
+  uint64_t m_submitted = 0;
+  int m_released = 0;
+  bool m_started = false;
+  bool m_cancel = false;
+  bool m_answering = false;
+  int m_answersBegun = 0;  // callbacks about to be made or made (answers counts them after)
+  std::vector<uint8_t> m_mask = std::vector<uint8_t>(TAVO_COMPUTING_RESULT_BYTES, 0);
+  NamedThread m_thread{"FAKE_COMPUTING"};
+};
