@@ -24,6 +24,7 @@ LANDSCAPE="$MODEL_DIR/output_ppsegv2_224_398_mask"
 PORTRAIT="$MODEL_DIR/output_ppsegv2_398_224_mask"
 CONVERTER="$(pwd)/scripts/convert_selfie_model.py"
 
+if ! command -v npm >/dev/null; then $SUDO apt-get install -y --no-install-recommends npm; fi
 mkdir -p "$CACHE_DIR"
 if [ ! -s "$LANDSCAPE" ] || [ ! -s "$PORTRAIT" ] || [ "$CONVERTER" -nt "$LANDSCAPE" ]; then
   work="$(mktemp -d)"
