@@ -280,9 +280,10 @@ uint32_t DevCaptureManager::CopyNv21(_PEL_V_FRAME& frame) {
   return 0;
 }
 
-uint32_t DevCaptureManager::TransYuy2ToYuv420(_PEL_V_FRAME& frame) {
-  // Rows of width*2 bytes; an odd width reads a whole last pixel pair.
-  if (!HasBytes(frame, uint64_t{frame.width} * 2 * frame.height + uint64_t{frame.width & 1U} * 2)) {
+uint32_t DevCaptureManager::TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t bytesPerPixel,
+                                                uint64_t extraBytes, PackedToI420 convert,
+                                                const char* failure) {
+  if (!HasBytes(frame, uint64_t{frame.width} * bytesPerPixel * frame.height + extraBytes)) {
     return 1;
   }
   uint32_t size = 0;
@@ -291,16 +292,21 @@ uint32_t DevCaptureManager::TransYuy2ToYuv420(_PEL_V_FRAME& frame) {
     return 1;
   }
   const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const int ret =
-      libyuv::YUY2ToI420(frame.data, Int(frame.width * 2), out.y, out.strideY, out.u, out.strideUv,
-                         out.v, out.strideUv, Int(frame.width), Int(frame.height));
+  const int ret = convert(frame.data, Int(frame.width * bytesPerPixel), out.y, out.strideY, out.u,
+                          out.strideUv, out.v, out.strideUv, Int(frame.width), Int(frame.height));
   if (ret != 0) {
     ReleaseBuffer(block);
-    FRAME_ERR("convert yuy2 to yuv420 fail. ret = %d", ret);
+    FRAME_ERR("%s%d", failure, ret);
     return 1;
   }
   TakeBlock(frame, block, size);
   return 0;
+}
+
+uint32_t DevCaptureManager::TransYuy2ToYuv420(_PEL_V_FRAME& frame) {
+  // Rows of width*2 bytes; an odd width reads a whole last pixel pair.
+  return TransPackedToYuv420(frame, 2, uint64_t{frame.width & 1U} * 2, libyuv::YUY2ToI420,
+                             "convert yuy2 to yuv420 fail. ret = ");
 }
 
 namespace {
@@ -394,47 +400,13 @@ uint32_t DevCaptureManager::TransNV12ToI420Rotate(_PEL_V_FRAME& frame) {
 }
 
 uint32_t DevCaptureManager::TransRGB24ToYuv420(_PEL_V_FRAME& frame) {
-  if (!HasBytes(frame, uint64_t{frame.width} * 3 * frame.height)) {
-    return 1;
-  }
-  uint32_t size = 0;
-  uint8_t* block = NewBlock(frame.width, frame.height, size);
-  if (block == nullptr) {
-    return 1;
-  }
-  const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const int ret =
-      libyuv::RGB24ToI420(frame.data, Int(frame.width * 3), out.y, out.strideY, out.u, out.strideUv,
-                          out.v, out.strideUv, Int(frame.width), Int(frame.height));
-  if (ret != 0) {
-    ReleaseBuffer(block);
-    FRAME_ERR("convert RGB24 to yuv420 fail. ret = %d", ret);
-    return 1;
-  }
-  TakeBlock(frame, block, size);
-  return 0;
+  return TransPackedToYuv420(frame, 3, 0, libyuv::RGB24ToI420,
+                             "convert RGB24 to yuv420 fail. ret = ");
 }
 
 uint32_t DevCaptureManager::TransAbgrToYuv420(_PEL_V_FRAME& frame) {
-  if (!HasBytes(frame, uint64_t{frame.width} * 4 * frame.height)) {
-    return 1;
-  }
-  uint32_t size = 0;
-  uint8_t* block = NewBlock(frame.width, frame.height, size);
-  if (block == nullptr) {
-    return 1;
-  }
-  const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const int ret =
-      libyuv::ABGRToI420(frame.data, Int(frame.width * 4), out.y, out.strideY, out.u, out.strideUv,
-                         out.v, out.strideUv, Int(frame.width), Int(frame.height));
-  if (ret != 0) {
-    ReleaseBuffer(block);
-    FRAME_ERR("convert argb to yuvI420 fail. ret = %d", ret);
-    return 1;
-  }
-  TakeBlock(frame, block, size);
-  return 0;
+  return TransPackedToYuv420(frame, 4, 0, libyuv::ABGRToI420,
+                             "convert argb to yuvI420 fail. ret = ");
 }
 
 uint32_t DevCaptureManager::TransMjpgToYuv420(_PEL_V_FRAME& frame) {

@@ -57,6 +57,12 @@ class DevCaptureManager {
   uint32_t ConvertToI420(_PEL_V_FRAME& frame);
   uint32_t CopyYuv420(_PEL_V_FRAME& frame);
   uint32_t CopyNv21(_PEL_V_FRAME& frame);
+  // One packed format (bytesPerPixel a pixel, rows width*bytesPerPixel apart) to I420;
+  // `failure` is the log text before the converter's code.
+  using PackedToI420 = int (*)(const uint8_t*, int, uint8_t*, int, uint8_t*, int, uint8_t*, int,
+                               int, int);
+  uint32_t TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t bytesPerPixel, uint64_t extraBytes,
+                               PackedToI420 convert, const char* failure);
   uint32_t TransYuy2ToYuv420(_PEL_V_FRAME& frame);
   uint32_t TransNv12ToYuv420(_PEL_V_FRAME& frame);
   uint32_t TransNv21ToYuv420(_PEL_V_FRAME& frame);
