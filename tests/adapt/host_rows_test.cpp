@@ -151,20 +151,20 @@ class HostRowsTest : public LoadedLibraryTest {
     g_decoder = &m_decoder;
     g_screen = &m_screen;
     m_underflows = OsvGraphicBuffer::GetUnderflowCount();
-    ASSERT_EQ(Get<decltype(TavoVideoGetCreateNodeFuncMap)>("TavoVideoGetCreateNodeFuncMap", m_create,
-                                                           m_createCount),
+    ASSERT_EQ(Get<decltype(TavoVideoGetCreateNodeFuncMap)>("TavoVideoGetCreateNodeFuncMap",
+                                                           m_create, m_createCount),
               0U);
-    ASSERT_EQ(
-        Get<decltype(TavoVideoGetBindNodeFuncMap)>("TavoVideoGetBindNodeFuncMap", m_bind, m_bindCount),
-        0U);
-    ASSERT_EQ(Get<decltype(TavoVideoGetUnBindNodeFuncMap)>("TavoVideoGetUnBindNodeFuncMap", m_unbind,
-                                                           m_unbindCount),
+    ASSERT_EQ(Get<decltype(TavoVideoGetBindNodeFuncMap)>("TavoVideoGetBindNodeFuncMap", m_bind,
+                                                         m_bindCount),
+              0U);
+    ASSERT_EQ(Get<decltype(TavoVideoGetUnBindNodeFuncMap)>("TavoVideoGetUnBindNodeFuncMap",
+                                                           m_unbind, m_unbindCount),
               0U);
     ASSERT_EQ(Get<decltype(TavoVideoGetDestroyNodeFuncMap)>("TavoVideoGetDestroyNodeFuncMap",
                                                             m_destroy, m_destroyCount),
               0U);
-    ASSERT_EQ(Get<decltype(TavoVideoGetUpdateNodeFuncMap)>("TavoVideoGetUpdateNodeFuncMap", m_update,
-                                                           m_updateCount),
+    ASSERT_EQ(Get<decltype(TavoVideoGetUpdateNodeFuncMap)>("TavoVideoGetUpdateNodeFuncMap",
+                                                           m_update, m_updateCount),
               0U);
     m_receive = Symbol<decltype(TavoVideoReceiveVDecFrame)>("TavoVideoReceiveVDecFrame");
     m_releaseEnc = Symbol<decltype(TavoVideoReleaseVEncFrame)>("TavoVideoReleaseVEncFrame");
@@ -367,10 +367,10 @@ TEST_F(HostRowsTest, DISABLED_FirstFrameReportMayWaitForAnotherThreadUsingThePre
   std::atomic<int> late{0};
   CountLatch finished;
   ASSERT_EQ(m_setReport([&](TavoVideoDisplayWinInfo&) {
-              late += FinishesWhileWaiting([&] { EXPECT_EQ(m_stopRender(1131, 0x51), 0U); },
-                                           finished)
-                          ? 0
-                          : 1;
+              late +=
+                  FinishesWhileWaiting([&] { EXPECT_EQ(m_stopRender(1131, 0x51), 0U); }, finished)
+                      ? 0
+                      : 1;
               return 0;
             }),
             0U);
