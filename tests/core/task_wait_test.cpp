@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <future>
 #include <memory>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "core/tavo_video_thread_pool.h"
@@ -13,49 +15,84 @@
 
 namespace {
 
+// A producer that notes, when a frame it made is let go, how many tasks `watched` still has.
+class ReleaseProbe : public CountingNode {
+ public:
+  explicit ReleaseProbe(uint32_t id) : CountingNode(id) {}
+  void ReleaseBufferDeal(OsvGraphicBuffer* buffer) override {
+    pendingAtRelease = static_cast<int>(watched->GetPendingTaskCount());
+    CountingNode::ReleaseBufferDeal(buffer);
+  }
+  std::shared_ptr<VideoVlinkNode> watched;
+  std::atomic<int> pendingAtRelease{-1};
+};
+
 constexpr auto kRoundLimit = std::chrono::seconds(10);
 
-// Several producers each post one task and wait for it, thousands of times, on a pool that
-// has nothing else to do: its workers go to sleep between rounds, so a wake-up that falls
-// between a worker's last look and its sleep stalls a round.
+// Producers post one task and wait for it, thousands of times, on a pool with nothing else
+// to do: its workers fall asleep between rounds, so a wake-up lost between a worker's last
+// look at the queue and its sleep stalls a round. One producer on one worker has nobody to
+// rescue a lost wake-up; several on a few workers race each other.
 TEST(PoolWakeUpTest, RacingProducersNeverStallARound) {
-  ThreadPool pool(3);
-  constexpr int kProducers = 4;
-  constexpr int kRounds = 3000;
-  std::atomic<int> stalled{0};
-  std::vector<std::thread> producers;
-  for (int p = 0; p < kProducers; ++p) {
-    producers.emplace_back([&, p] {
-      for (int round = 0; round < kRounds && stalled == 0; ++round) {
-        auto ran = std::make_shared<std::promise<void>>();
-        std::future<void> done = ran->get_future();
-        PoolTask task([ran] { ran->set_value(); });
-        const bool posted =
-            (round + p) % 2 == 0 ? pool.Post(std::move(task)) : pool.PostBatch(&task, 1);
-        ASSERT_TRUE(posted);
-        if (done.wait_for(kRoundLimit) != std::future_status::ready) {
-          ++stalled;
+  for (const auto& [workers, producerCount, rounds] :
+       {std::tuple{1UL, 1, 50000}, std::tuple{2UL, 2, 20000}, std::tuple{3UL, 4, 2000}}) {
+    ThreadPool pool(workers);
+    std::atomic<int> stalled{0};
+    std::vector<std::thread> producers;
+    for (int p = 0; p < producerCount; ++p) {
+      producers.emplace_back([&, p, rounds = rounds] {
+        for (int round = 0; round < rounds && stalled == 0; ++round) {
+          // The producer watches the task's flag without sleeping, so that its next post
+          // comes while the worker is still on its way back to sleep.
+          auto ran = std::make_shared<std::atomic<bool>>(false);
+          PoolTask task([ran] { ran->store(true); });
+          const bool posted =
+              (round + p) % 2 == 0 ? pool.Post(std::move(task)) : pool.PostBatch(&task, 1);
+          const auto deadline = std::chrono::steady_clock::now() + kRoundLimit;
+          while (posted && !ran->load() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+          }
+          if (!ran->load()) {
+            ++stalled;
+          }
         }
-      }
-    });
+      });
+    }
+    for (std::thread& producer : producers) {
+      producer.join();
+    }
+    EXPECT_EQ(stalled, 0) << workers << " workers: a posted task was not run in time";
   }
-  for (std::thread& producer : producers) {
-    producer.join();
-  }
-  EXPECT_EQ(stalled, 0) << "a posted task was not run: a worker missed its wake-up";
 }
 
-// A batch of more tasks than there are sleeping workers still runs every task.
-TEST(PoolWakeUpTest, BatchLargerThanThePoolRunsEveryTask) {
-  ThreadPool pool(2);
-  for (int round = 0; round < 200; ++round) {
-    CountLatch ran;
+// A batch (a frame's hand-offs to all of its receivers) wakes a worker per task: tasks that
+// can only finish together all run at once on a pool that was asleep.
+TEST(PoolWakeUpTest, BatchWakesAWorkerPerTask) {
+  constexpr size_t kWorkers = 4;
+  ThreadPool pool(kWorkers);
+  for (int round = 0; round < 100; ++round) {
+    std::mutex lock;
+    std::condition_variable changed;
+    size_t arrived = 0;
+    std::atomic<int> alone{0};
+    CountLatch finished;
     std::vector<PoolTask> tasks;
-    for (int i = 0; i < 7; ++i) {
-      tasks.emplace_back([&ran] { ran.Add(); });
+    for (size_t i = 0; i < kWorkers; ++i) {
+      tasks.emplace_back([&] {
+        std::unique_lock<std::mutex> guard(lock);
+        ++arrived;
+        changed.notify_all();
+        if (!changed.wait_for(guard, std::chrono::seconds(5),
+                              [&] { return arrived == kWorkers; })) {
+          ++alone;
+        }
+        guard.unlock();
+        finished.Add();
+      });
     }
     ASSERT_TRUE(pool.PostBatch(tasks.data(), tasks.size()));
-    ASSERT_TRUE(ran.WaitFor(7)) << "round " << round;
+    ASSERT_TRUE(finished.WaitFor(static_cast<int>(kWorkers)));
+    ASSERT_EQ(alone, 0) << "round " << round << ": the batch did not wake a worker per task";
   }
 }
 
@@ -64,6 +101,8 @@ TEST(PoolWakeUpTest, BatchLargerThanThePoolRunsEveryTask) {
 TEST(NodeTaskWaitTest, WaitEndsOnlyAfterTheRunningTaskAndItsFrame) {
   auto node = std::make_shared<CountingNode>(31);
   ASSERT_EQ(node->StartProcess(), 0U);
+  auto producer = std::make_shared<ReleaseProbe>(30);
+  producer->watched = node;
   auto gate = std::make_unique<Gate>();
   CountLatch entered;
   std::atomic<bool> handlerDone{false};
@@ -74,6 +113,7 @@ TEST(NodeTaskWaitTest, WaitEndsOnlyAfterTheRunningTaskAndItsFrame) {
   };
   for (int round = 0; round < 3; ++round) {
     OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
+    frame.SetReleaseTarget(producer);
     FrameRef share = FrameRef::Share(&frame);
     handlerDone = false;
     ASSERT_EQ(node->QueueBuffer(share), 0U);
@@ -90,6 +130,9 @@ TEST(NodeTaskWaitTest, WaitEndsOnlyAfterTheRunningTaskAndItsFrame) {
     waiter.join();
     EXPECT_TRUE(waited.get()) << "the wait ended before the task had dropped its frame";
     EXPECT_EQ(node->GetPendingTaskCount(), 0U);
+    // The task dropped its frame while it was still counted.
+    EXPECT_EQ(producer->pendingAtRelease, 1);
+    ASSERT_TRUE(producer->released.WaitFor(round + 1));
     gate = std::make_unique<Gate>();
   }
   node->StopProcess();
