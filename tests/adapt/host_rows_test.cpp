@@ -38,6 +38,7 @@ struct Screen {
   std::vector<VencOutFrame*> held;
   std::map<uint32_t, int> hostKeys;  // encoder frames by the host key they carried
   uint32_t encoderAnswer = 1;
+  std::function<void()> onRender;  // run outside the lock, before the frame is counted
   CountLatch rendered;
   CountLatch offered;
 };
@@ -59,6 +60,14 @@ uint32_t OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
 }
 
 int OnRender(uint32_t winHandle, TavoVideoRenderImgHeader*) {
+  std::function<void()> hook;
+  {
+    std::lock_guard<std::mutex> lock(g_screen->lock);
+    hook = g_screen->onRender;
+  }
+  if (hook) {
+    hook();
+  }
   {
     std::lock_guard<std::mutex> lock(g_screen->lock);
     ++g_screen->framesByWindow[winHandle];
@@ -534,6 +543,41 @@ TEST_F(HostRowsTest, UnbindRebindCyclesAndDestroyOfABoundSink) {
   ASSERT_EQ(Push(169), 0U);
   ASSERT_TRUE(AllBack());
   EXPECT_EQ(Rendered(0xA1), kCycles);
+}
+
+// A decoder destroyed while its frame is still being shown: the destroy does not wait for
+// the preview, and the frame still comes back once when the preview lets go. Destroying the
+// preview then waits for its running frame.
+TEST_F(HostRowsTest, DestroyWhileAFrameIsBeingShown) {
+  Param decoder = DecoderParam(138);
+  Param preview = PreviewParam({{0xD1, 138}});
+  ASSERT_EQ(Create(kDec, 1220, 176, decoder.get()), 0U);
+  ASSERT_EQ(Create(kVo, 1221, 177, preview.get()), 0U);
+  ASSERT_EQ(Bind(kVo, kDec, 1221, 1220), 0U);
+  Gate gate;
+  CountLatch entered;
+  {
+    std::lock_guard<std::mutex> lock(m_screen.lock);
+    m_screen.onRender = [&] {
+      entered.Add();
+      gate.Pass();
+    };
+  }
+  ASSERT_EQ(Push(176), 0U);
+  ASSERT_TRUE(entered.WaitFor(1));
+  EXPECT_EQ(Destroy(kDec, 1220), 0U);
+  EXPECT_EQ(m_decoder.back.Get(), 0);
+  std::promise<void> destroyed;
+  std::future<void> previewGone = destroyed.get_future();
+  std::thread destroyer([&] {
+    EXPECT_EQ(Destroy(kVo, 1221), 0U);
+    destroyed.set_value();
+  });
+  EXPECT_EQ(previewGone.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  gate.Open();
+  destroyer.join();
+  ASSERT_TRUE(AllBack());
+  EXPECT_EQ(Rendered(0xD1), 1);
 }
 
 // Two host threads on one link: only 0 or 1 comes back, nothing crashes or leaks, and every
