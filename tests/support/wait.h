@@ -12,11 +12,10 @@ constexpr std::chrono::seconds kGenerousTimeout{20};
 // A counter that threads bump and tests wait on.
 class CountLatch {
  public:
+  // Notifies under the lock: a waiter that sees the count may destroy the latch at once.
   void Add(int n = 1) {
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      m_count += n;
-    }
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_count += n;
     m_changed.notify_all();
   }
   int Get() {
@@ -44,10 +43,8 @@ class CountLatch {
 class Gate {
  public:
   void Open() {
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      m_open = true;
-    }
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_open = true;
     m_opened.notify_all();
   }
   bool Pass(std::chrono::seconds limit = kGenerousTimeout) {
