@@ -206,6 +206,7 @@ uint32_t OnVirtualOut(uint32_t port, void* target, uint32_t targetSize, void* so
 
 TEST(VirtualCameraNodeTest, HandsRecordsOnlyWhenStarted) {
   LogCapture logs;
+  g_outPort = 0;
   VirtualCameraNode node(44);
   VoDevInfo info{};
   info.voPort = 3;

@@ -162,18 +162,6 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
   Unlink(source, encoder);
 }
 
-TEST_F(VencNodeTest, ErrorCallbackIsOptional) {
-  LogCapture logs;
-  VirtualEncoderNode node(5);
-  EXPECT_EQ(node.ReportEncError(3), 0U);
-  int seen = 0;
-  node.SetEncErrorCallBackFun([&](int code) { return seen = code; });
-  node.SetEncErrorCallBackFun(nullptr);
-  EXPECT_TRUE(logs.HasModule("funcPtr is nullptr", 1));
-  EXPECT_EQ(node.ReportEncError(9), 0U);
-  EXPECT_EQ(seen, 9);
-}
-
 TEST_F(VencNodeTest, DeletingAStartedNodeFromTheRegistryStopsItFirst) {
   LogCapture logs;
   constexpr uint32_t kId = 6;
