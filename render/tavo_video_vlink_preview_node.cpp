@@ -1,6 +1,7 @@
 #include "render/tavo_video_vlink_preview_node.h"
 
 #include <cstring>
+#include <vector>
 
 #include "platform/safe_string.h"
 
@@ -161,6 +162,8 @@ uint32_t VideoPreviewNode::HandleBuffer(FrameRef& frame) {
   }
   OsvGraphicBuffer* buffer = frame.Get();
   const uint32_t imgNo = buffer->GetSrcImgNo();
+  // Windows showing their first frame; only a window's first frame allocates here.
+  std::vector<uint64_t> firstFrames;
   {
     std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
     for (auto& [handle, render] : m_renderMap) {
@@ -168,11 +171,15 @@ uint32_t VideoPreviewNode::HandleBuffer(FrameRef& frame) {
         continue;
       }
       if (render.frameCnt == 0) {
-        ReportFirstFrame(imgNo, handle);
+        firstFrames.push_back(handle);
       }
       ++render.frameCnt;
       TavoVideoRenderFrame(render.manager, buffer);
     }
+  }
+  // The host hears of them without our locks: it may call back into this preview.
+  for (uint64_t handle : firstFrames) {
+    ReportFirstFrame(imgNo, handle);
   }
   return 0;  // rendering copies; the task drops the frame
 }

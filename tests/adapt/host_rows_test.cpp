@@ -390,10 +390,7 @@ TEST_F(HostRowsTest, ReleaseCallbackMayWaitForAnotherThreadUsingTheDecoder) {
 }
 
 // Like the release callback, the first-frame report runs without the library's locks.
-// DISABLED: VideoPreviewNode::HandleBuffer (render/tavo_video_vlink_preview_node.cpp) calls
-// ReportFirstFrame while it holds the preview's node lock, so a host thread that stops a
-// window (or updates the preview) waits until the report returns.
-TEST_F(HostRowsTest, DISABLED_FirstFrameReportMayWaitForAnotherThreadUsingThePreview) {
+TEST_F(HostRowsTest, FirstFrameReportMayWaitForAnotherThreadUsingThePreview) {
   Param decoder = DecoderParam(150);
   Param preview = PreviewParam({{0x51, 150}});
   ASSERT_EQ(Create(kDec, 1130, 128, decoder.get()), 0U);
