@@ -318,7 +318,8 @@ uint64_t SemiPlanarBytes(uint32_t width, uint32_t height) {
 
 }  // namespace
 
-uint32_t DevCaptureManager::TransNv12ToYuv420(_PEL_V_FRAME& frame) {
+uint32_t DevCaptureManager::TransSemiPlanarToYuv420(_PEL_V_FRAME& frame, SemiPlanarToI420 convert,
+                                                    const char* failure) {
   if (!HasBytes(frame, SemiPlanarBytes(frame.width, frame.height))) {
     return 1;
   }
@@ -328,41 +329,30 @@ uint32_t DevCaptureManager::TransNv12ToYuv420(_PEL_V_FRAME& frame) {
     return 1;
   }
   const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const uint8_t* uv = frame.data + size_t{frame.width} * frame.height;
-  const int ret = libyuv::NV12ToI420(frame.data, Int(frame.width), uv, Int(frame.width), out.y,
-                                     out.strideY, out.u, out.strideUv, out.v, out.strideUv,
-                                     Int(frame.width), Int(frame.height));
+  const uint8_t* chroma = frame.data + size_t{frame.width} * frame.height;
+  const int ret =
+      convert(frame.data, Int(frame.width), chroma, Int(frame.width), out.y, out.strideY, out.u,
+              out.strideUv, out.v, out.strideUv, Int(frame.width), Int(frame.height));
   if (ret != 0) {
     ReleaseBuffer(block);
-    FRAME_ERR("convert NV12 to yuv420 fail. ret = %d", ret);
+    FRAME_ERR("%s%d", failure, ret);
     return 1;
   }
   TakeBlock(frame, block, size);
   return 0;
 }
 
+uint32_t DevCaptureManager::TransNv12ToYuv420(_PEL_V_FRAME& frame) {
+  return TransSemiPlanarToYuv420(frame, libyuv::NV12ToI420, "convert NV12 to yuv420 fail. ret = ");
+}
+
 uint32_t DevCaptureManager::TransNv21ToYuv420(_PEL_V_FRAME& frame) {
-  if (!HasBytes(frame, SemiPlanarBytes(frame.width, frame.height))) {
-    return 1;
+  const uint32_t result =
+      TransSemiPlanarToYuv420(frame, libyuv::NV21ToI420, "convert Nv21 to yuvI420 fail. ret = ");
+  if (result == 0) {
+    frame.stride = frame.width;
   }
-  uint32_t size = 0;
-  uint8_t* block = NewBlock(frame.width, frame.height, size);
-  if (block == nullptr) {
-    return 1;
-  }
-  const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const uint8_t* vu = frame.data + size_t{frame.width} * frame.height;
-  const int ret = libyuv::NV21ToI420(frame.data, Int(frame.width), vu, Int(frame.width), out.y,
-                                     out.strideY, out.u, out.strideUv, out.v, out.strideUv,
-                                     Int(frame.width), Int(frame.height));
-  if (ret != 0) {
-    ReleaseBuffer(block);
-    FRAME_ERR("convert Nv21 to yuvI420 fail. ret = %d", ret);
-    return 1;
-  }
-  TakeBlock(frame, block, size);
-  frame.stride = frame.width;
-  return 0;
+  return result;
 }
 
 uint32_t DevCaptureManager::TransNV12ToI420Rotate(_PEL_V_FRAME& frame) {

@@ -63,6 +63,11 @@ class DevCaptureManager {
                                int, int);
   uint32_t TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t bytesPerPixel, uint64_t extraBytes,
                                PackedToI420 convert, const char* failure);
+  // NV12 or NV21 (luma, then interleaved chroma, both with stride width) to I420.
+  using SemiPlanarToI420 = int (*)(const uint8_t*, int, const uint8_t*, int, uint8_t*, int,
+                                   uint8_t*, int, uint8_t*, int, int, int);
+  uint32_t TransSemiPlanarToYuv420(_PEL_V_FRAME& frame, SemiPlanarToI420 convert,
+                                   const char* failure);
   uint32_t TransYuy2ToYuv420(_PEL_V_FRAME& frame);
   uint32_t TransNv12ToYuv420(_PEL_V_FRAME& frame);
   uint32_t TransNv21ToYuv420(_PEL_V_FRAME& frame);

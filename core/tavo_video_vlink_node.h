@@ -161,7 +161,7 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // Serialises start, stop and shutdown. Host callbacks that may run under it: the encoder
   // create callback (a start); a host must not start or stop the same node from it.
   std::mutex m_lifecycleLock;
-  bool m_shutDown = false;     // guarded by m_lifecycleLock
+  bool m_shutDown = false;  // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};
   std::atomic<int> m_taskWaiters{0};  // threads inside DealTaskHandler(true)
   std::mutex m_taskLock;  // pairs with m_tasksDone; held by no task and no host callback

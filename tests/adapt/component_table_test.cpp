@@ -66,17 +66,6 @@ int OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* header) {
   return 0;
 }
 
-template <class Row>
-auto Find(const Row* table, uint32_t count, uint32_t type, uint32_t srcType = 0)
-    -> decltype(table->func) {
-  for (uint32_t i = 0; i < count; ++i) {
-    if (table[i].type == type && table[i].srcType == srcType) {
-      return table[i].func;
-    }
-  }
-  return nullptr;
-}
-
 class ComponentTableTest : public LoadedLibraryTest {
  protected:
   void SetUp() override {

@@ -96,17 +96,6 @@ uint32_t OnEncFrame(uint32_t, uint32_t hostKey, uint32_t, VencOutFrame* frame) {
   return answer;
 }
 
-template <class Row>
-auto Find(const Row* table, uint32_t count, uint32_t type, uint32_t srcType = 0)
-    -> decltype(table->func) {
-  for (uint32_t i = 0; i < count; ++i) {
-    if (table[i].type == type && table[i].srcType == srcType) {
-      return table[i].func;
-    }
-  }
-  return nullptr;
-}
-
 // Runs call on another thread and waits for it with a limit: false when it did not finish in
 // time. The thread is left to finish by itself then (it bumps `finished` when it does), so a
 // deadlock the call runs into fails the test instead of hanging it.

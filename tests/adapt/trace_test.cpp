@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "trace/tavo_video_vlink_log.h"
 #include "tests/support/log_capture.h"
+#include "trace/tavo_video_vlink_log.h"
 
 namespace {
 

@@ -4,6 +4,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 class LoadedLibraryTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -16,3 +18,15 @@ class LoadedLibraryTest : public ::testing::Test {
   }
   static inline void* s_library = nullptr;
 };
+
+// The function of a component table's row for (type, srcType); null when there is none.
+template <class Row>
+auto Find(const Row* table, uint32_t count, uint32_t type, uint32_t srcType = 0)
+    -> decltype(table->func) {
+  for (uint32_t i = 0; i < count; ++i) {
+    if (table[i].type == type && table[i].srcType == srcType) {
+      return table[i].func;
+    }
+  }
+  return nullptr;
+}
