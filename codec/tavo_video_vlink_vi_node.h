@@ -9,9 +9,9 @@
 
 #include "core/tavo_video_named_thread.h"
 #include "core/tavo_video_vlink_node.h"
+#include "tavo_video_vlink_component.h"
 
-// Host function told about an input: (node id, status); status 0 = opened, 3 = no frame.
-using VlinkInputStatusCallback = void (*)(uint32_t nodeId, uint32_t status);
+using VlinkInputStatusCallback = TavoVideoInputStatusFunc;
 
 // The parameter record of a virtual (screen) input.
 struct ViDevInfo {

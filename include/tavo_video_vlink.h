@@ -6,6 +6,7 @@
 
 #include "osv_graphic_buffer.h"
 #include "tavo_video_data_container.h"
+#include "tavo_video_vlink_capture.h"
 #include "tavo_video_vlink_component.h"
 #include "tavo_video_vlink_trace.h"
 

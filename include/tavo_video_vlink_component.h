@@ -186,6 +186,38 @@ struct tagTavoVideoVirCamParam {
 };
 static_assert(offsetof(tagTavoVideoVirCamParam, virtualOutFunc) == 24);
 
+// Camera input component (type 0). The size and rate are what the host asks of the camera.
+struct tagTavoVideoCameraParam {
+  uint32_t reserved0;
+  uint32_t width;      // 4
+  uint32_t height;     // 8
+  uint32_t frameRate;  // 12
+  uint8_t reserved16[24];
+  char cameraId[192];  // 40: NUL-terminated device identity (V4L2 bus information)
+};
+static_assert(offsetof(tagTavoVideoCameraParam, cameraId) == 40);
+
+// Told about an input: (node id, status); status 0 = opened, 3 = no frame for 5 s.
+typedef void (*TavoVideoInputStatusFunc)(uint32_t nodeId, uint32_t status);
+
+// Screen input component (type 7). The node id ("imgNo" in the container) is 90 + the
+// screen port.
+struct tagTavoVideoScreenParam {
+  uint8_t reserved0[16];
+  uint32_t frameRate;  // 16: also the rate the capture paces itself by; non-zero
+  uint32_t width;      // 20: non-zero
+  uint32_t height;     // 24: non-zero
+  uint8_t reserved28[292];
+  uint32_t hostValue32;  // 320: carried unchanged
+  uint8_t reserved324[12];
+  TavoVideoInputStatusFunc statusCallback;  // 336: may be null
+  uint64_t hostValue64;                     // 344: carried unchanged
+};
+static_assert(offsetof(tagTavoVideoScreenParam, frameRate) == 16);
+static_assert(offsetof(tagTavoVideoScreenParam, hostValue32) == 320);
+static_assert(offsetof(tagTavoVideoScreenParam, statusCallback) == 336);
+static_assert(offsetof(tagTavoVideoScreenParam, hostValue64) == 344);
+
 // The host's component record, read according to the component's type.
 #define TAVO_VIDEO_COMPONENT_PARAM_SIZE 4096
 union tagTavoVideoComponentParam {
@@ -194,6 +226,8 @@ union tagTavoVideoComponentParam {
   tagTavoVideoVDecParam vdec;
   tagTavoVideoVoChnParam vo;
   tagTavoVideoVirCamParam virCam;
+  tagTavoVideoCameraParam camera;
+  tagTavoVideoScreenParam screen;
   uint8_t raw[TAVO_VIDEO_COMPONENT_PARAM_SIZE];
 };
 
