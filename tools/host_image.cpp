@@ -204,3 +204,30 @@ bool WritePng(const std::string& path, const RgbImage& image, std::string& error
   }
   return true;
 }
+
+void PasteScaled(const RgbImage& from, RgbImage& into, uint32_t x, uint32_t y, uint32_t width,
+                 uint32_t height) {
+  if (from.width == 0 || from.height == 0) {
+    return;
+  }
+  // The largest size of from's shape inside the box.
+  uint32_t w = width;
+  uint32_t h = static_cast<uint32_t>(uint64_t{from.height} * width / from.width);
+  if (h > height) {
+    h = height;
+    w = static_cast<uint32_t>(uint64_t{from.width} * height / from.height);
+  }
+  const uint32_t left = x + (width - w) / 2;
+  const uint32_t top = y + (height - h) / 2;
+  for (uint32_t row = 0; row < h && top + row < into.height; ++row) {
+    const uint32_t sourceRow = static_cast<uint32_t>(uint64_t{row} * from.height / h);
+    for (uint32_t col = 0; col < w && left + col < into.width; ++col) {
+      const uint32_t sourceCol = static_cast<uint32_t>(uint64_t{col} * from.width / w);
+      const uint8_t* s = &from.pixels[(size_t{sourceRow} * from.width + sourceCol) * 3];
+      uint8_t* d = &into.pixels[(size_t{top + row} * into.width + left + col) * 3];
+      d[0] = s[0];
+      d[1] = s[1];
+      d[2] = s[2];
+    }
+  }
+}

@@ -42,5 +42,10 @@ bool RenderedToRgb(const RenderedFrame& frame, RgbImage& out);
 void DrawMovingBars(uint32_t width, uint32_t height, uint32_t index, uint32_t count,
                     std::vector<uint8_t>& i420);
 
+// Scales `from` to fit a width x height box (keeping its shape, nearest pixel) and pastes
+// it centred in that box at (x, y) of `into`.
+void PasteScaled(const RgbImage& from, RgbImage& into, uint32_t x, uint32_t y, uint32_t width,
+                 uint32_t height);
+
 // Writes an 8-bit RGB PNG. false and a message in error on failure.
 bool WritePng(const std::string& path, const RgbImage& image, std::string& error);

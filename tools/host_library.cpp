@@ -17,6 +17,11 @@ bool BindSymbol(void* handle, F& function, const char* name) {
   return function != nullptr;
 }
 
+template <class F>
+void BindOptional(void* handle, F& function, const char* name) {
+  function = reinterpret_cast<F>(dlsym(handle, name));
+}
+
 template <class Row>
 auto FindRow(const Row* table, uint32_t count, uint32_t type, uint32_t srcType = 0)
     -> decltype(table->func) {
@@ -48,6 +53,16 @@ bool Library::Load(const std::string& path) {
     std::fprintf(stderr, "cannot load %s: %s\n", path.c_str(), dlerror());
     return false;
   }
+  BindOptional(handle, setCapResolution, "TavoVideoSetCapResolution");
+  BindOptional(handle, snapShot, "TavoVideoVlinkSnapShot");
+  BindOptional(handle, mouseSetParam, "TavoVideoMouseSetParam");
+  BindOptional(handle, showMouse, "TavoVideoShowMouse");
+  BindOptional(handle, hideMouse, "TavoVideoHideMouse");
+  BindOptional(handle, mouseStop, "TavoVideoMouseStop");
+  BindOptional(handle, overlayCreate, "TavoVideoVlinkOverlayParamCreate");
+  BindOptional(handle, overlayEnable, "TavoVideoVlinkOverlayParamEnable");
+  BindOptional(handle, overlaySet, "TavoVideoVlinkOverlayParamSet");
+  BindOptional(handle, overlayDestroy, "TavoVideoVlinkOverlayParamDestroy");
   return BindSymbol(handle, init, "TavoVideoVlinkInit") &&
          BindSymbol(handle, setTraceLevel, "TavoVideoSetTraceLevel") &&
          BindSymbol(handle, registerTrace, "TavoVideoRegisterTraceCallBack") &&

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tavo_video_vlink.h"
+#include "tavo_video_vlink_capture.h"
 
 // The library's exported functions, looked up by name.
 struct Library {
@@ -26,6 +27,18 @@ struct Library {
   decltype(&TavoVideoReleaseVEncFrame) releaseFrame = nullptr;
   decltype(&TavoVideoReceiveVDecFrame) receiveDecFrame = nullptr;
   decltype(&TavoVideoSetWinReportCb) setWinReportCb = nullptr;
+  // Capture, snapshot, mouse and overlay control: null when this build of the library lacks
+  // them (the modes that need them say so).
+  decltype(&TavoVideoSetCapResolution) setCapResolution = nullptr;
+  decltype(&TavoVideoVlinkSnapShot) snapShot = nullptr;
+  decltype(&TavoVideoMouseSetParam) mouseSetParam = nullptr;
+  decltype(&TavoVideoShowMouse) showMouse = nullptr;
+  decltype(&TavoVideoHideMouse) hideMouse = nullptr;
+  decltype(&TavoVideoMouseStop) mouseStop = nullptr;
+  decltype(&TavoVideoVlinkOverlayParamCreate) overlayCreate = nullptr;
+  decltype(&TavoVideoVlinkOverlayParamEnable) overlayEnable = nullptr;
+  decltype(&TavoVideoVlinkOverlayParamSet) overlaySet = nullptr;
+  decltype(&TavoVideoVlinkOverlayParamDestroy) overlayDestroy = nullptr;
 
   // dlopens path and looks up every function above; false, with a message, when one is
   // missing.

@@ -28,6 +28,12 @@ bool ParseOptions(int argc, char** argv, Options& options) {
         options.mode = Mode::kPreview;
       } else if (mode == "decode") {
         options.mode = Mode::kDecode;
+      } else if (mode == "screen") {
+        options.mode = Mode::kScreen;
+      } else if (mode == "camera") {
+        options.mode = Mode::kCamera;
+      } else if (mode == "tour") {
+        options.mode = Mode::kTour;
       } else {
         ok = false;
       }
@@ -50,6 +56,32 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.window = false;
     } else if (arg == "--linger" && hasValue) {
       options.linger = std::atof(argv[++i]);
+    } else if (arg == "--seconds" && hasValue) {
+      options.seconds = std::atof(argv[++i]);
+      ok = options.seconds > 0;
+    } else if (arg == "--cursor" && hasValue) {
+      const std::string cursor = argv[++i];
+      options.cursor = cursor == "drawn"    ? CursorMode::kDrawn
+                       : cursor == "hidden" ? CursorMode::kHidden
+                                            : CursorMode::kIndependent;
+      ok = cursor == "drawn" || cursor == "hidden" || cursor == "independent";
+    } else if (arg == "--camera-id" && hasValue) {
+      options.cameraId = argv[++i];
+    } else if (arg == "--clip" && hasValue) {
+      options.clip = argv[++i];
+    } else if (arg == "--background" && hasValue) {
+      options.background = argv[++i];
+    } else if (arg == "--background-off-after" && hasValue) {
+      options.backgroundOffAfter = std::atoi(argv[++i]);
+      ok = options.backgroundOffAfter > 0;
+    } else if (arg == "--capture-size" && hasValue) {
+      unsigned width = 0;
+      unsigned height = 0;
+      ok = std::sscanf(argv[++i], "%ux%u", &width, &height) == 2 && width > 0 && height > 0;
+      options.captureWidth = width;
+      options.captureHeight = height;
+    } else if (arg == "--links" && hasValue) {
+      options.links = argv[++i];
     } else if (arg == "--trace" && hasValue) {
       options.trace = std::atoi(argv[++i]);
     } else {
@@ -58,9 +90,14 @@ bool ParseOptions(int argc, char** argv, Options& options) {
   }
   if (!ok) {
     std::fprintf(stderr,
-                 "usage: %s [--mode encode|preview|decode] [--library PATH] [--image PATH]\n"
-                 "          [--frames N] [--out FILE.y4m] [--out-dir DIR] [--input FILE.y4m]\n"
-                 "          [--fast] [--no-window] [--linger SECONDS] [--trace 0-4]\n",
+                 "usage: %s [--mode tour|encode|preview|decode|screen|camera] [--library PATH]\n"
+                 "          [--image PATH] [--frames N] [--seconds S] [--out FILE.y4m]\n"
+                 "          [--out-dir DIR] [--input FILE.y4m] [--fast] [--no-window]\n"
+                 "          [--linger SECONDS] [--trace 0-4]\n"
+                 "          [--cursor independent|drawn|hidden]\n"
+                 "          [--camera-id BUS-ID] [--clip FILE.mjpeg|FILE.y4m]\n"
+                 "          [--background IMAGE] [--background-off-after N]\n"
+                 "          [--capture-size WxH] [--links test,screen,decode,camera]\n",
                  argv[0]);
   }
   return ok;

@@ -34,7 +34,42 @@ struct WindowSlot {
   uint64_t latencySumUs = 0;
   uint64_t latencyMaxUs = 0;
   uint32_t latencyCount = 0;
+  FILE* record = nullptr;  // RecordWindow's file
+  uint32_t recordWidth = 0;
+  uint32_t recordHeight = 0;
+  uint32_t recorded = 0;
 };
+
+// Appends a copied I420 frame to a Y4M file whose header is written with the first one.
+void RecordFrame(WindowSlot& slot, const RenderedFrame& frame) {
+  if (frame.format != TAVO_VIDEO_RENDER_IMG_I420) {
+    return;
+  }
+  if (slot.recorded == 0 && slot.recordWidth == 0) {
+    slot.recordWidth = frame.width;
+    slot.recordHeight = frame.height;
+    std::fprintf(slot.record, "YUV4MPEG2 W%u H%u F30:1 Ip A1:1 C420jpeg\n", frame.width,
+                 frame.height);
+  }
+  if (frame.width != slot.recordWidth || frame.height != slot.recordHeight) {
+    return;
+  }
+  std::fputs("FRAME\n", slot.record);
+  const uint8_t* plane = frame.bytes.data();
+  const uint32_t chromaWidth = (frame.width + 1) / 2;
+  const uint32_t chromaHeight = (frame.height + 1) / 2;
+  for (uint32_t y = 0; y < frame.height; ++y) {
+    std::fwrite(plane + static_cast<size_t>(y) * frame.stride0, 1, frame.width, slot.record);
+  }
+  plane += static_cast<size_t>(frame.stride0) * frame.height;
+  for (int p = 0; p < 2; ++p) {
+    for (uint32_t y = 0; y < chromaHeight; ++y) {
+      std::fwrite(plane + static_cast<size_t>(y) * frame.stride1, 1, chromaWidth, slot.record);
+    }
+    plane += static_cast<size_t>(frame.stride1) * chromaHeight;
+  }
+  ++slot.recorded;
+}
 
 // What the render callback tells the main thread about each frame.
 struct FrameEvent {
@@ -169,6 +204,9 @@ int OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* header) {
       ++slot.bad;
       return -1;
     }
+    if (slot.record != nullptr) {
+      RecordFrame(slot, slot.latest);
+    }
     int64_t latency = -1;
     if (g_windows.pushedAt != nullptr && header->format == TAVO_VIDEO_RENDER_IMG_I420) {
       const int64_t pushed = g_windows.pushedAt(header->data);
@@ -241,6 +279,54 @@ bool ServiceWindows(HostDisplay& display, std::chrono::microseconds wait, bool p
     DrawWindows(display);
   }
   return !events.empty() || !reports.empty();
+}
+
+int WindowIndex(uint64_t handle) {
+  for (size_t i = 0; i < g_windows.count; ++i) {
+    if (g_windows.slots[i].handle == handle) {
+      return static_cast<int>(i);
+    }
+  }
+  return -1;
+}
+
+bool RecordWindow(size_t window, const std::string& path) {
+  WindowSlot& slot = g_windows.slots[window];
+  FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) {
+    std::perror(path.c_str());
+    return false;
+  }
+  std::lock_guard<std::mutex> lock(slot.lock);
+  slot.record = file;
+  return true;
+}
+
+uint32_t RecordedFrames(size_t window) {
+  WindowSlot& slot = g_windows.slots[window];
+  std::lock_guard<std::mutex> lock(slot.lock);
+  return slot.recorded;
+}
+
+void StopRecording() {
+  for (size_t i = 0; i < g_windows.count; ++i) {
+    WindowSlot& slot = g_windows.slots[i];
+    std::lock_guard<std::mutex> lock(slot.lock);
+    if (slot.record != nullptr) {
+      std::fclose(slot.record);
+      slot.record = nullptr;
+    }
+  }
+}
+
+bool LatestImage(size_t window, RgbImage& out) {
+  RenderedFrame frame;
+  {
+    WindowSlot& slot = g_windows.slots[window];
+    std::lock_guard<std::mutex> lock(slot.lock);
+    frame = slot.latest;
+  }
+  return RenderedToRgb(frame, out);
 }
 
 size_t ReportsPrinted() { return g_windows.reportsPrinted; }

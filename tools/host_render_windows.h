@@ -15,7 +15,7 @@
 #include "host_window.h"
 #include "tavo_video_render_interface.h"
 
-inline constexpr size_t kMaxWindows = 2;
+inline constexpr size_t kMaxWindows = 8;
 
 // Sets up the windows with these handles (kMaxWindows at most), on display when it is open,
 // and asks the library for first-frame reports. pushedAt, when given, tells when the frame
@@ -29,6 +29,16 @@ int OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* header);
 
 // Frames window `window` has rendered so far.
 uint32_t FramesOf(size_t window);
+// The index of the window with this handle, or -1.
+int WindowIndex(uint64_t handle);
+// Writes every I420 frame window `window` renders from now on to a Y4M file (frames of
+// another size than the first are left out: a Y4M stream has one size). False when the
+// file cannot be written.
+bool RecordWindow(size_t window, const std::string& path);
+// Frames written by RecordWindow so far.
+uint32_t RecordedFrames(size_t window);
+// The newest frame of window `window` as RGB; false when it has none.
+bool LatestImage(size_t window, RgbImage& out);
 
 // Waits up to `wait` for news from the callbacks, then prints it (each frame when
 // printFrames, against `target`) and draws the windows' new frames. Returns true when there
@@ -38,6 +48,8 @@ bool ServiceWindows(HostDisplay& display, std::chrono::microseconds wait, bool p
 // First-frame reports printed so far.
 size_t ReportsPrinted();
 
+// Closes the files of RecordWindow; call once the links are down.
+void StopRecording();
 // Says where the windows show: on screen or in PNG files only.
 void PrintWindowTarget(const HostDisplay& display);
 // Writes the last frame of every window as window_<handle>.png in dir; false when one failed.

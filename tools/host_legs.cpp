@@ -1,0 +1,156 @@
+#include "host_legs.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <system_error>
+
+#include "host_clock.h"
+#include "host_image.h"
+#include "host_render_windows.h"
+
+namespace {
+
+constexpr double kDefaultSeconds = 10;
+constexpr auto kProgressEvery = std::chrono::seconds(1);
+// Each tile of the contact sheet.
+constexpr uint32_t kTileWidth = 640;
+constexpr uint32_t kTileHeight = 360;
+
+// The newest frame of every preview in a grid of two columns, each scaled to fit its tile.
+bool WriteContactSheet(const std::vector<std::unique_ptr<Leg>>& legs, const std::string& path) {
+  const uint32_t columns = legs.size() > 1 ? 2 : 1;
+  const uint32_t rows = static_cast<uint32_t>((legs.size() + columns - 1) / columns);
+  RgbImage sheet;
+  sheet.width = columns * kTileWidth;
+  sheet.height = rows * kTileHeight;
+  sheet.pixels.assign(size_t{sheet.width} * sheet.height * 3, 32);
+  for (size_t i = 0; i < legs.size(); ++i) {
+    const int window = WindowIndex(legs[i]->Window());
+    RgbImage tile;
+    if (window < 0 || !LatestImage(static_cast<size_t>(window), tile)) {
+      continue;
+    }
+    PasteScaled(tile, sheet, static_cast<uint32_t>(i % columns) * kTileWidth,
+                static_cast<uint32_t>(i / columns) * kTileHeight, kTileWidth, kTileHeight);
+  }
+  std::string error;
+  if (!WritePng(path, sheet, error)) {
+    std::fprintf(stderr, "%s\n", error.c_str());
+    return false;
+  }
+  return true;
+}
+
+void PrintTable(const std::vector<LegRow>& rows, double seconds, uint64_t cpuUs) {
+  std::printf("\n%-26s %7s %8s %19s %8s  %-30s %s\n", "link", "frames", "rate/s",
+              "latency mean/max ms", "preview", "output", "notes");
+  uint32_t frames = 0;
+  for (const LegRow& r : rows) {
+    char latency[32];
+    std::snprintf(latency, sizeof(latency), "%.2f / %.2f", r.latencyMs, r.latencyMaxMs);
+    std::printf("%-26s %7u %8.2f %19s %8u  %-30s %s%s\n", r.link.c_str(), r.frames, r.rate, latency,
+                r.previewFrames, r.output.c_str(), r.ok ? "" : "FAILED: ", r.notes.c_str());
+    frames += r.frames + r.previewFrames;
+  }
+  std::printf("process CPU: %.2f s in %.1f s (%.0f%% of one core), %.2f ms per frame handled\n",
+              static_cast<double>(cpuUs) / 1e6, seconds,
+              seconds > 0 ? static_cast<double>(cpuUs) / 1e4 / seconds : 0.0,
+              frames ? static_cast<double>(cpuUs) / 1000.0 / frames : 0.0);
+}
+
+}  // namespace
+
+uint64_t CpuUs() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<uint64_t>(t.tv_sec) * 1000000U + static_cast<uint64_t>(t.tv_nsec) / 1000U;
+}
+
+int RunLegs(std::vector<std::unique_ptr<Leg>>& legs, const Library& lib, const Options& options,
+            HostDisplay& display) {
+  std::error_code error;
+  std::filesystem::create_directories(options.outDir, error);
+  for (auto& leg : legs) {
+    if (!leg->Prepare()) {
+      return 1;
+    }
+  }
+  std::vector<uint64_t> handles;
+  for (auto& leg : legs) {
+    handles.push_back(leg->Window());
+  }
+  SetUpWindows(lib, handles.data(), handles.size(), display);
+  PrintWindowTarget(display);
+
+  bool ok = true;
+  size_t made = 0;
+  for (; made < legs.size() && ok; ++made) {
+    ok = legs[made]->SetUp();
+  }
+  std::fflush(stdout);
+
+  const double seconds = options.seconds > 0 ? options.seconds : kDefaultSeconds;
+  const uint32_t target = options.frames > 0 ? static_cast<uint32_t>(options.frames) : 0;
+  const uint64_t start = NowUs();
+  const uint64_t cpuStart = CpuUs();
+  const uint64_t limitUs = static_cast<uint64_t>(seconds * 1e6);
+  // A frame target gives the legs time enough for it, the slowest (the test image sends two
+  // frames a second) included.
+  const uint64_t deadline =
+      start +
+      (target > 0 ? std::max<uint64_t>(limitUs, target * 600000ULL + 10000000ULL) : limitUs);
+  uint64_t nextProgress = start;
+  auto allDone = [&] {
+    return std::all_of(legs.begin(), legs.end(),
+                       [&](const auto& leg) { return target > 0 && leg->Frames() >= target; });
+  };
+  while (ok && NowUs() < deadline && !allDone()) {
+    ServiceWindows(display, std::chrono::milliseconds(50), false, 0);
+    for (auto& leg : legs) {
+      leg->Tick();
+    }
+    if (NowUs() >= nextProgress) {
+      nextProgress += std::chrono::microseconds(kProgressEvery).count();
+      std::printf("[%5.1f s]", SecondsSince(start));
+      for (auto& leg : legs) {
+        std::printf("  %s", leg->Progress().c_str());
+      }
+      std::printf("\n");
+      std::fflush(stdout);
+    }
+  }
+  const bool targetMet = target == 0 || allDone();
+  if (!targetMet) {
+    std::fprintf(stderr, "not every link reached %u frames in time\n", target);
+  }
+  for (auto& leg : legs) {
+    leg->BeforeTearDown();
+  }
+  const double ran = SecondsSince(start);
+  const uint64_t cpu = CpuUs() - cpuStart;
+
+  uint32_t teardown = 0;
+  for (size_t i = made; i-- > 0;) {
+    teardown |= legs[i]->TearDown();
+  }
+  ServiceWindows(display, std::chrono::microseconds(0), false, 0);
+  StopRecording();
+
+  std::vector<LegRow> rows;
+  for (auto& leg : legs) {
+    rows.push_back(leg->Row());
+    ok = ok && rows.back().ok;
+  }
+  const bool pngsOk = WritePngs(options.outDir);
+  const std::string sheet = (std::filesystem::path(options.outDir) / "contact_sheet.png").string();
+  const bool sheetOk = WriteContactSheet(legs, sheet);
+  PrintTable(rows, ran, cpu);
+  if (sheetOk) {
+    std::printf("contact sheet: %s\n", sheet.c_str());
+  }
+  CloseSummary(teardown, display, options.linger);
+  return ok && targetMet && pngsOk && sheetOk && teardown == 0 ? 0 : 1;
+}

@@ -1,0 +1,59 @@
+// One link as the screen, camera and tour modes run it: a "leg" sets its components up,
+// is watched while frames flow, and comes down; RunLegs runs one or several at once in this
+// process (sharing the preview windows and the main thread that serves them) and ends with
+// a table of per-link figures, the PNG of every preview and a contact sheet of them all.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host_library.h"
+#include "host_options.h"
+#include "host_window.h"
+
+// One row of the figures table.
+struct LegRow {
+  std::string link;
+  uint32_t frames = 0;   // frames that reached the host (encoder, or preview for decode)
+  double rate = 0;       // frames a second
+  double latencyMs = 0;  // hand-off (or push-to-release) mean
+  double latencyMaxMs = 0;
+  uint32_t previewFrames = 0;
+  std::string output;
+  std::string notes;
+  bool ok = false;
+};
+
+class Leg {
+ public:
+  virtual ~Leg() = default;
+  virtual std::string Name() const = 0;
+  // The preview window this leg renders into.
+  virtual uint64_t Window() const = 0;
+  // Before any component: what the leg needs from the machine (an X server, ...).
+  virtual bool Prepare() { return true; }
+  // Creates and binds; false when the link could not be made.
+  virtual bool SetUp() = 0;
+  // Called about every 50 ms from the main thread while the link runs.
+  virtual void Tick() {}
+  // Frames counted toward the target.
+  virtual uint32_t Frames() = 0;
+  // One progress line.
+  virtual std::string Progress() = 0;
+  // Just before the link comes down, while it still runs (snapshots).
+  virtual void BeforeTearDown() {}
+  // Unbinds and destroys; returns 0 when clean.
+  virtual uint32_t TearDown() = 0;
+  virtual LegRow Row() = 0;
+};
+
+// Runs the legs at once until each has `frames` frames (options.frames, else the legs run
+// for options.seconds), then takes them down. The exit code: 0 when every leg is ok and
+// every teardown clean.
+int RunLegs(std::vector<std::unique_ptr<Leg>>& legs, const Library& lib, const Options& options,
+            HostDisplay& display);
+
+// Process CPU time in microseconds.
+uint64_t CpuUs();
