@@ -137,6 +137,10 @@ HostLink::HostLink(const Library& lib, std::vector<LinkNode> nodes,
 bool HostLink::Resolve(const Tables& tables) {
   bool ok = true;
   for (Node& node : m_nodes) {
+    // An input seen as type 4 is only a name for a node another component made.
+    if (node.node.type == TAVO_VIDEO_COMPONENT_INPUT) {
+      continue;
+    }
     node.create = tables.Create(node.node.type);
     node.destroy = tables.Destroy(node.node.type);
     ok = ok && node.create != nullptr && node.destroy != nullptr;
@@ -163,7 +167,8 @@ void HostLink::StoreNodeIds() const {
 uint32_t HostLink::Create(const LinkNode& node, tagTavoVideoComponentParam* param) {
   auto found = std::find_if(m_nodes.begin(), m_nodes.end(),
                             [&](const Node& n) { return n.node.component == node.component; });
-  const uint32_t result = found != m_nodes.end() ? found->create(node.component, param) : 1;
+  const uint32_t result =
+      found != m_nodes.end() && found->create != nullptr ? found->create(node.component, param) : 1;
   m_status |= result;
   return result;
 }
@@ -179,8 +184,11 @@ uint32_t HostLink::BindAll() {
 
 uint32_t HostLink::TearDown() const {
   uint32_t result = 0;
+  // Rows a failed Resolve left out were never used: nothing to undo.
   for (const Binding& binding : m_bindings) {
-    result |= binding.unbind(binding.sink.component, binding.source.component);
+    if (binding.unbind != nullptr) {
+      result |= binding.unbind(binding.sink.component, binding.source.component);
+    }
   }
   // Sinks in the order they were bound, then the sources they read from.
   std::vector<const Node*> order;
@@ -199,7 +207,9 @@ uint32_t HostLink::TearDown() const {
     add(node.node.component);
   }
   for (const Node* node : order) {
-    result |= node->destroy(node->node.component);
+    if (node->destroy != nullptr) {
+      result |= node->destroy(node->node.component);
+    }
   }
   return result;
 }

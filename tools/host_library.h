@@ -83,7 +83,8 @@ inline constexpr LinkNode kTestImageNode{100, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 5
 // Its record: the image file to send, asked for at 30 frames a second.
 std::unique_ptr<tagTavoVideoComponentParam> TestImageRecord(const std::string& image);
 
-// Components bound sink to source, declared in full up front so that a missing table row
+// Components bound sink to source, declared in full up front (a type-4 input, which has no
+// create or destroy row, only gets its container) so that a missing table row
 // stops a run before anything exists. Containers are filled and released in the order the
 // nodes are declared, bindings made and undone in the order they are declared; sinks come
 // down before the sources they read from.

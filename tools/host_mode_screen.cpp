@@ -25,6 +25,8 @@ namespace {
 constexpr LinkNode kScreenNode{120, TAVO_VIDEO_COMPONENT_SCREEN, 90, "screen"};
 constexpr LinkNode kEncoderNode{121, TAVO_VIDEO_COMPONENT_ENCODER, 6, "screen encoder"};
 constexpr LinkNode kPreviewNode{122, TAVO_VIDEO_COMPONENT_PREVIEW, 63, "screen preview"};
+// Previews read a screen as an input of type 4: another name for the screen's node.
+constexpr LinkNode kScreenInput{123, TAVO_VIDEO_COMPONENT_INPUT, 90, "screen (as input)"};
 constexpr uint64_t kWindow = 0x301;
 constexpr uint32_t kSnapshotId = 99;
 constexpr uint32_t kSnapshotQueue = 0x5301;
@@ -71,8 +73,8 @@ class ScreenLeg final : public Leg {
         m_tables(tables),
         m_options(options),
         m_ownServer(ownServer),
-        m_link(lib, {kScreenNode, kEncoderNode, kPreviewNode},
-               {{kEncoderNode, kScreenNode}, {kPreviewNode, kScreenNode}}) {}
+        m_link(lib, {kScreenNode, kScreenInput, kEncoderNode, kPreviewNode},
+               {{kEncoderNode, kScreenNode}, {kPreviewNode, kScreenInput}}) {}
 
   std::string Name() const override { return "screen"; }
   uint64_t Window() const override { return kWindow; }
