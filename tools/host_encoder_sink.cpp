@@ -103,6 +103,11 @@ bool EncoderSink::WaitFrames(uint32_t frames, std::chrono::milliseconds wait) {
   return m_changed.wait_for(lock, wait, [&] { return m_figures.frames >= frames; });
 }
 
+bool EncoderSink::Drain(std::chrono::milliseconds wait) {
+  std::unique_lock<std::mutex> lock(m_lock);
+  return m_changed.wait_for(lock, wait, [&] { return m_figures.released == m_figures.frames; });
+}
+
 void EncoderSink::Writer() {
   pthread_setname_np(pthread_self(), "host encoder");
   std::unique_lock<std::mutex> lock(m_lock);

@@ -50,6 +50,9 @@ class EncoderSink {
                   uint32_t frameRate) const;
   // Waits up to `wait` until `frames` frames were received; true when they were.
   bool WaitFrames(uint32_t frames, std::chrono::milliseconds wait);
+  // Waits up to `wait` until every frame received was given back; true when it was. Call
+  // once the encoder is unbound, before it is destroyed.
+  bool Drain(std::chrono::milliseconds wait);
   // Called after the encoder component is gone: gives back what is still queued, stops the
   // writer and closes the files.
   void Stop();

@@ -30,7 +30,8 @@ bool WriteContactSheet(const std::vector<std::unique_ptr<Leg>>& legs, const std:
   for (size_t i = 0; i < legs.size(); ++i) {
     const int window = WindowIndex(legs[i]->Window());
     RgbImage tile;
-    if (window < 0 || !LatestImage(static_cast<size_t>(window), tile)) {
+    if (!legs[i]->Showcase(tile) &&
+        (window < 0 || !LatestImage(static_cast<size_t>(window), tile))) {
       continue;
     }
     PasteScaled(tile, sheet, static_cast<uint32_t>(i % columns) * kTileWidth,

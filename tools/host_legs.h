@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host_image.h"
 #include "host_library.h"
 #include "host_options.h"
 #include "host_window.h"
@@ -47,6 +48,9 @@ class Leg {
   // Unbinds and destroys; returns 0 when clean.
   virtual uint32_t TearDown() = 0;
   virtual LegRow Row() = 0;
+  // A picture that shows the link better than the preview's last frame, for the contact
+  // sheet; false when there is none.
+  virtual bool Showcase(RgbImage& /*image*/) { return false; }
 };
 
 // Runs the legs at once until each has `frames` frames (options.frames, else the legs run

@@ -182,13 +182,16 @@ uint32_t HostLink::BindAll() {
   return m_status;
 }
 
-uint32_t HostLink::TearDown() const {
+uint32_t HostLink::TearDown(const std::function<void()>& afterUnbind) const {
   uint32_t result = 0;
   // Rows a failed Resolve left out were never used: nothing to undo.
   for (const Binding& binding : m_bindings) {
     if (binding.unbind != nullptr) {
       result |= binding.unbind(binding.sink.component, binding.source.component);
     }
+  }
+  if (afterUnbind) {
+    afterUnbind();
   }
   // Sinks in the order they were bound, then the sources they read from.
   std::vector<const Node*> order;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -103,8 +104,9 @@ class HostLink {
   uint32_t BindAll();
   // Non-zero once a creation or a binding has failed.
   uint32_t Status() const { return m_status; }
-  // Undoes every binding and destroys every node, made or not. Returns 0 when all did.
-  uint32_t TearDown() const;
+  // Undoes every binding and destroys every node, made or not; afterUnbind, when given, runs
+  // between the two (frames have stopped, every node still exists). Returns 0 when all did.
+  uint32_t TearDown(const std::function<void()>& afterUnbind = nullptr) const;
   void ReleaseContainers() const;
 
  private:

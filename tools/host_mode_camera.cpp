@@ -12,6 +12,7 @@
 #include "host_clock.h"
 #include "host_encoder_sink.h"
 #include "host_file_camera.h"
+#include "host_image.h"
 #include "host_legs.h"
 #include "host_modes.h"
 #include "host_render_windows.h"
@@ -112,6 +113,7 @@ class CameraLeg final : public Leg {
     }
     if (m_backgroundOn && m_options.backgroundOffAfter > 0 &&
         f.frames >= static_cast<uint32_t>(m_options.backgroundOffAfter)) {
+      KeepBackgroundFrame();
       std::printf("camera: virtual background off after %u frames: %u\n", f.frames,
                   m_lib.overlayEnable(kChannel, 0));
       m_backgroundOn = false;
@@ -124,7 +126,7 @@ class CameraLeg final : public Leg {
     if (m_options.captureWidth > 0 && !m_restarted && f.frames >= restartAt) {
       std::printf("camera: restarting the link for the capture size %ux%u\n",
                   m_options.captureWidth, m_options.captureHeight);
-      m_teardown |= m_link.TearDown();
+      m_teardown |= m_link.TearDown([this] { m_sink->Drain(kStallLimit); });
       m_restarted = true;
       if (!SetUp()) {
         m_teardown |= 1;
@@ -143,10 +145,14 @@ class CameraLeg final : public Leg {
   }
 
   uint32_t TearDown() override {
-    if (m_backgroundOn || m_backgroundSet) {
-      m_lib.overlayDestroy(kChannel);
-    }
-    uint32_t result = m_link.TearDown() | m_teardown;
+    // The background stays on to the last frame: its channel goes once frames have stopped.
+    uint32_t result = m_link.TearDown([this] {
+      m_sink->Drain(kStallLimit);
+      if (m_backgroundSet) {
+        m_lib.overlayDestroy(kChannel);
+      }
+    });
+    result |= m_teardown;
     m_link.ReleaseContainers();
     if (m_sink) {
       m_sink->Stop();
@@ -203,7 +209,24 @@ class CameraLeg final : public Leg {
     return row;
   }
 
+  bool Showcase(RgbImage& image) override {
+    image = m_backgroundFrame;
+    return image.width > 0;
+  }
+
  private:
+  // The preview's frame with the background, kept for the contact sheet and written as
+  // camera_background_on.png before the background goes off.
+  void KeepBackgroundFrame() {
+    const int window = WindowIndex(kWindow);
+    std::string error;
+    if (window >= 0 && LatestImage(static_cast<size_t>(window), m_backgroundFrame) &&
+        !WritePng((std::filesystem::path(m_options.outDir) / "camera_background_on.png").string(),
+                  m_backgroundFrame, error)) {
+      std::fprintf(stderr, "%s\n", error.c_str());
+    }
+  }
+
   bool SwitchBackgroundOn() {
     uint32_t queue = 0;
     const uint32_t created = m_lib.overlayCreate(kCameraNode.nodeId, kChannel, &queue,
@@ -235,6 +258,7 @@ class CameraLeg final : public Leg {
   uint32_t m_dequeued = 0;
   InFlight m_inFlightOn;
   InFlight m_inFlightOff;
+  RgbImage m_backgroundFrame;
 };
 
 }  // namespace

@@ -73,7 +73,7 @@ class TestLeg final : public Leg {
   }
 
   uint32_t TearDown() override {
-    const uint32_t result = m_link.TearDown();
+    const uint32_t result = m_link.TearDown([this] { m_sink->Drain(kStallLimit); });
     m_link.ReleaseContainers();
     if (m_sink) {
       m_sink->Stop();
