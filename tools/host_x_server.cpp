@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 namespace {
 
@@ -58,6 +59,17 @@ bool HostXServer::Start(uint32_t width, uint32_t height) {
     return false;
   }
   const std::string screen = std::to_string(width) + "x" + std::to_string(height) + "x24";
+  // The server gets this program's environment without what was preloaded into it (the file
+  // camera, a sanitizer runtime): those are for the host, not for the X server.
+  std::vector<char*> environment;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    if (std::strncmp(*variable, "LD_PRELOAD=", 11) != 0) {
+      environment.push_back(*variable);
+    }
+  }
+  environment.push_back(nullptr);
+  const char* const arguments[] = {"Xvfb",         "-displayfd", "3",   "-screen",  "0",
+                                   screen.c_str(), "-nolisten",  "tcp", "-noreset", nullptr};
   m_pid = fork();
   if (m_pid == 0) {
     // The child: the pipe's write end as descriptor 3, where -displayfd writes the number.
@@ -65,8 +77,7 @@ bool HostXServer::Start(uint32_t width, uint32_t height) {
     const int null = open("/dev/null", O_WRONLY);
     dup2(null, 1);
     dup2(null, 2);
-    execlp("Xvfb", "Xvfb", "-displayfd", "3", "-screen", "0", screen.c_str(), "-nolisten", "tcp",
-           "-noreset", static_cast<char*>(nullptr));
+    execvpe("Xvfb", const_cast<char* const*>(arguments), environment.data());
     _exit(127);
   }
   close(fds[1]);
