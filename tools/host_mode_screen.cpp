@@ -160,7 +160,7 @@ class ScreenLeg final : public Leg {
   }
 
   void BeforeTearDown() override {
-    m_seconds = SecondsSince(m_start);
+    m_seconds = m_start > 0 ? SecondsSince(m_start) : 0.0;
     m_snapshot = (std::filesystem::path(m_options.outDir) / "screen_snapshot.png").string();
     m_snapshotOk = TakeSnapshot(m_lib, kSnapshotId, kSnapshotQueue, m_snapshot, m_snapshotSize);
   }
