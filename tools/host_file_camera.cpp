@@ -72,7 +72,8 @@ uint32_t FileCameraFrames() {
   return frames != nullptr ? frames() : 0;
 }
 
-bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip) {
+bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip,
+                  const std::string& library) {
   if (FileCameraLoaded()) {
     std::printf("camera: the file camera plays %s as \"%s\"\n",
                 std::getenv("VLINK_FAKE_CAMERA_CLIP"), busId.c_str());
@@ -90,6 +91,16 @@ bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip
   }
   std::string preload;
   dl_iterate_phdr(FindSanitizer, &preload);
+  if (!preload.empty()) {
+    // A sanitizer runtime intercepts dlopen, so the libraries the library loads by name are
+    // searched for on the runtime's path, not on the library's: name their folder (beside
+    // the library) in the environment.
+    std::string path = (std::filesystem::absolute(library).parent_path() / "lib").string();
+    if (const char* before = std::getenv("LD_LIBRARY_PATH"); before != nullptr && *before) {
+      path += std::string(":") + before;
+    }
+    setenv("LD_LIBRARY_PATH", path.c_str(), 1);
+  }
   preload += (preload.empty() ? "" : ":") + shim;
   if (const char* before = std::getenv("LD_PRELOAD"); before != nullptr && *before != '\0') {
     preload += std::string(":") + before;
