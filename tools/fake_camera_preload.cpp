@@ -9,6 +9,9 @@
 //   VLINK_FAKE_CAMERA_INDEX  N of /dev/videoN (default 0)
 //   VLINK_FAKE_CAMERA_FPS    the rate of an MJPEG clip (default 30)
 //
+// For the host it also tells when each frame of the clip was last taken from the camera
+// (VlinkFakeCameraCapturedAtUs), to time frames from the camera to the host.
+//
 // Each descriptor of the fake is backed by a real one (of /dev/null), so the kernel never
 // hands the same number to anyone else; calls on it are translated to the fake's own.
 #include <dlfcn.h>
@@ -20,6 +23,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -64,6 +68,12 @@ const Next& Libc() {
     return n;
   }();
   return next;
+}
+
+uint64_t NowUs() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                   std::chrono::steady_clock::now().time_since_epoch())
+                                   .count());
 }
 
 // Sizes the file camera offers besides the clip's own: the fake scales frames to any of
@@ -120,7 +130,20 @@ class FileCamera {
   }
 
   int Ioctl(int fake, unsigned long request, void* arg) {
-    return m_device->Ioctl(fake, request, arg);
+    const int result = m_device->Ioctl(fake, request, arg);
+    if (result == 0 && request == VIDIOC_DQBUF && m_clipFrames > 0) {
+      const uint32_t frame = static_cast<v4l2_buffer*>(arg)->sequence % m_clipFrames;
+      std::lock_guard<std::mutex> lock(m_lock);
+      m_takenAtUs[frame] = NowUs();
+    }
+    return result;
+  }
+
+  // When frame `frame` of the clip was last taken from the camera; 0 when never.
+  uint64_t TakenAtUs(uint32_t frame) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    auto found = m_takenAtUs.find(frame);
+    return found == m_takenAtUs.end() ? 0 : found->second;
   }
 
   void* Mmap(size_t length, int prot, int flags, int fake, off_t offset) {
@@ -223,6 +246,7 @@ class FileCamera {
     auto device = std::make_unique<FakeV4l2Device>();
     device->AddCamera(m_index, std::move(config));
     m_path = "/dev/video" + std::to_string(m_index);
+    m_clipFrames = static_cast<uint32_t>(source->FrameCount());
     m_device = std::move(device);
     std::fprintf(stderr, "file camera: %s plays %s (%ux%u, %zu frames)\n", m_path.c_str(), clip,
                  source->Width(), source->Height(), source->FrameCount());
@@ -232,9 +256,11 @@ class FileCamera {
   std::unique_ptr<FakeV4l2Device> m_device;  // set once, in Start
   std::string m_path;
   int m_index = 0;
-  std::mutex m_lock;            // guards the two tables below; never held across the fake
+  uint32_t m_clipFrames = 0;    // set once, in Start
+  std::mutex m_lock;            // guards the tables below; never held across the fake
   std::map<int, int> m_fakeOf;  // real descriptor -> the fake's
   std::set<void*> m_mappings;
+  std::map<uint32_t, uint64_t> m_takenAtUs;  // frame of the clip -> last dequeue
 };
 
 int OpenWith(const char* path, int flags, mode_t mode) {
@@ -309,6 +335,12 @@ VLINK_PRELOAD_API int select(int nfds, fd_set* readFds, fd_set* writeFds, fd_set
   return FileCamera::Get().Select(nfds, sets, timeout, result)
              ? result
              : Libc().select(nfds, readFds, writeFds, exceptFds, timeout);
+}
+
+// For the host program: when frame `frame` of the clip was last taken from the camera, in
+// microseconds of the steady clock; 0 when never.
+VLINK_PRELOAD_API uint64_t VlinkFakeCameraCapturedAtUs(uint32_t frame) {
+  return FileCamera::Get().TakenAtUs(frame);
 }
 
 // For the host program: frames the file camera has delivered so far (0 without one).

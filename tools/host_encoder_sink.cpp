@@ -20,9 +20,6 @@ EncoderSink* SinkOf(uint32_t nodeId) {
   return found == g_sinks.end() ? nullptr : found->second;
 }
 
-// Recent frames kept for LatencySince.
-constexpr size_t kRecentFrames = 4096;
-
 }  // namespace
 
 double EncoderFigures::Rate() const {
@@ -88,10 +85,6 @@ uint32_t EncoderSink::OnFrame(uint32_t imgNo, uint32_t /*hostKey*/, uint32_t /*h
     ++f.frames;
     f.latencySumUs += latency;
     f.latencyMaxUs = std::max(f.latencyMaxUs, latency);
-    sink->m_recent.emplace_back(now, latency);
-    if (sink->m_recent.size() > kRecentFrames) {
-      sink->m_recent.pop_front();
-    }
     sink->m_queue.emplace_back(frame, now);
   }
   sink->m_changed.notify_all();
@@ -116,10 +109,13 @@ void EncoderSink::Writer() {
     if (m_queue.empty()) {
       break;
     }
-    VencOutFrame* frame = m_queue.front().first;
+    const auto [frame, arrivalUs] = m_queue.front();
     m_queue.pop_front();
     lock.unlock();
     Write(*frame);
+    if (m_inspector && frame->buffer != nullptr) {
+      m_inspector(*frame->buffer, arrivalUs);
+    }
     const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
     m_lib.releaseFrame(frame);
     lock.lock();
@@ -201,16 +197,4 @@ void EncoderSink::Stop() {
 EncoderFigures EncoderSink::Figures() {
   std::lock_guard<std::mutex> lock(m_lock);
   return m_figures;
-}
-
-std::pair<uint32_t, uint64_t> EncoderSink::LatencySince(uint64_t sinceUs) {
-  std::lock_guard<std::mutex> lock(m_lock);
-  std::pair<uint32_t, uint64_t> result{0, 0};
-  for (const auto& [at, latency] : m_recent) {
-    if (at >= sinceUs) {
-      ++result.first;
-      result.second += latency;
-    }
-  }
-  return result;
 }

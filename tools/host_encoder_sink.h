@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -48,6 +49,11 @@ class EncoderSink {
   // Fills an encoder record for this sink: size, rate and the two callbacks.
   void FillRecord(tagTavoVideoComponentParam& record, uint32_t width, uint32_t height,
                   uint32_t frameRate) const;
+  // Called on the writer thread with each frame and its arrival, before it is given back.
+  // Set before the encoder exists.
+  void SetInspector(std::function<void(const OsvGraphicBuffer&, uint64_t arrivalUs)> inspector) {
+    m_inspector = std::move(inspector);
+  }
   // Waits up to `wait` until `frames` frames were received; true when they were.
   bool WaitFrames(uint32_t frames, std::chrono::milliseconds wait);
   // Waits up to `wait` until every frame received was given back; true when it was. Call
@@ -57,8 +63,6 @@ class EncoderSink {
   // writer and closes the files.
   void Stop();
   EncoderFigures Figures();
-  // Frames whose arrival was at or after `sinceUs`, and their hand-off latency sum.
-  std::pair<uint32_t, uint64_t> LatencySince(uint64_t sinceUs);
   const std::string& Path() const { return m_path; }
 
   // The callbacks put in the encoder record.
@@ -82,7 +86,6 @@ class EncoderSink {
   EncoderFigures m_figures;
   bool m_haveSequence = false;
   uint64_t m_lastSequence = 0;
-  std::deque<std::pair<uint64_t, uint64_t>> m_recent;  // arrival, latency of recent frames
 
   // Writer thread only.
   struct Output {
@@ -91,5 +94,6 @@ class EncoderSink {
     FILE* file;
   };
   std::deque<Output> m_outputs;
+  std::function<void(const OsvGraphicBuffer&, uint64_t)> m_inspector;
   std::thread m_writer;
 };

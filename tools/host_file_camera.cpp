@@ -72,6 +72,13 @@ uint32_t FileCameraFrames() {
   return frames != nullptr ? frames() : 0;
 }
 
+uint64_t FileCameraCapturedAtUs(uint32_t number) {
+  using CapturedAt = uint64_t (*)(uint32_t);
+  static const auto capturedAt =
+      reinterpret_cast<CapturedAt>(dlsym(RTLD_DEFAULT, "VlinkFakeCameraCapturedAtUs"));
+  return capturedAt != nullptr ? capturedAt(number) : 0;
+}
+
 bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip,
                   const std::string& library) {
   if (FileCameraLoaded()) {

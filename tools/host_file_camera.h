@@ -20,6 +20,9 @@ bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip
 bool FileCameraLoaded();
 // Frames the file camera has delivered so far (0 without it).
 uint32_t FileCameraFrames();
+// When the file camera last gave frame `number` of its clip (NowUs time); 0 when never or
+// without it.
+uint64_t FileCameraCapturedAtUs(uint32_t number);
 
 // Files the build writes beside the tools folder: the file camera, its clip, the background
 // picture shown with it. "" when missing.

@@ -4,14 +4,18 @@
 // through the overlay functions (and --background-off-after N off again); --capture-size
 // asks for another size with TavoVideoSetCapResolution, which takes effect when the camera
 // next starts, so the link is then taken down and made again.
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 
 #include "host_clock.h"
 #include "host_encoder_sink.h"
 #include "host_file_camera.h"
+#include "host_frame_number.h"
 #include "host_image.h"
 #include "host_legs.h"
 #include "host_modes.h"
@@ -28,13 +32,20 @@ constexpr uint32_t kWidth = 1280;
 constexpr uint32_t kHeight = 720;
 constexpr uint32_t kFrameRate = 30;
 
-// Frames in flight between the camera and the host, sampled while the virtual background
-// is in one state; their mean over the capture rate is the time a frame spends in the link
-// (Little's law), so the difference between the states is what the background adds.
-struct InFlight {
-  double sum = 0;
-  uint32_t samples = 0;
-  double Mean() const { return samples ? sum / samples : 0.0; }
+// Frames that arrive this soon after the background was switched may have been taken in
+// the other state: they are not timed.
+constexpr uint64_t kSwitchSettleUs = 500000;
+// A frame number seen again this long after its frame was taken is an older pass of the
+// clip's loop (or no number at all).
+constexpr uint64_t kTimingLimitUs = 2000000;
+
+// Time from the camera to the host of the frames whose number the host could read (the
+// file camera's clip numbers its frames), for one state of the virtual background.
+struct Timing {
+  uint64_t sumUs = 0;
+  uint64_t maxUs = 0;
+  uint32_t frames = 0;
+  double MeanMs() const { return frames ? static_cast<double>(sumUs) / frames / 1000.0 : 0.0; }
 };
 
 class CameraLeg final : public Leg {
@@ -67,6 +78,8 @@ class CameraLeg final : public Leg {
       m_sink = std::make_unique<EncoderSink>(
           m_lib, kEncoderNode.nodeId,
           (std::filesystem::path(m_options.outDir) / "camera.y4m").string());
+      m_sink->SetInspector(
+          [this](const OsvGraphicBuffer& buffer, uint64_t arrivalUs) { Time(buffer, arrivalUs); });
     }
     m_link.StoreNodeIds();
     auto camera = NewRecord();
@@ -106,20 +119,13 @@ class CameraLeg final : public Leg {
 
   void Tick() override {
     const EncoderFigures f = m_sink->Figures();
-    if (FileCameraLoaded() && f.frames > 0) {
-      InFlight& phase = m_backgroundOn ? m_inFlightOn : m_inFlightOff;
-      phase.sum += static_cast<double>(FileCameraFrames()) - f.frames;
-      ++phase.samples;
-    }
     if (m_backgroundOn && m_options.backgroundOffAfter > 0 &&
         f.frames >= static_cast<uint32_t>(m_options.backgroundOffAfter)) {
       KeepBackgroundFrame();
       std::printf("camera: virtual background off after %u frames: %u\n", f.frames,
                   m_lib.overlayEnable(kChannel, 0));
       m_backgroundOn = false;
-      m_offAtUs = NowUs();
-      // Frames in flight when it switched belong to neither state.
-      m_inFlightOff = InFlight{};
+      m_switchedAtUs = NowUs();
     }
     const uint32_t restartAt =
         m_options.frames > 0 ? static_cast<uint32_t>(m_options.frames) / 2 : 90;
@@ -179,25 +185,10 @@ class CameraLeg final : public Leg {
                         std::to_string(f.height);
     if (!m_background.empty()) {
       char text[200];
-      const double periodMs = 1000.0 / kFrameRate;
       std::snprintf(text, sizeof(text), "; background %s", m_backgroundSet ? "on" : "FAILED");
       notes += text;
-      if (m_inFlightOn.samples > 0 && m_inFlightOff.samples > 0) {
-        // Frames captured before the encoder started count in both states alike: only the
-        // difference is the background's.
-        std::snprintf(text, sizeof(text), ", it adds %.1f ms from camera to host",
-                      (m_inFlightOn.Mean() - m_inFlightOff.Mean()) * periodMs);
-        notes += text;
-      }
-      if (m_offAtUs > 0) {
-        const auto [count, sum] = m_sink->LatencySince(m_offAtUs);
-        const uint32_t before = f.frames - count;
-        std::snprintf(text, sizeof(text), ", hand-off %.2f ms with it, %.2f ms without",
-                      before ? static_cast<double>(f.latencySumUs - sum) / before / 1000.0 : 0.0,
-                      count ? static_cast<double>(sum) / count / 1000.0 : 0.0);
-        notes += text;
-      }
     }
+    notes += TimingNotes();
     if (FileCameraLoaded()) {
       notes += "; " + std::to_string(m_dequeued) + " captured";
     }
@@ -227,6 +218,55 @@ class CameraLeg final : public Leg {
     }
   }
 
+  // On the sink's writer thread: times a frame from the camera by the number in it.
+  void Time(const OsvGraphicBuffer& buffer, uint64_t arrivalUs) {
+    const OsvGraphicBufferInfo info = buffer.GetImageInfo();
+    const int number =
+        info.format == TAVO_VIDEO_VLINK_FORMAT_I420 && buffer.GetImageAddr(0) != nullptr
+            ? ReadFrameNumber(buffer.GetImageAddr(0), info.stride[0], info.width, info.height)
+            : -1;
+    const uint64_t takenUs =
+        number >= 0 ? FileCameraCapturedAtUs(static_cast<uint32_t>(number)) : 0;
+    std::lock_guard<std::mutex> lock(m_timingLock);
+    if (takenUs == 0 || takenUs > arrivalUs || arrivalUs - takenUs > kTimingLimitUs) {
+      ++m_untimed;
+      return;
+    }
+    if (arrivalUs - m_switchedAtUs.load() < kSwitchSettleUs) {
+      return;
+    }
+    Timing& timing = m_timing[m_backgroundOn.load() ? 1 : 0];
+    const uint64_t latency = arrivalUs - takenUs;
+    timing.sumUs += latency;
+    timing.maxUs = std::max(timing.maxUs, latency);
+    ++timing.frames;
+  }
+
+  std::string TimingNotes() {
+    std::lock_guard<std::mutex> lock(m_timingLock);
+    const Timing& off = m_timing[0];
+    const Timing& on = m_timing[1];
+    if (off.frames + on.frames == 0) {
+      return "";
+    }
+    char text[240];
+    std::snprintf(text, sizeof(text), "; camera to host %.1f ms (max %.1f) without background",
+                  off.MeanMs(), Ms(off.maxUs));
+    std::string notes = off.frames ? text : "";
+    if (on.frames > 0) {
+      std::snprintf(text, sizeof(text), "; camera to host %.1f ms (max %.1f) with background",
+                    on.MeanMs(), Ms(on.maxUs));
+      notes += text;
+    }
+    if (on.frames > 0 && off.frames > 0) {
+      std::snprintf(text, sizeof(text), ": it adds %.1f ms", on.MeanMs() - off.MeanMs());
+      notes += text;
+    }
+    std::snprintf(text, sizeof(text), " (%u frames timed, %u unread)", off.frames + on.frames,
+                  m_untimed);
+    return notes + text;
+  }
+
   bool SwitchBackgroundOn() {
     uint32_t queue = 0;
     const uint32_t created = m_lib.overlayCreate(kCameraNode.nodeId, kChannel, &queue,
@@ -241,6 +281,7 @@ class CameraLeg final : public Leg {
                 m_background.c_str(), created, set, enabled);
     m_backgroundSet = created == 0 && set == 0 && enabled == 0;
     m_backgroundOn = m_backgroundSet;
+    m_switchedAtUs = NowUs();
     return m_backgroundSet;
   }
 
@@ -251,13 +292,14 @@ class CameraLeg final : public Leg {
   HostLink m_link;
   std::unique_ptr<EncoderSink> m_sink;
   bool m_backgroundSet = false;
-  bool m_backgroundOn = false;
+  std::atomic<bool> m_backgroundOn{false};  // read by the sink's writer thread
   bool m_restarted = false;
   uint32_t m_teardown = 0;
-  uint64_t m_offAtUs = 0;
+  std::atomic<uint64_t> m_switchedAtUs{0};
   uint32_t m_dequeued = 0;
-  InFlight m_inFlightOn;
-  InFlight m_inFlightOff;
+  std::mutex m_timingLock;  // guards the two below; taken on the sink's writer thread
+  Timing m_timing[2];       // background off, on
+  uint32_t m_untimed = 0;
   RgbImage m_backgroundFrame;
 };
 

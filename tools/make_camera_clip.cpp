@@ -2,10 +2,13 @@
 // a second (JPEG pictures one after another) of a person photo, drifting and breathing a
 // little as a hand-held camera would, with sensor-like noise on every frame, so that the
 // virtual background has a person to find and the encoder sees frames that all differ.
-// Also writes a replacement background picture for the virtual background.
+// Each frame carries its number in the clip (host_frame_number.h), so that the host can
+// time every frame from the camera to itself. Also writes a replacement background picture
+// for the virtual background.
 //
 // usage: make_camera_clip PHOTO OUT.mjpeg BACKGROUND.png [SECONDS]
 // Without a readable PHOTO a drawn figure stands in for it.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +17,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <vector>
+
+#include "host_frame_number.h"
 
 namespace {
 
@@ -64,6 +69,17 @@ cv::Mat Background() {
   return picture;
 }
 
+void DrawFrameNumber(cv::Mat& frame, int number) {
+  const int side = static_cast<int>(kNumberBlock * kHeight);
+  const int top = static_cast<int>(NumberTop(kHeight));
+  for (int block = 0; block < kNumberBits + 2; ++block) {
+    const bool white = block == 0 || (block <= kNumberBits && ((number >> (block - 1)) & 1) != 0);
+    const int left = static_cast<int>(NumberBlockLeft(block, kWidth, kHeight));
+    cv::rectangle(frame, cv::Rect(left, top, side, side),
+                  white ? cv::Scalar(255, 255, 255) : cv::Scalar(0, 0, 0), cv::FILLED);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -71,7 +87,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s PHOTO OUT.mjpeg BACKGROUND.png [SECONDS]\n", argv[0]);
     return 2;
   }
-  const int seconds = argc > 4 ? std::max(1, std::atoi(argv[4])) : 3;
+  // Frame numbers have eight bits: at most 256 frames.
+  const int seconds = argc > 4 ? std::clamp(std::atoi(argv[4]), 1, 8) : 3;
   const cv::Mat scene = Scene(argv[1]);
   std::ofstream out(argv[2], std::ios::binary | std::ios::trunc);
   if (!out) {
@@ -96,6 +113,7 @@ int main(int argc, char** argv) {
     noise.fill(grain, cv::RNG::NORMAL, 0, 3);
     cv::Mat noisy;
     cv::add(frame, grain, noisy, cv::noArray(), CV_8UC3);
+    DrawFrameNumber(noisy, i);
     cv::imencode(".jpg", noisy, jpeg, quality);
     out.write(reinterpret_cast<const char*>(jpeg.data()),
               static_cast<std::streamsize>(jpeg.size()));
