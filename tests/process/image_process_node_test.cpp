@@ -230,15 +230,6 @@ TEST_F(ImageProcessNodeTest, ResetMovesASinkToItsNewRequirement) {
   EXPECT_EQ(m_node->GetReleaseBufferCount(), 0U);
 }
 
-TEST_F(ImageProcessNodeTest, OneUpstreamNodeOnly) {
-  auto first = std::make_shared<CountingNode>(7, OS_E_MPP_DEV_VI);
-  auto second = std::make_shared<CountingNode>(8, OS_E_MPP_DEV_VI);
-  EXPECT_EQ(m_node->ConnectFromNode(first), 0U);
-  EXPECT_EQ(m_node->ConnectFromNode(second), 1U);
-  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] prevNodes too more"));
-  m_node->DisconnectFromNode(first, false);
-}
-
 // The screen builder places a conversion node between its input and one sink; unbinding the
 // sink removes it again.
 TEST(ScreenBuilderProcessNodeTest, PlacesAndRemovesAConversionNode) {

@@ -4,6 +4,7 @@
 // goes back exactly once and no frame reference is dropped twice.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -48,10 +49,6 @@ struct HostEncoder {
   CountLatch offered;
   CountLatch released;
 
-  Seen Last() {
-    std::lock_guard<std::mutex> guard(lock);
-    return seen.back();
-  }
   std::vector<Seen> Since(size_t first) {
     std::lock_guard<std::mutex> guard(lock);
     return {seen.begin() + static_cast<std::ptrdiff_t>(std::min(first, seen.size())), seen.end()};
@@ -65,8 +62,7 @@ HostEncoder* g_encoder = nullptr;
 CountLatch* g_rendered = nullptr;
 struct CursorSeen {
   CountLatch samples;
-  std::mutex lock;  // guards userData
-  uint32_t userData = 0;
+  std::atomic<uint32_t> userData{0};
 };
 CursorSeen* g_cursor = nullptr;
 
@@ -91,10 +87,7 @@ int OnRender(uint32_t, TavoVideoRenderImgHeader*) {
   return 0;
 }
 int32_t OnCursor(VlinkCursorSendData*, uint32_t, uint32_t userData) {
-  {
-    std::lock_guard<std::mutex> guard(g_cursor->lock);
-    g_cursor->userData = userData;
-  }
+  g_cursor->userData = userData;
   g_cursor->samples.Add();
   return 0;
 }
@@ -153,16 +146,11 @@ class ScreenLinkTest : public LoadedLibraryTest {
     ASSERT_TRUE(m_server->Ok()) << m_server->Error();
     // The library opens the display the environment names, as in the host process.
     setenv("DISPLAY", m_server->Name().c_str(), 1);
-    Symbol<decltype(TavoVideoGetCreateNodeFuncMap)>("TavoVideoGetCreateNodeFuncMap")(&m_create,
-                                                                                     &m_count[0]);
-    Symbol<decltype(TavoVideoGetBindNodeFuncMap)>("TavoVideoGetBindNodeFuncMap")(&m_bind,
-                                                                                 &m_count[1]);
-    Symbol<decltype(TavoVideoGetUnBindNodeFuncMap)>("TavoVideoGetUnBindNodeFuncMap")(&m_unbind,
-                                                                                     &m_count[2]);
-    Symbol<decltype(TavoVideoGetDestroyNodeFuncMap)>("TavoVideoGetDestroyNodeFuncMap")(&m_destroy,
-                                                                                       &m_count[3]);
-    Symbol<decltype(TavoVideoGetUpdateNodeFuncMap)>("TavoVideoGetUpdateNodeFuncMap")(&m_update,
-                                                                                     &m_count[4]);
+    GetTable("TavoVideoGetCreateNodeFuncMap", m_create, m_count[0]);
+    GetTable("TavoVideoGetBindNodeFuncMap", m_bind, m_count[1]);
+    GetTable("TavoVideoGetUnBindNodeFuncMap", m_unbind, m_count[2]);
+    GetTable("TavoVideoGetDestroyNodeFuncMap", m_destroy, m_count[3]);
+    GetTable("TavoVideoGetUpdateNodeFuncMap", m_update, m_count[4]);
     m_getContainer = Symbol<decltype(TavoVideoGetDataContainer)>("TavoVideoGetDataContainer");
     m_releaseEnc = Symbol<decltype(TavoVideoReleaseVEncFrame)>("TavoVideoReleaseVEncFrame");
     m_setMouse = Symbol<decltype(TavoVideoMouseSetParam)>("TavoVideoMouseSetParam");
@@ -197,6 +185,10 @@ class ScreenLinkTest : public LoadedLibraryTest {
     g_encoder = nullptr;
     g_rendered = nullptr;
     g_cursor = nullptr;
+  }
+  template <class Row>
+  static void GetTable(const char* name, const Row*& table, uint32_t& count) {
+    ASSERT_EQ(Symbol<uint32_t(const Row**, uint32_t*)>(name)(&table, &count), 0U);
   }
   void ReleaseLoop() {
     std::unique_lock<std::mutex> guard(m_encoder.lock);
@@ -420,10 +412,7 @@ TEST_F(ScreenLinkTest, MouseSettingsBeforeTheScreenExistsApplyAtItsStart) {
   ASSERT_EQ(Create(kEncType, 742, 8, encoder.get()), 0U);
   ASSERT_EQ(Bind(kEncType, kScreenType, 742, 740), 0U);
   ASSERT_TRUE(m_cursor.samples.WaitFor(2));  // the independent cursor of the stored record
-  {
-    std::lock_guard<std::mutex> guard(m_cursor.lock);
-    EXPECT_EQ(m_cursor.userData, 0x55U);
-  }
+  EXPECT_EQ(m_cursor.userData.load(), 0x55U);
   // On the running screen a record without a cursor function is refused.
   tagTavoVideoMouseParam broken = Mouse(740, 0x55);
   broken.cursorCallback = nullptr;
