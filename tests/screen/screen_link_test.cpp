@@ -166,16 +166,28 @@ class ScreenLinkTest : public LoadedLibraryTest {
     for (auto it = m_links.rbegin(); it != m_links.rend(); ++it) {
       Find(m_unbind, m_count[2], it->sinkType, it->srcType)(it->sink, it->source);
     }
-    for (auto it = m_components.rbegin(); it != m_components.rend(); ++it) {
-      Find(m_destroy, m_count[3], it->first)(it->second);
-    }
+    // Inputs go first, then every frame goes back while its encoder still exists, as a host
+    // must do it: a frame given back to a destroyed encoder is lost.
+    const auto destroy = [&](bool inputs) {
+      for (auto it = m_components.rbegin(); it != m_components.rend(); ++it) {
+        if ((it->first == kScreenType) == inputs) {
+          Find(m_destroy, m_count[3], it->first)(it->second);
+        }
+      }
+    };
+    destroy(true);
     {
       std::lock_guard<std::mutex> guard(m_encoder.lock);
       m_encoder.hold = false;
-      for (VencOutFrame* frame : m_encoder.held) {
-        m_encoder.toRelease.push_back(frame);
-      }
+      m_encoder.toRelease.insert(m_encoder.toRelease.end(), m_encoder.held.begin(),
+                                 m_encoder.held.end());
       m_encoder.held.clear();
+      m_encoder.wake.notify_all();
+    }
+    EXPECT_TRUE(Eventually([&] { return m_encoder.released.Get() == m_encoder.offered.Get(); }));
+    destroy(false);
+    {
+      std::lock_guard<std::mutex> guard(m_encoder.lock);
       m_encoder.quit = true;
       m_encoder.wake.notify_all();
     }
