@@ -7,6 +7,7 @@
 #include <string>
 
 #include "adapt/tavo_video_param_store.h"
+#include "adapt/tavo_video_vlink_screen_control.h"
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
 #include "platform/os_time.h"
@@ -141,7 +142,7 @@ const tagTavoVideoCreateFuncMap kCreateTable[] = {
     {TAVO_VIDEO_COMPONENT_CAMERA, 0, CreateUnsupportedNode},
     {TAVO_VIDEO_COMPONENT_DECODER, 0, CreateVarietyNode<DecoderComponent>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, CreateVarietyNode<TestImageComponent>},
-    {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateVarietyNode<ScreenComponent>},
     {TAVO_VIDEO_COMPONENT_PREVIEW, 0, CreateVarietyNode<PreviewComponent>},
 };
 
@@ -170,7 +171,7 @@ const tagTavoVideoDestroyFuncMap kDestroyTable[] = {
     {TAVO_VIDEO_COMPONENT_DECODER, 0, DestroyVarietyNode<VirtualDecoderNode>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, DestroyVarietyNode<TestInputInputNode>},
     {TAVO_VIDEO_COMPONENT_PREVIEW, 0, DestroyVarietyNode<VideoPreviewNode>},
-    {TAVO_VIDEO_COMPONENT_SCREEN, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_SCREEN, 0, DestroyVarietyNode<ScreenCaptureNode>},
 };
 
 const tagTavoVideoUpdateFuncMap kUpdateTable[] = {
