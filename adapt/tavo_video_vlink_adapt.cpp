@@ -10,6 +10,7 @@
 #include "adapt/tavo_video_vlink_screen_control.h"
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
+#include "core/tavo_video_frame_ref.h"
 #include "platform/os_time.h"
 #include "platform/safe_string.h"
 #include "trace/tavo_video_host_guard.h"
@@ -500,6 +501,11 @@ uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) try {
       VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(frame->imgNo);
   if (!node) {
     VLOG_ERR("VirtualEncoderNode is nullptr");
+    // The encoder went while the host held the frame: its reference still goes, so the
+    // producer gets the frame back.
+    if (frame->buffer != nullptr) {
+      FrameRef::Adopt(frame->buffer).Reset();
+    }
     std::free(frame);
     return 1;
   }
