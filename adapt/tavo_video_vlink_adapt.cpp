@@ -7,8 +7,10 @@
 #include <string>
 
 #include "adapt/tavo_video_param_store.h"
+#include "adapt/tavo_video_vlink_screen_control.h"
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
+#include "core/tavo_video_frame_ref.h"
 #include "platform/os_time.h"
 #include "platform/safe_string.h"
 #include "trace/tavo_video_host_guard.h"
@@ -141,7 +143,7 @@ const tagTavoVideoCreateFuncMap kCreateTable[] = {
     {TAVO_VIDEO_COMPONENT_CAMERA, 0, CreateUnsupportedNode},
     {TAVO_VIDEO_COMPONENT_DECODER, 0, CreateVarietyNode<DecoderComponent>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, CreateVarietyNode<TestImageComponent>},
-    {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateVarietyNode<ScreenComponent>},
     {TAVO_VIDEO_COMPONENT_PREVIEW, 0, CreateVarietyNode<PreviewComponent>},
 };
 
@@ -170,7 +172,7 @@ const tagTavoVideoDestroyFuncMap kDestroyTable[] = {
     {TAVO_VIDEO_COMPONENT_DECODER, 0, DestroyVarietyNode<VirtualDecoderNode>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, DestroyVarietyNode<TestInputInputNode>},
     {TAVO_VIDEO_COMPONENT_PREVIEW, 0, DestroyVarietyNode<VideoPreviewNode>},
-    {TAVO_VIDEO_COMPONENT_SCREEN, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_SCREEN, 0, DestroyVarietyNode<ScreenCaptureNode>},
 };
 
 const tagTavoVideoUpdateFuncMap kUpdateTable[] = {
@@ -499,6 +501,11 @@ uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) try {
       VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(frame->imgNo);
   if (!node) {
     VLOG_ERR("VirtualEncoderNode is nullptr");
+    // The encoder went while the host held the frame: its reference still goes, so the
+    // producer gets the frame back.
+    if (frame->buffer != nullptr) {
+      FrameRef::Adopt(frame->buffer).Reset();
+    }
     std::free(frame);
     return 1;
   }
