@@ -20,7 +20,7 @@
 //   clip, bound to an encoder and a preview; --background, --background-off-after and
 //   --capture-size drive the overlay and capture-size functions.
 //
-// usage: vlink_host --help lists the options.
+// usage: vlink_host --help (or any option it does not know) prints the options.
 // Without --image the test input shows the test pattern the build writes.
 //
 // Each mode lives in its own host_mode_*.cpp; host_library.h is the way into the library.
