@@ -64,6 +64,36 @@ void PrintTable(const std::vector<LegRow>& rows, double seconds, uint64_t cpuUs)
 
 }  // namespace
 
+LegRow EncoderRow(const std::string& link, EncoderSink* sink, uint64_t window) {
+  LegRow row;
+  const EncoderFigures f = sink != nullptr ? sink->Figures() : EncoderFigures{};
+  row.link = link;
+  row.frames = f.frames;
+  row.rate = f.Rate();
+  row.latencyMs = f.LatencyMeanMs();
+  row.latencyMaxMs = Ms(f.latencyMaxUs);
+  row.previewFrames = WindowFrames(window);
+  row.output = sink != nullptr ? std::filesystem::path(sink->Path()).filename().string() : "";
+  row.notes = std::to_string(f.gaps) + " lost, " + std::to_string(f.released) + " of " +
+              std::to_string(f.frames) + " returned";
+  row.ok = f.frames > 0 && f.gaps == 0 && f.released == f.frames;
+  return row;
+}
+
+std::unique_ptr<tagTavoVideoComponentParam> PreviewRecord(uint64_t window, uint32_t imgNo) {
+  auto record = NewRecord();
+  record->vo.winNum = 1;
+  record->vo.windows[0].winHandle = window;
+  record->vo.windows[0].imgNo = imgNo;
+  record->vo.renderCb = OnRender;
+  return record;
+}
+
+uint32_t WindowFrames(uint64_t window) {
+  const int index = WindowIndex(window);
+  return index >= 0 ? FramesOf(static_cast<size_t>(index)) : 0;
+}
+
 uint64_t CpuUs() {
   timespec t{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);

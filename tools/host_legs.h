@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host_encoder_sink.h"
 #include "host_image.h"
 #include "host_library.h"
 #include "host_options.h"
@@ -58,6 +59,17 @@ class Leg {
 // every teardown clean.
 int RunLegs(std::vector<std::unique_ptr<Leg>>& legs, const Library& lib, const Options& options,
             HostDisplay& display);
+
+// The figures of a link whose frames reach an encoder sink: frames, rate, hand-off latency,
+// the preview's frames in `window`, the Y4M file, notes on frames lost and given back; ok
+// when frames came, none was lost and each was given back.
+LegRow EncoderRow(const std::string& link, EncoderSink* sink, uint64_t window);
+
+// A preview record: one window showing the frames stamped with image number `imgNo`.
+std::unique_ptr<tagTavoVideoComponentParam> PreviewRecord(uint64_t window, uint32_t imgNo);
+
+// Frames the window with this handle rendered (0 for a window not set up).
+uint32_t WindowFrames(uint64_t window);
 
 // Process CPU time in microseconds.
 uint64_t CpuUs();

@@ -90,11 +90,7 @@ class CameraLeg final : public Leg {
                   m_options.cameraId.c_str());
     auto encoder = NewRecord();
     m_sink->FillRecord(*encoder, kWidth, kHeight, kFrameRate);
-    auto preview = NewRecord();
-    preview->vo.winNum = 1;
-    preview->vo.windows[0].winHandle = kWindow;
-    preview->vo.windows[0].imgNo = kCameraNode.nodeId;  // the camera stamps its node id
-    preview->vo.renderCb = OnRender;
+    auto preview = PreviewRecord(kWindow, kCameraNode.nodeId);  // the camera stamps its node id
     std::printf("create camera \"%s\" (%ux%u at %u/s): %u\n", m_options.cameraId.c_str(), kWidth,
                 kHeight, kFrameRate, m_link.Create(kCameraNode, camera.get()));
     if (m_restarted) {
@@ -168,21 +164,12 @@ class CameraLeg final : public Leg {
   }
 
   LegRow Row() override {
-    LegRow row;
+    LegRow row =
+        EncoderRow(FileCameraLoaded() ? "camera (file camera)" : "camera", m_sink.get(), kWindow);
     const EncoderFigures f = m_sink ? m_sink->Figures() : EncoderFigures{};
-    row.link = FileCameraLoaded() ? "camera (file camera)" : "camera";
-    row.frames = f.frames;
-    row.rate = f.Rate();
-    row.latencyMs = f.LatencyMeanMs();
-    row.latencyMaxMs = Ms(f.latencyMaxUs);
-    const int window = WindowIndex(kWindow);
-    row.previewFrames = window >= 0 ? FramesOf(static_cast<size_t>(window)) : 0;
-    row.output = m_sink ? std::filesystem::path(m_sink->Path()).filename().string() : "";
     const uint64_t underflows = OsvGraphicBuffer::GetUnderflowCount();
-    std::string notes = std::to_string(f.gaps) + " lost, " + std::to_string(f.released) + " of " +
-                        std::to_string(f.frames) + " returned, " + std::to_string(underflows) +
-                        " released twice, last " + std::to_string(f.width) + "x" +
-                        std::to_string(f.height);
+    std::string notes = ", " + std::to_string(underflows) + " released twice, last " +
+                        std::to_string(f.width) + "x" + std::to_string(f.height);
     if (!m_background.empty()) {
       char text[200];
       std::snprintf(text, sizeof(text), "; background %s", m_backgroundSet ? "on" : "FAILED");
@@ -192,11 +179,10 @@ class CameraLeg final : public Leg {
     if (FileCameraLoaded()) {
       notes += "; " + std::to_string(m_dequeued) + " captured";
     }
-    row.notes = notes;
+    row.notes += notes;
     const bool sizeOk = m_options.captureWidth == 0 ||
                         (f.width == m_options.captureWidth && f.height == m_options.captureHeight);
-    row.ok = f.frames > 0 && f.gaps == 0 && f.released == f.frames && underflows == 0 &&
-             (m_background.empty() || m_backgroundSet) && sizeOk;
+    row.ok = row.ok && underflows == 0 && (m_background.empty() || m_backgroundSet) && sizeOk;
     return row;
   }
 

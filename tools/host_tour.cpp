@@ -52,11 +52,7 @@ class TestLeg final : public Leg {
     auto test = TestImageRecord(m_options.image);
     auto encoder = NewRecord();
     m_sink->FillRecord(*encoder, 1280, 720, 2);
-    auto preview = NewRecord();
-    preview->vo.winNum = 1;
-    preview->vo.windows[0].winHandle = kTestWindow;
-    preview->vo.windows[0].imgNo = kTestImageNode.nodeId;
-    preview->vo.renderCb = OnRender;
+    auto preview = PreviewRecord(kTestWindow, kTestImageNode.nodeId);
     std::printf("create test image %s: %u\n", m_options.image.c_str(),
                 m_link.Create(kTestImageNode, test.get()));
     std::printf("create test encoder: %u\n", m_link.Create(kTestEncoder, encoder.get()));
@@ -81,22 +77,7 @@ class TestLeg final : public Leg {
     return result;
   }
 
-  LegRow Row() override {
-    LegRow row;
-    const EncoderFigures f = m_sink ? m_sink->Figures() : EncoderFigures{};
-    row.link = "test image";
-    row.frames = f.frames;
-    row.rate = f.Rate();
-    row.latencyMs = f.LatencyMeanMs();
-    row.latencyMaxMs = Ms(f.latencyMaxUs);
-    const int window = WindowIndex(kTestWindow);
-    row.previewFrames = window >= 0 ? FramesOf(static_cast<size_t>(window)) : 0;
-    row.output = "test_image.y4m";
-    row.notes = std::to_string(f.gaps) + " lost, " + std::to_string(f.released) + " of " +
-                std::to_string(f.frames) + " returned";
-    row.ok = f.frames > 0 && f.gaps == 0 && f.released == f.frames;
-    return row;
-  }
+  LegRow Row() override { return EncoderRow("test image", m_sink.get(), kTestWindow); }
 
  private:
   const Library& m_lib;
@@ -195,11 +176,7 @@ class DecodeLeg final : public Leg {
     auto decoder = NewRecord();
     decoder->vdec.imgNo = kDecoder.nodeId;
     decoder->vdec.decReleaseFunc = OnDecodeRelease;
-    auto preview = NewRecord();
-    preview->vo.winNum = 1;
-    preview->vo.windows[0].winHandle = kDecodeWindow;
-    preview->vo.windows[0].imgNo = kDecoder.nodeId;
-    preview->vo.renderCb = OnRender;
+    auto preview = PreviewRecord(kDecodeWindow, kDecoder.nodeId);
     std::printf("create decoder input: %u\n", m_link.Create(kDecoder, decoder.get()));
     std::printf("create decoded preview (window 0x%llx): %u\n",
                 static_cast<unsigned long long>(kDecodeWindow),
@@ -211,10 +188,7 @@ class DecodeLeg final : public Leg {
     return true;
   }
 
-  uint32_t Frames() override {
-    const int window = WindowIndex(kDecodeWindow);
-    return window >= 0 ? FramesOf(static_cast<size_t>(window)) : 0;
-  }
+  uint32_t Frames() override { return WindowFrames(kDecodeWindow); }
 
   std::string Progress() override {
     std::lock_guard<std::mutex> lock(g_decode.lock);
