@@ -2,7 +2,8 @@
 # Runs the host program as a user would, briefly: the tour (four links at once) and the
 # camera mode with a capture-size change, and checks that each exits with 0 and leaves the
 # files it promises: a Y4M of whole frames per link, a PNG per preview window, the screen
-# snapshot and the contact sheet.
+# snapshot and the contact sheet; and that every camera frame could be timed by the number
+# the clip writes into it, at either capture size.
 # usage: host_smoke_test.sh VLINK_HOST LIBRARY TEST_IMAGE OUT_DIR
 set -uo pipefail
 host="$1" library="$2" image="$3" out="$4"
@@ -37,26 +38,40 @@ check_png() {
   fi
 }
 
+# Runs the host program; its output goes to $out/$1.log.
 run() {
+  local name="$1"
+  shift
   echo "== vlink_host $*"
-  "$host" --library "$library" --image "$image" --no-window "$@" >"$out/log.txt" 2>&1
+  "$host" --library "$library" --image "$image" --no-window "$@" >"$out/$name.log" 2>&1
   local status=$?
-  tail -n 12 "$out/log.txt"
+  tail -n 12 "$out/$name.log"
   [ "$status" -eq 0 ] || fail "vlink_host $* exited with $status"
 }
 
+# The camera row of a run's table names the frames timed and those whose number was unread.
+check_timed() {
+  if grep -E "^camera .* [1-9][0-9]* frames timed, 0 unread" "$out/$1.log" >/dev/null; then
+    echo "ok: $1: every camera frame timed"
+  else
+    fail "$1: camera frames not timed"
+  fi
+}
+
 frames=6
-run --out-dir "$out/tour" --frames "$frames"
+run tour --out-dir "$out/tour" --frames "$frames"
 for link in test_image screen decoded camera; do check_y4m "$out/tour/$link.y4m" "$frames"; done
 for window in 0x401 0x301 0x201 0x501; do check_png "$out/tour/window_$window.png"; done
 check_png "$out/tour/screen_snapshot.png"
 check_png "$out/tour/contact_sheet.png"
+check_timed tour
 
 # The new size takes effect when the link is made again: the frames after it go to a second
 # file.
-run --mode camera --out-dir "$out/camera" --frames 8 --capture-size 640x360
+run camera --mode camera --out-dir "$out/camera" --frames 8 --capture-size 640x360
 check_y4m "$out/camera/camera.y4m" 4
 check_y4m "$out/camera/camera_640x360.y4m" 1
+check_timed camera
 
 [ "$failures" -eq 0 ] && echo "all checks passed"
 exit $((failures > 0))
