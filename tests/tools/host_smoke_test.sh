@@ -51,7 +51,7 @@ run() {
 
 # The camera row of a run's table names the frames timed and those whose number was unread.
 check_timed() {
-  if grep -E "^camera .* [1-9][0-9]* frames timed, 0 unread" "$out/$1.log" >/dev/null; then
+  if grep -E "^camera .*[( ][1-9][0-9]* frames timed, 0 unread" "$out/$1.log" >/dev/null; then
     echo "ok: $1: every camera frame timed"
   else
     fail "$1: camera frames not timed"
