@@ -1,5 +1,13 @@
 # One helper per kind of target keeps each subsystem's CMakeLists to a few lines.
 
+# Shared objects refuse undefined symbols, except in the fuzz build, where clang leaves the
+# sanitizer runtime to the executable.
+if(VLINK_BUILD_FUZZ)
+  set(VLINK_NO_UNDEFINED "")
+else()
+  set(VLINK_NO_UNDEFINED -Wl,--no-undefined)
+endif()
+
 set(VLINK_WARNINGS -Wall -Wextra -Wshadow -Wconversion -Wno-sign-conversion)
 
 # vlink_library(NAME <target> SRCS ... PUBLIC_DEPS ... DEPS ...)

@@ -26,6 +26,7 @@ struct LogState {
     if (const char* destination = std::getenv("TAVO_OM_LOG")) {
       Open(destination);
     }
+    Refresh();  // a destination from the environment counts from the first record
   }
   ~LogState() { Close(); }
 

@@ -1,0 +1,309 @@
+// Random sequences of host calls against libtavo_video_vlink.so, linked as a host links it:
+// the seven tables, the parameter containers and the exported functions, fed random
+// records. Component ids 0..7 share a small set of node ids, so ids collide across kinds,
+// screens get ids on both sides of 90, encoders both sides of 225. Function-pointer fields
+// of the records are never random (a host hands over valid functions or none): each is null
+// or one of this host's callbacks. Everything else in a record is fuzz bytes, including
+// unterminated strings.
+//
+// A well-behaved host unbinds a component before destroying it; this one does too (a
+// destroyed node that neighbours still hold stays alive by design), then checks that every
+// encoder frame it received came back and that no frame was released twice.
+//
+// Input: a sequence of operations, each an opcode byte and the bytes it reads.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "osv_graphic_buffer.h"
+#include "tavo_video_vlink.h"
+
+namespace {
+
+class Input {
+ public:
+  Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+  bool Empty() const { return m_pos >= m_size; }
+  uint8_t Byte() { return m_pos < m_size ? m_data[m_pos++] : 0; }
+  uint32_t Word() {
+    uint32_t value = 0;
+    for (int i = 0; i < 4; ++i) {
+      value |= uint32_t{Byte()} << (8 * i);
+    }
+    return value;
+  }
+  // Up to `max` bytes into `out` (the rest stays as it was).
+  void Fill(void* out, size_t max) {
+    const size_t count = std::min<size_t>(Byte() * 8U, max);
+    for (size_t i = 0; i < count; ++i) {
+      static_cast<uint8_t*>(out)[i] = Byte();
+    }
+  }
+
+ private:
+  const uint8_t* m_data;
+  size_t m_size;
+  size_t m_pos = 0;
+};
+
+// Node ids around every limit the library checks.
+const uint32_t kNodeIds[] = {0, 1, 50, 89, 90, 91, 150, 225, 226, 10001};
+constexpr uint32_t kComponents = 8;
+
+// Frames the encoder callback took, given back later in random order.
+std::mutex g_heldLock;
+std::vector<VencOutFrame*> g_held;
+
+uint32_t EncoderOut(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
+  std::lock_guard<std::mutex> lock(g_heldLock);
+  g_held.push_back(frame);
+  return 1;
+}
+uint32_t EncoderCreate(uint32_t, uint32_t, uint32_t) { return 0; }
+uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*) { return 0; }  // library frees
+uint32_t VirtualOut(uint32_t, void*, uint32_t, void*, uint32_t) { return 0; }
+int Render(uint32_t, TavoVideoRenderImgHeader*) { return 0; }
+void Status(uint32_t, uint32_t) {}
+int32_t Cursor(VlinkCursorSendData*, uint32_t, uint32_t) { return 0; }
+
+template <class F>
+F Pick(Input& in, F callback) {
+  return (in.Byte() & 1U) != 0 ? callback : nullptr;
+}
+
+struct Tables {
+  const tagTavoVideoCreateFuncMap* create = nullptr;
+  const tagTavoVideoBindFuncMap* bind = nullptr;
+  const tagTavoVideoBindFuncMap* unbind = nullptr;
+  const tagTavoVideoDestroyFuncMap* destroy = nullptr;
+  const tagTavoVideoUpdateFuncMap* update = nullptr;
+  uint32_t createCount = 0, bindCount = 0, unbindCount = 0, destroyCount = 0, updateCount = 0;
+
+  Tables() {
+    TavoVideoVlinkInit(0, 0, {});
+    TavoVideoGetCreateNodeFuncMap(&create, &createCount);
+    TavoVideoGetBindNodeFuncMap(&bind, &bindCount);
+    TavoVideoGetUnBindNodeFuncMap(&unbind, &unbindCount);
+    TavoVideoGetDestroyNodeFuncMap(&destroy, &destroyCount);
+    TavoVideoGetUpdateNodeFuncMap(&update, &updateCount);
+  }
+};
+
+const Tables& GetTables() {
+  static const Tables tables;
+  return tables;
+}
+
+std::string ContainerName(uint32_t component) {
+  return "Node[" + std::to_string(component) + "]PresentParam";
+}
+
+// A record of fuzz bytes with valid or null callbacks for a component type.
+void FillRecord(Input& in, uint32_t type, tagTavoVideoComponentParam& record) {
+  std::memset(&record, 0, sizeof(record));
+  in.Fill(&record, sizeof(record));
+  switch (type) {
+    case TAVO_VIDEO_COMPONENT_ENCODER:
+      record.venc.encOutFunc = Pick(in, EncoderOut);
+      record.venc.encCreateFunc = Pick(in, EncoderCreate);
+      break;
+    case TAVO_VIDEO_COMPONENT_DECODER:
+      record.vdec.decReleaseFunc = Pick(in, DecoderRelease);
+      break;
+    case TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA:
+      record.virCam.virtualOutFunc = Pick(in, VirtualOut);
+      break;
+    case TAVO_VIDEO_COMPONENT_PREVIEW:
+      record.vo.renderCb = Pick(in, Render);
+      break;
+    case TAVO_VIDEO_COMPONENT_SCREEN:
+      record.screen.statusCallback = Pick(in, Status);
+      break;
+    default:
+      break;
+  }
+}
+
+void UnbindComponent(const Tables& tables, uint32_t component) {
+  for (uint32_t row = 0; row < tables.unbindCount; ++row) {
+    for (uint32_t other = 0; other < kComponents; ++other) {
+      tables.unbind[row].func(component, other);
+      tables.unbind[row].func(other, component);
+    }
+  }
+}
+
+void DecodedFrame(Input& in) {
+  auto* frame = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(std::calloc(1, sizeof(*frame)));
+  const uint32_t width = (in.Byte() % 8U + 1U) * 16U;
+  const uint32_t height = (in.Byte() % 8U + 1U) * 16U;
+  frame->pBuffer = new OsvGraphicBuffer(width, height, 0, false, false);
+  if (TavoVideoReceiveVDecFrame(in.Byte(), kNodeIds[in.Byte() % std::size(kNodeIds)], frame) !=
+      0) {
+    delete frame->pBuffer;  // refused: the host keeps it
+    std::free(frame);
+  }
+}
+
+void ReleaseHeld(size_t keep) {
+  std::vector<VencOutFrame*> frames;
+  {
+    std::lock_guard<std::mutex> lock(g_heldLock);
+    while (g_held.size() > keep) {
+      frames.push_back(g_held.back());
+      g_held.pop_back();
+    }
+  }
+  for (VencOutFrame* frame : frames) {
+    TavoVideoReleaseVEncFrame(frame);
+  }
+}
+
+void RunOne(Input& in) {
+  const Tables& tables = GetTables();
+  const uint32_t component = in.Byte() % kComponents;
+  tagTavoVideoComponentParam record;
+  switch (in.Byte() % 14) {
+    case 0: {  // the component's container; sometimes without "portId"
+      DataContainer* container = TavoVideoGetDataContainer(ContainerName(component).c_str());
+      const uint8_t flags = in.Byte();
+      container->SetDataByString<uint32_t>("imgNo", kNodeIds[flags % std::size(kNodeIds)]);
+      if ((flags & 0x80U) == 0) {
+        container->SetDataByString<uint32_t>("portId", component);
+      }
+      break;
+    }
+    case 1: {
+      const auto& row = tables.create[in.Byte() % tables.createCount];
+      FillRecord(in, row.type, record);
+      row.func(component, (in.Byte() & 7U) != 0 ? &record : nullptr);
+      break;
+    }
+    case 2:
+    case 3: {
+      const auto* rows = in.Byte() & 1U ? tables.bind : tables.unbind;
+      rows[in.Byte() % tables.bindCount].func(component, in.Byte() % kComponents);
+      break;
+    }
+    case 4: {
+      UnbindComponent(tables, component);
+      tables.destroy[in.Byte() % tables.destroyCount].func(component);
+      break;
+    }
+    case 5: {
+      const auto& row = tables.update[in.Byte() % tables.updateCount];
+      FillRecord(in, row.type, record);
+      row.func(component, (in.Byte() & 7U) != 0 ? &record : nullptr);
+      break;
+    }
+    case 6:
+      DecodedFrame(in);
+      break;
+    case 7:
+      ReleaseHeld(in.Byte() % 4U);
+      break;
+    case 8: {
+      tagTavoVideoMouseParam mouse{};
+      in.Fill(&mouse, sizeof(mouse));
+      mouse.cursorCallback = Pick(in, Cursor);
+      const uint32_t mouseId = in.Byte() % 3U;
+      switch (in.Byte() % 5) {
+        case 0:
+          TavoVideoMouseSetParam(mouseId, (in.Byte() & 7U) != 0 ? &mouse : nullptr);
+          break;
+        case 1:
+          TavoVideoShowMouse(mouseId);
+          break;
+        case 2:
+          TavoVideoHideMouse(mouseId);
+          break;
+        default:
+          TavoVideoMouseStop(mouseId);
+          break;
+      }
+      break;
+    }
+    case 9: {
+      TagTavoVideoSnapshotStorage storage{};
+      in.Fill(&storage, sizeof(storage));
+      TavoVideoVlinkSnapShot(in.Byte() % 2U ? 99U : kNodeIds[in.Byte() % std::size(kNodeIds)],
+                             &storage);
+      break;
+    }
+    case 10:
+      TavoVideoSetCapResolution(kNodeIds[in.Byte() % std::size(kNodeIds)], in.Word() % 4000U,
+                                in.Word() % 4000U);
+      break;
+    case 11: {
+      const uint32_t channel = in.Byte() % 4U;
+      uint32_t queue = 0;
+      tagTavoVideoOverlayParam overlay{};
+      switch (in.Byte() % 4) {
+        case 0:
+          TavoVideoVlinkOverlayParamCreate(kNodeIds[in.Byte() % std::size(kNodeIds)], channel,
+                                           &queue, in.Byte() % 4U);
+          break;
+        case 1:
+          TavoVideoVlinkOverlayParamEnable(channel, in.Word());
+          break;
+        case 2:
+          in.Fill(&overlay, sizeof(overlay));
+          TavoVideoVlinkOverlayParamSet(channel, (in.Byte() & 7U) != 0 ? &overlay : nullptr);
+          break;
+        default:
+          TavoVideoVlinkOverlayParamDestroy(channel);
+          break;
+      }
+      break;
+    }
+    case 12: {
+      const uint32_t nodeId = kNodeIds[in.Byte() % std::size(kNodeIds)];
+      std::vector<TavoVideoDefreezeStrategy> strategies(in.Byte() % 3U, in.Word());
+      TavoVideoVlinkFreezeLastFrame(nodeId, 0, in.Byte() & 1U ? &strategies : nullptr);
+      TavoVideoVlinkVoStopRender(component, in.Word());
+      TavoVideoVlinkVoSetDefaultImage(nodeId);
+      TavoVideoReportEncError(component, in.Word());
+      break;
+    }
+    default:
+      TavoVideoSetTraceLevel(static_cast<int>(in.Byte() % 6U) - 1);
+      break;
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  unsetenv("DISPLAY");  // screens fail to open instead of capturing whatever is there
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const uint64_t underflows = OsvGraphicBuffer::GetUnderflowCount();
+  Input in(data, size);
+  for (int calls = 0; !in.Empty() && calls < 64; ++calls) {
+    RunOne(in);
+  }
+  const Tables& tables = GetTables();
+  for (uint32_t component = 0; component < kComponents; ++component) {
+    UnbindComponent(tables, component);
+  }
+  for (uint32_t component = 0; component < kComponents; ++component) {
+    for (uint32_t row = 0; row < tables.destroyCount; ++row) {
+      tables.destroy[row].func(component);
+    }
+    TavoVideoMouseStop(component % 3U);
+    TavoVideoVlinkOverlayParamDestroy(component % 4U);
+  }
+  ReleaseHeld(0);
+  if (OsvGraphicBuffer::GetUnderflowCount() != underflows) {
+    std::fprintf(stderr, "a frame was released more often than it was referenced\n");
+    std::abort();
+  }
+  return 0;
+}
