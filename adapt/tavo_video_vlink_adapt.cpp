@@ -7,8 +7,10 @@
 #include <string>
 
 #include "adapt/tavo_video_param_store.h"
+#include "adapt/tavo_video_vlink_screen_control.h"
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
+#include "core/tavo_video_frame_ref.h"
 #include "platform/os_time.h"
 #include "platform/safe_string.h"
 #include "trace/tavo_video_host_guard.h"
@@ -127,19 +129,6 @@ uint32_t DestroyVarietyNode(uint32_t componentId) try {
 }
 VLINK_HOST_CATCH(1)
 
-// Rows of component types whose node classes this build does not have yet.
-uint32_t CreateUnsupportedNode(uint32_t componentId, tagTavoVideoComponentParam* /*param*/) try {
-  VLOG_ERR("component[%u]: this component type is not available in this build", componentId);
-  return 1;
-}
-VLINK_HOST_CATCH(1)
-
-uint32_t DestroyUnsupportedNode(uint32_t /*componentId*/) try {
-  VLOG_INF_TRACE("node has closed");  // such a node can never have been created
-  return 0;
-}
-VLINK_HOST_CATCH(1)
-
 uint32_t DumpNothing(uint32_t /*componentId*/) try { return 0; }
 VLINK_HOST_CATCH(1)
 
@@ -149,7 +138,7 @@ const tagTavoVideoCreateFuncMap kCreateTable[] = {
     {TAVO_VIDEO_COMPONENT_CAMERA, 0, CreateVarietyNode<CameraComponent>},
     {TAVO_VIDEO_COMPONENT_DECODER, 0, CreateVarietyNode<DecoderComponent>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, CreateVarietyNode<TestImageComponent>},
-    {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateVarietyNode<ScreenComponent>},
     {TAVO_VIDEO_COMPONENT_PREVIEW, 0, CreateVarietyNode<PreviewComponent>},
 };
 
@@ -178,7 +167,7 @@ const tagTavoVideoDestroyFuncMap kDestroyTable[] = {
     {TAVO_VIDEO_COMPONENT_DECODER, 0, DestroyVarietyNode<VirtualDecoderNode>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, DestroyVarietyNode<TestInputInputNode>},
     {TAVO_VIDEO_COMPONENT_PREVIEW, 0, DestroyVarietyNode<VideoPreviewNode>},
-    {TAVO_VIDEO_COMPONENT_SCREEN, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_SCREEN, 0, DestroyVarietyNode<ScreenCaptureNode>},
 };
 
 const tagTavoVideoUpdateFuncMap kUpdateTable[] = {
@@ -528,6 +517,11 @@ uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) try {
       VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(frame->imgNo);
   if (!node) {
     VLOG_ERR("VirtualEncoderNode is nullptr");
+    // The encoder went while the host held the frame: its reference still goes, so the
+    // producer gets the frame back.
+    if (frame->buffer != nullptr) {
+      FrameRef::Adopt(frame->buffer).Reset();
+    }
     std::free(frame);
     return 1;
   }

@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+#include "process/tavo_video_vlink_image_process_node.h"
+
 std::atomic<uint32_t> VlinkBuilder::m_nameSlot{10000};
 
 VlinkBuilder::VlinkBuilder(uint32_t viNodeId, OS_E_MPP_DEV_TYPE type)
@@ -152,6 +154,38 @@ uint32_t VlinkBuilder::UnBindNode(uint32_t viNodeId, const NodePtr& voNode) {
     }
     pending = (!node->GetIsViVoNode() && !node->HasNextNodes()) ? node : nullptr;
   }
+  return 0;
+}
+
+uint32_t VlinkBuilder::CreateImageProcessNode(const NodePtr& viNode, uint32_t& nodeId) {
+  if (!viNode) {
+    VLOG_ERR("vi node is nullptr");
+    return 1;
+  }
+  const uint32_t id = GenNodeId();
+  VideoVlinkNode::CreateNodeByUnique<ImageProcessNode>(id);
+  NodePtr process = VideoVlinkNode::GetNodeByUnique<ImageProcessNode>(id);
+  if (!process) {
+    VLOG_ERR("create process failed!");
+    return 1;
+  }
+  process->SetNotViVoFlag();
+  uint32_t result = viNode->ConnectToNode(process);
+  if (result != 0) {
+    VLOG_ERR("VI[%u] ConnectTo process[%u] failed!", viNode->GetNodeId(), id);
+    return result;
+  }
+  result = process->ConnectFromNode(viNode);
+  if (result != 0) {
+    VLOG_ERR("VI[%u] ConnectFrom process[%u] failed!", viNode->GetNodeId(), id);
+    return result;
+  }
+  result = process->StartProcess();
+  if (result != 0) {
+    VLOG_ERR("Process[%u] StartProcess failed!", id);
+    return result;
+  }
+  nodeId = id;
   return 0;
 }
 

@@ -41,6 +41,9 @@ class VlinkBuilder {
   // Takes voNode off the link of input viNodeId, then stops, unlinks and deletes every
   // processing node the removal left without outputs, climbing towards the input.
   uint32_t UnBindNode(uint32_t viNodeId, const NodePtr& voNode);
+  // Registers a conversion node under a generated id, marks it inserted, links it after
+  // viNode and starts it; its id goes to nodeId. Nothing is rolled back on failure.
+  static uint32_t CreateImageProcessNode(const NodePtr& viNode, uint32_t& nodeId);
   // BindVo of links whose sinks hang directly off the input: starts the input on the first
   // bind, then links and starts the sink; `afterConnect` (if any) runs whatever the
   // connection step returned.

@@ -2,6 +2,7 @@
 
 #include "builder/tavo_video_vlink_camera_builder.h"
 #include "builder/tavo_video_vlink_decode_builder.h"
+#include "builder/tavo_video_vlink_screen_builder.h"
 #include "builder/tavo_video_vlink_test_builder.h"
 
 VlinkBuilderFactory& VlinkBuilderFactory::GetInstance() {
@@ -27,7 +28,8 @@ std::shared_ptr<VlinkBuilder> MakeBuilder(uint32_t viNodeId, OS_E_MPP_DEV_TYPE t
       return std::make_shared<VlinkDecodeBuilder>(viNodeId, type);
     case OS_E_MPP_DEV_CAMERA:
       return std::make_shared<VlinkCameraBuilder>(viNodeId, type);
-    // Screen inputs get their builder with their node class.
+    case OS_E_MPP_DEV_VI:
+      return std::make_shared<VlinkScreenBuilder>(viNodeId, type);
     default:
       return nullptr;
   }

@@ -633,3 +633,31 @@ TEST_F(HostRowsTest, HostThreadsRacingOnOneLink) {
 }
 
 }  // namespace
+
+// A host that destroys its encoder while it still holds frames gets 1 for each late give-back,
+// and the decoded frame behind it still comes back to the decoder's host exactly once.
+TEST_F(HostRowsTest, FrameGivenBackAfterItsEncoderWentStillReturnsToTheDecoder) {
+  Param decoder = DecoderParam(20);
+  Param encoder = EncoderParam(9);
+  ASSERT_EQ(Create(kDec, 1180, 20, decoder.get()), 0U);
+  ASSERT_EQ(Create(kEnc, 1181, 181, encoder.get()), 0U);
+  Store(1182, 20);  // the type-4 input names the decoder node
+  {
+    std::lock_guard<std::mutex> lock(m_screen.lock);
+    m_screen.encoderAnswer = 1;
+  }
+  ASSERT_EQ(Bind(kEnc, TAVO_VIDEO_COMPONENT_INPUT, 1181, 1182), 0U);
+  ASSERT_EQ(Push(20), 0U);
+  ASSERT_TRUE(m_screen.offered.WaitFor(1));
+  EXPECT_EQ(Unbind(kEnc, TAVO_VIDEO_COMPONENT_INPUT, 1181, 1182), 0U);
+  EXPECT_EQ(Destroy(kEnc, 1181), 0U);
+  EXPECT_EQ(m_decoder.back.Get(), 0);
+  std::vector<VencOutFrame*> held;
+  {
+    std::lock_guard<std::mutex> lock(m_screen.lock);
+    held.swap(m_screen.held);
+  }
+  ASSERT_EQ(held.size(), 1U);
+  EXPECT_EQ(m_releaseEnc(held[0]), 1U);
+  EXPECT_TRUE(AllBack());
+}

@@ -1,0 +1,129 @@
+#include "builder/tavo_video_vlink_screen_builder.h"
+
+#include "process/tavo_video_vlink_image_process_node.h"
+#include "screen/tavo_video_vlink_screen_capture_node.h"
+
+uint32_t VlinkScreenBuilder::BindVo(uint32_t voNodeId) {
+  std::lock_guard<std::mutex> lock(m_bindLock);
+  std::shared_ptr<ScreenCaptureNode> screen =
+      VideoVlinkNode::GetNodeByUnique<ScreenCaptureNode>(m_viNodeId);
+  if (!screen) {
+    VLOG_ERR("vi node is nullptr");
+    return 1;
+  }
+  NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId);
+  if (!sink) {
+    VLOG_ERR("vo node is nullptr");
+    return 1;
+  }
+  sink->SetViNodeId(m_viNodeId);
+  const bool isEncoder = sink->GetNodeType() == OS_E_MPP_DEV_VENC;
+  uint32_t width = 0;
+  uint32_t height = 0;
+  uint32_t fps = 0;
+  if (isEncoder && sink->GetNodeResolution(width, height, fps) != 0) {
+    width = height = fps = 0;
+  }
+  if (m_isFirstBind) {
+    if (isEncoder) {
+      screen->SetCaptureFps(fps);
+      if (screen->SetEncodeResolution(width, height) != 0) {
+        VLOG_ERR("SetEncodeResolution failed");
+        return 1;
+      }
+    }
+    const uint32_t result = screen->StartProcess();
+    if (result != 0) {
+      VLOG_ERR("Vi[%u] StartProcess failed!", m_viNodeId);
+      return result;
+    }
+  }
+  uint32_t result = screen->ConnectToNode(sink);
+  if (result != 0) {
+    VLOG_ERR("ConnectToNode failed!");
+    return result;
+  }
+  result = sink->ConnectFromNode(screen);
+  if (result != 0) {
+    VLOG_ERR("ConnectFromNode failed!");
+    return result;
+  }
+  result = sink->StartProcess();
+  if (result != 0) {
+    VLOG_ERR("Vo[%u] StartProcess failed!", voNodeId);
+    return result;
+  }
+  m_isFirstBind = false;
+  return 0;
+}
+
+uint32_t VlinkScreenBuilder::UnBindVo(uint32_t voNodeId) {
+  std::lock_guard<std::mutex> lock(m_bindLock);
+  NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId);
+  if (!sink) {
+    VLOG_ERR("node is nullptr");
+    return 1;
+  }
+  const uint32_t result = UnBindNode(m_viNodeId, sink);
+  if (result != 0) {
+    VLOG_ERR("UnBindNode voNodeId[%u] failed!", voNodeId);
+  }
+  if (m_processNodeId != kNoProcessNode &&
+      !VideoVlinkNode::GetNodeByUnique<ImageProcessNode>(m_processNodeId)) {
+    m_processNodeId = kNoProcessNode;
+  }
+  return result;
+}
+
+uint32_t VlinkScreenBuilder::UpdateVoParam(uint32_t /*voNodeId*/, OS_E_MPP_DEV_TYPE voType,
+                                           tagTavoVideoComponentParam* param) {
+  if (voType != OS_E_MPP_DEV_VENC) {
+    return 0;
+  }
+  if (param == nullptr) {
+    VLOG_ERR("encParam is nullptr");
+    return 1;
+  }
+  std::shared_ptr<ScreenCaptureNode> screen =
+      VideoVlinkNode::GetNodeByUnique<ScreenCaptureNode>(m_viNodeId);
+  if (!screen) {
+    VLOG_ERR("vi node is nullptr");
+    return 1;
+  }
+  // Not checked: a screen that cannot take the size now gets it at its next start.
+  screen->SetEncodeResolution(param->venc.width, param->venc.height);
+  return 0;
+}
+
+uint32_t VlinkScreenBuilder::CreateProcessNode(uint32_t width, uint32_t height,
+                                               const NodePtr& screenNode, const NodePtr& sinkNode) {
+  std::lock_guard<std::mutex> lock(m_bindLock);
+  if (!screenNode || !sinkNode) {
+    VLOG_ERR("node is nullptr");
+    return 1;
+  }
+  VideoNodeRequirement requirement{1, width, height, TAVO_VIDEO_VLINK_FORMAT_I420};
+  sinkNode->SetRequirement(requirement);
+  uint32_t processNodeId = kNoProcessNode;
+  if (CreateImageProcessNode(screenNode, processNodeId) != 0) {
+    VLOG_ERR("CreateImageProcessNode failed");
+    return 1;
+  }
+  m_processNodeId = processNodeId;
+  NodePtr process = VideoVlinkNode::GetNodeByUnique<ImageProcessNode>(processNodeId);
+  if (!process) {
+    VLOG_ERR("process node is nullptr");
+    return 1;
+  }
+  uint32_t result = process->ConnectToNode(sinkNode);
+  if (result != 0) {
+    VLOG_ERR("ConnectToNode failed!");
+    return result;
+  }
+  result = sinkNode->ConnectFromNode(process);
+  if (result != 0) {
+    VLOG_ERR("ConnectFromNode failed!");
+    return result;
+  }
+  return 0;
+}

@@ -1,0 +1,271 @@
+// The conversion node's task tree, pools and parked buffers, driven in-process with counting
+// sinks, and its placement between an input and a sink by the screen builder.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include "builder/tavo_video_vlink_screen_builder.h"
+#include "process/tavo_video_vlink_image_process_node.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test_nodes.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+constexpr uint32_t kSrcImgNo = 90;
+
+// A sink with a requirement that records every frame it was handed and may keep them.
+class Sink {
+ public:
+  Sink(uint32_t id, bool process, uint32_t width = 0, uint32_t height = 0, uint32_t format = 0)
+      : node(std::make_shared<CountingNode>(id)) {
+    VideoNodeRequirement requirement{static_cast<uint8_t>(process ? 1 : 0), width, height, format};
+    node->SetRequirement(requirement);
+    node->onFrame = [this](OsvGraphicBuffer* frame) {
+      std::lock_guard<std::mutex> lock(m_lock);
+      frames.push_back(frame);
+      infos.push_back(frame->GetImageInfo());
+      imgNos.push_back(frame->GetSrcImgNo());
+    };
+    node->keep = [this](FrameRef frame) {
+      std::lock_guard<std::mutex> lock(m_lock);
+      if (holding) {
+        held.push_back(std::move(frame));
+      }
+    };
+    node->StartProcess();
+  }
+  void ReleaseHeld() {
+    std::vector<FrameRef> dropped;
+    std::lock_guard<std::mutex> lock(m_lock);
+    dropped.swap(held);
+  }
+  OsvGraphicBuffer* Frame(size_t i) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return frames.at(i);
+  }
+  OsvGraphicBufferInfo Info(size_t i) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return infos.at(i);
+  }
+
+  std::shared_ptr<CountingNode> node;
+  std::mutex m_lock;  // guards the vectors
+  std::vector<OsvGraphicBuffer*> frames;
+  std::vector<OsvGraphicBufferInfo> infos;
+  std::vector<uint32_t> imgNos;
+  std::vector<FrameRef> held;
+  bool holding = false;
+};
+
+class ImageProcessNodeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_underflows = OsvGraphicBuffer::GetUnderflowCount();
+    m_node = std::make_shared<ImageProcessNode>(20001);
+    ASSERT_EQ(m_node->StartProcess(), 0U);
+  }
+  void TearDown() override {
+    m_node->StopProcess();
+    m_node.reset();
+    for (OsvGraphicBuffer* source : m_sources) {
+      EXPECT_TRUE(source->IsAvailable()) << "a source frame was never given back";
+      delete source;
+    }
+    EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows);
+  }
+  OsvGraphicBuffer* Source(uint32_t width, uint32_t height, uint32_t format) {
+    auto* source = new OsvGraphicBuffer(width, height, format, true);
+    source->SetSrcImgNo(kSrcImgNo);
+    m_sources.push_back(source);
+    return source;
+  }
+  // Hands one frame to the node as the pool would, and waits until each sink got it.
+  void Push(OsvGraphicBuffer* source, std::initializer_list<Sink*> sinks) {
+    std::map<Sink*, int> before;
+    for (Sink* sink : sinks) {
+      before[sink] = sink->node->handled.Get();
+    }
+    FrameRef frame = FrameRef::Share(source);
+    EXPECT_EQ(m_node->HandleBuffer(frame), 0U);
+    for (Sink* sink : sinks) {
+      ASSERT_TRUE(sink->node->handled.WaitFor(before[sink] + 1));
+    }
+  }
+  void Insert(Sink& sink) { ASSERT_EQ(m_node->ConnectToNode(sink.node), 0U); }
+
+  LogCapture m_logs;
+  uint64_t m_underflows = 0;
+  std::shared_ptr<ImageProcessNode> m_node;
+  std::vector<OsvGraphicBuffer*> m_sources;
+};
+
+TEST_F(ImageProcessNodeTest, SinksWithOneRequirementShareOneConversionPerFrame) {
+  Sink pass(1, false);
+  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
+  Sink b(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
+  Sink c(4, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
+  Sink full(5, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);
+  for (Sink* sink : {&pass, &a, &b, &c, &full}) {
+    Insert(*sink);
+  }
+  EXPECT_EQ(m_node->GetFormatTaskCount(), 1U);
+  EXPECT_EQ(m_node->GetSizeTaskCount(), 2U);
+  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  constexpr int kFrames = 4;
+  for (int i = 0; i < kFrames; ++i) {
+    Push(source, {&pass, &a, &b, &c, &full});
+  }
+  for (size_t i = 0; i < kFrames; ++i) {
+    EXPECT_EQ(pass.Frame(i), source);  // taken as it comes
+    // One scaled buffer per frame for the three, and the full-size sink gets the conversion.
+    EXPECT_EQ(a.Frame(i), b.Frame(i));
+    EXPECT_EQ(a.Frame(i), c.Frame(i));
+    EXPECT_NE(a.Frame(i), full.Frame(i));
+    EXPECT_NE(full.Frame(i), source);
+    EXPECT_EQ(a.Info(i).width, 32U);
+    EXPECT_EQ(a.Info(i).height, 24U);
+    EXPECT_EQ(a.Info(i).format, static_cast<uint32_t>(TAVO_VIDEO_VLINK_FORMAT_I420));
+    EXPECT_EQ(full.Info(i).width, 64U);
+    EXPECT_EQ(full.Info(i).format, static_cast<uint32_t>(TAVO_VIDEO_VLINK_FORMAT_I420));
+  }
+  for (Sink* sink : {&pass, &a, &full}) {
+    EXPECT_EQ(sink->imgNos, std::vector<uint32_t>(kFrames, kSrcImgNo));
+  }
+  // One pool per conversion step, each allocating only while its buffers are all out.
+  EXPECT_EQ(m_logs.CountModule("[IMG_20001] new buffer: width[32] height[24] format[0]"),
+            std::set<OsvGraphicBuffer*>(a.frames.begin(), a.frames.end()).size());
+  EXPECT_GE(m_logs.CountModule("[IMG_20001] new buffer: width[64] height[48] format[0]"), 1U);
+}
+
+TEST_F(ImageProcessNodeTest, UnsupportedStepsSkipOnlyTheirBranch) {
+  Sink pass(1, false);
+  Sink argbSame(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  Sink argbSmall(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  for (Sink* sink : {&pass, &argbSame, &argbSmall}) {
+    Insert(*sink);
+  }
+  OsvGraphicBuffer* argb = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  Push(argb, {&pass, &argbSame});
+  EXPECT_EQ(argbSame.Frame(0), argb);
+  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] not support format[12]!"));
+  EXPECT_EQ(argbSmall.node->handled.Get(), 0);
+
+  // An I420 source cannot become ARGB; the pass-through sink still gets it.
+  OsvGraphicBuffer* i420 = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);
+  Push(i420, {&pass});
+  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] not support format[0]->format[12]!"));
+  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] TransformFormat failed!"));
+}
+
+TEST_F(ImageProcessNodeTest, TenHeldBuffersRefuseTheBranchUntilOneComesBack) {
+  Sink pass(1, false);
+  Sink slow(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);  // the conversion's own buffers
+  slow.holding = true;
+  Insert(pass);
+  Insert(slow);
+  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  for (size_t i = 0; i < ImageProcessNode::kMaxBuffersPerTask; ++i) {
+    Push(source, {&pass, &slow});
+  }
+  EXPECT_FALSE(m_logs.HasModule("buffer too many!"));
+  Push(source, {&pass});  // the eleventh: refused for the held branch only
+  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] buffer too many!"));
+  EXPECT_EQ(slow.node->handled.Get(), 10);
+  EXPECT_EQ(m_node->GetPoolBufferCount(), ImageProcessNode::kMaxBuffersPerTask);
+  slow.ReleaseHeld();
+  Push(source, {&pass, &slow});
+  EXPECT_EQ(m_node->GetPoolBufferCount(), ImageProcessNode::kMaxBuffersPerTask);
+  slow.holding = false;
+  slow.ReleaseHeld();
+}
+
+TEST_F(ImageProcessNodeTest, RemovingTheLastSinkDropsItsTasksAndParksHeldBuffers) {
+  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
+  Sink b(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
+  Sink stranger(4, false);
+  a.holding = true;
+  b.holding = true;  // so both hold the frame when the tasks go
+  Insert(a);
+  Insert(b);
+  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  Push(source, {&a, &b});
+  EXPECT_EQ(m_node->RemoveImageProcess(stranger.node, true), 1U);
+  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] can't find task!"));
+
+  ASSERT_EQ(m_node->DisconnectFromNode(b.node, true), 0U);
+  EXPECT_EQ(m_node->GetSizeTaskCount(), 1U);  // a still uses it
+  // The last sink goes while it holds a scaled buffer (unbound without being stopped).
+  ASSERT_EQ(m_node->DisconnectFromNode(a.node, true), 0U);
+  EXPECT_EQ(m_node->GetSizeTaskCount(), 0U);
+  EXPECT_EQ(m_node->GetFormatTaskCount(), 0U);
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 1U);
+  // Still valid for its holder (the address checker sees any use after a free).
+  EXPECT_EQ(a.held.at(0)->GetImageInfo().width, 32U);
+  b.ReleaseHeld();
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 1U);
+  a.ReleaseHeld();
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 0U);
+}
+
+TEST_F(ImageProcessNodeTest, ResetMovesASinkToItsNewRequirement) {
+  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
+  a.holding = true;
+  Insert(a);
+  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  Push(source, {&a});
+  VideoNodeRequirement requirement{1, 16, 12, TAVO_VIDEO_VLINK_FORMAT_I420};
+  a.node->SetRequirement(requirement);
+  ASSERT_EQ(m_node->ResetImageProcess(a.node), 0U);
+  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] ResetImageProcess TEST_2"));
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 1U);  // its old scaled buffer is still out
+  a.holding = false;
+  Push(source, {&a});
+  EXPECT_EQ(a.Info(1).width, 16U);
+  a.ReleaseHeld();
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 0U);
+}
+
+// The screen builder places a conversion node between its input and one sink; unbinding the
+// sink removes it again.
+TEST(ScreenBuilderProcessNodeTest, PlacesAndRemovesAConversionNode) {
+  constexpr uint32_t kInput = 93;
+  constexpr uint32_t kSinkId = 31;
+  VideoVlinkNode::CreateNodeByUnique<CountingNode>(kInput);
+  VideoVlinkNode::CreateNodeByUnique<CountingNode>(kSinkId);
+  auto input = VideoVlinkNode::GetNodeByUnique<CountingNode>(kInput);
+  auto sink = VideoVlinkNode::GetNodeByUnique<CountingNode>(kSinkId);
+  ASSERT_TRUE(input && sink);
+  VlinkScreenBuilder builder(kInput, OS_E_MPP_DEV_VI);
+  ASSERT_EQ(builder.CreateProcessNode(32, 24, input, sink), 0U);
+  const uint32_t processId = builder.GetProcessNodeId();
+  EXPECT_GT(processId, VlinkScreenBuilder::kNoProcessNode);
+  auto process = VideoVlinkNode::GetNodeByUnique<ImageProcessNode>(processId);
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->GetNodeType(), OS_E_MPP_DEV_IMAGE_PROCESS);
+  EXPECT_EQ(process->GetNodeName(), "IMG_" + std::to_string(processId));
+  EXPECT_FALSE(process->GetIsViVoNode());
+  EXPECT_TRUE(process->IsStarted());
+  EXPECT_EQ(process->GetSizeTaskCount(), 1U);
+  VideoNodeRequirement requirement{};
+  sink->GetRequirement(requirement);
+  EXPECT_EQ(requirement.needProcess, 1);
+  EXPECT_EQ(requirement.width, 32U);
+  EXPECT_EQ(VlinkBuilder::GetNodeString(input), "TEST_93->(IMG_" + std::to_string(processId) +
+                                                    ") IMG_" + std::to_string(processId) +
+                                                    "->(TEST_31) ");
+  process.reset();
+
+  ASSERT_EQ(builder.UnBindVo(kSinkId), 0U);
+  EXPECT_FALSE(VideoVlinkNode::GetNodeByUnique<ImageProcessNode>(processId));
+  EXPECT_FALSE(input->HasNextNodes());
+  EXPECT_EQ(builder.GetProcessNodeId(), VlinkScreenBuilder::kNoProcessNode);
+  VideoVlinkNode::DeleteNodeByUnique(kInput);
+  VideoVlinkNode::DeleteNodeByUnique(kSinkId);
+}
+
+}  // namespace
