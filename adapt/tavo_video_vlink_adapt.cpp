@@ -37,6 +37,14 @@ struct TestImageComponent {
   }
 };
 
+struct CameraComponent {
+  using Node = CameraCaptureNode;
+  static uint32_t Convert(tagCameraCaptureParams& out, uint32_t portId, uint32_t imgNo,
+                          const tagTavoVideoComponentParam* param) {
+    return VlinkCreateCameraIn(out, portId, imgNo, param);
+  }
+};
+
 struct VirtualCameraComponent {
   using Node = VirtualCameraNode;
   static uint32_t Convert(VoDevInfo& out, uint32_t /*portId*/, uint32_t /*imgNo*/,
@@ -121,26 +129,13 @@ uint32_t DestroyVarietyNode(uint32_t componentId) try {
 }
 VLINK_HOST_CATCH(1)
 
-// Rows of component types whose node classes this build does not have yet.
-uint32_t CreateUnsupportedNode(uint32_t componentId, tagTavoVideoComponentParam* /*param*/) try {
-  VLOG_ERR("component[%u]: this component type is not available in this build", componentId);
-  return 1;
-}
-VLINK_HOST_CATCH(1)
-
-uint32_t DestroyUnsupportedNode(uint32_t /*componentId*/) try {
-  VLOG_INF_TRACE("node has closed");  // such a node can never have been created
-  return 0;
-}
-VLINK_HOST_CATCH(1)
-
 uint32_t DumpNothing(uint32_t /*componentId*/) try { return 0; }
 VLINK_HOST_CATCH(1)
 
 const tagTavoVideoCreateFuncMap kCreateTable[] = {
     {TAVO_VIDEO_COMPONENT_ENCODER, 0, CreateVarietyNode<EncoderComponent>},
     {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 0, CreateVarietyNode<VirtualCameraComponent>},
-    {TAVO_VIDEO_COMPONENT_CAMERA, 0, CreateUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_CAMERA, 0, CreateVarietyNode<CameraComponent>},
     {TAVO_VIDEO_COMPONENT_DECODER, 0, CreateVarietyNode<DecoderComponent>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, CreateVarietyNode<TestImageComponent>},
     {TAVO_VIDEO_COMPONENT_SCREEN, 0, CreateVarietyNode<ScreenComponent>},
@@ -168,7 +163,7 @@ const tagTavoVideoBindFuncMap kUnbindTable[] = VLINK_BIND_PAIRS(VlinkUnbind);
 const tagTavoVideoDestroyFuncMap kDestroyTable[] = {
     {TAVO_VIDEO_COMPONENT_ENCODER, 0, DestroyVarietyNode<VirtualEncoderNode>},
     {TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 0, DestroyVarietyNode<VirtualCameraNode>},
-    {TAVO_VIDEO_COMPONENT_CAMERA, 0, DestroyUnsupportedNode},
+    {TAVO_VIDEO_COMPONENT_CAMERA, 0, DestroyVarietyNode<CameraCaptureNode>},
     {TAVO_VIDEO_COMPONENT_DECODER, 0, DestroyVarietyNode<VirtualDecoderNode>},
     {TAVO_VIDEO_COMPONENT_TEST_IMAGE, 0, DestroyVarietyNode<TestInputInputNode>},
     {TAVO_VIDEO_COMPONENT_PREVIEW, 0, DestroyVarietyNode<VideoPreviewNode>},
@@ -242,6 +237,27 @@ uint32_t VlinkCreateTest(TestDevInfo& out, uint32_t portId, uint32_t imgNo,
   if (InfoTraced()) {
     VLOG_INF("%s", Pelv::PrintStruct(out).c_str());
   }
+  return 0;
+}
+
+uint32_t VlinkCreateCameraIn(tagCameraCaptureParams& out, uint32_t portId, uint32_t imgNo,
+                             const tagTavoVideoComponentParam* param) {
+  out = tagCameraCaptureParams{};
+  const tagTavoVideoCameraParam& in = param->camera;
+  out.uiWidth = in.width;
+  out.uiHeight = in.height;
+  out.uiFrameRate = in.frameRate;
+  out.imgNo = imgNo;
+  out.viPort = portId;
+  // An identity that fills all 192 bytes has no terminator: it is left empty, which the
+  // node's SetParam refuses ("cameraId is null").
+  if (strnlen(in.cameraId, sizeof(in.cameraId)) >= sizeof(in.cameraId) ||
+      strcpy_s(out.cameraId, sizeof(out.cameraId), in.cameraId) != 0) {
+    VLOG_ERR("strcpy_s failed");
+    std::memset(out.cameraId, 0, sizeof(out.cameraId));
+  }
+  VLOG_INF("viInfo: w[%u] h[%u] fps[%u]", out.uiWidth, out.uiHeight, out.uiFrameRate);
+  std::printf("viInfo: w[%u] h[%u] fps[%u]\n", out.uiWidth, out.uiHeight, out.uiFrameRate);
   return 0;
 }
 

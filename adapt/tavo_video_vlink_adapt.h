@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "camera/tavo_video_vlink_camera_capture_node.h"
 #include "codec/tavo_video_vlink_vdec_node.h"
 #include "codec/tavo_video_vlink_venc_node.h"
 #include "codec/tavo_video_vlink_virtual_camera_node.h"
@@ -13,6 +14,11 @@
 uint32_t ConvertVencInfo(uint32_t imgNo, VencDevInfo& out, const tagTavoVideoVEncParam& in);
 uint32_t VlinkCreateTest(TestDevInfo& out, uint32_t portId, uint32_t imgNo,
                          const tagTavoVideoComponentParam* param);
+
+// Camera (type 0): size and rate at 4, 8, 12 and the identity at 40 (at most 191
+// characters); imgNo and viPort from the parameter store.
+uint32_t VlinkCreateCameraIn(tagCameraCaptureParams& out, uint32_t portId, uint32_t imgNo,
+                             const tagTavoVideoComponentParam* param);
 
 uint32_t VlinkCreateVirCam(VoDevInfo& out, const tagTavoVideoComponentParam* param);
 

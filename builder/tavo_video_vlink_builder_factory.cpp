@@ -1,5 +1,6 @@
 #include "builder/tavo_video_vlink_builder_factory.h"
 
+#include "builder/tavo_video_vlink_camera_builder.h"
 #include "builder/tavo_video_vlink_decode_builder.h"
 #include "builder/tavo_video_vlink_screen_builder.h"
 #include "builder/tavo_video_vlink_test_builder.h"
@@ -25,9 +26,10 @@ std::shared_ptr<VlinkBuilder> MakeBuilder(uint32_t viNodeId, OS_E_MPP_DEV_TYPE t
       return std::make_shared<VlinkTestBuilder>(viNodeId, type);
     case OS_E_MPP_DEV_VDEC:
       return std::make_shared<VlinkDecodeBuilder>(viNodeId, type);
+    case OS_E_MPP_DEV_CAMERA:
+      return std::make_shared<VlinkCameraBuilder>(viNodeId, type);
     case OS_E_MPP_DEV_VI:
       return std::make_shared<VlinkScreenBuilder>(viNodeId, type);
-    // Camera inputs get their builder with their node class.
     default:
       return nullptr;
   }

@@ -139,12 +139,12 @@ void UnbindComponent(const Tables& tables, uint32_t component) {
 }
 
 void DecodedFrame(Input& in) {
-  auto* frame = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(std::calloc(1, sizeof(*frame)));
+  auto* frame = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(
+      std::calloc(1, sizeof(tagOS_S_VIDEO_CODEC_IMG_INFO)));
   const uint32_t width = (in.Byte() % 8U + 1U) * 16U;
   const uint32_t height = (in.Byte() % 8U + 1U) * 16U;
   frame->pBuffer = new OsvGraphicBuffer(width, height, 0, false, false);
-  if (TavoVideoReceiveVDecFrame(in.Byte(), kNodeIds[in.Byte() % std::size(kNodeIds)], frame) !=
-      0) {
+  if (TavoVideoReceiveVDecFrame(in.Byte(), kNodeIds[in.Byte() % std::size(kNodeIds)], frame) != 0) {
     delete frame->pBuffer;  // refused: the host keeps it
     std::free(frame);
   }

@@ -661,6 +661,13 @@ uint32_t X11ScreenCapturer::ResetScaleSize(uint32_t width, uint32_t height) {
     }
     m_scaleBuffers[slot] = fresh[slot].release();
   }
+  // Each change restarts the delay, so a host that resizes more often than the delay lasts
+  // would keep every old set: beyond two sets the oldest go now (a busy one when its last
+  // holder lets go).
+  while (m_unusedBuffers.size() > kMaxUnusedBuffers) {
+    m_tracker->Retire(m_unusedBuffers.front());
+    m_unusedBuffers.pop_front();
+  }
   m_scaleWidth = width;
   m_scaleHeight = height;
   m_unusedDelay = kUnusedDelayFrames;

@@ -33,6 +33,7 @@ class X11ScreenCapturer {
 
   static constexpr uint32_t kScaleBufferCount = 5;
   static constexpr uint32_t kUnusedDelayFrames = 60;
+  static constexpr size_t kMaxUnusedBuffers = 2 * kScaleBufferCount;
   static constexpr uint32_t kFormatArgb = 12;
   static constexpr uint32_t kFormatUnknown = 16;
   static constexpr uint64_t kOrdinaryPeriodNs = 50000000ULL;

@@ -498,6 +498,13 @@ TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
   ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
   EXPECT_EQ(sink.Info(1).width, 96u);
   EXPECT_EQ(sink.Info(1).height, 64u);
+  // Resizes faster than the freeing delay keep two replaced sets at most, not every one.
+  for (uint32_t i = 0; i < 6; ++i) {
+    EXPECT_EQ(capturer->SetEncodeResolution(i % 2 == 0 ? 160 : 96, 64), 0u);
+  }
+  EXPECT_EQ(capturer->GetUnusedBufferCount(), 10u);
+  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(sink.Info(2).width, 96u);
 }
 
 // ---- shared memory ------------------------------------------------------------------

@@ -1,0 +1,398 @@
+// Camera links as the host drives them (camera rows, binds behind the shared virtual-background
+// node, capture-size and overlay controls, stops with frames out) over a fake V4L2 camera.
+// Every frame the camera wraps must come back exactly once.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "adapt/tavo_video_vlink_adapt.h"
+#include "background/tavo_video_background_virtuality.h"
+#include "background/tavo_video_opencv_binding.h"
+#include "builder/tavo_video_vlink_builder_factory.h"
+#include "tavo_video_vlink.h"
+#include "tests/support/build_tree_loader.h"
+#include "tests/support/fake_computing_client.h"
+#include "tests/support/fake_os.h"
+#include "tests/support/fake_v4l2_device.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/test_nodes.h"
+#include "tests/support/waitable_log.h"
+#include "tests/support/wrapper_symbols.h"
+
+namespace {
+
+constexpr const char* kBus = "usb-0000:00:14.0-1";
+
+template <class Row>
+auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t srcType = 0) {
+  const Row* table = nullptr;
+  uint32_t count = 0;
+  getter(&table, &count);
+  for (uint32_t i = 0; i < count; ++i) {
+    if (table[i].type == type && table[i].srcType == srcType) {
+      return table[i].func;
+    }
+  }
+  return decltype(table->func){};
+}
+
+uint32_t Destroy(uint32_t camera) {
+  return RowOf(TavoVideoGetDestroyNodeFuncMap, TAVO_VIDEO_COMPONENT_CAMERA)(camera);
+}
+
+uint32_t Bind(uint32_t sink, uint32_t source, bool bind = true) {
+  auto getter = bind ? TavoVideoGetBindNodeFuncMap : TavoVideoGetUnBindNodeFuncMap;
+  return RowOf(getter, TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA)(sink, source);
+}
+
+void Present(uint32_t component, uint32_t nodeId) {
+  auto container =
+      DataContainer::GetInstance("Node[" + std::to_string(component) + "]PresentParam");
+  container->SetDataByString<uint32_t>("imgNo", nodeId);
+  container->SetDataByString<uint32_t>("portId", 0);
+}
+
+std::shared_ptr<BackgroundVirtualityNode> BgNodeOf(uint32_t cameraId) {
+  uint32_t bgId = 0;
+  return CameraCaptureNode::GetBgVirtualNodeId(cameraId, bgId) == 0
+             ? VideoVlinkNode::GetNodeByUnique<BackgroundVirtualityNode>(bgId)
+             : nullptr;
+}
+
+struct CameraTypeNode : CountingNode {  // the camera's node type, another class
+  explicit CameraTypeNode(uint32_t id) : CountingNode(id, OS_E_MPP_DEV_CAMERA) {}
+};
+
+class CameraLinkTest : public ::testing::Test {
+ protected:
+  CameraLinkTest() : m_deviceOverride(m_device) {
+    FakeCameraConfig config = TypicalCamera(kBus);
+    config.formats = {DiscreteFormat(V4L2_PIX_FMT_YUYV, {{320, 240}, {640, 480}}, {{1, 30}})};
+    m_device.AddCamera(0, config);
+    ResetOpencvBinding();
+  }
+
+  void TearDown() override {
+    for (uint32_t component : m_cameras) {
+      EXPECT_EQ(Destroy(component), 0U);
+    }
+    for (auto& [id, sink] : m_sinks) {
+      sink->DealTaskHandler(true);  // frames still queued to it go back first
+      VideoVlinkNode::DeleteNodeByUnique(id);
+    }
+    for (const std::shared_ptr<CameraCaptureNode>& camera : m_cameraNodes) {
+      camera->DealTaskHandler(true);  // the releases those queued
+      EXPECT_EQ(camera->GetBufferCount(), 0U) << "a frame did not come back";
+    }
+    EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame released twice";
+    EXPECT_EQ(m_device.OpenDescriptors(), 0U);
+    EXPECT_EQ(m_device.Mappings(), 0U);
+    ResetOpencvBinding();
+  }
+
+  uint32_t CreateCamera(uint32_t component, uint32_t nodeId, uint32_t width, uint32_t height,
+                        const char* cameraId = kBus) {
+    Present(component, nodeId);
+    tagTavoVideoComponentParam param{};
+    param.camera.width = width;
+    param.camera.height = height;
+    param.camera.frameRate = 30;
+    std::memcpy(param.camera.cameraId, cameraId, std::min<size_t>(192, std::strlen(cameraId)));
+    m_cameras.push_back(component);
+    const uint32_t result =
+        RowOf(TavoVideoGetCreateNodeFuncMap, TAVO_VIDEO_COMPONENT_CAMERA)(component, &param);
+    if (auto node = VideoVlinkNode::GetNodeByUnique<CameraCaptureNode>(nodeId)) {
+      m_cameraNodes.push_back(node);
+    }
+    std::lock_guard<std::mutex> lock(m_seenLock);
+    m_stamp = nodeId;
+    return result;
+  }
+
+  // A sink that checks every frame against the expected stamp and size.
+  std::shared_ptr<CountingNode> AddSink(uint32_t component, uint32_t nodeId) {
+    Present(component, nodeId);
+    VideoVlinkNode::CreateNodeByUnique<CountingNode>(nodeId);
+    auto sink = VideoVlinkNode::GetNodeByUnique<CountingNode>(nodeId);
+    sink->onFrame = [this](OsvGraphicBuffer* frame) {
+      const OsvGraphicBufferInfo info = frame->GetImageInfo();
+      std::lock_guard<std::mutex> lock(m_seenLock);
+      m_lastWidth = info.width;
+      m_wrongStamps += frame->GetSrcImgNo() != m_stamp ? 1 : 0;
+    };
+    m_sinks[nodeId] = sink;
+    return sink;
+  }
+
+  uint32_t LastWidth() {
+    std::lock_guard<std::mutex> lock(m_seenLock);
+    return m_lastWidth;
+  }
+
+  FakeV4l2Device m_device;
+  ScopedSeamOverride<CaptureDevice> m_deviceOverride;
+  WaitableLog m_log;
+  std::vector<uint32_t> m_cameras;
+  std::vector<std::shared_ptr<CameraCaptureNode>> m_cameraNodes;
+  std::map<uint32_t, std::shared_ptr<CountingNode>> m_sinks;
+  std::mutex m_seenLock;  // guards m_stamp, m_lastWidth, m_wrongStamps
+  uint32_t m_stamp = 0;   // the image number of the last camera made
+  uint32_t m_lastWidth = 0;
+  int m_wrongStamps = 0;
+  uint64_t m_underflows = OsvGraphicBuffer::GetUnderflowCount();
+};
+
+// The inference client and the image wrapper behind a fake loader.
+class CameraEffectTest : public CameraLinkTest {
+ protected:
+  CameraEffectTest() : m_loaderOverride(m_loader) {
+    m_loader.AddLibrary(BackgroundVirtualityNode::kClientLibrary, FakeComputingClient::Symbols());
+    m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
+  }
+  FakeDynamicLoader m_loader;
+  ScopedSeamOverride<DynamicLoader> m_loaderOverride;
+  FakeComputingClient m_client;
+};
+
+TEST(CameraCaptureNodeTest, ParametersAreCheckedAgainstTheCaptureLimits) {
+  struct Case {
+    uint32_t width, height, result;
+  };
+  auto node = std::make_shared<CameraCaptureNode>(31);
+  for (const Case& c :
+       {Case{3840, 2160, 0}, Case{2160, 3840, 0}, Case{100, 2161, 0}, Case{1, 1, 0},
+        Case{3841, 100, 1}, Case{2200, 2161, 1}, Case{0, 480, 1}, Case{640, 0, 1}}) {
+    SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+    tagCameraCaptureParams params{};
+    params.uiWidth = c.width;
+    params.uiHeight = c.height;
+    std::strcpy(params.cameraId, kBus);
+    EXPECT_EQ(node->SetParam(params), c.result);
+  }
+  EXPECT_EQ(node->GetParam().uiWidth, 1U);  // the last accepted parameters stay
+  tagCameraCaptureParams noId{};
+  noId.uiWidth = 640;
+  noId.uiHeight = 480;
+  EXPECT_EQ(node->SetParam(noId), 1U);
+  // A node never given valid parameters cannot start, and has no overlay to reach.
+  auto fresh = std::make_shared<CameraCaptureNode>(32);
+  EXPECT_EQ(fresh->StartProcess(), 1U);
+  EXPECT_FALSE(fresh->IsStarted());
+  EXPECT_EQ(fresh->CloseIvr(), 1U);
+}
+
+TEST_F(CameraLinkTest, CreateRowRefusesAnIdentityWithoutTerminator) {
+  const std::string full(192, 'a');
+  EXPECT_EQ(CreateCamera(711, 11, 640, 480, full.c_str()), 1U);
+  EXPECT_TRUE(m_log.HasModule("cameraId is null", 1));
+  EXPECT_EQ(CreateCamera(711, 11, 640, 480, full.substr(0, 191).c_str()), 0U);
+  EXPECT_EQ(std::strlen(m_cameraNodes.back()->GetParam().cameraId), 191U);
+  EXPECT_EQ(m_cameraNodes.back()->GetParam().imgNo, 11U);
+}
+
+// Two sinks share one virtual-background node and the camera starts once; unbinding one
+// leaves the other receiving; destroying the camera removes the middle node.
+TEST_F(CameraLinkTest, SinksShareTheBackgroundNodeAndComeAndGo) {
+  ASSERT_EQ(CreateCamera(700, 5, 320, 240), 0U);
+  auto first = AddSink(720, 21);
+  auto second = AddSink(721, 22);
+  ASSERT_EQ(Bind(720, 700), 0U);
+  std::shared_ptr<VideoVlinkNode> bgNode = BgNodeOf(5);
+  ASSERT_TRUE(bgNode);
+  EXPECT_GE(bgNode->GetNodeId(), 10001U);
+  ASSERT_TRUE(first->handled.WaitFor(3));
+  ASSERT_EQ(Bind(721, 700), 0U);
+  EXPECT_EQ(BgNodeOf(5), bgNode);
+  EXPECT_EQ(m_log.CountModule("CameraCaptureNode::StartProcess success"), 1U);
+  const std::string bg = "BG_VIR_" + std::to_string(bgNode->GetNodeId());
+  EXPECT_NE(VlinkBuilderFactory::GetInstance().GetLinksText().find("CAM_5->(" + bg + ") " + bg +
+                                                                   "->(TEST_21,TEST_22) "),
+            std::string::npos);
+
+  ASSERT_EQ(Bind(720, 700, false), 0U);
+  first->DealTaskHandler(true);  // frames queued before the unbind have arrived
+  const int firstCount = first->handled.Get();
+  ASSERT_TRUE(second->handled.WaitFor(second->handled.Get() + 5));
+  EXPECT_EQ(first->handled.Get(), firstCount);
+  {
+    std::lock_guard<std::mutex> lock(m_seenLock);
+    EXPECT_EQ(m_lastWidth, 320U);
+    EXPECT_EQ(m_wrongStamps, 0);
+  }
+
+  EXPECT_EQ(Destroy(700), 0U);
+  m_cameras.clear();
+  EXPECT_FALSE(VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(bgNode->GetNodeId()));
+  EXPECT_FALSE(VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(5));
+  EXPECT_TRUE(second->GetPrevConnectListCopy().empty());  // nothing holds the deleted node
+  EXPECT_FALSE(m_device.IsStreaming(0));
+  EXPECT_EQ(Destroy(700), 0U);
+}
+
+TEST_F(CameraLinkTest, UnknownComponentsAndMissingMiddleNodesFailTheBind) {
+  auto sink = AddSink(730, 23);
+  Present(731, 6);  // a camera component never created
+  EXPECT_EQ(Bind(730, 731), 1U);
+  ASSERT_EQ(CreateCamera(732, 7, 320, 240), 0U);
+  Present(733, 999);  // a sink that does not exist
+  EXPECT_EQ(Bind(733, 732), 1U);
+  EXPECT_FALSE(m_cameraNodes.back()->IsStarted());
+  EXPECT_EQ(Bind(730, 732, false), 1U);  // no link yet, so no middle node
+  ASSERT_EQ(Bind(730, 732), 0U);
+  ASSERT_TRUE(sink->handled.WaitFor(1));
+  // A stop erases the middle node: a bind that is not the first cannot link any more.
+  ASSERT_EQ(m_cameraNodes.back()->StopProcess(), 0U);
+  AddSink(734, 24);
+  EXPECT_EQ(Bind(734, 732), 1U);
+  EXPECT_TRUE(m_log.HasModule("Vi[7] mid[0] GetBgVirtualNodeId failed!", 1));
+}
+
+// The stop gives up after its bounded wait; held frames are freed once when let go.
+TEST_F(CameraLinkTest, StopWithFramesHeldReturnsAfterTheBoundedWait) {
+  ASSERT_EQ(CreateCamera(740, 8, 320, 240), 0U);
+  auto sink = AddSink(741, 25);
+  std::mutex heldLock;
+  std::vector<FrameRef> held;
+  sink->keep = [&](FrameRef frame) {
+    std::lock_guard<std::mutex> lock(heldLock);
+    if (held.size() < 3) {
+      held.push_back(std::move(frame));
+    }
+  };
+  ASSERT_EQ(Bind(741, 740), 0U);
+  ASSERT_TRUE(sink->handled.WaitFor(5));
+  std::shared_ptr<CameraCaptureNode> camera = m_cameraNodes.back();
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(camera->StopProcess(), 0U);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin,
+            std::chrono::milliseconds(CameraCaptureNode::kReleaseWaitMs));
+  EXPECT_TRUE(m_log.HasModule("m_bufferCnt:3 not release!", 1));
+  EXPECT_FALSE(camera->IsOpened());
+  std::lock_guard<std::mutex> lock(heldLock);
+  held.clear();
+  camera->DealTaskHandler(true);
+  EXPECT_EQ(camera->GetBufferCount(), 0U);
+}
+
+// Kept at once, captured from the next start; other kinds of node are left alone.
+TEST_F(CameraLinkTest, CaptureSizeTakesEffectAtTheNextStart) {
+  ASSERT_EQ(CreateCamera(750, 9, 320, 240), 0U);
+  EXPECT_EQ(TavoVideoSetCapResolution(9, 640, 480), 0U);
+  auto sink = AddSink(751, 26);
+  ASSERT_EQ(Bind(751, 750), 0U);
+  ASSERT_TRUE(sink->handled.WaitFor(2));
+  EXPECT_EQ(LastWidth(), 640U);
+  EXPECT_EQ(TavoVideoSetCapResolution(9, 3841, 100), 1U);
+  EXPECT_EQ(TavoVideoSetCapResolution(9, 320, 240), 0U);
+  EXPECT_EQ(m_device.CurrentFormat(0).width, 640U);  // still the old size
+  std::shared_ptr<CameraCaptureNode> camera = m_cameraNodes.back();
+  ASSERT_EQ(camera->StopProcess(), 0U);
+  ASSERT_EQ(camera->StartProcess(), 0U);
+  EXPECT_EQ(m_device.CurrentFormat(0).width, 320U);
+
+  AddSink(752, 27);  // an encoder
+  VideoVlinkNode::CreateNodeByUnique<CameraTypeNode>(28);
+  EXPECT_EQ(TavoVideoSetCapResolution(27, 640, 480), 0U);
+  EXPECT_EQ(TavoVideoSetCapResolution(28, 640, 480), 1U);
+  EXPECT_EQ(TavoVideoSetCapResolution(12345, 640, 480), 1U);
+  VideoVlinkNode::DeleteNodeByUnique(28);
+}
+
+TEST_F(CameraLinkTest, UnpluggedCameraIsDestroyedCleanly) {
+  m_device.Faults(0, [](FakeCameraFaults& f) { f.unplugAfterFrames = 4; });
+  ASSERT_EQ(CreateCamera(760, 13, 320, 240), 0U);
+  auto sink = AddSink(761, 29);
+  ASSERT_EQ(Bind(761, 760), 0U);
+  ASSERT_TRUE(m_log.WaitFor("could not sync on a buffer on device"));
+  ASSERT_TRUE(sink->handled.WaitFor(3));
+}
+
+// Settings given before the camera exists reach the virtual-background node at bind.
+TEST_F(CameraEffectTest, OverlaySettingsStoredBeforeTheLinkApplyAtBind) {
+  TempDir dir;
+  const std::string bgPath = dir.Write("bg.bmp", SolidBmp24(16, 9, 255, 0, 0));
+  uint32_t queue = 0;
+  ASSERT_EQ(
+      TavoVideoVlinkOverlayParamCreate(14, 801, &queue, TAVO_VIDEO_OVERLAY_VIRTUAL_BACKGROUND), 0U);
+  tagTavoVideoOverlayParam overlay{};
+  std::strcpy(overlay.background.bgImagePath, bgPath.c_str());
+  EXPECT_EQ(TavoVideoVlinkOverlayParamSet(801, &overlay), 0U);
+  EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(801, 0x101), 0U);  // low 8 bits: on
+
+  ASSERT_EQ(CreateCamera(770, 14, 320, 240), 0U);
+  auto sink = AddSink(771, 30);
+  ASSERT_EQ(Bind(771, 770), 0U);
+  auto bgNode = BgNodeOf(14);
+  ASSERT_TRUE(bgNode);
+  EXPECT_TRUE(bgNode->IsRunning());
+  EXPECT_STREQ(bgNode->GetParam().bgImagePath, bgPath.c_str());
+  EXPECT_EQ(bgNode->GetParam().height, 240U);
+  ASSERT_TRUE(m_client.requests.WaitFor(3));
+  ASSERT_TRUE(sink->handled.WaitFor(3));
+
+  EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(801, 0), 0U);
+  EXPECT_FALSE(bgNode->IsRunning());
+  ASSERT_TRUE(sink->handled.WaitFor(sink->handled.Get() + 3));  // passed through while off
+  // An unterminated path is refused and changes nothing.
+  std::memset(overlay.background.bgImagePath, 'x', kBackgroundImagePathLength);
+  EXPECT_EQ(TavoVideoVlinkOverlayParamSet(801, &overlay), 1U);
+  EXPECT_STREQ(bgNode->GetParam().bgImagePath, bgPath.c_str());
+  EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(801), 0U);
+  EXPECT_EQ(TavoVideoVlinkOverlayParamSet(801, &overlay), 1U);
+}
+
+TEST_F(CameraLinkTest, TextOverlayChannelsAnswerAsWithoutAnOverlayProxy) {
+  uint32_t queue = 0;
+  ASSERT_EQ(TavoVideoVlinkOverlayParamCreate(15, 802, &queue, TAVO_VIDEO_OVERLAY_TEXT), 0U);
+  ASSERT_EQ(TavoVideoVlinkOverlayParamCreate(15, 803, &queue, 5), 0U);  // kept nowhere
+  tagTavoVideoOverlayParam overlay{};
+  std::strcpy(overlay.text.overlayText, "hello");
+  EXPECT_EQ(TavoVideoVlinkOverlayParamSet(802, &overlay), 1U);  // no camera yet
+  ASSERT_EQ(CreateCamera(780, 15, 320, 240), 0U);
+  AddSink(781, 31);
+  ASSERT_EQ(Bind(781, 780), 0U);
+  EXPECT_EQ(TavoVideoVlinkOverlayParamSet(802, &overlay), 1U);
+  EXPECT_TRUE(m_log.HasModule("m_csnProxy is null", 1));
+  EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(802, 1), 0U);  // on: nothing to do
+  EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(802, 0), 1U);  // off: closes the text overlay
+  EXPECT_TRUE(m_log.HasModule("m_csnProxy is null", 3));
+  EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(802), 1U);
+  for (uint32_t channel : {803U, 804U}) {
+    EXPECT_EQ(TavoVideoVlinkOverlayParamSet(channel, &overlay), 1U);
+    EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(channel, 0), 1U);
+    EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(channel), 0U);
+  }
+}
+
+// The real inference client and wrapper, where the model is installed.
+TEST_F(CameraLinkTest, EffectRunsWithTheRealInferenceClient) {
+  BuildTreeLoader loader(VLINK_LOADABLE_DIR);
+  ScopedSeamOverride<DynamicLoader> use(loader);
+  uint32_t queue = 0;
+  ASSERT_EQ(
+      TavoVideoVlinkOverlayParamCreate(16, 805, &queue, TAVO_VIDEO_OVERLAY_VIRTUAL_BACKGROUND), 0U);
+  TempDir dir;
+  tagTavoVideoOverlayParam overlay{};
+  std::strcpy(overlay.background.bgImagePath,
+              dir.Write("green.bmp", SolidBmp24(32, 18, 0, 255, 0)).c_str());
+  ASSERT_EQ(TavoVideoVlinkOverlayParamSet(805, &overlay), 0U);
+  ASSERT_EQ(TavoVideoVlinkOverlayParamEnable(805, 1), 0U);
+  ASSERT_EQ(CreateCamera(790, 16, 640, 480), 0U);
+  auto sink = AddSink(791, 32);
+  ASSERT_EQ(Bind(791, 790), 0U);
+  const bool running = BgNodeOf(16) && BgNodeOf(16)->IsRunning();
+  if (running) {
+    EXPECT_TRUE(sink->handled.WaitFor(5));
+  }
+  EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(805), 0U);
+  EXPECT_EQ(Destroy(790), 0U);  // while the real libraries are still the loader's
+  m_cameras.clear();
+  if (!running) {
+    GTEST_SKIP() << "no segmentation model installed (scripts/install-models.sh)";
+  }
+}
+
+}  // namespace
