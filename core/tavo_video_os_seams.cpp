@@ -1,6 +1,10 @@
 #include "core/tavo_video_os_seams.h"
 
+#include <dlfcn.h>
+
 #include <chrono>
+#include <cstring>
+#include <string>
 
 #include "platform/os_thread.h"
 #include "platform/os_time.h"
@@ -26,9 +30,38 @@ class OsThreadSystem final : public ThreadSystem {
   int32_t SetName(const char* name) override { return OsPthreadSetName(name); }
 };
 
+// The folder of the shared object this code is linked into, with a trailing '/'.
+std::string OwnFolder() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&OwnFolder), &info) == 0 || info.dli_fname == nullptr) {
+    return {};
+  }
+  const std::string self = info.dli_fname;
+  const size_t slash = self.rfind('/');
+  return slash == std::string::npos ? std::string() : self.substr(0, slash + 1);
+}
+
 class OsDynamicLoader final : public DynamicLoader {
  public:
-  void* Open(const char* path) override { return OsDLibraryOpen(path); }
+  // A bare name the loader's search does not find is looked for beside this library and in
+  // its lib/ folder: the library's own run path is not searched when a sanitizer runtime
+  // intercepts the call and becomes the caller.
+  void* Open(const char* path) override {
+    void* handle = OsDLibraryOpen(path);
+    if (handle != nullptr || path == nullptr || std::strchr(path, '/') != nullptr) {
+      return handle;
+    }
+    const std::string folder = OwnFolder();
+    for (const char* sub : {"", "lib/"}) {
+      if (!folder.empty()) {
+        if (void* found = OsDLibraryOpen((folder + sub + path).c_str())) {
+          return found;
+        }
+      }
+    }
+    OsDLibraryOpen(path);  // leaves the first failure's text for Error()
+    return nullptr;
+  }
   void* Symbol(void* handle, const char* name) override { return OsDLibrarySym(handle, name); }
   int32_t Close(void* handle) override { return OsDLibraryClose(handle); }
   std::string Error() override { return OsDLibraryError(); }

@@ -79,8 +79,7 @@ uint64_t FileCameraCapturedAtUs(uint32_t number) {
   return capturedAt != nullptr ? capturedAt(number) : 0;
 }
 
-bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip,
-                  const std::string& library) {
+bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip) {
   if (FileCameraLoaded()) {
     std::printf("camera: the file camera plays %s as \"%s\"\n",
                 std::getenv("VLINK_FAKE_CAMERA_CLIP"), busId.c_str());
@@ -98,16 +97,6 @@ bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip
   }
   std::string preload;
   dl_iterate_phdr(FindSanitizer, &preload);
-  if (!preload.empty()) {
-    // A sanitizer runtime intercepts dlopen, so the libraries the library loads by name are
-    // searched for on the runtime's path, not on the library's: name their folder (beside
-    // the library) in the environment.
-    std::string path = (std::filesystem::absolute(library).parent_path() / "lib").string();
-    if (const char* before = std::getenv("LD_LIBRARY_PATH"); before != nullptr && *before) {
-      path += std::string(":") + before;
-    }
-    setenv("LD_LIBRARY_PATH", path.c_str(), 1);
-  }
   preload += (preload.empty() ? "" : ":") + shim;
   if (const char* before = std::getenv("LD_PRELOAD"); before != nullptr && *before != '\0') {
     preload += std::string(":") + before;

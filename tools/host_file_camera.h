@@ -12,9 +12,7 @@ bool RealCameraPresent(const std::string& busId);
 // Makes sure a camera with `busId` will be there: returns when a real one is present or the
 // file camera is already loaded; otherwise runs this program again (argv) with the file
 // camera preloaded, playing `clip`, and does not return. False when neither can be had.
-// `library` is the library the program will load.
-bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip,
-                  const std::string& library);
+bool EnsureCamera(char** argv, const std::string& busId, const std::string& clip);
 
 // True when the file camera serves this process.
 bool FileCameraLoaded();

@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
   // file camera preloaded.
   if (options.mode == Mode::kCamera || options.mode == Mode::kTour) {
     const std::string clip = options.clip.empty() ? BuiltFile("camera_clip.mjpeg") : options.clip;
-    if (!EnsureCamera(argv, options.cameraId, clip, options.library)) {
+    if (!EnsureCamera(argv, options.cameraId, clip)) {
       return 1;
     }
   }

@@ -369,19 +369,24 @@ class Soak : public ::testing::Test {
       t.join();
     }
 
-    // Take everything down, as a host does: unbind, destroy, give back what it holds.
+    // Take everything down, as a host does: unbind, destroy the sinks (their last frames
+    // have reached the host then), give back what the host holds, destroy the inputs (a
+    // test image keeps frames still held at its destruction for good).
     for (size_t i = 0; i < std::size(kLinks); ++i) {
       if (bound[i]) {
         EXPECT_EQ(Unbind(kLinks[i]), 0U);
       }
     }
-    for (const Component* c : {&kEncTest, &kVoDecoder, &kVirCam, &kEncScreen, &kVoScreen,
-                               &kEncCamera, &kVoCamera, &kTest, &kDecoder, &kScreen, &kCamera}) {
+    for (const Component* c :
+         {&kEncTest, &kVoDecoder, &kVirCam, &kEncScreen, &kVoScreen, &kEncCamera, &kVoCamera}) {
+      EXPECT_EQ(Destroy(*c), 0U);
+    }
+    ReleaseEncoderFrames(0);
+    for (const Component* c : {&kTest, &kDecoder, &kScreen, &kCamera}) {
       EXPECT_EQ(Destroy(*c), 0U);
     }
     EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(kBackgroundChannel), 0U);
     EXPECT_EQ(TavoVideoMouseStop(kMouse), 0U);
-    ReleaseEncoderFrames(0);
     return resident;
   }
 
