@@ -113,6 +113,27 @@ uint32_t CreateVarietyNode(uint32_t componentId, tagTavoVideoComponentParam* par
 }
 VLINK_HOST_CATCH(1)
 
+// A sink about to be destroyed is unbound from each input it hangs off, through that input's
+// builder when there is one (so conversion nodes left without outputs go too), else straight
+// from its upstream node: a host that destroys a bound component leaves nothing holding it.
+void UnbindFromInputs(const VideoVlinkNode::NodePtr& sink) {
+  for (const VideoVlinkNode::NodePtr& prev : sink->GetPrevConnectListCopy()) {
+    VideoVlinkNode::NodePtr input = prev;
+    while (!input->GetIsViVoNode()) {
+      const VideoVlinkNode::NodeList above = input->GetPrevConnectListCopy();
+      if (above.empty()) {
+        break;
+      }
+      input = above.front();
+    }
+    std::shared_ptr<VlinkBuilder> builder =
+        VlinkBuilderFactory::GetInstance().GetBuilderNoCreate(input->GetNodeId());
+    if (builder == nullptr || builder->UnBindVo(sink->GetNodeId()) != 0) {
+      prev->DisconnectFromNode(sink, true);
+    }
+  }
+}
+
 template <class Node>
 uint32_t DestroyVarietyNode(uint32_t componentId) try {
   uint32_t id = 0;
@@ -122,8 +143,18 @@ uint32_t DestroyVarietyNode(uint32_t componentId) try {
     VLOG_INF_TRACE("node has closed");
     return 0;
   }
-  node.reset();  // the registry stops and shuts it down, then lets it go
-  VideoVlinkNode::DeleteNodeByUnique(id);
+  UnbindFromInputs(node);
+  VideoVlinkNode::DeleteNodeByUnique(id);  // stops and shuts the node down
+  // Sinks still bound to a destroyed input keep it until they go; it lets go of them now, so
+  // the two never hold each other for good. Only this node's lock is taken: a sink may be
+  // inside a host callback under its own.
+  for (const VideoVlinkNode::NodePtr& next : node->GetNextConnectListCopy()) {
+    node->DisconnectFromNode(next, true);
+  }
+  for (const VideoVlinkNode::NodePtr& prev : node->GetPrevConnectListCopy()) {
+    node->DisconnectFromNode(prev, false);
+  }
+  node.reset();
   VlinkBuilderFactory::GetInstance().DeleteBuilder(id);
   return 0;
 }

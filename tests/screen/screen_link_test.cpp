@@ -15,10 +15,6 @@
 #include <thread>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
-
 #include "tavo_video_vlink.h"
 #include "tavo_video_vlink_capture.h"
 #include "tests/support/loaded_library.h"
@@ -301,11 +297,6 @@ void ExpectFrames(const std::vector<HostEncoder::Seen>& frames, uint32_t width, 
 }
 
 TEST_F(ScreenLinkTest, EncoderSizeWinsUpdatesFlowAndSinksComeAndGo) {
-#if defined(__SANITIZE_ADDRESS__)
-  // The screen is destroyed while bound (destroy leaves links alone): it and its sinks keep
-  // each other alive for good, which the leak checker must not report.
-  __lsan::ScopedDisabler keptByLinks;
-#endif
   Param screen = ScreenParam();
   ASSERT_EQ(Create(kScreenType, 700, 90, screen.get()), 0U);
   EXPECT_TRUE(m_logs.HasModule("viInfo: w[640] h[480] fps[30]"));
