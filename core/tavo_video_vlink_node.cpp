@@ -73,8 +73,31 @@ uint32_t VideoVlinkNode::ConnectFromNode(NodePtr node) {
   return 0;
 }
 
+namespace {
+
+// True when `target` is `from` or lies downstream of it.
+bool Reaches(const VideoVlinkNode::NodePtr& from, const VideoVlinkNode* target) {
+  if (from.get() == target) {
+    return true;
+  }
+  for (const VideoVlinkNode::NodePtr& next : from->GetNextConnectListCopy()) {
+    if (Reaches(next, target)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 uint32_t VideoVlinkNode::ConnectToNode(NodePtr node) {
   if (!node) {
+    return 1;
+  }
+  // Node ids are the host's: a sink id that names this node or one upstream of it would
+  // make frames go round for ever.
+  if (Reaches(node, this)) {
+    VLOG_ERR_MODULE("[%s] Node[%u] would close a loop", m_nodeName.c_str(), node->GetNodeId());
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);

@@ -124,6 +124,26 @@ TEST(VlinkNodeTest, ConnectAndDisconnectMatchNeighboursById) {
   EXPECT_EQ(node->DisconnectFromNode(nullptr, true), 0U);
 }
 
+// A host's ids can name a node as its own sink or close a ring; frames would go round for
+// ever (and a watermark walk would never end).
+TEST(VlinkNodeTest, LinksThatWouldLoopAreRefused) {
+  LogCapture logs;
+  auto a = MakeNode(1, false);
+  auto b = MakeNode(2, false);
+  auto c = MakeNode(3, false);
+  EXPECT_EQ(a->ConnectToNode(a), 1U);
+  EXPECT_TRUE(logs.HasModule("[TEST_1] Node[1] would close a loop", 1));
+  ASSERT_EQ(a->ConnectToNode(b), 0U);
+  ASSERT_EQ(b->ConnectToNode(c), 0U);
+  EXPECT_EQ(c->ConnectToNode(a), 1U);
+  EXPECT_EQ(c->ConnectToNode(b), 1U);
+  EXPECT_EQ(a->ConnectToNode(c), 0U);  // a second path is no loop
+  EXPECT_FALSE(c->HasNextNodes());
+  b->DisconnectFromNode(c, true);
+  a->DisconnectFromNode(b, true);
+  a->DisconnectFromNode(c, true);
+}
+
 TEST(VlinkNodeTest, QueuedTasksKeepTheirNodeAlive) {
   auto source = MakeNode(1, true);
   auto sink = MakeNode(2, true);
