@@ -4,8 +4,11 @@
 #include <cstring>
 
 #include "platform/om_log.h"
+#include "platform/osv_graphic_buffer_fault.h"
 
 namespace {
+
+std::atomic<OsvAllocationFilter> g_allocationFilter{nullptr};
 
 constexpr uint32_t kRowAlignment = 64;
 
@@ -53,8 +56,11 @@ OsvGraphicBuffer::OsvGraphicBuffer(uint32_t width, uint32_t height, uint32_t for
     planeSize[1] = planeSize[2] = uint64_t{m_info.stride[1]} * chromaHeight;
   }
   const uint64_t total = planeSize[0] + planeSize[1] + planeSize[2];
+  const OsvAllocationFilter filter = g_allocationFilter.load(std::memory_order_acquire);
   auto* memory =
-      static_cast<uint8_t*>(std::aligned_alloc(kRowAlignment, AlignUp(total, kRowAlignment)));
+      filter != nullptr && !filter(total)
+          ? nullptr
+          : static_cast<uint8_t*>(std::aligned_alloc(kRowAlignment, AlignUp(total, kRowAlignment)));
   if (memory == nullptr) {
     m_info = {};
     return;
@@ -70,6 +76,10 @@ OsvGraphicBuffer::OsvGraphicBuffer(uint32_t width, uint32_t height, uint32_t for
     m_planes[1] = memory + planeSize[0];
     m_planes[2] = m_planes[1] + planeSize[1];
   }
+}
+
+void OsvSetAllocationFilter(OsvAllocationFilter filter) {
+  g_allocationFilter.store(filter, std::memory_order_release);
 }
 
 OsvGraphicBuffer::OsvGraphicBuffer(void* handle) : m_handle(handle) {}
