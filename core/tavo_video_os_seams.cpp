@@ -1,6 +1,7 @@
 #include "core/tavo_video_os_seams.h"
 
 #include <chrono>
+#include <cstdlib>
 
 #include "platform/os_thread.h"
 #include "platform/os_time.h"
@@ -34,6 +35,11 @@ class OsDynamicLoader final : public DynamicLoader {
   std::string Error() override { return OsDLibraryError(); }
 };
 
+class HeapFrameMemory final : public FrameMemory {
+ public:
+  void* Allocate(size_t bytes) override { return std::malloc(bytes); }
+};
+
 }  // namespace
 
 Clock& Clock::Real() {
@@ -49,4 +55,9 @@ ThreadSystem& ThreadSystem::Real() {
 DynamicLoader& DynamicLoader::Real() {
   static OsDynamicLoader loader;
   return loader;
+}
+
+FrameMemory& FrameMemory::Real() {
+  static HeapFrameMemory memory;
+  return memory;
 }

@@ -82,6 +82,11 @@ void OsvSetAllocationFilter(OsvAllocationFilter filter) {
   g_allocationFilter.store(filter, std::memory_order_release);
 }
 
+bool OsvAllocationAllowed(uint64_t bytes) {
+  const OsvAllocationFilter filter = g_allocationFilter.load(std::memory_order_acquire);
+  return filter == nullptr || filter(bytes);
+}
+
 OsvGraphicBuffer::OsvGraphicBuffer(void* handle) : m_handle(handle) {}
 
 OsvGraphicBuffer::~OsvGraphicBuffer() {

@@ -9,3 +9,7 @@
 using OsvAllocationFilter = bool (*)(uint64_t bytes);
 
 __attribute__((visibility("default"))) void OsvSetAllocationFilter(OsvAllocationFilter filter);
+
+// For the platform's own frame memory (buffers, decoded image files): false when the filter
+// in force refuses `bytes`. Not exported.
+bool OsvAllocationAllowed(uint64_t bytes);

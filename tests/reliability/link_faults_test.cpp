@@ -17,10 +17,12 @@
 #include "adapt/tavo_video_vlink_adapt.h"
 #include "background/tavo_video_opencv_binding.h"
 #include "camera/tavo_video_vlink_camera_capture_node.h"
+#include "core/tavo_video_os_seams.h"
 #include "platform/osv_graphic_buffer_fault.h"
 #include "process/tavo_video_vlink_image_process_node.h"
 #include "tavo_video_vlink.h"
 #include "tests/support/fake_v4l2_device.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
 #include "tests/support/wait.h"
 #include "tests/support/waitable_log.h"
@@ -251,6 +253,24 @@ TEST_F(DecodeLinkTest, ABlockedRenderCallbackHoldsOnlyItsOwnPreview) {
   m_host.renderGate = nullptr;
 }
 
+// ---- frame memory that cannot be had --------------------------------------------------
+
+std::atomic<bool> g_memoryShort{false};
+bool AllocationAllowed(uint64_t) { return !g_memoryShort.load(); }
+
+class MemoryShort {
+ public:
+  MemoryShort() {
+    g_memoryShort = true;
+    OsvSetAllocationFilter(AllocationAllowed);
+  }
+  ~MemoryShort() { End(); }
+  void End() {
+    g_memoryShort = false;
+    OsvSetAllocationFilter(nullptr);
+  }
+};
+
 // ---- the camera ------------------------------------------------------------------------
 
 constexpr const char* kBus = "usb-0000:00:14.0-7";
@@ -302,6 +322,13 @@ class CameraFaultsTest : public LinkFaultsTest {
   FakeV4l2Device m_device;
   ScopedSeamOverride<CaptureDevice> m_deviceOverride;
   std::map<uint32_t, std::shared_ptr<CountingNode>> m_sinks;
+};
+
+// Converted camera frames come from the heap one by one; this one runs short on demand.
+class ShortFrameMemory final : public FrameMemory {
+ public:
+  void* Allocate(size_t bytes) override { return refuse ? nullptr : std::malloc(bytes); }
+  std::atomic<bool> refuse{false};
 };
 
 TEST_F(CameraFaultsTest, UnpluggedThenPluggedBackTheLinkIsBuiltAgainThroughTheHostRows) {
@@ -364,6 +391,51 @@ TEST_F(CameraFaultsTest, ASinkHoldingEveryFrameCostsTheOtherSinkNothing) {
     held.clear();  // the held frames come back now, once each
   }
   ExpectAllBack(camera);
+}
+
+// A frame whose converted copy cannot be had is dropped at the camera; capture goes on and
+// frames flow again as soon as memory is back.
+TEST_F(CameraFaultsTest, AFrameWithoutMemoryForItsConversionIsDropped) {
+  ShortFrameMemory memory;
+  ScopedSeamOverride<FrameMemory> memoryOverride(memory);
+  memory.refuse = true;
+  auto camera = CreateCamera(920, 63);
+  auto sink = AddSink(921, 29);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 921, 920), 0U);
+  ASSERT_TRUE(m_log.WaitFor("alloc frame block failed"));  // paced: the first one shows
+  ASSERT_TRUE(m_device.WaitForFrames(0, m_device.FramesDelivered(0) + 3));
+  EXPECT_TRUE(m_log.HasModule("FrameConvert fail"));
+  EXPECT_EQ(sink->handled.Get(), 0);
+  EXPECT_EQ(camera->GetBufferCount(), 0U);
+  memory.refuse = false;
+  EXPECT_TRUE(sink->handled.WaitFor(3));
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 921, 920), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 920), 0U);
+  ExpectAllBack(camera);
+}
+
+// The test image is read into platform memory at its start: without memory the start (and
+// so the first bind) fails and nothing is sent; the next bind with memory back starts it.
+TEST_F(LinkFaultsTest, ATestImageWithoutMemoryFailsItsStartAndTheNextBindWorks) {
+  TempDir dir;
+  tagTavoVideoComponentParam test = Zeroed();
+  test.test.frameRate = 30;
+  const std::string image = dir.Write("still.bmp", SolidBmp24(64, 48, 40, 120, 200));
+  std::snprintf(test.test.fileName, sizeof(test.test.fileName), "%s", image.c_str());
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 40, 50, test), 0U);
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 41, 12, EncoderParam(64, 48)), 0U);
+  {
+    MemoryShort shortage;
+    EXPECT_NE(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+    EXPECT_TRUE(m_log.HasModule("failed to read test Img!"));
+  }
+  EXPECT_EQ(m_host.offered.Get(), 0);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+  EXPECT_TRUE(m_host.offered.WaitFor(1));
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 40), 0U);
+  m_host.GiveBack();
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 41), 0U);
 }
 
 // ---- the screen -----------------------------------------------------------------------
@@ -454,24 +526,6 @@ TEST_F(ScreenFaultsTest, AKilledXServerAndANewOne) {
   EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 22), 0U);
   EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 22), 0U);
 }
-
-// ---- frame memory that cannot be had --------------------------------------------------
-
-std::atomic<bool> g_memoryShort{false};
-bool AllocationAllowed(uint64_t) { return !g_memoryShort.load(); }
-
-class MemoryShort {
- public:
-  MemoryShort() {
-    g_memoryShort = true;
-    OsvSetAllocationFilter(AllocationAllowed);
-  }
-  ~MemoryShort() { End(); }
-  void End() {
-    g_memoryShort = false;
-    OsvSetAllocationFilter(nullptr);
-  }
-};
 
 // A new encoder size needs five new buffers: without memory the screen keeps sending at the
 // old size, and the same request succeeds once memory is back.
