@@ -21,6 +21,7 @@
 #include "platform/osv_graphic_buffer_fault.h"
 #include "process/tavo_video_vlink_image_process_node.h"
 #include "tavo_video_vlink.h"
+#include "tests/screen/screen_test_support.h"
 #include "tests/support/fake_v4l2_device.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
@@ -78,6 +79,8 @@ struct Host {
   std::condition_variable wake;
   std::vector<VencOutFrame*> encoded;
   std::vector<uint32_t> encodedWidths;
+  bool keepPixels = false;  // copy each encoder frame's packed I420 into `pixels`
+  std::vector<std::vector<uint8_t>> pixels;
   CountLatch offered;
   CountLatch rendered;
   CountLatch renderEntered;
@@ -111,7 +114,12 @@ uint32_t OnEncFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
   {
     std::lock_guard<std::mutex> guard(g_host->lock);
     g_host->encoded.push_back(frame);
-    g_host->encodedWidths.push_back(frame->buffer->GetImageInfo().width);
+    const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
+    g_host->encodedWidths.push_back(info.width);
+    if (g_host->keepPixels) {
+      const uint8_t* data = frame->buffer->GetImageAddr(0);
+      g_host->pixels.emplace_back(data, data + info.size);  // own memory: planes packed
+    }
     g_host->wake.notify_all();
   }
   g_host->offered.Add();
@@ -471,12 +479,12 @@ class ScreenFaultsTest : public LinkFaultsTest {
     ASSERT_TRUE(m_server->Ok()) << m_server->Error();
     setenv("DISPLAY", m_server->Name().c_str(), 1);  // the library opens the display named there
   }
-  uint32_t CreateScreen(uint32_t component) {
+  uint32_t CreateScreen(uint32_t component, uint32_t node = kScreenNode) {
     tagTavoVideoComponentParam p = Zeroed();
     p.screen.width = 640;
     p.screen.height = 480;
     p.screen.frameRate = 30;
-    return Create(TAVO_VIDEO_COMPONENT_SCREEN, component, kScreenNode, p);
+    return Create(TAVO_VIDEO_COMPONENT_SCREEN, component, node, p);
   }
   void ReleaseLoop() {
     std::unique_lock<std::mutex> guard(m_host.lock);
@@ -525,6 +533,48 @@ TEST_F(ScreenFaultsTest, AKilledXServerAndANewOne) {
   }
   EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 22), 0U);
   EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 22), 0U);
+}
+
+// The screen's second monitor moves while frames flow: every frame shows the monitor fully
+// where it was or fully where it is now. Resized, it is not captured at all (no frame of
+// another size), and captured again once it has its size back.
+TEST_F(ScreenFaultsTest, AMonitorMovedAndResizedMidStreamNeverGivesAMixedFrame) {
+  ASSERT_TRUE(m_server->SplitScreen(0, 2));
+  const auto drawn = PatternPixels(640, 480, 7);
+  m_server->PutPixels(0, 0, 0, 640, 480, drawn);
+  m_server->WarpPointer(0, 5, 5);  // the cursor stays off the monitor, out of the frames
+  const auto before = OracleI420(Crop(drawn, 640, 320, 0, 320, 480), 320, 480, 320, 480);
+  const auto after = OracleI420(Crop(drawn, 640, 200, 0, 320, 480), 320, 480, 320, 480);
+  ASSERT_EQ(Update(TAVO_VIDEO_COMPONENT_ENCODER, 21, EncoderParam(320, 480)), 0U);
+  m_host.keepPixels = true;
+  ASSERT_EQ(CreateScreen(24, kScreenNode + 1), 0U);  // port 1: the second monitor
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 24), 0U);
+  NextWidths(2);
+  const auto lastIs = [&](const std::vector<uint8_t>& picture) {
+    return m_host.offered.WaitUntil([&] {
+      std::lock_guard<std::mutex> guard(m_host.lock);
+      return !m_host.pixels.empty() && m_host.pixels.back() == picture;
+    });
+  };
+  EXPECT_TRUE(lastIs(before));
+
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 320, 480, 200, 0));
+  EXPECT_TRUE(lastIs(after));
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 200, 480, 200, 0));
+  ASSERT_TRUE(m_log.WaitFor("wait recreate link!"));
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 320, 480, 200, 0));
+  NextWidths(3);
+  EXPECT_TRUE(lastIs(after));
+
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 24), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 24), 0U);
+  std::lock_guard<std::mutex> guard(m_host.lock);
+  m_host.keepPixels = false;
+  ASSERT_EQ(m_host.pixels.size(), m_host.encodedWidths.size());
+  for (size_t i = 0; i < m_host.pixels.size(); ++i) {
+    EXPECT_EQ(m_host.encodedWidths[i], 320U) << "frame " << i;
+    EXPECT_TRUE(m_host.pixels[i] == before || m_host.pixels[i] == after) << "frame " << i;
+  }
 }
 
 // A new encoder size needs five new buffers: without memory the screen keeps sending at the
