@@ -441,8 +441,12 @@ TEST_F(LinkFaultsTest, ATestImageWithoutMemoryFailsItsStartAndTheNextBindWorks) 
   ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
   EXPECT_TRUE(m_host.offered.WaitFor(1));
   EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 40), 0U);
+  // The image's memory is freed only with no frame out: the host gives every frame back
+  // (those still queued to the encoder too) before the input goes.
+  VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(12)->DealTaskHandler(true);
   m_host.GiveBack();
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 40), 0U);
+  EXPECT_FALSE(m_log.HasModule("Memory has not been released"));
   EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 41), 0U);
 }
 
