@@ -56,11 +56,10 @@ OsvGraphicBuffer::OsvGraphicBuffer(uint32_t width, uint32_t height, uint32_t for
     planeSize[1] = planeSize[2] = uint64_t{m_info.stride[1]} * chromaHeight;
   }
   const uint64_t total = planeSize[0] + planeSize[1] + planeSize[2];
-  const OsvAllocationFilter filter = g_allocationFilter.load(std::memory_order_acquire);
   auto* memory =
-      filter != nullptr && !filter(total)
-          ? nullptr
-          : static_cast<uint8_t*>(std::aligned_alloc(kRowAlignment, AlignUp(total, kRowAlignment)));
+      OsvAllocationAllowed(total)
+          ? static_cast<uint8_t*>(std::aligned_alloc(kRowAlignment, AlignUp(total, kRowAlignment)))
+          : nullptr;
   if (memory == nullptr) {
     m_info = {};
     return;
