@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/tavo_video_os_seams.h"
 #include "platform/pelv_trace.h"
 #include "platform/safe_string.h"
 #include "platform/stream_qi.h"
@@ -233,7 +234,8 @@ bool DevCaptureManager::HasBytes(const _PEL_V_FRAME& frame, uint64_t needed) con
 
 uint8_t* DevCaptureManager::NewBlock(uint32_t width, uint32_t height, uint32_t& size) {
   size = BlockSize(width, height);
-  auto* block = size != 0 ? static_cast<uint8_t*>(std::malloc(size)) : nullptr;
+  auto* block =
+      size != 0 ? static_cast<uint8_t*>(Seam<FrameMemory>::Get().Allocate(size)) : nullptr;
   if (block == nullptr) {
     FRAME_ERR("alloc frame block failed, size[%u] [%u-%u].", size, width, height);
   }
@@ -269,7 +271,7 @@ uint32_t DevCaptureManager::CopyNv21(_PEL_V_FRAME& frame) {
     FRAME_ERR("frame data is null.");
     return 1;
   }
-  auto* block = static_cast<uint8_t*>(std::malloc(frame.dataSize));
+  auto* block = static_cast<uint8_t*>(Seam<FrameMemory>::Get().Allocate(frame.dataSize));
   if (block == nullptr) {
     FRAME_ERR("alloc frame block failed, size[%u] [%u-%u].", frame.dataSize, frame.width,
               frame.height);

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -67,6 +68,11 @@ class OsDynamicLoader final : public DynamicLoader {
   std::string Error() override { return OsDLibraryError(); }
 };
 
+class HeapFrameMemory final : public FrameMemory {
+ public:
+  void* Allocate(size_t bytes) override { return std::malloc(bytes); }
+};
+
 }  // namespace
 
 Clock& Clock::Real() {
@@ -82,4 +88,9 @@ ThreadSystem& ThreadSystem::Real() {
 DynamicLoader& DynamicLoader::Real() {
   static OsDynamicLoader loader;
   return loader;
+}
+
+FrameMemory& FrameMemory::Real() {
+  static HeapFrameMemory memory;
+  return memory;
 }

@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -51,4 +52,14 @@ class DynamicLoader {
   virtual int32_t Close(void* handle) = 0;
   virtual std::string Error() = 0;
   static DynamicLoader& Real();
+};
+
+// Heap blocks for converted frames, freed with std::free by their consumer: the one place a
+// shortage of frame memory can be made to happen.
+class FrameMemory {
+ public:
+  virtual ~FrameMemory() = default;
+  // Null when the memory cannot be had.
+  virtual void* Allocate(size_t bytes) = 0;
+  static FrameMemory& Real();
 };

@@ -4,8 +4,11 @@
 #include <cstring>
 
 #include "platform/om_log.h"
+#include "platform/osv_graphic_buffer_fault.h"
 
 namespace {
+
+std::atomic<OsvAllocationFilter> g_allocationFilter{nullptr};
 
 constexpr uint32_t kRowAlignment = 64;
 
@@ -54,7 +57,9 @@ OsvGraphicBuffer::OsvGraphicBuffer(uint32_t width, uint32_t height, uint32_t for
   }
   const uint64_t total = planeSize[0] + planeSize[1] + planeSize[2];
   auto* memory =
-      static_cast<uint8_t*>(std::aligned_alloc(kRowAlignment, AlignUp(total, kRowAlignment)));
+      OsvAllocationAllowed(total)
+          ? static_cast<uint8_t*>(std::aligned_alloc(kRowAlignment, AlignUp(total, kRowAlignment)))
+          : nullptr;
   if (memory == nullptr) {
     m_info = {};
     return;
@@ -70,6 +75,15 @@ OsvGraphicBuffer::OsvGraphicBuffer(uint32_t width, uint32_t height, uint32_t for
     m_planes[1] = memory + planeSize[0];
     m_planes[2] = m_planes[1] + planeSize[1];
   }
+}
+
+void OsvSetAllocationFilter(OsvAllocationFilter filter) {
+  g_allocationFilter.store(filter, std::memory_order_release);
+}
+
+bool OsvAllocationAllowed(uint64_t bytes) {
+  const OsvAllocationFilter filter = g_allocationFilter.load(std::memory_order_acquire);
+  return filter == nullptr || filter(bytes);
 }
 
 OsvGraphicBuffer::OsvGraphicBuffer(void* handle) : m_handle(handle) {}

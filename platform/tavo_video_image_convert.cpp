@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/om_log.h"
+#include "platform/osv_graphic_buffer_fault.h"
 
 // This library sits below the trace printer, so its messages go to the module log only.
 #define CONVERT_LOG_ERR(fmt, ...)                                                   \
@@ -181,7 +182,8 @@ int32_t Transbmp2Yuv(const char* path, uint32_t* width, uint32_t* height, uint8_
     return -1;
   }
   const size_t ySize = size_t{w} * h;
-  std::unique_ptr<uint8_t[]> yuv(new (std::nothrow) uint8_t[ySize * 3 / 2]);
+  std::unique_ptr<uint8_t[]> yuv(
+      OsvAllocationAllowed(ySize * 3 / 2) ? new (std::nothrow) uint8_t[ySize * 3 / 2] : nullptr);
   if (!yuv) {
     CONVERT_LOG_ERR("no memory for %ux%u", w, h);
     return -1;
@@ -233,7 +235,8 @@ int32_t TransDat2Yuv(const char* path, uint8_t** out, uint32_t width, uint32_t h
                     static_cast<unsigned long long>(need));
     return -1;
   }
-  std::unique_ptr<uint8_t[]> yuv(new (std::nothrow) uint8_t[need]);
+  std::unique_ptr<uint8_t[]> yuv(OsvAllocationAllowed(need) ? new (std::nothrow) uint8_t[need]
+                                                            : nullptr);
   if (!yuv) {
     CONVERT_LOG_ERR("no memory for %ux%u", width, height);
     return -1;
@@ -254,7 +257,8 @@ int32_t Trans2Yuv(uint8_t* rgb, uint32_t width, uint32_t height, bool bgrOrder, 
     return -1;
   }
   const size_t ySize = size_t{width} * height;
-  std::unique_ptr<uint8_t[]> yuv(new (std::nothrow) uint8_t[ySize * 3 / 2]);
+  std::unique_ptr<uint8_t[]> yuv(
+      OsvAllocationAllowed(ySize * 3 / 2) ? new (std::nothrow) uint8_t[ySize * 3 / 2] : nullptr);
   if (!yuv) {
     CONVERT_LOG_ERR("no memory for %ux%u", width, height);
     return -1;

@@ -1,0 +1,665 @@
+// Faults around running links, driven through the host rows: a host that holds every frame
+// or blocks in a callback, a camera unplugged and plugged back, an X server that dies and a
+// new one, and frame memory that cannot be had. Each case checks what the rest of the link
+// does meanwhile, and that every frame goes back exactly once.
+#include <gtest/gtest.h>
+#include <libyuv.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "adapt/tavo_video_vlink_adapt.h"
+#include "background/tavo_video_opencv_binding.h"
+#include "camera/tavo_video_vlink_camera_capture_node.h"
+#include "core/tavo_video_os_seams.h"
+#include "platform/osv_graphic_buffer_fault.h"
+#include "process/tavo_video_vlink_image_process_node.h"
+#include "tavo_video_vlink.h"
+#include "tests/support/fake_v4l2_device.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/test_nodes.h"
+#include "tests/support/wait.h"
+#include "tests/support/waitable_log.h"
+#include "tests/support/xvfb_server.h"
+
+namespace {
+
+constexpr uint32_t kDecoderNode = 30, kEncoderNode = 10, kPreviewNode = 151;
+// Every hand-off runs on the shared pool of ten workers, and a preview blocked in its render
+// callback keeps one worker per frame queued to it: nine leave the other sinks a worker.
+constexpr int kFramesToABlockedPreview = 9;
+
+template <class Row>
+auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t srcType = 0) {
+  const Row* table = nullptr;
+  uint32_t count = 0;
+  getter(&table, &count);
+  for (uint32_t i = 0; i < count; ++i) {
+    if (table[i].type == type && table[i].srcType == srcType) {
+      return table[i].func;
+    }
+  }
+  return decltype(table->func){};
+}
+
+void Present(uint32_t component, uint32_t nodeId) {
+  DataContainer* container =
+      TavoVideoGetDataContainer(("Node[" + std::to_string(component) + "]PresentParam").c_str());
+  container->SetDataByString<uint32_t>("imgNo", nodeId);
+  container->SetDataByString<uint32_t>("portId", 0);
+}
+uint32_t Create(uint32_t type, uint32_t component, uint32_t node, tagTavoVideoComponentParam p) {
+  Present(component, node);
+  return RowOf(TavoVideoGetCreateNodeFuncMap, type)(component, &p);
+}
+uint32_t Destroy(uint32_t type, uint32_t component) {
+  return RowOf(TavoVideoGetDestroyNodeFuncMap, type)(component);
+}
+uint32_t Bind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source) {
+  return RowOf(TavoVideoGetBindNodeFuncMap, sinkType, srcType)(sink, source);
+}
+uint32_t Unbind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source) {
+  return RowOf(TavoVideoGetUnBindNodeFuncMap, sinkType, srcType)(sink, source);
+}
+uint32_t Update(uint32_t type, uint32_t component, tagTavoVideoComponentParam p) {
+  return RowOf(TavoVideoGetUpdateNodeFuncMap, type)(component, &p);
+}
+
+// The host: an encoder that keeps what it is given until told to give it back, a renderer
+// that may be held at a gate, and a decoder that takes its frames back.
+struct Host {
+  std::mutex lock;  // guards encoded, encodedWidths
+  std::condition_variable wake;
+  std::vector<VencOutFrame*> encoded;
+  std::vector<uint32_t> encodedWidths;
+  bool keepPixels = false;  // copy each encoder frame's packed I420 into `pixels`
+  std::vector<std::vector<uint8_t>> pixels;
+  CountLatch offered;
+  CountLatch rendered;
+  CountLatch renderEntered;
+  Gate* renderGate = nullptr;
+  CountLatch decodedBack;
+  int decodedPushed = 0;
+
+  void GiveBack() {
+    std::vector<VencOutFrame*> frames;
+    {
+      std::lock_guard<std::mutex> guard(lock);
+      frames.swap(encoded);
+    }
+    for (VencOutFrame* frame : frames) {
+      EXPECT_EQ(TavoVideoReleaseVEncFrame(frame), 0U);
+    }
+  }
+  size_t Held() {
+    std::lock_guard<std::mutex> guard(lock);
+    return encoded.size();
+  }
+  std::vector<uint32_t> WidthsSince(size_t first) {
+    std::lock_guard<std::mutex> guard(lock);
+    return {encodedWidths.begin() + static_cast<std::ptrdiff_t>(first), encodedWidths.end()};
+  }
+};
+Host* g_host = nullptr;
+
+uint32_t OnEncCreate(uint32_t, uint32_t, uint32_t) { return 0; }
+uint32_t OnEncFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
+  {
+    std::lock_guard<std::mutex> guard(g_host->lock);
+    g_host->encoded.push_back(frame);
+    const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
+    g_host->encodedWidths.push_back(info.width);
+    if (g_host->keepPixels) {
+      const uint8_t* data = frame->buffer->GetImageAddr(0);
+      g_host->pixels.emplace_back(data, data + info.size);  // own memory: planes packed
+    }
+    g_host->wake.notify_all();
+  }
+  g_host->offered.Add();
+  return 1;
+}
+int OnRender(uint32_t, TavoVideoRenderImgHeader*) {
+  g_host->renderEntered.Add();
+  if (g_host->renderGate != nullptr) {
+    g_host->renderGate->Pass();
+  }
+  g_host->rendered.Add();
+  return 0;
+}
+uint32_t OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
+  delete frame->pBuffer;
+  std::free(frame);
+  g_host->decodedBack.Add();
+  return 1;
+}
+
+tagTavoVideoComponentParam Zeroed() {
+  tagTavoVideoComponentParam p;
+  std::memset(&p, 0, sizeof(p));
+  return p;
+}
+tagTavoVideoComponentParam EncoderParam(uint32_t width, uint32_t height) {
+  tagTavoVideoComponentParam p = Zeroed();
+  p.venc.width = width;
+  p.venc.height = height;
+  p.venc.frameRate = 30;
+  p.venc.encOutFunc = OnEncFrame;
+  p.venc.encCreateFunc = OnEncCreate;
+  return p;
+}
+
+class LinkFaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_host = &m_host;
+    m_underflows = OsvGraphicBuffer::GetUnderflowCount();
+  }
+  void TearDown() override {
+    EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame released twice";
+    g_host = nullptr;
+  }
+
+  Host m_host;
+  WaitableLog m_log;
+  uint64_t m_underflows = 0;
+};
+
+// ---- decoded frames: a host that holds or blocks -------------------------------------
+
+class DecodeLinkTest : public LinkFaultsTest {
+ protected:
+  // Decoder 30 feeds an encoder (through the generic input row) and a preview.
+  void SetUp() override {
+    LinkFaultsTest::SetUp();
+    tagTavoVideoComponentParam dec = Zeroed();
+    dec.vdec.imgNo = kDecoderNode;
+    dec.vdec.decReleaseFunc = OnDecRelease;
+    ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_DECODER, 1, kDecoderNode, dec), 0U);
+    ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 2, kEncoderNode, EncoderParam(320, 240)), 0U);
+    tagTavoVideoComponentParam vo = Zeroed();
+    vo.vo.winNum = 1;
+    vo.vo.windows[0].winHandle = 7;
+    vo.vo.windows[0].imgNo = kDecoderNode;
+    vo.vo.renderCb = OnRender;
+    ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_PREVIEW, 3, kPreviewNode, vo), 0U);
+    Present(4, kDecoderNode);  // the generic input component names the decoder
+    ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, 2, 4), 0U);
+    ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, 3, 1), 0U);
+  }
+  void TearDown() override {
+    Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, 2, 4);
+    Unbind(TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, 3, 1);
+    Destroy(TAVO_VIDEO_COMPONENT_PREVIEW, 3);
+    m_host.GiveBack();  // while the encoder still exists, as a host must
+    EXPECT_TRUE(m_host.decodedBack.WaitFor(m_host.decodedPushed));
+    Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 2);
+    Destroy(TAVO_VIDEO_COMPONENT_DECODER, 1);
+    EXPECT_EQ(m_host.decodedBack.Get(), m_host.decodedPushed) << "a decoded frame not given back";
+    LinkFaultsTest::TearDown();
+  }
+  void Push(int count) {
+    for (int i = 0; i < count; ++i) {
+      auto* frame = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(
+          std::calloc(1, sizeof(tagOS_S_VIDEO_CODEC_IMG_INFO)));
+      frame->pBuffer = new OsvGraphicBuffer(320, 240, TAVO_VIDEO_VLINK_FORMAT_I420, true);
+      ++m_host.decodedPushed;
+      ASSERT_EQ(TavoVideoReceiveVDecFrame(0, kDecoderNode, frame), 0U);
+    }
+  }
+};
+
+// Frames are per frame here: an encoder that never gives anything back costs the preview
+// nothing, and unbinding it leaves its frames with the host until it gives them back.
+TEST_F(DecodeLinkTest, AStalledEncoderNeitherSlowsThePreviewNorLosesItsFrames) {
+  constexpr int kFrames = 60;
+  Push(kFrames);
+  ASSERT_TRUE(m_host.rendered.WaitFor(kFrames));
+  ASSERT_TRUE(m_host.offered.WaitFor(kFrames));
+  EXPECT_EQ(m_host.rendered.Get(), kFrames);
+  EXPECT_EQ(m_host.decodedBack.Get(), 0);  // each one still held by the encoder
+  ASSERT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, 2, 4), 0U);
+  Push(5);
+  ASSERT_TRUE(m_host.decodedBack.WaitFor(5));  // only the preview holds the new ones
+  EXPECT_TRUE(m_host.rendered.WaitFor(kFrames + 5));
+  EXPECT_EQ(m_host.offered.Get(), kFrames);
+  m_host.GiveBack();
+  EXPECT_TRUE(m_host.decodedBack.WaitFor(kFrames + 5));
+}
+
+// A render callback that blocks holds only the frames queued to its preview while the pool
+// has workers left: the encoder is offered every frame meanwhile. The callback runs under
+// the preview's node lock, so an unbind of the preview waits for it; once unbound, the
+// preview gets nothing more and the frames it had are all shown.
+TEST_F(DecodeLinkTest, ABlockedRenderCallbackHoldsOnlyItsOwnPreview) {
+  Gate gate;
+  m_host.renderGate = &gate;
+  Push(kFramesToABlockedPreview);
+  ASSERT_TRUE(m_host.offered.WaitFor(kFramesToABlockedPreview));
+  ASSERT_TRUE(m_host.renderEntered.WaitFor(1));
+  EXPECT_EQ(m_host.rendered.Get(), 0);
+  EXPECT_EQ(m_host.decodedBack.Get(), 0);
+
+  std::thread unbinder([&] {
+    EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, 3, 1), 0U);
+  });
+  gate.Open();
+  unbinder.join();
+  Push(20);  // off the link now: these reach the encoder alone
+  EXPECT_TRUE(m_host.offered.WaitFor(kFramesToABlockedPreview + 20));
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_PREVIEW, 3), 0U);  // waits for the frames it has
+  EXPECT_EQ(m_host.rendered.Get(), kFramesToABlockedPreview);
+  EXPECT_EQ(m_host.renderEntered.Get(), kFramesToABlockedPreview);
+  m_host.GiveBack();
+  EXPECT_TRUE(m_host.decodedBack.WaitFor(kFramesToABlockedPreview + 20));
+  m_host.renderGate = nullptr;
+}
+
+// ---- frame memory that cannot be had --------------------------------------------------
+
+std::atomic<bool> g_memoryShort{false};
+bool AllocationAllowed(uint64_t) { return !g_memoryShort.load(); }
+
+class MemoryShort {
+ public:
+  MemoryShort() {
+    g_memoryShort = true;
+    OsvSetAllocationFilter(AllocationAllowed);
+  }
+  ~MemoryShort() { End(); }
+  void End() {
+    g_memoryShort = false;
+    OsvSetAllocationFilter(nullptr);
+  }
+};
+
+// ---- the camera ------------------------------------------------------------------------
+
+constexpr const char* kBus = "usb-0000:00:14.0-7";
+
+class CameraFaultsTest : public LinkFaultsTest {
+ protected:
+  CameraFaultsTest() : m_deviceOverride(m_device) {
+    ResetOpencvBinding();
+    PlugIn();
+  }
+  void TearDown() override {
+    for (auto& [id, sink] : m_sinks) {
+      sink->DealTaskHandler(true);
+      VideoVlinkNode::DeleteNodeByUnique(id);
+    }
+    EXPECT_EQ(m_device.OpenDescriptors(), 0U);
+    EXPECT_EQ(m_device.Mappings(), 0U);
+    ResetOpencvBinding();
+    LinkFaultsTest::TearDown();
+  }
+  void PlugIn() {
+    FakeCameraConfig config = TypicalCamera(kBus);
+    config.formats = {DiscreteFormat(V4L2_PIX_FMT_YUYV, {{320, 240}}, {{1, 30}})};
+    m_device.AddCamera(0, config);
+  }
+  std::shared_ptr<CameraCaptureNode> CreateCamera(uint32_t component, uint32_t node) {
+    tagTavoVideoComponentParam p = Zeroed();
+    p.camera.width = 320;
+    p.camera.height = 240;
+    p.camera.frameRate = 30;
+    std::memcpy(p.camera.cameraId, kBus, std::strlen(kBus));
+    EXPECT_EQ(Create(TAVO_VIDEO_COMPONENT_CAMERA, component, node, p), 0U);
+    return VideoVlinkNode::GetNodeByUnique<CameraCaptureNode>(node);
+  }
+  // A node the encoder row binds, standing in for the host's encoder.
+  std::shared_ptr<CountingNode> AddSink(uint32_t component, uint32_t node) {
+    Present(component, node);
+    VideoVlinkNode::CreateNodeByUnique<CountingNode>(node);
+    auto sink = VideoVlinkNode::GetNodeByUnique<CountingNode>(node);
+    m_sinks[node] = sink;
+    return sink;
+  }
+  // Frames the camera handed on: every sink must end up with exactly this many.
+  static void ExpectAllBack(const std::shared_ptr<CameraCaptureNode>& camera) {
+    camera->DealTaskHandler(true);
+    EXPECT_EQ(camera->GetBufferCount(), 0U) << "a camera frame did not come back";
+  }
+
+  FakeV4l2Device m_device;
+  ScopedSeamOverride<CaptureDevice> m_deviceOverride;
+  std::map<uint32_t, std::shared_ptr<CountingNode>> m_sinks;
+};
+
+// Converted camera frames come from the heap one by one; this one runs short on demand.
+class ShortFrameMemory final : public FrameMemory {
+ public:
+  void* Allocate(size_t bytes) override { return refuse ? nullptr : std::malloc(bytes); }
+  std::atomic<bool> refuse{false};
+};
+
+TEST_F(CameraFaultsTest, UnpluggedThenPluggedBackTheLinkIsBuiltAgainThroughTheHostRows) {
+  auto camera = CreateCamera(900, 61);
+  auto sink = AddSink(901, 26);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 901, 900), 0U);
+  ASSERT_TRUE(sink->handled.WaitFor(3));
+  m_device.Unplug(0);
+  ASSERT_TRUE(m_log.WaitFor("could not sync on a buffer on device", 2));
+
+  // The host takes the link down and builds it again once the camera is back.
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 901, 900), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 900), 0U);
+  ExpectAllBack(camera);
+  EXPECT_EQ(m_device.OpenDescriptors(), 0U);
+  EXPECT_EQ(m_device.Mappings(), 0U);
+  camera.reset();
+
+  PlugIn();
+  camera = CreateCamera(900, 61);
+  ASSERT_NE(camera, nullptr);
+  const int before = sink->handled.Get();
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 901, 900), 0U);
+  EXPECT_TRUE(sink->handled.WaitFor(before + 3));
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 900), 0U);
+  ExpectAllBack(camera);
+}
+
+// Camera frames are per frame: a sink holding all of them does not cost the other sink a
+// single frame. The camera delivers only once both sinks are bound and is unplugged to end
+// production; then each sink must have had every frame the camera dequeued.
+TEST_F(CameraFaultsTest, ASinkHoldingEveryFrameCostsTheOtherSinkNothing) {
+  m_device.Faults(0, [](FakeCameraFaults& f) { f.neverDeliver = true; });
+  auto camera = CreateCamera(910, 62);
+  auto stalled = AddSink(911, 27);
+  auto other = AddSink(912, 28);
+  std::mutex heldLock;
+  std::vector<FrameRef> held;
+  stalled->keep = [&](FrameRef frame) {
+    std::lock_guard<std::mutex> lock(heldLock);
+    held.push_back(std::move(frame));
+  };
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 911, 910), 0U);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 912, 910), 0U);
+  m_device.Faults(0, [](FakeCameraFaults& f) { f.neverDeliver = false; });
+  ASSERT_TRUE(stalled->handled.WaitFor(30));
+  m_device.Unplug(0);
+  ASSERT_TRUE(m_log.WaitFor("could not sync on a buffer on device"));
+  const auto produced = static_cast<int>(m_device.FramesDelivered(0));
+  EXPECT_TRUE(other->handled.WaitFor(produced));
+  EXPECT_TRUE(stalled->handled.WaitFor(produced));
+  EXPECT_EQ(other->handled.Get(), produced);
+  EXPECT_EQ(stalled->handled.Get(), produced);
+  EXPECT_EQ(camera->GetBufferCount(), static_cast<uint32_t>(produced));  // all still out
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 911, 910), 0U);
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 912, 910), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 910), 0U);  // gives up after its bounded wait
+  {
+    std::lock_guard<std::mutex> lock(heldLock);
+    held.clear();  // the held frames come back now, once each
+  }
+  ExpectAllBack(camera);
+}
+
+// A frame whose converted copy cannot be had is dropped at the camera; capture goes on and
+// frames flow again as soon as memory is back.
+TEST_F(CameraFaultsTest, AFrameWithoutMemoryForItsConversionIsDropped) {
+  ShortFrameMemory memory;
+  ScopedSeamOverride<FrameMemory> memoryOverride(memory);
+  memory.refuse = true;
+  auto camera = CreateCamera(920, 63);
+  auto sink = AddSink(921, 29);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 921, 920), 0U);
+  ASSERT_TRUE(m_log.WaitFor("alloc frame block failed"));  // paced: the first one shows
+  ASSERT_TRUE(m_device.WaitForFrames(0, m_device.FramesDelivered(0) + 3));
+  EXPECT_TRUE(m_log.HasModule("FrameConvert fail"));
+  EXPECT_EQ(sink->handled.Get(), 0);
+  EXPECT_EQ(camera->GetBufferCount(), 0U);
+  memory.refuse = false;
+  EXPECT_TRUE(sink->handled.WaitFor(3));
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 921, 920), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 920), 0U);
+  ExpectAllBack(camera);
+}
+
+// The test image is read into platform memory at its start: without memory the start (and
+// so the first bind) fails and nothing is sent; the next bind with memory back starts it.
+TEST_F(LinkFaultsTest, ATestImageWithoutMemoryFailsItsStartAndTheNextBindWorks) {
+  TempDir dir;
+  tagTavoVideoComponentParam test = Zeroed();
+  test.test.frameRate = 30;
+  const std::string image = dir.Write("still.bmp", SolidBmp24(64, 48, 40, 120, 200));
+  std::snprintf(test.test.fileName, sizeof(test.test.fileName), "%s", image.c_str());
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 40, 50, test), 0U);
+  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 41, 12, EncoderParam(64, 48)), 0U);
+  {
+    MemoryShort shortage;
+    EXPECT_NE(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+    EXPECT_TRUE(m_log.HasModule("failed to read test Img!"));
+  }
+  EXPECT_EQ(m_host.offered.Get(), 0);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+  EXPECT_TRUE(m_host.offered.WaitFor(1));
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+  // The image's memory is freed only with no frame out: the host gives every frame back
+  // (those still queued to the encoder too) before the input goes.
+  VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(12)->DealTaskHandler(true);
+  m_host.GiveBack();
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 40), 0U);
+  EXPECT_FALSE(m_log.HasModule("Memory has not been released"));
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 41), 0U);
+}
+
+// ---- the screen ----------------------------------------------------------------------
+
+constexpr uint32_t kScreenNode = 90, kScreenEncoderNode = 11;
+
+// libyuv's I420 of the columns [x, x + width) of a picture of 0xAARRGGBB pixels `stride`
+// pixels wide: what the screen must send for a monitor there, at its own size.
+std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t stride, uint32_t x,
+                                uint32_t width, uint32_t height) {
+  const int w = static_cast<int>(width), h = static_cast<int>(height), cw = (w + 1) / 2;
+  std::vector<uint8_t> out(size_t(w) * h + 2 * size_t(cw) * ((h + 1) / 2));
+  uint8_t* y = out.data();
+  uint8_t* u = y + size_t(w) * h;
+  uint8_t* v = u + size_t(cw) * ((h + 1) / 2);
+  libyuv::ARGBToI420(reinterpret_cast<const uint8_t*>(argb.data() + x),
+                     static_cast<int>(stride) * 4, y, w, u, cw, v, cw, w, h);
+  return out;
+}
+
+// The screen's five buffers are shared by its sinks: this host gives every encoder frame
+// back as soon as it has it.
+class ScreenFaultsTest : public LinkFaultsTest {
+ protected:
+  void SetUp() override {
+    LinkFaultsTest::SetUp();
+    StartServer();
+    m_releaser = std::thread([this] { ReleaseLoop(); });
+    ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 21, kScreenEncoderNode, EncoderParam(320, 240)),
+              0U);
+  }
+  void TearDown() override {
+    {
+      std::lock_guard<std::mutex> guard(m_host.lock);
+      m_quit = true;
+      m_host.wake.notify_all();
+    }
+    m_releaser.join();
+    m_host.GiveBack();
+    Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 21);
+    EXPECT_EQ(CountOwnShmSegments(), 0U) << "a shared-memory segment left behind";
+    OsvSetAllocationFilter(nullptr);
+    LinkFaultsTest::TearDown();
+  }
+  void StartServer() {
+    m_server = std::make_unique<XvfbServer>(std::vector<XvfbScreen>{{640, 480}});
+    ASSERT_TRUE(m_server->Ok()) << m_server->Error();
+    setenv("DISPLAY", m_server->Name().c_str(), 1);  // the library opens the display named there
+  }
+  uint32_t CreateScreen(uint32_t component, uint32_t node = kScreenNode) {
+    tagTavoVideoComponentParam p = Zeroed();
+    p.screen.width = 640;
+    p.screen.height = 480;
+    p.screen.frameRate = 30;
+    return Create(TAVO_VIDEO_COMPONENT_SCREEN, component, node, p);
+  }
+  void ReleaseLoop() {
+    std::unique_lock<std::mutex> guard(m_host.lock);
+    while (!m_quit) {
+      m_host.wake.wait(guard, [&] { return m_quit || !m_host.encoded.empty(); });
+      std::vector<VencOutFrame*> frames;
+      frames.swap(m_host.encoded);
+      guard.unlock();
+      for (VencOutFrame* frame : frames) {
+        EXPECT_EQ(TavoVideoReleaseVEncFrame(frame), 0U);
+      }
+      guard.lock();
+    }
+  }
+  // Waits for `count` more encoder frames and returns their widths.
+  std::vector<uint32_t> NextWidths(int count) {
+    const int first = m_host.offered.Get();
+    EXPECT_TRUE(m_host.offered.WaitFor(first + count));
+    return m_host.WidthsSince(static_cast<size_t>(first));
+  }
+
+  std::unique_ptr<XvfbServer> m_server;
+  std::thread m_releaser;
+  bool m_quit = false;  // guarded by m_host.lock
+};
+
+// The old link's capture fails on without a display; the host takes it down, and a screen
+// on the new server works. No shared-memory segment of the old display is left.
+TEST_F(ScreenFaultsTest, AKilledXServerAndANewOne) {
+  ASSERT_EQ(CreateScreen(20), 0U);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 20), 0U);
+  NextWidths(3);
+  m_server->Kill();
+  ASSERT_TRUE(m_log.WaitFor("X display connection lost"));
+  ASSERT_TRUE(m_log.WaitFor("ScreenCaptureProcess failed!"));
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 20), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 20), 0U);
+  EXPECT_EQ(VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(kScreenNode), nullptr);
+  EXPECT_EQ(CountOwnShmSegments(), 0U);
+
+  StartServer();
+  ASSERT_EQ(CreateScreen(22), 0U);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 22), 0U);
+  for (uint32_t width : NextWidths(3)) {
+    EXPECT_EQ(width, 320U);
+  }
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 22), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 22), 0U);
+}
+
+// The screen's second monitor moves while frames flow: every frame shows the monitor fully
+// where it was or fully where it is now. Resized, it is not captured at all (no frame of
+// another size), and captured again once it has its size back.
+TEST_F(ScreenFaultsTest, AMonitorMovedAndResizedMidStreamNeverGivesAMixedFrame) {
+  ASSERT_TRUE(m_server->SplitScreen(0, 2));
+  const auto drawn = PatternPixels(640, 480, 7);
+  m_server->PutPixels(0, 0, 0, 640, 480, drawn);
+  m_server->WarpPointer(0, 5, 5);  // the cursor stays off the monitor, out of the frames
+  const auto before = OracleI420(drawn, 640, 320, 320, 480);
+  const auto after = OracleI420(drawn, 640, 200, 320, 480);
+  ASSERT_EQ(Update(TAVO_VIDEO_COMPONENT_ENCODER, 21, EncoderParam(320, 480)), 0U);
+  m_host.keepPixels = true;
+  ASSERT_EQ(CreateScreen(24, kScreenNode + 1), 0U);  // port 1: the second monitor
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 24), 0U);
+  NextWidths(2);
+  const auto lastIs = [&](const std::vector<uint8_t>& picture) {
+    return m_host.offered.WaitUntil([&] {
+      std::lock_guard<std::mutex> guard(m_host.lock);
+      return !m_host.pixels.empty() && m_host.pixels.back() == picture;
+    });
+  };
+  EXPECT_TRUE(lastIs(before));
+
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 320, 480, 200, 0));
+  EXPECT_TRUE(lastIs(after));
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 200, 480, 200, 0));
+  ASSERT_TRUE(m_log.WaitFor("wait recreate link!"));
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 320, 480, 200, 0));
+  NextWidths(3);
+  EXPECT_TRUE(lastIs(after));
+
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 24), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 24), 0U);
+  std::lock_guard<std::mutex> guard(m_host.lock);
+  m_host.keepPixels = false;
+  ASSERT_EQ(m_host.pixels.size(), m_host.encodedWidths.size());
+  for (size_t i = 0; i < m_host.pixels.size(); ++i) {
+    EXPECT_EQ(m_host.encodedWidths[i], 320U) << "frame " << i;
+    EXPECT_TRUE(m_host.pixels[i] == before || m_host.pixels[i] == after) << "frame " << i;
+  }
+}
+
+// A new encoder size needs five new buffers: without memory the screen keeps sending at the
+// old size, and the same request succeeds once memory is back.
+TEST_F(ScreenFaultsTest, ANewSizeWithoutMemoryKeepsTheOldSizeUntilMemoryIsBack) {
+  ASSERT_EQ(CreateScreen(23), 0U);
+  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 23), 0U);
+  NextWidths(2);
+  {
+    MemoryShort shortage;
+    Update(TAVO_VIDEO_COMPONENT_ENCODER, 21, EncoderParam(160, 120));
+    ASSERT_TRUE(m_log.WaitFor("create OsvGraphicBuffer fail!"));
+    for (uint32_t width : NextWidths(4)) {
+      EXPECT_EQ(width, 320U);
+    }
+  }
+  Update(TAVO_VIDEO_COMPONENT_ENCODER, 21, EncoderParam(160, 120));
+  const int first = m_host.offered.Get();
+  EXPECT_TRUE(m_host.offered.WaitUntil([&] {
+    std::lock_guard<std::mutex> guard(m_host.lock);
+    return m_host.encodedWidths.size() > static_cast<size_t>(first) &&
+           m_host.encodedWidths.back() == 160U;
+  }));
+  for (uint32_t width : NextWidths(3)) {
+    EXPECT_EQ(width, 160U);
+  }
+  EXPECT_EQ(m_log.CountModule("create OsvGraphicBuffer fail!"), 1U);
+  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 23), 0U);
+  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 23), 0U);
+}
+
+// The conversion node grows its pool a buffer at a time: a buffer it cannot have skips that
+// frame for the converting sink only, and the next frame with memory back is converted.
+TEST_F(LinkFaultsTest, TheConversionNodeSkipsAFrameItHasNoMemoryFor) {
+  auto node = std::make_shared<ImageProcessNode>(20011);
+  ASSERT_EQ(node->StartProcess(), 0U);
+  auto plain = std::make_shared<CountingNode>(1);
+  auto converted = std::make_shared<CountingNode>(2);
+  VideoNodeRequirement wants{1, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420};
+  converted->SetRequirement(wants);
+  for (const auto& sink : {plain, converted}) {
+    ASSERT_EQ(sink->StartProcess(), 0U);
+    ASSERT_EQ(node->ConnectToNode(sink), 0U);
+  }
+  auto* source = new OsvGraphicBuffer(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB, true);
+  const auto push = [&] {
+    FrameRef frame = FrameRef::Share(source);
+    EXPECT_EQ(node->HandleBuffer(frame), 0U);
+    plain->DealTaskHandler(true);
+    converted->DealTaskHandler(true);
+  };
+  {
+    MemoryShort shortage;
+    push();
+    EXPECT_TRUE(m_log.HasModule("[IMG_20011] new buffer failed: width[64] height[48]"));
+    EXPECT_EQ(plain->handled.Get(), 1);
+    EXPECT_EQ(converted->handled.Get(), 0);
+    EXPECT_EQ(node->GetPoolBufferCount(), 0U);
+  }
+  push();
+  EXPECT_EQ(plain->handled.Get(), 2);
+  EXPECT_EQ(converted->handled.Get(), 1);
+  EXPECT_EQ(node->GetPoolBufferCount(), 1U);
+  node->StopProcess();
+  node.reset();
+  EXPECT_TRUE(source->IsAvailable()) << "the source frame was never given back";
+  delete source;
+}
+
+}  // namespace
