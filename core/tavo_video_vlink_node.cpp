@@ -195,9 +195,8 @@ class VideoVlinkNode::NodeTask {
   void operator()() {
     if (m_released != nullptr) {
       m_node->ReleaseFrame(m_released);
-    } else if (m_node->HandleBuffer(m_frame) != 0) {
-      VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] HandleBuffer error!",
-                 m_node->m_nodeName.c_str());
+    } else {
+      m_node->RunHandoff(m_frame);
     }
   }
 
@@ -206,6 +205,45 @@ class VideoVlinkNode::NodeTask {
   FrameRef m_frame;
   OsvGraphicBuffer* m_released;
 };
+
+void VideoVlinkNode::RunHandoff(FrameRef& frame) {
+  FrameRef dropped;  // let go after the lock: its release may queue a task
+  {
+    std::lock_guard<std::mutex> lock(m_handoffLock);
+    if (m_handoffRunning) {
+      m_backlog.push_back(std::move(frame));
+      if (m_backlog.size() > kMaxBacklog) {
+        dropped = std::move(m_backlog.front());
+        m_backlog.pop_front();
+      }
+    } else {
+      m_handoffRunning = true;
+    }
+  }
+  if (dropped) {
+    VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_WRN_MODULE,
+               "[%s] busy with %zu frames waiting: oldest dropped", m_nodeName.c_str(),
+               kMaxBacklog);
+    return;
+  }
+  if (!frame) {
+    return;  // left for the worker that runs this node now
+  }
+  for (;;) {
+    if (HandleBuffer(frame) != 0) {
+      VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] HandleBuffer error!",
+                 m_nodeName.c_str());
+    }
+    frame.Reset();
+    std::lock_guard<std::mutex> lock(m_handoffLock);
+    if (m_backlog.empty()) {
+      m_handoffRunning = false;
+      return;
+    }
+    frame = std::move(m_backlog.front());
+    m_backlog.pop_front();
+  }
+}
 
 void VideoVlinkNode::FinishTask() {
   // Sequentially consistent with the waiter's announce-then-check (a store-load pair on

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -123,6 +124,10 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   static std::shared_ptr<T> GetNodeByUnique(uint32_t id);
   static int DeleteNodeByUnique(uint32_t id);
 
+  // Frames waiting for a busy node beyond this are dropped, oldest first, so a sink that
+  // stalls cannot hoard every frame of a source that allocates per frame.
+  static constexpr size_t kMaxBacklog = 64;
+
   static InstanceManager<VideoVlinkNode>* m_nodeManager;
   static ThreadPool m_nodeThreadPool;
 
@@ -163,6 +168,13 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   std::mutex m_lifecycleLock;
   bool m_shutDown = false;  // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};
+  // One worker at a time hands this node its frames: a node whose host callback blocks ties
+  // up one worker of the shared pool, never all of them. Hand-offs that find it busy leave
+  // their frame here for that worker, which takes them in order before it lets go.
+  void RunHandoff(FrameRef& frame);
+  std::mutex m_handoffLock;  // guards the two below; held by no host callback
+  bool m_handoffRunning = false;
+  std::deque<FrameRef> m_backlog;
   std::atomic<int> m_taskWaiters{0};  // threads inside DealTaskHandler(true)
   std::mutex m_taskLock;  // pairs with m_tasksDone; held by no task and no host callback
   std::condition_variable m_tasksDone;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <set>
 #include <thread>
 
 #include "core/tavo_video_vlink_node.h"
@@ -202,3 +203,45 @@ TEST(VlinkNodeTest, RegistryEntryPoints) {
 }
 
 }  // namespace
+
+// A sink stuck in its frame handling ties up one worker, not the pool: the other sink of the
+// same source gets every frame meanwhile. The stuck one keeps the newest frames and lets the oldest
+// go beyond its backlog, back to the producer at once.
+TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
+  constexpr size_t kFrames = VideoVlinkNode::kMaxBacklog + 6;
+  auto source = MakeNode(1, true);
+  auto stuck = MakeNode(2, true);
+  auto free = MakeNode(3, true);
+  Link(source, stuck);
+  Link(source, free);
+  std::vector<std::unique_ptr<OsvGraphicBuffer>> frames;
+  Gate gate;
+  std::mutex seenLock;
+  std::vector<OsvGraphicBuffer*> seen;
+  stuck->onFrame = [&](OsvGraphicBuffer* frame) {
+    {
+      std::lock_guard<std::mutex> lock(seenLock);
+      seen.push_back(frame);
+    }
+    gate.Pass();
+  };
+  for (size_t i = 0; i < kFrames; ++i) {
+    frames.push_back(std::make_unique<OsvGraphicBuffer>(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420));
+    frames.back()->SetReleaseTarget(source);
+    frames.back()->IncreaseRef();
+    source->SendBuffer(frames.back().get());
+    frames.back()->DecreaseRef();
+  }
+  ASSERT_TRUE(free->handled.WaitFor(static_cast<int>(kFrames)));
+  ASSERT_TRUE(
+      source->released.WaitFor(static_cast<int>(kFrames - 1 - VideoVlinkNode::kMaxBacklog)));
+  EXPECT_EQ(stuck->handled.Get(), 0);
+  gate.Open();
+  ASSERT_TRUE(source->released.WaitFor(static_cast<int>(kFrames)));
+  stuck->DealTaskHandler(true);
+  std::lock_guard<std::mutex> lock(seenLock);
+  ASSERT_EQ(seen.size(), 1 + VideoVlinkNode::kMaxBacklog);
+  std::set<OsvGraphicBuffer*> distinct(seen.begin(), seen.end());
+  EXPECT_EQ(distinct.size(), seen.size());
+  EXPECT_EQ(distinct.count(frames.back().get()), 1U);  // the newest is kept
+}

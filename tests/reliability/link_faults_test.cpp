@@ -32,9 +32,9 @@
 namespace {
 
 constexpr uint32_t kDecoderNode = 30, kEncoderNode = 10, kPreviewNode = 151;
-// Every hand-off runs on the shared pool of ten workers, and a preview blocked in its render
-// callback keeps one worker per frame queued to it: nine leave the other sinks a worker.
-constexpr int kFramesToABlockedPreview = 9;
+// More frames than the shared pool has workers: a preview blocked in its render callback
+// ties up one worker, whatever the number of frames queued to it.
+constexpr int kFramesToABlockedPreview = 29;
 
 template <class Row>
 auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t srcType = 0) {
@@ -233,8 +233,8 @@ TEST_F(DecodeLinkTest, AStalledEncoderNeitherSlowsThePreviewNorLosesItsFrames) {
   EXPECT_TRUE(m_host.decodedBack.WaitFor(kFrames + 5));
 }
 
-// A render callback that blocks holds only the frames queued to its preview while the pool
-// has workers left: the encoder is offered every frame meanwhile. The callback runs under
+// A render callback that blocks holds only the frames queued to its preview: the encoder is
+// offered every frame meanwhile. The callback runs under
 // the preview's node lock, so an unbind of the preview waits for it; once unbound, the
 // preview gets nothing more and the frames it had are all shown.
 TEST_F(DecodeLinkTest, ABlockedRenderCallbackHoldsOnlyItsOwnPreview) {
