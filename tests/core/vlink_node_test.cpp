@@ -244,4 +244,6 @@ TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
   std::set<OsvGraphicBuffer*> distinct(seen.begin(), seen.end());
   EXPECT_EQ(distinct.size(), seen.size());
   EXPECT_EQ(distinct.count(frames.back().get()), 1U);  // the newest is kept
+  Unlink(source, stuck);
+  Unlink(source, free);
 }
