@@ -6,10 +6,12 @@
 #include <libyuv.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "background/tavo_video_background_virtuality.h"
@@ -84,7 +86,13 @@ class BackgroundLinkTest : public ::testing::Test {
     m_producer->Shutdown();
     EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame was released twice";
     EXPECT_EQ(m_producer->released.Get(), m_sent) << "a frame was not given back";
-    m_node.reset();  // its image goes back to the wrapper bound through this test's loader
+    // A worker may still be letting go of a finished task's hold on the node; the node's
+    // images go back to the wrapper bound through this test's loader, before it is unbound.
+    for (int i = 0; i < 2000 && m_node.use_count() > 1; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(m_node.use_count(), 1);
+    m_node.reset();
     ResetOpencvBinding();
   }
 
