@@ -58,16 +58,8 @@ uint32_t VlinkScreenBuilder::BindVo(uint32_t voNodeId) {
 }
 
 uint32_t VlinkScreenBuilder::UnBindVo(uint32_t voNodeId) {
+  const uint32_t result = UnBindDirectSink(voNodeId);
   std::lock_guard<std::mutex> lock(m_bindLock);
-  NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId);
-  if (!sink) {
-    VLOG_ERR("node is nullptr");
-    return 1;
-  }
-  const uint32_t result = UnBindNode(m_viNodeId, sink);
-  if (result != 0) {
-    VLOG_ERR("UnBindNode voNodeId[%u] failed!", voNodeId);
-  }
   if (m_processNodeId != kNoProcessNode &&
       !VideoVlinkNode::GetNodeByUnique<ImageProcessNode>(m_processNodeId)) {
     m_processNodeId = kNoProcessNode;

@@ -4,54 +4,9 @@
 #include <set>
 #include <string>
 
+#include "core/tavo_video_pool_buffer_tracker.h"
 #include "platform/tavo_video_frame_convert.h"
 #include "trace/tavo_video_vlink_log.h"
-
-// Which pool buffers are out (being filled or held downstream) and which dropped ones wait
-// for their last holder. A buffer is taken when a step picks it and comes back when its last
-// holder lets go (ReleaseBufferDeal, on that holder's thread), which is also when a parked
-// buffer is deleted: deleting it on any other thread could race the holder's release.
-class ProcessBufferTracker final : public OsvReleaseBase<OsvGraphicBuffer> {
- public:
-  bool TryTake(OsvGraphicBuffer* buffer) {
-    std::lock_guard<std::mutex> lock(m_lock);
-    if (m_busy.count(buffer) != 0 || !buffer->IsAvailable()) {
-      return false;
-    }
-    m_busy.insert(buffer);
-    return true;
-  }
-  void Park(OsvGraphicBuffer* buffer) {
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      if (m_busy.count(buffer) != 0) {
-        m_parked.insert(buffer);
-        return;
-      }
-    }
-    delete buffer;
-  }
-  size_t ParkedCount() {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_parked.size();
-  }
-  void ReleaseBufferDeal(OsvGraphicBuffer* buffer) override {
-    bool parked = false;
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      m_busy.erase(buffer);
-      parked = m_parked.erase(buffer) != 0;
-    }
-    if (parked) {
-      delete buffer;  // the buffer touches nothing of itself after this call
-    }
-  }
-
- private:
-  std::mutex m_lock;  // guards m_busy and m_parked; no callback runs under it
-  std::set<OsvGraphicBuffer*> m_busy;
-  std::set<OsvGraphicBuffer*> m_parked;
-};
 
 namespace {
 
@@ -69,7 +24,7 @@ bool EraseOne(List& list, const T& value) {
 
 ImageProcessNode::ImageProcessNode(uint32_t nodeId)
     : VideoVlinkNode(nodeId, OS_E_MPP_DEV_IMAGE_PROCESS),
-      m_releaseBuffers(std::make_shared<ProcessBufferTracker>()) {
+      m_releaseBuffers(std::make_shared<PoolBufferTracker>()) {
   m_nodeName = "IMG_" + std::to_string(nodeId);
   VLOG_INF("[%s] create m_nodeId[%u] success", m_nodeName.c_str(), m_nodeId);
 }
@@ -244,7 +199,7 @@ uint32_t ImageProcessNode::ResetImageProcess(const NodePtr& sink) {
 
 void ImageProcessNode::DealBuffer(OsvGraphicBuffer* buffer, bool /*force*/) {
   if (buffer != nullptr) {
-    m_releaseBuffers->Park(buffer);
+    m_releaseBuffers->Retire(buffer);
   }
 }
 
@@ -421,4 +376,4 @@ size_t ImageProcessNode::GetPoolBufferCount() {
   return count;
 }
 
-size_t ImageProcessNode::GetReleaseBufferCount() { return m_releaseBuffers->ParkedCount(); }
+size_t ImageProcessNode::GetReleaseBufferCount() { return m_releaseBuffers->RetiredCount(); }

@@ -45,7 +45,7 @@ struct ImageProcessTree {
   std::list<std::shared_ptr<ImageProcessSizeTask>> sizeTasks;  // in creation order
 };
 
-class ProcessBufferTracker;
+class PoolBufferTracker;
 
 class ImageProcessNode : public VideoVlinkNode {
  public:
@@ -95,5 +95,5 @@ class ImageProcessNode : public VideoVlinkNode {
   // The release target of every pool buffer: knows which ones are downstream and keeps the
   // parked ones until their last holder lets go. Shared with the buffers, so it outlives
   // the node while any of them is still held.
-  std::shared_ptr<ProcessBufferTracker> m_releaseBuffers;
+  std::shared_ptr<PoolBufferTracker> m_releaseBuffers;
 };

@@ -14,59 +14,13 @@
 
 #include "core/tavo_video_frame_ref.h"
 #include "core/tavo_video_os_seams.h"
+#include "core/tavo_video_pool_buffer_tracker.h"
 #include "platform/os_platform_check.h"
 #include "platform/safe_string.h"
 #include "platform/tavo_video_frame_convert.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_x11_seams.h"
 #include "trace/tavo_video_vlink_log.h"
-
-// Which output buffers are downstream. A buffer is taken when it goes to the frame
-// callback and comes back when its last holder lets go (ReleaseBufferDeal, on that
-// holder's thread); a retired buffer still downstream is deleted then.
-class OutputBufferTracker final : public OsvReleaseBase<OsvGraphicBuffer> {
- public:
-  // Marks a free buffer as handed out; false when it is still downstream.
-  bool TryTake(OsvGraphicBuffer* buffer) {
-    std::lock_guard<std::mutex> lock(m_lock);
-    if (m_busy.count(buffer) != 0 || !buffer->IsAvailable()) {
-      return false;
-    }
-    m_busy.insert(buffer);
-    return true;
-  }
-  bool IsFree(OsvGraphicBuffer* buffer) {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_busy.count(buffer) == 0;
-  }
-  // Deletes the buffer now when it is free, else when its last holder lets go.
-  void Retire(OsvGraphicBuffer* buffer) {
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      if (m_busy.count(buffer) != 0) {
-        m_retired.insert(buffer);
-        return;
-      }
-    }
-    delete buffer;
-  }
-  void ReleaseBufferDeal(OsvGraphicBuffer* buffer) override {
-    bool retired = false;
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      m_busy.erase(buffer);
-      retired = m_retired.erase(buffer) != 0;
-    }
-    if (retired) {
-      delete buffer;  // the buffer touches nothing of itself after this call
-    }
-  }
-
- private:
-  std::mutex m_lock;  // guards m_busy and m_retired; no callback runs under it
-  std::set<OsvGraphicBuffer*> m_busy;
-  std::set<OsvGraphicBuffer*> m_retired;
-};
 
 namespace {
 
@@ -151,7 +105,7 @@ X11ScreenCapturer::X11ScreenCapturer(uint32_t id)
       m_isSorenKOS(IsSorenKOS() == 1),
       m_isSorenUOS(IsSorenUOS() == 1),
       m_cursor(std::make_unique<CursorCapturer>()),
-      m_tracker(std::make_shared<OutputBufferTracker>()) {}
+      m_tracker(std::make_shared<PoolBufferTracker>()) {}
 
 X11ScreenCapturer::~X11ScreenCapturer() {
   if (IsStarted()) {

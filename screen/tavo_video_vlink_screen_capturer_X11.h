@@ -25,7 +25,7 @@
 #include "screen/tavo_video_vlink_cursor_capturer.h"
 #include "screen/tavo_video_vlink_screen_types.h"
 
-class OutputBufferTracker;
+class PoolBufferTracker;
 
 class X11ScreenCapturer {
  public:
@@ -143,6 +143,6 @@ class X11ScreenCapturer {
   std::list<OsvGraphicBuffer*> m_unusedBuffers;
   uint32_t m_unusedDelay = 0;
   // Knows which output buffers are downstream; frees retired ones when they come back.
-  std::shared_ptr<OutputBufferTracker> m_tracker;
+  std::shared_ptr<PoolBufferTracker> m_tracker;
   std::array<uint32_t, 8> m_logCounts{};
 };

@@ -88,12 +88,14 @@ TEST(VlinkNodeTest, FrameReturnsToProducerOnceEvenWhenASinkRefusesIt) {
 }
 
 TEST(VlinkNodeTest, SendWithoutNeighboursReturnsTheFrameAtOnce) {
+  static int runs = 0;  // the line is paced per process: a repeated run sees it once
+  const bool first = runs++ == 0;
   LogCapture logs;
   auto source = MakeNode(5, true);
   OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
   frame.SetReleaseTarget(source);
   EXPECT_EQ(source->SendBuffer(&frame), 0U);
-  EXPECT_TRUE(logs.HasModule("[TEST_5] m_nextNodes is empty!", 1));
+  EXPECT_TRUE(!first || logs.HasModule("[TEST_5] m_nextNodes is empty!", 1));
   ASSERT_TRUE(source->released.WaitFor(1));
   // A stopped producer still gets its frames back.
   source->StopProcess();
