@@ -174,9 +174,10 @@ VideoVlinkNode::NodeList VideoVlinkNode::GetNextConnectListCopy() {
 
 class VideoVlinkNode::NodeTask {
  public:
-  // frame set: a hand-off; else a release of `released`.
-  NodeTask(std::shared_ptr<VideoVlinkNode> node, FrameRef frame, OsvGraphicBuffer* released)
-      : m_node(std::move(node)), m_frame(std::move(frame)), m_released(released) {
+  enum class Kind { kHandoff, kReleases };
+
+  NodeTask(std::shared_ptr<VideoVlinkNode> node, Kind kind, FrameRef frame = FrameRef())
+      : m_node(std::move(node)), m_frame(std::move(frame)), m_kind(kind) {
     m_node->m_pendingTasks.fetch_add(1);
   }
   NodeTask(NodeTask&&) noexcept = default;
@@ -185,7 +186,16 @@ class VideoVlinkNode::NodeTask {
   NodeTask& operator=(const NodeTask&) = delete;
   ~NodeTask() {
     if (m_node) {
-      m_frame.Reset();
+      if (!m_ran) {
+        // Dropped unrun by a stopping pool: nobody else will take what it was to run.
+        if (m_kind == Kind::kHandoff) {
+          m_frame.Reset();
+          m_node->AbandonHandoff();
+        } else {
+          std::lock_guard<std::mutex> lock(m_node->m_releaseLock);
+          m_node->m_releaseRunning = false;
+        }
+      }
       m_node->FinishTask();
       // m_node goes last: if it was the last holder, the node is destroyed here with no
       // task of its own left to wait for.
@@ -193,8 +203,9 @@ class VideoVlinkNode::NodeTask {
   }
 
   void operator()() {
-    if (m_released != nullptr) {
-      m_node->ReleaseFrame(m_released);
+    m_ran = true;
+    if (m_kind == Kind::kReleases) {
+      m_node->RunReleases();
     } else {
       m_node->RunHandoff(m_frame);
     }
@@ -203,32 +214,11 @@ class VideoVlinkNode::NodeTask {
  private:
   std::shared_ptr<VideoVlinkNode> m_node;
   FrameRef m_frame;
-  OsvGraphicBuffer* m_released;
+  Kind m_kind;
+  bool m_ran = false;
 };
 
 void VideoVlinkNode::RunHandoff(FrameRef& frame) {
-  FrameRef dropped;  // let go after the lock: its release may queue a task
-  {
-    std::lock_guard<std::mutex> lock(m_handoffLock);
-    if (m_handoffRunning) {
-      m_backlog.push_back(std::move(frame));
-      if (m_backlog.size() > kMaxBacklog) {
-        dropped = std::move(m_backlog.front());
-        m_backlog.pop_front();
-      }
-    } else {
-      m_handoffRunning = true;
-    }
-  }
-  if (dropped) {
-    VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_WRN_MODULE,
-               "[%s] busy with %zu frames waiting: oldest dropped", m_nodeName.c_str(),
-               kMaxBacklog);
-    return;
-  }
-  if (!frame) {
-    return;  // left for the worker that runs this node now
-  }
   for (;;) {
     if (HandleBuffer(frame) != 0) {
       VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] HandleBuffer error!",
@@ -236,12 +226,41 @@ void VideoVlinkNode::RunHandoff(FrameRef& frame) {
     }
     frame.Reset();
     std::lock_guard<std::mutex> lock(m_handoffLock);
-    if (m_backlog.empty()) {
+    if (m_backlogSize == 0) {
       m_handoffRunning = false;
       return;
     }
-    frame = std::move(m_backlog.front());
-    m_backlog.pop_front();
+    frame = std::move(m_backlog[m_backlogHead]);
+    m_backlogHead = (m_backlogHead + 1) % kMaxBacklog;
+    --m_backlogSize;
+  }
+}
+
+void VideoVlinkNode::AbandonHandoff() {
+  std::array<FrameRef, kMaxBacklog> dropped;  // let go after the lock
+  std::lock_guard<std::mutex> lock(m_handoffLock);
+  for (size_t i = 0; i < m_backlogSize; ++i) {
+    dropped[i] = std::move(m_backlog[(m_backlogHead + i) % kMaxBacklog]);
+  }
+  m_backlogHead = 0;
+  m_backlogSize = 0;
+  m_handoffRunning = false;
+}
+
+void VideoVlinkNode::RunReleases() {
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(m_releaseLock);
+      if (m_released.empty()) {
+        m_releaseRunning = false;
+        return;
+      }
+      m_releasing.swap(m_released);
+    }
+    for (OsvGraphicBuffer* buffer : m_releasing) {
+      ReleaseFrame(buffer);
+    }
+    m_releasing.clear();
   }
 }
 
@@ -256,38 +275,72 @@ void VideoVlinkNode::FinishTask() {
   }
 }
 
-PoolTask VideoVlinkNode::MakeHandoffTask(FrameRef& frame) {
+bool VideoVlinkNode::AcceptFrame(FrameRef& frame, PoolTask& task) {
   static_assert(sizeof(NodeTask) <= PoolTask::kInlineSize,
                 "a node task must fit the pool task's own storage: no allocation per hand-off");
   if (!m_isStart.load(std::memory_order_acquire) || !frame) {
-    return {};
+    return false;
+  }
+  FrameRef dropped;  // let go after the lock: its release may queue a task
+  {
+    std::lock_guard<std::mutex> lock(m_handoffLock);
+    if (!m_handoffRunning) {
+      m_handoffRunning = true;
+    } else {
+      if (m_backlogSize == kMaxBacklog) {
+        dropped = std::move(m_backlog[m_backlogHead]);
+        m_backlogHead = (m_backlogHead + 1) % kMaxBacklog;
+        --m_backlogSize;
+      }
+      m_backlog[(m_backlogHead + m_backlogSize) % kMaxBacklog] = std::move(frame);
+      ++m_backlogSize;
+    }
+  }
+  if (dropped) {
+    dropped.Reset();
+    VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_WRN_MODULE,
+               "[%s] busy with %zu frames waiting: oldest dropped", m_nodeName.c_str(),
+               kMaxBacklog);
+  }
+  if (!frame) {
+    return true;  // left for the worker that runs this node now
   }
   // The task holds the node: it can never run on a destroyed one.
   std::shared_ptr<VideoVlinkNode> self = weak_from_this().lock();
   if (!self) {
-    return {};
+    AbandonHandoff();  // being destroyed: nothing may queue for it any more
+    return false;
   }
-  return NodeTask(std::move(self), std::move(frame), nullptr);
+  task = NodeTask(std::move(self), NodeTask::Kind::kHandoff, std::move(frame));
+  return true;
 }
 
 uint32_t VideoVlinkNode::QueueBuffer(FrameRef& frame) {
-  PoolTask task = MakeHandoffTask(frame);
-  if (!task) {
+  PoolTask task;
+  if (!AcceptFrame(frame, task)) {
     return 1;
   }
   // A pool that is stopping drops the task, and the task its frame.
-  return m_nodeThreadPool.Post(std::move(task)) ? 0 : 1;
+  return !task || m_nodeThreadPool.Post(std::move(task)) ? 0 : 1;
 }
 
 void VideoVlinkNode::ReleaseBufferDeal(OsvGraphicBuffer* buffer) {
+  {
+    std::lock_guard<std::mutex> lock(m_releaseLock);
+    m_released.push_back(buffer);
+    if (m_releaseRunning) {
+      return;  // the release task of this node takes it
+    }
+    m_releaseRunning = true;
+  }
   std::shared_ptr<VideoVlinkNode> self = weak_from_this().lock();
   if (!self) {
     // Only a node that is being destroyed has no owner left; its frames are its own to
     // free in its destructor.
-    ReleaseFrame(buffer);
+    RunReleases();
     return;
   }
-  m_nodeThreadPool.Post(NodeTask(std::move(self), FrameRef(), buffer));
+  m_nodeThreadPool.Post(NodeTask(std::move(self), NodeTask::Kind::kReleases));
 }
 
 uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
@@ -303,15 +356,15 @@ uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
                m_nodeName.c_str());
     return 0;
   }
-  // Every receiver's task goes to the pool in one batch: one hold of its locks and one
-  // wake-up round per frame, however many receivers there are.
+  // The receivers that need a task get theirs in one batch: one hold of the pool's locks
+  // and one wake-up round per frame, however many receivers there are.
   constexpr size_t kBatch = 8;
   std::array<PoolTask, kBatch> tasks;
   size_t count = 0;
   for (const NodePtr& next : m_nextNodes) {
     FrameRef share = guard.Clone();
-    if (PoolTask task = next->MakeHandoffTask(share)) {  // a refused share drops here
-      tasks[count++] = std::move(task);
+    if (next->AcceptFrame(share, tasks[count]) && tasks[count]) {  // a refused share drops here
+      ++count;
     }
     if (count == kBatch) {
       m_nodeThreadPool.PostBatch(tasks.data(), count);

@@ -2,14 +2,15 @@
 // pool, frame release back to the producer, and the registry entry points.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "core/tavo_video_frame_ref.h"
 #include "core/tavo_video_instance_manager.h"
@@ -148,14 +149,21 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   std::string m_nodeName;
 
  private:
-  // One task of this node on the pool: a hand-off (holding the frame's reference) or a
-  // release. It holds its node, is counted in when made and counted out when destroyed,
-  // whether it ran or not, so DealTaskHandler(true) sees every task that could still
-  // touch the node and a task the pool drops still drops its frame.
+  // One task of this node on the pool: a hand-off or a release run. It holds its node, is
+  // counted in when made and counted out when destroyed, whether it ran or not, so
+  // DealTaskHandler(true) sees every task that could still touch the node.
   class NodeTask;
-  // A hand-off task of this node for `frame` (taken from it); empty, with `frame` left
-  // alone, when the node is not started or is being destroyed.
-  PoolTask MakeHandoffTask(FrameRef& frame);
+  // Takes `frame` for this node: into a new hand-off task (returned) when no worker is
+  // handing this node its frames, else into the backlog (empty task returned). false, with
+  // `frame` left alone, when the node is not started or is being destroyed.
+  bool AcceptFrame(FrameRef& frame, PoolTask& task);
+  // The worker that runs this node's hand-off: `frame`, then the backlog in order.
+  void RunHandoff(FrameRef& frame);
+  // A hand-off task the pool dropped unrun: nobody will drain the backlog, so it goes.
+  void AbandonHandoff();
+  // The worker that runs this node's releases: every released frame, in order, until none
+  // is left.
+  void RunReleases();
   void FinishTask();
 
   OS_E_MPP_DEV_TYPE m_nodeType;
@@ -169,12 +177,20 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   bool m_shutDown = false;  // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};
   // One worker at a time hands this node its frames: a node whose host callback blocks ties
-  // up one worker of the shared pool, never all of them. Hand-offs that find it busy leave
-  // their frame here for that worker, which takes them in order before it lets go.
-  void RunHandoff(FrameRef& frame);
-  std::mutex m_handoffLock;  // guards the two below; held by no host callback
+  // up one worker of the shared pool, never all of them. Frames offered while a hand-off
+  // task is queued or running wait here for it, so a busy node costs no task and no
+  // wake-up per frame. A fixed ring: queuing a frame allocates nothing.
+  std::mutex m_handoffLock;  // guards the four below; held by no host callback
   bool m_handoffRunning = false;
-  std::deque<FrameRef> m_backlog;
+  std::array<FrameRef, kMaxBacklog> m_backlog;
+  size_t m_backlogHead = 0;
+  size_t m_backlogSize = 0;
+  // Frames this node produced whose last holder let go, waiting for the one release task
+  // of this node; swapped with m_releasing by that task, so both keep their capacity.
+  std::mutex m_releaseLock;  // guards the two below; held by no host callback
+  bool m_releaseRunning = false;
+  std::vector<OsvGraphicBuffer*> m_released;
+  std::vector<OsvGraphicBuffer*> m_releasing;  // the release task's own
   std::atomic<int> m_taskWaiters{0};  // threads inside DealTaskHandler(true)
   std::mutex m_taskLock;  // pairs with m_tasksDone; held by no task and no host callback
   std::condition_variable m_tasksDone;
