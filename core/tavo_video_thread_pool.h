@@ -41,8 +41,9 @@ class ThreadPool {
   // no allocation for a small task. false when the pool is stopping (work is dropped);
   // a stopped pool runs work at once on the caller's thread.
   bool Post(PoolTask work);
-  // Posts count tasks (moved out of works) under one hold of the pool's locks and wakes as
-  // many workers as they need: a frame's hand-offs to all of its receivers.
+  // Posts count tasks (moved out of works) under one hold of the pool's locks: a frame's
+  // hand-offs to all of its receivers. Every task gets a worker of its own if it needs one:
+  // a worker that takes a task while more wait wakes the next before it runs its own.
   bool PostBatch(PoolTask* works, size_t count);
   // Wait until the queue is empty, then stop (and restart). 1 on a stopped pool.
   uint32_t WaitAllEnd();
@@ -50,11 +51,22 @@ class ThreadPool {
 
  private:
   std::optional<QueuedTask> Take();
+  std::optional<QueuedTask> PopCounted();
   bool Enqueue(QueuedTask&& task);
-  void WakeWorkers(size_t tasks);
+  // Wakes sleeping workers until every queued task has a worker looking for it.
+  void WakeForQueued();
+  // Calls up to `wanted` sleeping workers not yet called; how many it called.
+  int WakeSleepers(int wanted);
+  // Queued tasks (up to kLookersWanted) that no worker looks for yet.
+  int Uncovered() const;
   void ThreadFunc();
   uint32_t WaitQueueDrained();
 
+  // Idle workers kept looking while tasks wait: one to take them and one in case that one
+  // blocks in its task. Each worker that takes a task with no other looking calls another,
+  // so tasks that block still get a worker each; tasks that do not are run by the few
+  // workers already awake, without a wake-up per task.
+  static constexpr size_t kLookersWanted = 10;
   const unsigned long m_threadCount;
   // Lock order: pool lock, then the queue's locks; take lock, then the queue's locks. No
   // task (and so no host callback) runs under either.
@@ -67,5 +79,10 @@ class ThreadPool {
   std::condition_variable m_progressSignal;  // a task finished; waited on with m_takeLock
   std::atomic<int> m_progressWaiters{0};     // threads waiting on m_progressSignal
   std::atomic<int> m_sleepers{0};            // workers that may be waiting on m_workSignal
+  // Workers awake and not in a task: each looks at the queue again before it sleeps.
+  std::atomic<int> m_lookers{0};
+  std::atomic<size_t> m_queued{0};  // tasks in m_queue
+  std::atomic<int> m_waking{0};     // threads inside WakeForQueued
+  int m_wakeCalls = 0;              // sleepers notified, not yet awake; guarded by m_takeLock
   DuelNonblockingQueue<QueuedTask> m_queue;
 };

@@ -357,8 +357,8 @@ uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
     return 0;
   }
   // The receivers that need a task get theirs in one batch: one hold of the pool's locks
-  // and one wake-up round per frame, however many receivers there are.
-  constexpr size_t kBatch = 8;
+  // per frame, however many receivers there are.
+  constexpr size_t kBatch = 16;
   std::array<PoolTask, kBatch> tasks;
   size_t count = 0;
   for (const NodePtr& next : m_nextNodes) {

@@ -191,7 +191,7 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   bool m_releaseRunning = false;
   std::vector<OsvGraphicBuffer*> m_released;
   std::vector<OsvGraphicBuffer*> m_releasing;  // the release task's own
-  std::atomic<int> m_taskWaiters{0};  // threads inside DealTaskHandler(true)
+  std::atomic<int> m_taskWaiters{0};           // threads inside DealTaskHandler(true)
   std::mutex m_taskLock;  // pairs with m_tasksDone; held by no task and no host callback
   std::condition_variable m_tasksDone;
   VideoNodeRequirement m_requirement{};  // guarded by m_nodeLock
