@@ -219,6 +219,12 @@ class VideoVlinkNode::NodeTask {
 };
 
 void VideoVlinkNode::RunHandoff(FrameRef& frame) {
+  {
+    // Frames offered before the node began any work do not count as offered while busy.
+    std::lock_guard<std::mutex> lock(m_handoffLock);
+    m_handling = true;
+    m_arrivedWhileBusy = 0;
+  }
   for (;;) {
     if (HandleBuffer(frame) != 0) {
       VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] HandleBuffer error!",
@@ -226,25 +232,23 @@ void VideoVlinkNode::RunHandoff(FrameRef& frame) {
     }
     frame.Reset();
     std::lock_guard<std::mutex> lock(m_handoffLock);
-    if (m_backlogSize == 0) {
+    if (m_backlog.empty()) {
       m_handoffRunning = false;
+      m_handling = false;
       return;
     }
-    frame = std::move(m_backlog[m_backlogHead]);
-    m_backlogHead = (m_backlogHead + 1) % kMaxBacklog;
-    --m_backlogSize;
+    frame = std::move(m_backlog.front());
+    m_backlog.pop_front();
+    m_arrivedWhileBusy = 0;
   }
 }
 
 void VideoVlinkNode::AbandonHandoff() {
-  std::array<FrameRef, kMaxBacklog> dropped;  // let go after the lock
+  NonblockingFifo<FrameRef> dropped;  // let go after the lock
   std::lock_guard<std::mutex> lock(m_handoffLock);
-  for (size_t i = 0; i < m_backlogSize; ++i) {
-    dropped[i] = std::move(m_backlog[(m_backlogHead + i) % kMaxBacklog]);
-  }
-  m_backlogHead = 0;
-  m_backlogSize = 0;
+  std::swap(dropped, m_backlog);
   m_handoffRunning = false;
+  m_handling = false;
 }
 
 void VideoVlinkNode::RunReleases() {
@@ -281,23 +285,26 @@ bool VideoVlinkNode::AcceptFrame(FrameRef& frame, PoolTask& task) {
   if (!m_isStart.load(std::memory_order_acquire) || !frame) {
     return false;
   }
-  FrameRef dropped;  // let go after the lock: its release may queue a task
+  // Let go after the lock: their release may queue a task. Two per offer at most, so a
+  // backlog that grew while the node kept up shrinks back to the limit once it stalls.
+  std::array<FrameRef, 2> dropped;
+  size_t droppedCount = 0;
   {
     std::lock_guard<std::mutex> lock(m_handoffLock);
     if (!m_handoffRunning) {
       m_handoffRunning = true;
     } else {
-      if (m_backlogSize == kMaxBacklog) {
-        dropped = std::move(m_backlog[m_backlogHead]);
-        m_backlogHead = (m_backlogHead + 1) % kMaxBacklog;
-        --m_backlogSize;
+      m_backlog.push_back(std::move(frame));
+      m_arrivedWhileBusy += m_handling ? 1 : 0;
+      while (droppedCount < dropped.size() && m_backlog.size() > kMaxBacklog &&
+             m_arrivedWhileBusy > kMaxBacklog) {
+        dropped[droppedCount++] = std::move(m_backlog.front());
+        m_backlog.pop_front();
       }
-      m_backlog[(m_backlogHead + m_backlogSize) % kMaxBacklog] = std::move(frame);
-      ++m_backlogSize;
     }
   }
-  if (dropped) {
-    dropped.Reset();
+  for (size_t i = 0; i < droppedCount; ++i) {
+    dropped[i].Reset();
     VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_WRN_MODULE,
                "[%s] busy with %zu frames waiting: oldest dropped", m_nodeName.c_str(),
                kMaxBacklog);

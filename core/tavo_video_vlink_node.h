@@ -14,6 +14,7 @@
 
 #include "core/tavo_video_frame_ref.h"
 #include "core/tavo_video_instance_manager.h"
+#include "core/tavo_video_nonblocking_queue.h"
 #include "core/tavo_video_thread_pool.h"
 #include "osv_graphic_buffer.h"
 #include "trace/tavo_video_vlink_log.h"
@@ -125,8 +126,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   static std::shared_ptr<T> GetNodeByUnique(uint32_t id);
   static int DeleteNodeByUnique(uint32_t id);
 
-  // Frames waiting for a busy node beyond this are dropped, oldest first, so a sink that
-  // stalls cannot hoard every frame of a source that allocates per frame.
+  // Frames offered to a node stuck in one HandleBuffer beyond this are dropped, oldest
+  // first, so a sink that stalls cannot hoard every frame of a source that allocates per
+  // frame.
   static constexpr size_t kMaxBacklog = 64;
 
   static InstanceManager<VideoVlinkNode>* m_nodeManager;
@@ -179,12 +181,14 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // One worker at a time hands this node its frames: a node whose host callback blocks ties
   // up one worker of the shared pool, never all of them. Frames offered while a hand-off
   // task is queued or running wait here for it, so a busy node costs no task and no
-  // wake-up per frame. A fixed ring: queuing a frame allocates nothing.
-  std::mutex m_handoffLock;  // guards the four below; held by no host callback
-  bool m_handoffRunning = false;
-  std::array<FrameRef, kMaxBacklog> m_backlog;
-  size_t m_backlogHead = 0;
-  size_t m_backlogSize = 0;
+  // wake-up per frame. Beyond kMaxBacklog frames that came while the node made no progress
+  // (no new HandleBuffer began), the oldest go; a node that keeps up keeps them all.
+  // A growing ring: queuing a frame allocates nothing once it has grown.
+  std::mutex m_handoffLock;       // guards the four below; held by no host callback
+  bool m_handoffRunning = false;  // a hand-off task is queued or running
+  bool m_handling = false;        // that task has begun handing frames over
+  NonblockingFifo<FrameRef> m_backlog;
+  size_t m_arrivedWhileBusy = 0;  // frames offered since the last HandleBuffer began
   // Frames this node produced whose last holder let go, waiting for the one release task
   // of this node; swapped with m_releasing by that task, so both keep their capacity.
   std::mutex m_releaseLock;  // guards the two below; held by no host callback

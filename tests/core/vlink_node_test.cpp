@@ -207,8 +207,8 @@ TEST(VlinkNodeTest, RegistryEntryPoints) {
 }  // namespace
 
 // A sink stuck in its frame handling ties up one worker, not the pool: the other sink of the
-// same source gets every frame meanwhile. The stuck one keeps the newest frames and lets the oldest
-// go beyond its backlog, back to the producer at once.
+// same source gets every frame meanwhile. Of the frames offered while it is stuck, the stuck
+// one keeps the newest and lets the oldest go beyond its backlog, back to the producer at once.
 TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
   constexpr size_t kFrames = VideoVlinkNode::kMaxBacklog + 6;
   auto source = MakeNode(1, true);
@@ -218,6 +218,7 @@ TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
   Link(source, free);
   std::vector<std::unique_ptr<OsvGraphicBuffer>> frames;
   Gate gate;
+  CountLatch entered;
   std::mutex seenLock;
   std::vector<OsvGraphicBuffer*> seen;
   stuck->onFrame = [&](OsvGraphicBuffer* frame) {
@@ -225,6 +226,7 @@ TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
       std::lock_guard<std::mutex> lock(seenLock);
       seen.push_back(frame);
     }
+    entered.Add();
     gate.Pass();
   };
   for (size_t i = 0; i < kFrames; ++i) {
@@ -233,6 +235,9 @@ TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
     frames.back()->IncreaseRef();
     source->SendBuffer(frames.back().get());
     frames.back()->DecreaseRef();
+    if (i == 0) {
+      ASSERT_TRUE(entered.WaitFor(1));  // stuck from here on
+    }
   }
   ASSERT_TRUE(free->handled.WaitFor(static_cast<int>(kFrames)));
   ASSERT_TRUE(
