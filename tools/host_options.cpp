@@ -84,6 +84,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.links = argv[++i];
     } else if (arg == "--trace" && hasValue) {
       options.trace = std::atoi(argv[++i]);
+    } else if (arg == "--trace-to-terminal") {
+      options.traceToTerminal = true;
     } else {
       ok = false;
     }
@@ -93,7 +95,7 @@ bool ParseOptions(int argc, char** argv, Options& options) {
                  "usage: %s [--mode tour|encode|preview|decode|screen|camera] [--library PATH]\n"
                  "          [--image PATH] [--frames N] [--seconds S] [--out FILE.y4m]\n"
                  "          [--out-dir DIR] [--input FILE.y4m] [--fast] [--no-window]\n"
-                 "          [--linger SECONDS] [--trace 0-4]\n"
+                 "          [--linger SECONDS] [--trace 0-4] [--trace-to-terminal]\n"
                  "          [--cursor independent|drawn|hidden]\n"
                  "          [--camera-id BUS-ID] [--clip FILE.mjpeg|FILE.y4m]\n"
                  "          [--background IMAGE] [--background-off-after N]\n"
