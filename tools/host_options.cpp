@@ -11,8 +11,15 @@ std::string BuiltTestPattern() {
   if (error) {
     return "";
   }
-  const std::filesystem::path pattern = self.parent_path().parent_path() / "test_pattern.bmp";
-  return std::filesystem::is_regular_file(pattern, error) ? pattern.string() : "";
+  // Beside the tools folder in a build tree, in share/tavo_video/ in an installed one.
+  const std::filesystem::path root = self.parent_path().parent_path();
+  for (const std::filesystem::path& pattern :
+       {root / "test_pattern.bmp", root / "share" / "tavo_video" / "test_pattern.bmp"}) {
+    if (std::filesystem::is_regular_file(pattern, error)) {
+      return pattern.string();
+    }
+  }
+  return "";
 }
 
 bool ParseOptions(int argc, char** argv, Options& options) {
