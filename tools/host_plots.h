@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host_image.h"
+#include "tools/common/host_image.h"
 
 // One latency sample of a link: `panel` names the link, `series` the measure (a link may
 // have several: hand-off, camera to host with and without the background). Any thread.
