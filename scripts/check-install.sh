@@ -5,7 +5,8 @@
 #   2. builds examples/ against that prefix with CMake (find_package) and with pkg-config,
 #      and runs both: a test image must reach an encoder as I420 frames of its size;
 #   3. bad set-ups: no model folder, a missing library loaded by name: the example says so
-#      clearly and the test-image link still works;
+#      clearly and the test-image link still works; the installed vlink_host's camera link
+#      with the virtual background still runs and the library's trace names what is missing;
 #   4. moves the prefix, builds the example against the moved tree and runs it, and runs the
 #      installed vlink_host there (run paths are relative);
 #   5. builds the .deb with cpack, installs it with apt-get, runs the example against it,
@@ -65,12 +66,33 @@ TAVO_OM_CFG_PATH="$work/no-models" "$work/example/cmake/encode_test_image" >"$wo
 expect_line "warning: no segmentation models in $work/no-models"
 expect_line "example: OK"
 echo "no model folder: $(grep warning "$work/run.txt")"
-mv "$prefix/lib/libtavo_computing_client.so" "$work/"
-"$work/example/cmake/encode_test_image" >"$work/run.txt" 2>&1 || { cat "$work/run.txt"; fail "without the client"; }
-mv "$work/libtavo_computing_client.so" "$prefix/lib/"
-expect_line "warning: libtavo_computing_client.so is missing beside the library"
-expect_line "example: OK"
-echo "no inference client: $(grep warning "$work/run.txt")"
+for loaded in libtavo_computing_client.so libtavo_video_opencv_wrapper.so; do
+  mv "$prefix/lib/$loaded" "$work/"
+  "$work/example/cmake/encode_test_image" >"$work/run.txt" 2>&1 || { cat "$work/run.txt"; fail "without $loaded"; }
+  mv "$work/$loaded" "$prefix/lib/"
+  expect_line "warning: $loaded is missing beside the library"
+  expect_line "example: OK"
+  echo "no $loaded: $(grep warning "$work/run.txt")"
+done
+
+# The installed library on the camera link (file camera, virtual background on) says what it
+# lacks in its trace, and the frames still flow.
+camera_link_says() {
+  rm -rf "$work/cam"
+  "$@" "$prefix/bin/vlink_host" --links camera --seconds 2 --no-window --trace 2 \
+    --out-dir "$work/cam" >"$work/run.txt" 2>&1 || { cat "$work/run.txt"; fail "camera link: $*"; }
+  grep -q "$message" "$work/cam/trace.log" || { cat "$work/cam/trace.log"; fail "no \"$message\""; }
+  echo "  camera link still ran, the library traced: $(grep -m1 "$message" "$work/cam/trace.log" |
+    sed 's/.*\]: //')"
+}
+message="TavoComputingCreateTask error ret :-3"
+camera_link_says env TAVO_OM_CFG_PATH="$work/no-models"
+for loaded in libtavo_computing_client libtavo_video_opencv_wrapper; do
+  mv "$prefix/lib/$loaded.so" "$work/"
+  message="$loaded.*$loaded.so: cannot open shared object file"
+  camera_link_says env
+  mv "$work/$loaded.so" "$prefix/lib/"
+done
 
 step "the prefix moved after the install"
 moved="$work/moved/prefix"
