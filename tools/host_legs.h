@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "host_encoder_sink.h"
-#include "host_image.h"
 #include "host_library.h"
 #include "host_options.h"
 #include "host_window.h"
+#include "tools/common/host_image.h"
 
 // One row of the figures table.
 struct LegRow {
@@ -25,6 +25,7 @@ struct LegRow {
   uint32_t previewFrames = 0;
   std::string output;
   std::string notes;
+  std::string sheetNote;  // an extra line for the link's contact-sheet tile
   bool ok = false;
 };
 

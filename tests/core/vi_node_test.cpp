@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "core/tavo_video_vlink_vi_node.h"
+#include "tests/support/fake_os.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+struct Report {
+  uint32_t nodeId;
+  uint32_t status;
+  uint64_t atMs;
+};
+
+std::mutex g_reportLock;  // guards g_reports
+std::vector<Report> g_reports;
+FakeClock* g_clock = nullptr;
+
+void OnStatus(uint32_t nodeId, uint32_t status) {
+  std::lock_guard<std::mutex> lock(g_reportLock);
+  g_reports.push_back({nodeId, status, g_clock->NowUs() / 1000});
+}
+
+std::vector<Report> Reports() {
+  std::lock_guard<std::mutex> lock(g_reportLock);
+  return g_reports;
+}
+
+class VirtualViNodeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_clock = &m_clock;
+    std::lock_guard<std::mutex> lock(g_reportLock);
+    g_reports.clear();
+  }
+  void TearDown() override {
+    for (uint32_t id : m_ids) {
+      VideoVlinkNode::DeleteNodeByUnique(id);
+    }
+    g_clock = nullptr;
+  }
+  std::shared_ptr<VirtualViNode> Make(uint32_t id, bool withCallback = true) {
+    VideoVlinkNode::CreateNodeByUnique<VirtualViNode>(id);
+    m_ids.push_back(id);
+    auto node = VideoVlinkNode::GetNodeByUnique<VirtualViNode>(id);
+    ViDevInfo info{};
+    info.imgNo = id;
+    info.width = 1280;
+    info.height = 720;
+    info.fps = 30;
+    info.captureFps = 30;
+    info.statusCallback = withCallback ? &OnStatus : nullptr;
+    EXPECT_EQ(node->SetParam(info), 0u);
+    return node;
+  }
+  // Moves time on in one step once the watchdog waits.
+  void Advance(uint64_t milliseconds) {
+    ASSERT_TRUE(m_clock.WaitForWaiters(1));
+    m_clock.AdvanceMs(milliseconds);
+  }
+
+  LogCapture m_logs;
+  FakeClock m_clock;
+  ScopedSeamOverride<Clock> m_clockSeam{m_clock};
+  std::vector<uint32_t> m_ids;
+};
+
+TEST_F(VirtualViNodeTest, TheLimitIsFiveSecondsToTheMillisecond) {
+  EXPECT_FALSE(VirtualViNode::NoFrameForTooLong(1000 + 4999, 1000));
+  EXPECT_TRUE(VirtualViNode::NoFrameForTooLong(1000 + 5000, 1000));
+  EXPECT_FALSE(VirtualViNode::NoFrameForTooLong(999, 1000));  // a clock behind the last frame
+  EXPECT_FALSE(VirtualViNode::NoFrameForTooLong(1000, 1000));
+}
+
+TEST_F(VirtualViNodeTest, NoFrameIsReportedOnceAfterFiveSeconds) {
+  const uint64_t created = m_clock.NowUs() / 1000;
+  auto node = Make(91);
+  EXPECT_EQ(node->GetNodeType(), OS_E_MPP_DEV_VI);
+  Advance(5000);
+  ASSERT_TRUE([&] {
+    for (int i = 0; i < 20000 && Reports().empty(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return !Reports().empty();
+  }());
+  EXPECT_FALSE(node->IsChecking());
+  m_clock.AdvanceMs(20000);  // nobody waits any more: no second report
+  const auto reports = Reports();
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_EQ(reports[0].nodeId, 91u);
+  EXPECT_EQ(reports[0].status, 3u);
+  EXPECT_EQ(reports[0].atMs - created, 5000u);
+  EXPECT_TRUE(m_logs.HasModule("Report no frame error!", 1));
+}
+
+TEST_F(VirtualViNodeTest, AFirstFrameBeforeTheLimitEndsTheWatch) {
+  auto node = Make(92);
+  Advance(4999);
+  node->BufferOut();
+  EXPECT_FALSE(node->IsChecking());
+  m_clock.AdvanceMs(60000);
+  node->Shutdown();  // joins the watchdog: whatever it would do is done
+  EXPECT_TRUE(Reports().empty());
+}
+
+TEST_F(VirtualViNodeTest, WithoutACallbackTheWatchEndsSilently) {
+  auto node = Make(93, false);
+  Advance(5100);
+  for (int i = 0; i < 20000 && node->IsChecking(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_FALSE(node->IsChecking());
+  EXPECT_TRUE(Reports().empty());
+  EXPECT_FALSE(m_logs.HasModule("Report no frame error!"));
+}
+
+TEST_F(VirtualViNodeTest, ANodeRemovedEarlyNeverReports) {
+  auto node = Make(94);
+  Advance(1000);
+  node.reset();
+  EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(94), 0);
+  m_ids.clear();
+  m_clock.AdvanceMs(10000);
+  EXPECT_TRUE(Reports().empty());
+}
+
+TEST_F(VirtualViNodeTest, ARecordWithoutASizeIsRefusedAndTheOldOneKept) {
+  auto node = Make(95);
+  ViDevInfo bad = node->GetParam();
+  bad.height = 0;
+  EXPECT_EQ(node->SetParam(bad), 1u);
+  EXPECT_TRUE(m_logs.HasModule("CheckParam Failed, w[1280] h[0]", 1));
+  EXPECT_TRUE(m_logs.HasModule("ScreenCaptureNode CheckParam failed! ret[0x1]", 1));
+  bad.height = 720;
+  bad.width = 0;
+  EXPECT_EQ(node->SetParam(bad), 1u);
+  EXPECT_EQ(node->GetParam().width, 1280u);
+  EXPECT_EQ(node->GetParam().height, 720u);
+  ViDevInfo small = node->GetParam();
+  small.width = 1;
+  small.height = 1;
+  EXPECT_EQ(node->SetParam(small), 0u);
+  EXPECT_EQ(node->GetParam().width, 1u);
+}
+
+}  // namespace
