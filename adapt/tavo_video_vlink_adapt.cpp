@@ -11,6 +11,7 @@
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
 #include "core/tavo_video_frame_ref.h"
+#include "core/tavo_video_node_link.h"
 #include "platform/adapt_common/os_time.h"
 #include "platform/adapt_common/safe_string.h"
 #include "trace/tavo_video_host_guard.h"
@@ -146,14 +147,8 @@ uint32_t DestroyVarietyNode(uint32_t componentId) try {
   UnbindFromInputs(node);
   VideoVlinkNode::DeleteNodeByUnique(id);  // stops and shuts the node down
   // Sinks still bound to a destroyed input keep it until they go; it lets go of them now, so
-  // the two never hold each other for good. Only this node's lock is taken: a sink may be
-  // inside a host callback under its own.
-  for (const VideoVlinkNode::NodePtr& next : node->GetNextConnectListCopy()) {
-    node->DisconnectFromNode(next, true);
-  }
-  for (const VideoVlinkNode::NodePtr& prev : node->GetPrevConnectListCopy()) {
-    node->DisconnectFromNode(prev, false);
-  }
+  // the two never hold each other for good.
+  vlink::DropNeighbours(node);
   node.reset();
   VlinkBuilderFactory::GetInstance().DeleteBuilder(id);
   return 0;
