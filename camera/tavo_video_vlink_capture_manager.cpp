@@ -13,9 +13,6 @@
 
 namespace {
 
-// Failing frames repeat at the camera's rate: the lines of the first failure in a row and
-// of every 100th after it are written.
-constexpr uint32_t kFrameLogPace = 100;
 constexpr uint32_t kQiKindCapture = 2;
 
 // The process-wide manager number; changed only by Init on the control thread.
@@ -157,26 +154,26 @@ int DevCaptureManager::OnCaptureCbkFrame(_PEL_V_FRAME& frame) {
     if (lock.owns_lock()) {
       lock.unlock();
     }
-    if (m_droppedFrames++ % kFrameLogPace == 0) {
+    if (m_droppedFrames.Due()) {
       VLOG_ERR("m_captureMutex lock fail or capture is stopped");
     }
     return 1;
   }
-  m_droppedFrames = 0;
+  m_droppedFrames.Reset();
   StreamQiIn(m_qiHandle, frame.data, frame.dataSize);
-  const bool quiet = m_failedFrames % kFrameLogPace != 0;
+  const bool quiet = !m_failedFrames.NextDue();
   m_quietFrame = quiet;
   const uint32_t converted = FrameConvert(frame);
   m_quietFrame = false;
   if (converted != 0) {
-    ++m_failedFrames;
+    m_failedFrames.Due();
     lock.unlock();
     if (!quiet) {
       VLOG_ERR("FrameConvert fail");
     }
     return 1;
   }
-  m_failedFrames = 0;
+  m_failedFrames.Reset();
   StreamQiOut(m_qiHandle, frame.data, frame.dataSize);
   CaptureFrameCallback callback = m_captureCallback;
   lock.unlock();

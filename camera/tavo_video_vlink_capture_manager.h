@@ -15,6 +15,7 @@
 #include <string>
 
 #include "camera/tavo_video_vlink_capture_proxy.h"
+#include "trace/tavo_video_log_pacer.h"
 
 // The text-overlay interface of the platform. Linux has none (CreateCsnProxy gives an
 // empty owner), so every overlay request is refused there.
@@ -120,7 +121,9 @@ class DevCaptureManager {
   void* m_qiHandle = nullptr;
   std::atomic<bool> m_isCapturing{false};
   // Frame-path refusals repeat per frame: counted to pace their log lines.
-  uint32_t m_droppedFrames = 0;
-  uint32_t m_failedFrames = 0;
+  // Failing frames repeat at the camera's rate: the lines of the first failure in a row and
+  // of every 100th after it are written.
+  vlink::LogPacer m_droppedFrames;
+  vlink::LogPacer m_failedFrames;
   bool m_quietFrame = false;  // capture thread: this frame's conversion lines are paced out
 };

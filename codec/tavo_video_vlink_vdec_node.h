@@ -65,7 +65,7 @@ class VirtualDecoderNode : public VideoVlinkNode {
  private:
   std::unique_ptr<FrameRateRecorder> m_frameRateRecorder;  // made on the first frame
   uint32_t frameNum = 0;
-  uint64_t m_lastFpsTime = 0;
+  vlink::PeriodicLog m_rateLog{kRateReportPeriodUs};                      // guarded by m_rateLock
   tagTavoVideoVDecParam m_param{};                                        // guarded by m_nodeLock
   std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, OsvGraphicBuffer*> m_frameMap;  // guarded by m_nodeLock
   std::atomic<TavoVideoDefreezeStrategy> m_freezeStrategy{kDefaultFreezeStrategy};
