@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -62,6 +63,10 @@ class DevCaptureManager {
   // `failure` is the log text before the converter's code.
   using PackedToI420 = int (*)(const uint8_t*, int, uint8_t*, int, uint8_t*, int, uint8_t*, int,
                                int, int);
+  // Converts into a new block of the frame's size, which becomes the frame's memory; a
+  // frame shorter than `needed` or a failed conversion (logged with `failure`) gives 1.
+  uint32_t ConvertIntoBlock(_PEL_V_FRAME& frame, uint64_t needed, const char* failure,
+                            const std::function<int(uint8_t* block)>& convert);
   uint32_t TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t bytesPerPixel, uint64_t extraBytes,
                                PackedToI420 convert, const char* failure);
   // NV12 or NV21 (luma, then interleaved chroma, both with stride width) to I420.
