@@ -90,7 +90,9 @@ class VlinkBuilder {
   const uint32_t m_viNodeId;
   // Serialises binds and unbinds of this link (host threads may race them) and guards
   // m_isFirstBind. Taken before any node lock. Host callbacks that may run under it: the
-  // encoder create callback (a sink's start).
+  // encoder create callback (a sink's start). Held across a whole bind, but no frame is
+  // queued under it: starting an input starts its thread (or opens it to the host's
+  // frames), which sends without this lock.
   std::mutex m_bindLock;
   bool m_isFirstBind = true;  // the input is started by the first bind that succeeds
   const OS_E_MPP_DEV_TYPE m_viNodeType;

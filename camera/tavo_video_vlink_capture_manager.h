@@ -117,7 +117,8 @@ class DevCaptureManager {
   std::unique_ptr<IDevCaptureProxy> m_devCaptureProxy;
   // Guards start, stop and each frame's conversion. Taken blocking by start and stop (which
   // join the capture thread under it), only tried by the frame path. No host callback runs
-  // under it; the node's frame callback runs after it is released.
+  // under it; a frame is converted under it but never queued: the node's frame callback,
+  // which sends, runs after it is released.
   std::recursive_mutex m_captureMutex;
   std::unique_ptr<CsnProxy> m_csnProxy;
   CaptureFrameCallback m_captureCallback;

@@ -70,7 +70,7 @@ class VirtualDecoderNode : public VideoVlinkNode {
   std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, OsvGraphicBuffer*> m_frameMap;  // guarded by m_nodeLock
   std::atomic<TavoVideoDefreezeStrategy> m_freezeStrategy{kDefaultFreezeStrategy};
   std::atomic<bool> m_freezeApplied{true};
-  // Guards the recorder and the counters (frames come from any host thread); no host
-  // callback runs under it.
+  // Guards the recorder, the counters and the rate report (frames come from any host
+  // thread); no host callback runs under it and no frame is queued under it.
   std::mutex m_rateLock;
 };
