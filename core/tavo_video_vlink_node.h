@@ -2,7 +2,6 @@
 // pool, frame release back to the producer, and the registry entry points.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
