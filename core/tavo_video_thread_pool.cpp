@@ -104,7 +104,7 @@ bool ThreadPool::Enqueue(QueuedTask&& task) {
 }
 
 int ThreadPool::Uncovered() const {
-  return static_cast<int>(std::min<size_t>(m_queued.load(), kLookersWanted)) - m_lookers.load();
+  return static_cast<int>(std::min<size_t>(m_queued.load(), m_threadCount)) - m_lookers.load();
 }
 
 void ThreadPool::WakeForQueued() {
@@ -204,9 +204,9 @@ void ThreadPool::ThreadFunc() {
       std::fputs("ThreadPool: empty task\n", stderr);
       std::terminate();
     }
-    // Off to run a task that may block for long (a host callback): if work is left and no
-    // other worker looks for it, wake one first. Woken workers pass the baton on the same
-    // way, so a batch wakes no more workers than its tasks keep busy.
+    // Off to run a task that may block for long (a host callback): if work is left, no
+    // other worker looks for it and no poster is still waking workers (it looks again
+    // after it is done, WakeForQueued), wake one first.
     if (m_lookers.fetch_sub(1) == 1 && m_queued.load() > 0 && m_waking.load() == 0) {
       WakeSleepers(1);
     }

@@ -42,8 +42,9 @@ class ThreadPool {
   // a stopped pool runs work at once on the caller's thread.
   bool Post(PoolTask work);
   // Posts count tasks (moved out of works) under one hold of the pool's locks: a frame's
-  // hand-offs to all of its receivers. Every task gets a worker of its own if it needs one:
-  // a worker that takes a task while more wait wakes the next before it runs its own.
+  // hand-offs to all of its receivers. Sleeping workers are woken only for the tasks that
+  // no idle worker looks for already; a worker that takes a task while others wait, with
+  // nobody else looking, wakes one more before it runs its own.
   bool PostBatch(PoolTask* works, size_t count);
   // Wait until the queue is empty, then stop (and restart). 1 on a stopped pool.
   uint32_t WaitAllEnd();
@@ -57,16 +58,11 @@ class ThreadPool {
   void WakeForQueued();
   // Calls up to `wanted` sleeping workers not yet called; how many it called.
   int WakeSleepers(int wanted);
-  // Queued tasks (up to kLookersWanted) that no worker looks for yet.
+  // Queued tasks (up to one per worker) that no worker looks for yet.
   int Uncovered() const;
   void ThreadFunc();
   uint32_t WaitQueueDrained();
 
-  // Idle workers kept looking while tasks wait: one to take them and one in case that one
-  // blocks in its task. Each worker that takes a task with no other looking calls another,
-  // so tasks that block still get a worker each; tasks that do not are run by the few
-  // workers already awake, without a wake-up per task.
-  static constexpr size_t kLookersWanted = 10;
   const unsigned long m_threadCount;
   // Lock order: pool lock, then the queue's locks; take lock, then the queue's locks. No
   // task (and so no host callback) runs under either.
