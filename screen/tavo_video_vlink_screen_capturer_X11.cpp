@@ -19,8 +19,8 @@
 #include "platform/safe_string.h"
 #include "platform/tavo_video_frame_convert.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
+#include "screen/tavo_video_vlink_x11_log.h"
 #include "screen/tavo_video_vlink_x11_seams.h"
-#include "trace/tavo_video_vlink_log.h"
 
 namespace {
 
@@ -67,15 +67,15 @@ std::atomic<uint32_t> g_xErrors{0};
 int LogXError(Display* /*display*/, XErrorEvent* event) {
   const uint32_t seen = g_xErrors.fetch_add(1, std::memory_order_relaxed);
   if (seen % X11ScreenCapturer::kRefusalLogEvery == 0) {
-    VLOG_ERR("X error[%u] request[%u.%u] count[%u]", static_cast<uint32_t>(event->error_code),
-             static_cast<uint32_t>(event->request_code), static_cast<uint32_t>(event->minor_code),
-             seen + 1);
+    X11_ERR("X error[%u] request[%u.%u] count[%u]", static_cast<uint32_t>(event->error_code),
+            static_cast<uint32_t>(event->request_code), static_cast<uint32_t>(event->minor_code),
+            seen + 1);
   }
   return 0;
 }
 
 int LogXIoError(Display* /*display*/) {
-  VLOG_ERR("X display connection lost");
+  X11_ERR("X display connection lost");
   return 0;
 }
 
@@ -116,7 +116,7 @@ X11ScreenCapturer::~X11ScreenCapturer() {
     DestroyVideoCapture();
   }
   DeleteBuffers();
-  VLOG_INF("~X11ScreenCapturer");
+  X11_INF("~X11ScreenCapturer");
 }
 
 bool X11ScreenCapturer::ShouldLog(uint32_t site) {
@@ -132,7 +132,7 @@ uint64_t X11ScreenCapturer::CapturePeriodNs(uint32_t captureFps, bool targetCpu)
 
 uint32_t X11ScreenCapturer::SetCaptureParams(const ViDevInfo& info) {
   if (info.width == 0 || info.height == 0 || info.captureFps == 0) {
-    VLOG_ERR("Invalid param for screen capture!");
+    X11_ERR("Invalid param for screen capture!");
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_lock);
@@ -165,7 +165,7 @@ uint32_t X11ScreenCapturer::SetEncodeResolution(uint32_t width, uint32_t height)
     }
   }
   if (!m_cursor) {
-    VLOG_ERR("m_cursor is nullptr");
+    X11_ERR("m_cursor is nullptr");
     return 0;
   }
   return m_cursor->SetEncodeResolution(width, height);
@@ -175,10 +175,10 @@ uint32_t X11ScreenCapturer::SetCaptureCursorParams(const VlinkCursorParams& para
   VlinkCursorParams changed = params;
   if (IsSorenCpu() && IsTargetOs("Kylin") == 1) {
     changed.independent = 0;
-    VLOG_INF("kos force not independent");
+    X11_INF("kos force not independent");
   }
   if (!m_cursor) {
-    VLOG_ERR("cursor is nullptr");
+    X11_ERR("cursor is nullptr");
     return 1;
   }
   {
@@ -186,7 +186,7 @@ uint32_t X11ScreenCapturer::SetCaptureCursorParams(const VlinkCursorParams& para
     m_mouseParam = changed;
   }
   if (m_cursor->SetCaptureParams(changed) != 0) {
-    VLOG_ERR("Capturer[%u] SetCaptureCursorParams failed!", m_capturerId);
+    X11_ERR("Capturer[%u] SetCaptureCursorParams failed!", m_capturerId);
     return 1;
   }
   return 0;
@@ -203,7 +203,7 @@ uint32_t X11ScreenCapturer::GetCaptureCursorParams(VlinkCursorParams* out) {
 
 uint32_t X11ScreenCapturer::SetSendFrameCallback(SendFrameCallback callback) {
   if (!callback) {
-    VLOG_ERR("SetSendFrameCallback failed, cb is nullptr!");
+    X11_ERR("SetSendFrameCallback failed, cb is nullptr!");
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_lock);
@@ -213,7 +213,7 @@ uint32_t X11ScreenCapturer::SetSendFrameCallback(SendFrameCallback callback) {
 
 uint32_t X11ScreenCapturer::Init() {
   if (Seam<X11DisplaySystem>::Get().InitThreads() == 0) {
-    VLOG_ERR("XInitThreads failed");
+    X11_ERR("XInitThreads failed");
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_lock);
@@ -225,28 +225,28 @@ uint32_t X11ScreenCapturer::Init() {
   }
   uint32_t result = InitWindowImage();
   if (result != 0) {
-    VLOG_ERR("InitWindowImage failed!");
+    X11_ERR("InitWindowImage failed!");
     return result;
   }
   result = InitShmImages();
   if (result != 0) {
-    VLOG_ERR("InitShmImages failed!");
+    X11_ERR("InitShmImages failed!");
     return result;
   }
   m_checkFormat = true;
   m_isInited = true;
   if (m_isSorenUOS) {
     m_drawCursor = false;
-    VLOG_INF("soren7a or soren8c Uos not support draw cursor!");
+    X11_INF("soren7a or soren8c Uos not support draw cursor!");
   }
-  VLOG_INF("X11 Capturer[%u] init sucessful!", m_capturerId);
+  X11_INF("X11 Capturer[%u] init sucessful!", m_capturerId);
   return 0;
 }
 
 uint32_t X11ScreenCapturer::InitWindowImage() {
   m_display = Seam<X11DisplaySystem>::Get().Open();
   if (m_display == nullptr) {
-    VLOG_ERR("XOpenDisplay failed!");
+    X11_ERR("XOpenDisplay failed!");
     return 1;
   }
   InstallErrorHandlers(m_display);
@@ -256,7 +256,7 @@ uint32_t X11ScreenCapturer::InitWindowImage() {
   XImage* image = XGetImage(m_display, m_desktopWindow, GetGrabX(), GetGrabY(), m_capability.width,
                             m_capability.height, AllPlanes, ZPixmap);
   if (image == nullptr) {
-    VLOG_ERR("XGetImage failed!");
+    X11_ERR("XGetImage failed!");
     CloseDisplay();
     return 1;
   }
@@ -266,7 +266,7 @@ uint32_t X11ScreenCapturer::InitWindowImage() {
                              static_cast<uint32_t>(image->bits_per_pixel) / 8;
   XDestroyImage(image);
   if (frameSize == 0 || frameSize > UINT32_MAX) {
-    VLOG_ERR("XGetImage failed!");
+    X11_ERR("XGetImage failed!");
     CloseDisplay();
     return 1;
   }
@@ -276,7 +276,7 @@ uint32_t X11ScreenCapturer::InitWindowImage() {
     return 1;
   }
   TellCursorScreen();
-  VLOG_INF("X11 Capturer[%u] InitWindowImage successful!", m_capturerId);
+  X11_INF("X11 Capturer[%u] InitWindowImage successful!", m_capturerId);
   return 0;
 }
 
@@ -290,7 +290,7 @@ uint32_t X11ScreenCapturer::CreateScaleBuffers() {
   for (OsvGraphicBuffer*& slot : m_scaleBuffers) {
     slot = new (std::nothrow) OsvGraphicBuffer(width, height, TAVO_VIDEO_VLINK_FORMAT_I420);
     if (slot == nullptr || slot->GetBufHandle() == nullptr) {
-      VLOG_ERR("create OsvGraphicBuffer fail!");
+      X11_ERR("create OsvGraphicBuffer fail!");
       DeleteBuffers();
       return 1;
     }
@@ -299,7 +299,7 @@ uint32_t X11ScreenCapturer::CreateScaleBuffers() {
   m_i420Buffer = new (std::nothrow)
       OsvGraphicBuffer(m_capability.width, m_capability.height, TAVO_VIDEO_VLINK_FORMAT_I420);
   if (m_i420Buffer == nullptr || m_i420Buffer->GetBufHandle() == nullptr) {
-    VLOG_ERR("create OsvGraphicBuffer fail!");
+    X11_ERR("create OsvGraphicBuffer fail!");
     DeleteBuffers();
     return 1;
   }
@@ -325,7 +325,7 @@ uint32_t X11ScreenCapturer::InitShmImages() {
   SharedMemorySystem& memory = Seam<SharedMemorySystem>::Get();
   m_shmSegmentInfo.reset(new (std::nothrow) XShmSegmentInfo{});
   if (!m_shmSegmentInfo) {
-    VLOG_ERR("New m_shmSegmentInfo failed");
+    X11_ERR("New m_shmSegmentInfo failed");
     return 1;
   }
   m_shmSegmentInfo->shmid = -1;
@@ -334,7 +334,7 @@ uint32_t X11ScreenCapturer::InitShmImages() {
                             m_capability.depth, ZPixmap, nullptr, m_shmSegmentInfo.get(),
                             m_capability.width, m_capability.height);
   if (m_image == nullptr) {
-    VLOG_ERR("XShmCreateImage fail");
+    X11_ERR("XShmCreateImage fail");
     DestroyVideoCapture();
     return 1;
   }
@@ -342,7 +342,7 @@ uint32_t X11ScreenCapturer::InitShmImages() {
   const int id = memory.Get(bytes, kShmFlags);
   if (id == -1) {
     const int error = errno;
-    VLOG_ERR("shmget failed, errono = %d, %s", error, std::strerror(error));
+    X11_ERR("shmget failed, errono = %d, %s", error, std::strerror(error));
     DestroyVideoCapture();
     return 1;
   }
@@ -350,7 +350,7 @@ uint32_t X11ScreenCapturer::InitShmImages() {
   void* address = memory.Attach(id);
   if (address == reinterpret_cast<void*>(-1)) {
     const int error = errno;
-    VLOG_ERR("shmat failed, errono = %d, %s", error, std::strerror(error));
+    X11_ERR("shmat failed, errono = %d, %s", error, std::strerror(error));
     DestroyVideoCapture();
     return 1;
   }
@@ -362,10 +362,10 @@ uint32_t X11ScreenCapturer::InitShmImages() {
   if (XShmAttach(m_display, m_shmSegmentInfo.get()) == 0 ||
       (XSync(m_display, False), g_xErrors.load(std::memory_order_relaxed) != errorsBefore)) {
     DestroyVideoCapture();
-    VLOG_ERR("XShmAttach failed");
+    X11_ERR("XShmAttach failed");
     return 1;
   }
-  VLOG_INF("X11 Capturer[%u] InitShmImages successful", m_capturerId);
+  X11_INF("X11 Capturer[%u] InitShmImages successful", m_capturerId);
   return 0;
 }
 
@@ -413,7 +413,7 @@ uint32_t X11ScreenCapturer::DestroyVideoCapture() {
   }
   m_desktopWindow = 0;
   CloseDisplay();
-  VLOG_INF("DestroyVideoCapture success");
+  X11_INF("DestroyVideoCapture success");
   return 0;
 }
 
@@ -421,7 +421,7 @@ uint32_t X11ScreenCapturer::StartCapture() {
   {
     std::lock_guard<std::recursive_mutex> lock(m_lock);
     if (IsStarted()) {
-      VLOG_WRN("Capture has started");
+      X11_WRN("Capture has started");
       return 0;
     }
     if (!m_isInited) {
@@ -431,13 +431,13 @@ uint32_t X11ScreenCapturer::StartCapture() {
   }
   if (m_captureThread.Start([this] { CaptureThreadFunc(); }) != 0) {
     // Not started after all: the next start tries again, a stop has nothing to do.
-    VLOG_ERR("Capturer[%u] capture thread not started", m_capturerId);
+    X11_ERR("Capturer[%u] capture thread not started", m_capturerId);
     std::lock_guard<std::recursive_mutex> lock(m_lock);
     m_isStarted = false;
     return 1;
   }
   m_cursor->StartCapture();
-  VLOG_INF("X11 Capturer[%u] StartCapture successful!", m_capturerId);
+  X11_INF("X11 Capturer[%u] StartCapture successful!", m_capturerId);
   return 0;
 }
 
@@ -445,7 +445,7 @@ uint32_t X11ScreenCapturer::StopCapture() {
   {
     std::lock_guard<std::recursive_mutex> lock(m_lock);
     if (!IsStarted()) {
-      VLOG_WRN("Capture has stopped");
+      X11_WRN("Capture has stopped");
       return 0;
     }
     m_isInited = false;
@@ -457,7 +457,7 @@ uint32_t X11ScreenCapturer::StopCapture() {
   std::lock_guard<std::recursive_mutex> lock(m_lock);
   DestroyVideoCapture();
   DeleteBuffers();
-  VLOG_INF("X11 Capturer[%u] StopCapture successful!", m_capturerId);
+  X11_INF("X11 Capturer[%u] StopCapture successful!", m_capturerId);
   return 0;
 }
 
@@ -475,7 +475,7 @@ void X11ScreenCapturer::CaptureThreadFunc() {
     if (ScreenCaptureProcess() != 0) {
       std::lock_guard<std::recursive_mutex> lock(m_lock);
       if (ShouldLog(kSiteProcess)) {
-        VLOG_ERR("Capturer[%u] ScreenCaptureProcess failed!", m_capturerId);
+        X11_ERR("Capturer[%u] ScreenCaptureProcess failed!", m_capturerId);
       }
     }
     CheckUnusedBuffer();
@@ -490,20 +490,20 @@ uint32_t X11ScreenCapturer::ScreenCaptureProcess() {
   std::lock_guard<std::recursive_mutex> lock(m_lock);
   if (m_display == nullptr || m_image == nullptr) {
     if (ShouldLog(kSiteNoDisplay)) {
-      VLOG_ERR("m_display is nullptr");
+      X11_ERR("m_display is nullptr");
     }
     return 1;
   }
   if (m_desktopWindow == 0) {
     if (ShouldLog(kSiteNoWindow)) {
-      VLOG_ERR("m_desktopWindow is zero");
+      X11_ERR("m_desktopWindow is zero");
     }
     return 1;
   }
   if (!XShmGetImage(m_display, m_desktopWindow, m_image, GetGrabX(), GetGrabY(), AllPlanes)) {
     if (ShouldLog(kSiteGrab)) {
-      VLOG_ERR("XShmGetImage failed! grabX[%u] grabY[%u]", static_cast<uint32_t>(GetGrabX()),
-               static_cast<uint32_t>(GetGrabY()));
+      X11_ERR("XShmGetImage failed! grabX[%u] grabY[%u]", static_cast<uint32_t>(GetGrabX()),
+              static_cast<uint32_t>(GetGrabY()));
     }
     return 1;
   }
@@ -533,7 +533,7 @@ uint32_t X11ScreenCapturer::ScreenCaptureProcess() {
   }
   if (output == nullptr) {
     if (ShouldLog(kSiteNoBuffer)) {
-      VLOG_ERR("no available buffer!");
+      X11_ERR("no available buffer!");
     }
     return 1;
   }
@@ -547,14 +547,14 @@ uint32_t X11ScreenCapturer::ScreenCaptureProcess() {
     converted = ConvertToI420(&image, m_i420Buffer);
     if (converted != 0) {
       if (ShouldLog(kSiteConvert)) {
-        VLOG_ERR("Convert srcImg to I420 failed!");
+        X11_ERR("Convert srcImg to I420 failed!");
       }
       return static_cast<uint32_t>(converted);
     }
     converted = I420Scale(m_i420Buffer, output);
     if (converted != 0) {
       if (ShouldLog(kSiteConvert)) {
-        VLOG_ERR("I420Scale failed!");
+        X11_ERR("I420Scale failed!");
       }
       return static_cast<uint32_t>(converted);
     }
@@ -562,7 +562,7 @@ uint32_t X11ScreenCapturer::ScreenCaptureProcess() {
     converted = ConvertToI420(&image, output);
     if (converted != 0) {
       if (ShouldLog(kSiteConvert)) {
-        VLOG_ERR("Convert srcImg to I420 failed!");
+        X11_ERR("Convert srcImg to I420 failed!");
       }
       return static_cast<uint32_t>(converted);
     }
@@ -570,7 +570,7 @@ uint32_t X11ScreenCapturer::ScreenCaptureProcess() {
   const int sent = m_sendFrameCallback ? m_sendFrameCallback(output) : 1;
   if (sent != 0) {
     if (ShouldLog(kSiteSend)) {
-      VLOG_ERR("SendFrame to Encoder failed!");
+      X11_ERR("SendFrame to Encoder failed!");
     }
     return static_cast<uint32_t>(sent);
   }
@@ -594,7 +594,7 @@ void X11ScreenCapturer::CheckUnusedBuffer() {
 
 uint32_t X11ScreenCapturer::ResetScaleSize(uint32_t width, uint32_t height) {
   std::lock_guard<std::recursive_mutex> lock(m_lock);
-  VLOG_INF("ResetScaleSize size: %u %u", width, height);
+  X11_INF("ResetScaleSize size: %u %u", width, height);
   if (m_scaleBuffers[0] == nullptr) {
     m_scaleWidth = width;  // made at this size by the next initialisation
     m_scaleHeight = height;
@@ -604,7 +604,7 @@ uint32_t X11ScreenCapturer::ResetScaleSize(uint32_t width, uint32_t height) {
   for (auto& buffer : fresh) {
     buffer.reset(new (std::nothrow) OsvGraphicBuffer(width, height, TAVO_VIDEO_VLINK_FORMAT_I420));
     if (!buffer || buffer->GetBufHandle() == nullptr) {
-      VLOG_ERR("create OsvGraphicBuffer fail!");
+      X11_ERR("create OsvGraphicBuffer fail!");
       return 1;  // all slots keep their buffers
     }
     buffer->SetReleaseTarget(m_tracker);
@@ -646,7 +646,7 @@ void X11ScreenCapturer::CheckImageFormat() {
   std::array<uint32_t, 4> layout{};
   if (!FindPixelLayout(static_cast<uint32_t>(m_image->bits_per_pixel), m_image->red_mask,
                        m_image->green_mask, m_image->blue_mask, &layout)) {
-    VLOG_ERR("The image format is incorrect!");
+    X11_ERR("The image format is incorrect!");
     return;
   }
   m_bytesPerPixel = layout[0];
@@ -662,7 +662,7 @@ void X11ScreenCapturer::X11ImageDrawCursor() {
   XFixesCursorImage* cursor = XFixesGetCursorImage(m_display);
   if (cursor == nullptr) {
     if (ShouldLog(kSiteCursor)) {
-      VLOG_ERR("XFixesGetCursorImage failed!");
+      X11_ERR("XFixesGetCursorImage failed!");
     }
     return;
   }
@@ -672,7 +672,7 @@ void X11ScreenCapturer::X11ImageDrawCursor() {
     visible = (cursor->pixels[i] & 0xFFFFFFFFUL) != 0;
   }
   if (!visible) {
-    VLINK_LOG(0, 2, ::vlink::kToTrace, "cursor is hided!");
+    X11_LOG(2, ::vlink::kToTrace, "cursor is hided!");
     XFree(cursor);
     return;
   }
@@ -740,7 +740,7 @@ uint32_t X11ScreenCapturer::FindTargetScreen() {
     before += n;
   }
   if (chosenScreen < 0) {
-    VLOG_ERR("not find the screen[%u]!", m_screenPort);
+    X11_ERR("not find the screen[%u]!", m_screenPort);
     CloseDisplay();
     return 1;
   }
@@ -754,8 +754,8 @@ uint32_t X11ScreenCapturer::FindTargetScreen() {
   }
   const XRRMonitorInfo& monitor = monitors[idx];
   if (monitor.x != GetGrabX() || monitor.y != GetGrabY()) {
-    VLOG_INF("FindTargetScreen pos change index[%u] width[%u] height[%u] grabX[%d] grabY[%d]", idx,
-             m_capability.width, m_capability.height, monitor.x, monitor.y);
+    X11_INF("FindTargetScreen pos change index[%u] width[%u] height[%u] grabX[%d] grabY[%d]", idx,
+            m_capability.width, m_capability.height, monitor.x, monitor.y);
   }
   m_grabX = monitor.x;
   m_grabY = monitor.y;
@@ -787,10 +787,9 @@ uint32_t X11ScreenCapturer::CheckMonitorInfo() {
   if (static_cast<uint32_t>(monitor.width) != m_capability.width ||
       static_cast<uint32_t>(monitor.height) != m_capability.height) {
     if (m_monitorChangeCount % kRefusalLogEvery == 0) {
-      VLOG_ERR(
-          "wait recreate link! count[%u] oldWidth[%u] oldHeight[%u] newWidth[%d] newHeight[%d]",
-          m_monitorChangeCount, m_capability.width, m_capability.height, monitor.width,
-          monitor.height);
+      X11_ERR("wait recreate link! count[%u] oldWidth[%u] oldHeight[%u] newWidth[%d] newHeight[%d]",
+              m_monitorChangeCount, m_capability.width, m_capability.height, monitor.width,
+              monitor.height);
     }
     ++m_monitorChangeCount;
     return 1;
@@ -799,8 +798,8 @@ uint32_t X11ScreenCapturer::CheckMonitorInfo() {
     m_grabX = monitor.x;
     m_grabY = monitor.y;
     TellCursorScreen();
-    VLOG_INF("reset capturer MonitorInfo change! m_monitorIdx[%u] grabX[%u] grabY[%u]",
-             m_monitorIdx, static_cast<uint32_t>(monitor.x), static_cast<uint32_t>(monitor.y));
+    X11_INF("reset capturer MonitorInfo change! m_monitorIdx[%u] grabX[%u] grabY[%u]", m_monitorIdx,
+            static_cast<uint32_t>(monitor.x), static_cast<uint32_t>(monitor.y));
   }
   return 0;
 }
@@ -812,13 +811,13 @@ uint32_t X11ScreenCapturer::SetCaptureScreenPort(uint32_t port) {
     if (port == m_screenPort) {
       return 0;
     }
-    VLOG_INF("change screen capture port [%u] -> [%u]", m_screenPort, port);
+    X11_INF("change screen capture port [%u] -> [%u]", m_screenPort, port);
     m_screenPort = port;
     reset = IsStarted();
   }
   // Without m_lock: the reset joins the capture thread.
   if (reset && ResetCapture() != 0) {
-    VLOG_ERR("ResetCapture failed!");
+    X11_ERR("ResetCapture failed!");
   }
   return 0;
 }
@@ -826,12 +825,12 @@ uint32_t X11ScreenCapturer::SetCaptureScreenPort(uint32_t port) {
 uint32_t X11ScreenCapturer::ResetCapture() {
   uint32_t result = StopCapture();
   if (result != 0) {
-    VLOG_ERR("StopCapture failed while resetting");
+    X11_ERR("StopCapture failed while resetting");
     return result;
   }
   result = Init();
   if (result != 0) {
-    VLOG_ERR("InitCapture failed while resetting");
+    X11_ERR("InitCapture failed while resetting");
     return result;
   }
   {
@@ -840,16 +839,16 @@ uint32_t X11ScreenCapturer::ResetCapture() {
   }
   result = StartCapture();
   if (result != 0) {
-    VLOG_ERR("StartCapture failed while resetting");
+    X11_ERR("StartCapture failed while resetting");
     return result;
   }
-  VLOG_INF("X11 Capturer[%u] reset sucessful!", m_capturerId);
+  X11_INF("X11 Capturer[%u] reset sucessful!", m_capturerId);
   return 0;
 }
 
 uint32_t X11ScreenCapturer::CapturePictureInit() {
   if (Seam<X11DisplaySystem>::Get().InitThreads() == 0) {
-    VLOG_ERR("XInitThreads failed");
+    X11_ERR("XInitThreads failed");
     return 1;
   }
   if (m_display != nullptr || m_image != nullptr) {
@@ -857,7 +856,7 @@ uint32_t X11ScreenCapturer::CapturePictureInit() {
   }
   m_display = Seam<X11DisplaySystem>::Get().Open();
   if (m_display == nullptr) {
-    VLOG_ERR("XOpenDisplay failed!");
+    X11_ERR("XOpenDisplay failed!");
     return 1;
   }
   InstallErrorHandlers(m_display);
@@ -867,7 +866,7 @@ uint32_t X11ScreenCapturer::CapturePictureInit() {
   XImage* image = XGetImage(m_display, m_desktopWindow, GetGrabX(), GetGrabY(), m_capability.width,
                             m_capability.height, AllPlanes, ZPixmap);
   if (image == nullptr) {
-    VLOG_ERR("XGetImage failed!");
+    X11_ERR("XGetImage failed!");
     return 1;
   }
   m_capability.depth = static_cast<uint32_t>(image->depth);
@@ -876,19 +875,19 @@ uint32_t X11ScreenCapturer::CapturePictureInit() {
                              static_cast<uint32_t>(image->bits_per_pixel) / 8;
   XDestroyImage(image);
   if (frameSize == 0 || frameSize > UINT32_MAX) {
-    VLOG_ERR("XGetImage failed!");
+    X11_ERR("XGetImage failed!");
     return 1;
   }
   m_frameSize = static_cast<uint32_t>(frameSize);
-  VLOG_INF("X11 Capturer[%u] InitWindowImage successful!", m_capturerId);
+  X11_INF("X11 Capturer[%u] InitWindowImage successful!", m_capturerId);
   const uint32_t result = InitShmImages();
   if (result != 0) {
-    VLOG_ERR("InitShmImages failed!");
+    X11_ERR("InitShmImages failed!");
     return result;
   }
   Seam<Clock>::Get().SleepMs(kSnapshotSettleMs);
   if (!XShmGetImage(m_display, m_desktopWindow, m_image, GetGrabX(), GetGrabY(), AllPlanes)) {
-    VLOG_ERR("XShmGetImage failed");
+    X11_ERR("XShmGetImage failed");
     return 1;
   }
   return 0;
@@ -911,7 +910,7 @@ uint32_t X11ScreenCapturer::CapturePictureImp(const TagTavoVideoSnapshotStorage&
     return result;
   };
   if (m_image == nullptr || m_image->data == nullptr || m_image->bits_per_pixel != 32) {
-    VLOG_ERR("libyuv::ARGBScale failed");
+    X11_ERR("libyuv::ARGBScale failed");
     return finish(1);
   }
   TagTavoVideoSnapshotStorage picture = storage;
@@ -920,13 +919,13 @@ uint32_t X11ScreenCapturer::CapturePictureImp(const TagTavoVideoSnapshotStorage&
     picture.height = m_capability.height;
   }
   if (picture.width > kMaxSnapshotSide || picture.height > kMaxSnapshotSide) {
-    VLOG_ERR("libyuv::ARGBScale failed");
+    X11_ERR("libyuv::ARGBScale failed");
     return finish(1);
   }
   const uint32_t size = picture.width * picture.height * 4;
   std::unique_ptr<uint8_t[]> pixels(new (std::nothrow) uint8_t[size]());
   if (!pixels) {
-    VLOG_ERR("libyuv::ARGBScale failed");
+    X11_ERR("libyuv::ARGBScale failed");
     return finish(1);
   }
   const ArgbPlane source{reinterpret_cast<uint8_t*>(m_image->data), m_capability.width,
@@ -945,7 +944,7 @@ uint32_t X11ScreenCapturer::CapturePictureImp(const TagTavoVideoSnapshotStorage&
     scaled = ARGBScale(source, target);
   }
   if (scaled != 0) {
-    VLOG_ERR("libyuv::ARGBScale failed");
+    X11_ERR("libyuv::ARGBScale failed");
     return finish(1);
   }
   if (IsTargetCpu("Soren 7A") == 1 && IsTargetOs("Uos") == 1) {
@@ -955,7 +954,7 @@ uint32_t X11ScreenCapturer::CapturePictureImp(const TagTavoVideoSnapshotStorage&
   }
   CompareArgbPixel(pixels.get(), size);
   if (WritePicureToQueue(pixels.get(), size, picture) != 0) {
-    VLOG_ERR("WritePicureToQueue failed");
+    X11_ERR("WritePicureToQueue failed");
     return finish(1);
   }
   return finish(0);
@@ -964,25 +963,27 @@ uint32_t X11ScreenCapturer::CapturePictureImp(const TagTavoVideoSnapshotStorage&
 uint32_t X11ScreenCapturer::WritePicureToQueue(const uint8_t* pixels, uint32_t size,
                                                const TagTavoVideoSnapshotStorage& storage) {
   if (pixels == nullptr) {
-    VLOG_ERR("input null");
+    X11_ERR("input null");
     return 1;
   }
   HostShmQueue& queue = Seam<HostShmQueue>::Get();
   if (size > UINT32_MAX - kSnapshotHeaderBytes) {
-    VLOG_ERR("QueueBuffer is nullptr");
+    X11_ERR("QueueBuffer is nullptr");
     return 1;
   }
   OsShmAdvancedBuffer* buffer = queue.Alloc(storage.queueId, size + kSnapshotHeaderBytes);
   if (buffer == nullptr || buffer->mem == nullptr) {
-    VLOG_ERR("QueueBuffer is nullptr");
+    X11_ERR("QueueBuffer is nullptr");
     queue.Free(buffer);
     return 1;
   }
+  // The handle's first two fields (memory, used length) are all the platform gives: the
+  // buffer holds what was asked for.
   auto* memory = static_cast<uint8_t*>(buffer->mem);
-  const uint32_t capacity = buffer->capacity;
-  if (capacity < kSnapshotHeaderBytes ||
-      memcpy_s(memory + kSnapshotHeaderBytes, capacity - kSnapshotHeaderBytes, pixels, size) != 0) {
-    VLOG_ERR("memcpy failed, buffLen[%u], memLen[%u]", capacity, size);
+  const uint32_t bufferLength = size + kSnapshotHeaderBytes;
+  if (memcpy_s(memory + kSnapshotHeaderBytes, bufferLength - kSnapshotHeaderBytes, pixels, size) !=
+      0) {
+    X11_ERR("memcpy failed, buffLen[%u], memLen[%u]", bufferLength, size);
     queue.Free(buffer);
     return 1;
   }
@@ -998,7 +999,7 @@ uint32_t X11ScreenCapturer::WritePicureToQueue(const uint8_t* pixels, uint32_t s
   Put32(memory + 44, static_cast<uint32_t>(address >> 32));
   buffer->usedLen = size + kSnapshotHeaderBytes;
   if (queue.Write(storage.queueId, &buffer, 1) != 0) {
-    VLOG_ERR("OsShmAdvancedWriteBulkQueue fail");
+    X11_ERR("OsShmAdvancedWriteBulkQueue fail");
     queue.Free(buffer);  // never reached the reader: ours to give back
     return 1;
   }

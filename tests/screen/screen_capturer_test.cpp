@@ -138,6 +138,7 @@ TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
 // ---- following the monitor ----------------------------------------------------------
 
 TEST_F(ScreenCapturerTest, AResizedMonitorRefusesFramesWithAPacedLine) {
+  TraceCapture traces;
   StartServer({{kWidth, kHeight}});
   ASSERT_TRUE(m_server->SplitScreen(0, 2));
   FrameSink sink;
@@ -157,6 +158,14 @@ TEST_F(ScreenCapturerTest, AResizedMonitorRefusesFramesWithAPacedLine) {
   EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
   EXPECT_EQ(capturer->GetMonitorChangeCount(), 101u);
   EXPECT_EQ(sink.Count(), 1);
+  // The capturer's lines go to trace channel 2, under its module file name.
+  EXPECT_EQ(traces.Count("wait recreate link!", 2), 2u);
+  EXPECT_EQ(traces.Count("wait recreate link!", 0), 0u);
+  for (const OmLogRecord& record : m_logs.Records()) {
+    if (record.text.find("wait recreate link!") != std::string::npos) {
+      EXPECT_EQ(record.file, "tavo_video_vlink_screen_capturer_X11.cpp");
+    }
+  }
   // Back to its size, frames flow again; the count is never reset.
   ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 160, 0));
   EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);

@@ -8,8 +8,8 @@
 #include "core/tavo_video_os_seams.h"
 
 namespace {
-std::mutex g_traceLock;  // guards g_traces and g_traceActive
-std::vector<std::string> g_traces;
+std::mutex g_traceLock;                                  // guards g_traces and g_traceActive
+std::vector<std::pair<uint32_t, std::string>> g_traces;  // (channel, text)
 bool g_traceActive = false;
 }  // namespace
 
@@ -19,7 +19,9 @@ TraceCapture::TraceCapture() {
     g_traces.clear();
     g_traceActive = true;
   }
-  OS_VLink_Debug_TraceRegister(0, &TraceCapture::Receive);
+  OS_VLink_Debug_TraceRegister(0, &TraceCapture::Receive<0>);
+  OS_VLink_Debug_TraceRegister(1, &TraceCapture::Receive<1>);
+  OS_VLink_Debug_TraceRegister(2, &TraceCapture::Receive<2>);
   OS_VLink_Debug_SetTraceLevel(4);
 }
 
@@ -30,17 +32,18 @@ TraceCapture::~TraceCapture() {
   g_traces.clear();
 }
 
-void TraceCapture::Receive(uint32_t /*level*/, const char* text) {
+void TraceCapture::Store(uint32_t channel, const char* text) {
   std::lock_guard<std::mutex> lock(g_traceLock);
   if (g_traceActive) {
-    g_traces.emplace_back(text);
+    g_traces.emplace_back(channel, text);
   }
 }
 
-size_t TraceCapture::Count(const std::string& text) {
+size_t TraceCapture::Count(const std::string& text, int channel) {
   std::lock_guard<std::mutex> lock(g_traceLock);
   return static_cast<size_t>(std::count_if(g_traces.begin(), g_traces.end(), [&](const auto& t) {
-    return t.find(text) != std::string::npos;
+    return (channel < 0 || t.first == static_cast<uint32_t>(channel)) &&
+           t.second.find(text) != std::string::npos;
   }));
 }
 

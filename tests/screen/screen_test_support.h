@@ -21,16 +21,21 @@
 #include "tests/support/xvfb_server.h"
 #include "trace/tavo_video_vlink_log.h"
 
-// Texts that reached trace channel 0 while an instance lives (the trace level is raised to
-// detail for that time).
+// Texts that reached the trace channels while an instance lives (the trace level is raised
+// to detail for that time).
 class TraceCapture {
  public:
   TraceCapture();
   ~TraceCapture();
-  size_t Count(const std::string& text);
+  // Lines holding `text` on `channel` (any channel for -1).
+  size_t Count(const std::string& text, int channel = -1);
 
  private:
-  static void Receive(uint32_t level, const char* text);
+  template <uint32_t channel>
+  static void Receive(uint32_t /*level*/, const char* text) {
+    Store(channel, text);
+  }
+  static void Store(uint32_t channel, const char* text);
 };
 
 // Packed I420 planes (Y, U, V without row padding) of a frame.
