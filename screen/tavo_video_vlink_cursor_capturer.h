@@ -3,6 +3,7 @@
 // thread, instead of drawing it into the frames.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -41,6 +42,9 @@ class CursorCapturer {
   uint32_t IndepedentCapture();
 
  private:
+  // Lines that can repeat with every sample, logged the first time and every 100th after.
+  enum FailureSite : uint32_t { kNoCallback, kNoDisplay, kQueryPointer, kHostRefused, kSample };
+  bool ShouldLog(FailureSite site);
   void CursorCaptureThreadFunc();
   uint32_t StartLocked();  // m_controlLock held
   uint32_t StopLocked();   // m_controlLock held
@@ -58,4 +62,5 @@ class CursorCapturer {
   // running state across a restart.
   std::mutex m_controlLock;
   NamedThread m_cursorThread{"CursorCapture"};
+  std::array<std::atomic<uint64_t>, 5> m_failureCounts{};
 };

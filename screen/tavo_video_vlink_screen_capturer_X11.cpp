@@ -79,7 +79,13 @@ int LogXIoError(Display* /*display*/) {
   return 0;
 }
 
-void KeepProcessOnIoError(Display* display, void* /*data*/) { MarkX11DisplayLost(display); }
+// Instead of ending the process: the connection is marked lost, and the display lock that
+// Xlib takes for an exiting process is given back, so other threads' calls on it fail
+// instead of blocking for good and the connection can be closed.
+void KeepProcessOnIoError(Display* display, void* /*data*/) {
+  MarkX11DisplayLost(display);
+  XUnlockDisplay(display);
+}
 
 void InstallErrorHandlers(Display* display) {
   static std::once_flag once;
@@ -244,12 +250,10 @@ uint32_t X11ScreenCapturer::Init() {
 }
 
 uint32_t X11ScreenCapturer::InitWindowImage() {
-  m_display = Seam<X11DisplaySystem>::Get().Open();
+  m_display = OpenDisplay();
   if (m_display == nullptr) {
-    X11_ERR("XOpenDisplay failed!");
     return 1;
   }
-  InstallErrorHandlers(m_display);
   if (FindTargetScreen() != 0) {
     return 1;
   }
@@ -371,11 +375,35 @@ uint32_t X11ScreenCapturer::InitShmImages() {
 
 void X11ScreenCapturer::CloseDisplay() {
   if (m_display != nullptr) {
-    if (!IsX11DisplayLost(m_display)) {
-      Seam<X11DisplaySystem>::Get().Close(m_display);
+    // A lost connection is closed too: Xlib sends nothing on it and frees its socket and
+    // memory.
+    const bool lost = IsX11DisplayLost(m_display);
+    Seam<X11DisplaySystem>::Get().Close(m_display);
+    if (lost) {
+      ForgetX11DisplayLost(m_display);
     }
     m_display = nullptr;
   }
+}
+
+Display* X11ScreenCapturer::OpenDisplay() {
+  X11DisplaySystem& system = Seam<X11DisplaySystem>::Get();
+  for (uint32_t attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    if (attempt > 0) {
+      Seam<Clock>::Get().SleepMs(kOpenRetryMs);
+    }
+    bool tryAgain = false;
+    Display* display = system.Open(&tryAgain);
+    if (display != nullptr) {
+      InstallErrorHandlers(display);
+      return display;
+    }
+    if (!tryAgain) {
+      break;
+    }
+  }
+  X11_ERR("XOpenDisplay failed!");
+  return nullptr;
 }
 
 void X11ScreenCapturer::TellCursorScreen() {
@@ -854,12 +882,10 @@ uint32_t X11ScreenCapturer::CapturePictureInit() {
   if (m_display != nullptr || m_image != nullptr) {
     DestroyVideoCapture();
   }
-  m_display = Seam<X11DisplaySystem>::Get().Open();
+  m_display = OpenDisplay();
   if (m_display == nullptr) {
-    X11_ERR("XOpenDisplay failed!");
     return 1;
   }
-  InstallErrorHandlers(m_display);
   if (FindTargetScreen() != 0) {
     return 1;
   }

@@ -38,6 +38,10 @@ class X11ScreenCapturer {
   static constexpr uint32_t kFormatUnknown = 16;
   static constexpr uint64_t kOrdinaryPeriodNs = 50000000ULL;
   static constexpr uint32_t kRefusalLogEvery = 100;
+  // A server that dropped the connection (it resets when its last client leaves) is asked
+  // again this many times, this far apart.
+  static constexpr uint32_t kOpenAttempts = 20;
+  static constexpr uint32_t kOpenRetryMs = 25;
 
   explicit X11ScreenCapturer(uint32_t id);
   virtual ~X11ScreenCapturer();
@@ -101,6 +105,7 @@ class X11ScreenCapturer {
   uint32_t CreateScaleBuffers();
   void DeleteBuffers();
   void CaptureThreadFunc();
+  Display* OpenDisplay();         // with the error handlers installed; null logged
   void CloseDisplay();            // m_lock held
   void TellCursorScreen();        // m_lock held
   bool ShouldLog(uint32_t site);  // paces repeating per-frame lines

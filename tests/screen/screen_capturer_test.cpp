@@ -1,7 +1,13 @@
 // GoogleTest before the X headers, whose None macro it cannot take.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <cstddef>
+#include <cstring>
+#include <filesystem>
 #include <ostream>
 #include <string>
 
@@ -624,10 +630,22 @@ TEST_F(ScreenCapturerTest, ARefusingSinkIsReportedAndTheLoopGoesOn) {
   EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
 }
 
-TEST_F(ScreenCapturerTest, ADisplayThatGoesAwayMidCaptureIsSurvived) {
+size_t CountOwnDescriptors() {
+  size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    (void)entry;
+    ++count;
+  }
+  return count;
+}
+
+TEST_F(ScreenCapturerTest, ADisplayThatGoesAwayMidCaptureIsSurvivedAndLetGo) {
   StartServer({{kWidth, kHeight}});
+  const size_t descriptors = CountOwnDescriptors();
   FrameSink sink;
   auto capturer = MakeCapturer(sink);
+  // The cursor sampled apart too: two threads on the connection when it goes.
+  ASSERT_EQ(capturer->SetCaptureCursorParams(Cursor(false, true, 60)), 0u);
   ASSERT_EQ(capturer->StartCapture(), 0u);
   ASSERT_TRUE(sink.WaitFrames(2));
   m_server->Kill();
@@ -638,6 +656,41 @@ TEST_F(ScreenCapturerTest, ADisplayThatGoesAwayMidCaptureIsSurvived) {
   EXPECT_EQ(capturer->StopCapture(), 0u);
   EXPECT_FALSE(capturer->IsStarted());
   EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
+  // The lost connection was closed: its socket is not kept (the fixture's own connection
+  // went with the server).
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+  EXPECT_EQ(CountOwnDescriptors(), descriptors - 1);
+}
+
+TEST_F(ScreenCapturerTest, AServerThatDropsConnectionsIsAskedAgainOneThatNeverAnswersIsNot) {
+  StartServer({{kWidth, kHeight}});
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  // Dropped twice, as while a server resets after its last client left.
+  m_displaySystem->dropOpens = 2;
+  ASSERT_EQ(capturer->Init(), 0u);
+  EXPECT_EQ(m_displaySystem->refusedOpens.load(), 2);
+  EXPECT_FALSE(m_logs.HasModule("XOpenDisplay failed!"));
+  capturer.reset();
+
+  // A display whose socket takes connections and never answers: the open gives up after
+  // the answer time instead of waiting for ever.
+  const std::string number = std::to_string(5000 + getpid() % 1000);
+  const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = "/tmp/.X11-unix/X" + number;
+  std::memcpy(address.sun_path + 1, path.data(), path.size());
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address),
+                 static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size())),
+            0);
+  ASSERT_EQ(listen(listener, 4), 0);
+  m_displaySystem->SetName(":" + number);
+  m_displaySystem->answerTimeoutMs = 200;
+  capturer = MakeCapturer(sink);
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
+  close(listener);
 }
 
 // ---- ports while running ------------------------------------------------------------

@@ -18,12 +18,14 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
  public:
   explicit FakeX11DisplaySystem(std::string name) : m_name(std::move(name)) {}
   int32_t InitThreads() override { return failInitThreads ? 0 : XInitThreads(); }
-  Display* Open() override {
-    if (refuseOpen) {
+  Display* Open(bool* tryAgain) override {
+    *tryAgain = false;
+    if (refuseOpen || dropOpens > 0) {
       ++refusedOpens;
+      *tryAgain = dropOpens.fetch_sub(1) > 0;  // as a server resetting would
       return nullptr;
     }
-    Display* display = XOpenDisplay(m_name.c_str());
+    Display* display = OpenX11Display(m_name.c_str(), answerTimeoutMs, tryAgain);
     if (display != nullptr) {
       ++opens;
     }
@@ -36,7 +38,9 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
   void SetName(std::string name) { m_name = std::move(name); }
 
   std::atomic<bool> failInitThreads{false};
-  std::atomic<bool> refuseOpen{false};
+  std::atomic<bool> refuseOpen{false};  // for good
+  std::atomic<int> dropOpens{0};        // this many, then opens work again
+  std::atomic<uint32_t> answerTimeoutMs{kX11AnswerTimeoutMs};
   std::atomic<int> opens{0};
   std::atomic<int> closes{0};
   std::atomic<int> refusedOpens{0};
