@@ -50,7 +50,7 @@ void BM_CapturerFrame(benchmark::State& state) {
   cursor.framerate = 30;
   cursor.cursorCallback = &NoCursor;
   capturer.SetCaptureCursorParams(cursor);
-  capturer.SetSendFrameCallback([](OsvGraphicBuffer*) { return 0; });
+  capturer.SetSendFrameCallback([](const FrameRef&) { return 0; });
   if (capturer.Init() != 0) {
     state.SkipWithError("capturer init failed");
     return;

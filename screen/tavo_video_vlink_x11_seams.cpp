@@ -151,6 +151,10 @@ Display* OpenX11Display(const char* name, uint32_t answerTimeoutMs, bool* tryAga
   return display;
 }
 
+bool X11ServerAnswers(const char* name, uint32_t timeoutMs) {
+  return name == nullptr || AskServer(name, timeoutMs) != Answer::kSilent;
+}
+
 void ForgetX11DisplayLost(Display* display) {
   std::lock_guard<std::mutex> lock(g_lostLock);
   g_lostDisplays->erase(display);

@@ -30,6 +30,10 @@ constexpr uint32_t kX11AnswerTimeoutMs = 2000;
 // the name is not usable. Displays on other hosts are opened without the check.
 Display* OpenX11Display(const char* name, uint32_t answerTimeoutMs, bool* tryAgain);
 
+// Whether the server of display `name` answers a connection set-up within the time (true
+// for displays on other hosts, which are not asked).
+bool X11ServerAnswers(const char* name, uint32_t timeoutMs);
+
 class X11DisplaySystem {
  public:
   virtual ~X11DisplaySystem() = default;

@@ -693,6 +693,28 @@ TEST_F(ScreenCapturerTest, AServerThatDropsConnectionsIsAskedAgainOneThatNeverAn
   close(listener);
 }
 
+TEST_F(ScreenCapturerTest, AStopOnAServerThatStoppedAnsweringEndsAndLetsGo) {
+  StartServer({{kWidth, kHeight}});
+  FreezableXProxy proxy(m_server->Name());
+  m_displaySystem->SetName(proxy.Name());
+  FrameSink sink;
+  auto capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(2));
+  proxy.Freeze();  // as a server stopped with SIGSTOP: the capture thread's next frame waits
+  ASSERT_TRUE(WaitUntilTrue([&] { return proxy.HeldBytes() > 0; }));
+  EXPECT_EQ(capturer->StopCapture(), 0u);
+  EXPECT_TRUE(m_logs.HasModule("Capturer[90] capture thread stuck in the X server", 1));
+  EXPECT_FALSE(capturer->IsStarted());
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+  // A fresh start on the real server works as ever.
+  const int seen = sink.Count();
+  m_displaySystem->SetName(m_server->Name());
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(seen + 2));
+  EXPECT_EQ(capturer->StopCapture(), 0u);
+}
+
 // ---- ports while running ------------------------------------------------------------
 
 TEST_F(ScreenCapturerTest, APortChangeWhileRunningMovesTheCapture) {

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/tavo_video_frame_ref.h"
@@ -52,8 +54,8 @@ std::vector<uint32_t> Crop(const std::vector<uint32_t>& pixels, uint32_t stride,
 class FrameSink {
  public:
   int OnFrame(OsvGraphicBuffer* frame);
-  X11ScreenCapturer::SendFrameCallback Callback() {
-    return [this](OsvGraphicBuffer* frame) { return OnFrame(frame); };
+  ScreenCapturer::SendFrameCallback Callback() {
+    return [this](const FrameRef& frame) { return OnFrame(frame.Get()); };
   }
   bool WaitFrames(int count) { return m_count.WaitFor(count); }
   int Count() { return m_count.Get(); }
@@ -68,7 +70,7 @@ class FrameSink {
   std::vector<FrameRef> held;                        // guarded by m_lock
 
  private:
-  std::mutex m_lock;  // guards the vectors; the capturer's lock is held around OnFrame
+  std::mutex m_lock;  // guards the vectors
   std::vector<std::vector<uint8_t>> m_frames;
   std::vector<OsvGraphicBufferInfo> m_infos;
   std::vector<uint64_t> m_timesUs;
@@ -79,6 +81,31 @@ class FrameSink {
 // millisecond until it holds or the generous limit passes.
 bool WaitUntilTrue(const std::function<bool()>& condition,
                    std::chrono::seconds limit = kGenerousTimeout);
+
+// An X display that forwards to a real server until it is frozen: then it answers nothing,
+// as a server stopped with SIGSTOP; Close() drops every connection.
+class FreezableXProxy {
+ public:
+  explicit FreezableXProxy(const std::string& serverName);
+  ~FreezableXProxy();
+  const std::string& Name() const { return m_name; }
+  void Freeze() { m_frozen = true; }
+  // Bytes clients sent since the freeze (requests waiting for ever).
+  size_t HeldBytes() const { return m_held.load(); }
+  void Close();
+
+ private:
+  void Pump();
+
+  std::string m_name;
+  std::string m_serverPath;
+  int m_listener = -1;
+  int m_wake[2] = {-1, -1};
+  std::atomic<bool> m_frozen{false};
+  std::atomic<bool> m_closed{false};
+  std::atomic<size_t> m_held{0};
+  std::thread m_thread;
+};
 
 int32_t AcceptCursor(VlinkCursorSendData* data, uint32_t length, uint32_t userData);
 
