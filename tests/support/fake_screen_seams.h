@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/os_shm_queue.h"
 #include "screen/tavo_video_vlink_x11_seams.h"
 
 class FakeX11DisplaySystem final : public X11DisplaySystem {
