@@ -2,7 +2,7 @@
 
 #include <X11/extensions/Xfixes.h>
 
-#include "platform/os_platform_check.h"
+#include "platform/adapt_common/os_platform_check.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_x11_seams.h"
 #include "trace/tavo_video_vlink_log.h"

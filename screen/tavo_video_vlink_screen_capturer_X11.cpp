@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "core/tavo_video_os_seams.h"
-#include "platform/os_platform_check.h"
-#include "platform/tavo_video_frame_convert.h"
+#include "platform/adapt_common/os_platform_check.h"
+#include "platform/adapt_common/tavo_video_frame_convert.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_screen_buffer_pool.h"
 #include "screen/tavo_video_vlink_screen_snapshot.h"

@@ -4,9 +4,9 @@
 #include <new>
 
 #include "core/tavo_video_seam.h"
-#include "platform/os_platform_check.h"
-#include "platform/safe_string.h"
-#include "platform/tavo_video_frame_convert.h"
+#include "platform/adapt_common/os_platform_check.h"
+#include "platform/adapt_common/safe_string.h"
+#include "platform/adapt_common/tavo_video_frame_convert.h"
 #include "screen/tavo_video_vlink_x11_log.h"
 #include "screen/tavo_video_vlink_x11_seams.h"
 

@@ -11,7 +11,7 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/os_platform_check.h"
+#include "platform/adapt_common/os_platform_check.h"
 #include "screen/tavo_video_vlink_screen_buffer_pool.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
 #include "screen/tavo_video_vlink_x11_display.h"

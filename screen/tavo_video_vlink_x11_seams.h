@@ -9,7 +9,7 @@
 #include <cstdint>
 
 #include "core/tavo_video_seam.h"
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/os_shm_queue.h"
 
 // A connection whose server went away. Marked by the IO error handlers the capturer
 // installs, which also give back the display lock Xlib keeps for a process that would exit,

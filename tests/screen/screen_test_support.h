@@ -15,12 +15,12 @@
 
 #include "core/tavo_video_frame_ref.h"
 #include "core/tavo_video_seam.h"
-#include "platform/os_platform_check.h"
+#include "platform/adapt_common/os_platform_check.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
 #include "tests/support/fake_screen_seams.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
-#include "tests/support/xvfb_server.h"
+#include "tools/common/xvfb_server.h"
 #include "trace/tavo_video_vlink_log.h"
 
 // Texts that reached the trace channels while an instance lives (the trace level is raised

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/os_shm_queue.h"
 #include "tests/screen/screen_test_support.h"
 
 namespace {
