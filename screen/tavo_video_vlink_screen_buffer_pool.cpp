@@ -87,6 +87,13 @@ OsvGraphicBuffer* ScreenBufferPool::Take() {
   return nullptr;
 }
 
+OsvGraphicBuffer* ScreenBufferPool::TakePreferring(OsvGraphicBuffer* preferred) {
+  if (preferred != nullptr && m_tracker->TryTake(preferred)) {
+    return preferred;
+  }
+  return Take();
+}
+
 void ScreenBufferPool::CheckUnused() {
   if (m_unusedDelay > 0) {
     --m_unusedDelay;

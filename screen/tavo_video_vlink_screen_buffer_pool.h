@@ -35,6 +35,9 @@ class ScreenBufferPool {
   bool Empty() const { return m_buffers[0] == nullptr; }
   // The first free output buffer, now marked as out; null when all five are held.
   OsvGraphicBuffer* Take();
+  // `preferred` (the previous frame's buffer, whose pixels the next frame builds on) when it
+  // is free, else as Take.
+  OsvGraphicBuffer* TakePreferring(OsvGraphicBuffer* preferred);
   OsvGraphicBuffer* Scratch() const { return m_scratch; }
   // After every frame: counts the delay down, then frees one free retired buffer.
   void CheckUnused();

@@ -112,6 +112,8 @@ uint32_t X11ScreenCapturer::ResetScaleSize(uint32_t width, uint32_t height) {
   if (!s.pool.Empty() && s.pool.Resize(width, height) != 0) {
     return 1;
   }
+  s.previous = nullptr;  // retired with its set
+  s.fullNext = true;
   // Without buffers the size is taken by the next initialisation.
   s.scaleWidth = width;
   s.scaleHeight = height;
@@ -193,6 +195,12 @@ uint32_t X11ScreenCapturer::InitLocked() {
     X11_ERR("InitShmImages failed!");
     return 1;
   }
+  // Without DAMAGE every frame is grabbed whole.
+  if (s.useDamage) {
+    s.damage.Start(s.target.connection->Get(), s.target.root);
+  }
+  s.fullNext = true;
+  s.previous = nullptr;
   s.checkFormat = true;
   m_isInited = true;
   if (s.isSorenUOS) {
@@ -244,6 +252,11 @@ void X11ScreenCapturer::TellCursorScreen(Session& s) {
 
 void X11ScreenCapturer::DestroyLocked(Session& s) {
   s.image.Destroy();
+  if (s.target.connection && !s.target.connection->Lost()) {
+    s.damage.Stop(s.target.connection->Get());
+  }
+  s.previous = nullptr;
+  s.fullNext = true;
   X11Target none;
   std::swap(none, s.target);
   TellCursorScreen(s);  // before the connection goes
@@ -313,6 +326,7 @@ uint32_t X11ScreenCapturer::StopCapture() {
   std::lock_guard<std::recursive_mutex> lock(m_session->lock);
   DestroyLocked(*m_session);
   m_session->pool.Delete();
+  m_session->previous = nullptr;
   X11_INF("X11 Capturer[%u] StopCapture successful!", m_capturerId);
   return 0;
 }
@@ -342,95 +356,6 @@ void X11ScreenCapturer::CaptureLoop(const std::shared_ptr<Session>& session, Nam
 }
 
 uint32_t X11ScreenCapturer::ScreenCaptureProcess() { return FrameStep(*m_session); }
-
-uint32_t X11ScreenCapturer::FrameStep(Session& s) {
-  if (CheckMonitor(s) != 0) {
-    return 1;
-  }
-  FrameRef frame;
-  {
-    std::lock_guard<std::recursive_mutex> lock(s.lock);
-    if (!s.target.connection || !s.image.Ready()) {
-      if (s.ShouldLog(kSiteNoDisplay)) {
-        X11_ERR("m_display is nullptr");
-      }
-      return 1;
-    }
-    if (s.target.root == 0) {
-      if (s.ShouldLog(kSiteNoWindow)) {
-        X11_ERR("m_desktopWindow is zero");
-      }
-      return 1;
-    }
-    const int32_t grabX = s.grabX.load();
-    const int32_t grabY = s.grabY.load();
-    if (!s.image.Grab(s.target.root, grabX, grabY)) {
-      if (s.ShouldLog(kSiteGrab)) {
-        X11_ERR("XShmGetImage failed! grabX[%u] grabY[%u]", static_cast<uint32_t>(grabX),
-                static_cast<uint32_t>(grabY));
-      }
-      return 1;
-    }
-    XImage* image = s.image.Image();
-    if (s.checkFormat) {
-      CheckImageFormatOf(s);
-      s.checkFormat = false;
-    }
-    if (s.mouseParam.isHide == 0 && s.drawCursor && s.mouseParam.independent == 0) {
-      DrawCursorOf(s);
-    }
-    OsvGraphicBuffer wrapper(image->data);
-    OsvGraphicBufferInfo info{};
-    info.width = s.capability.width;
-    info.height = s.capability.height;
-    info.stride[0] = static_cast<uint32_t>(image->bytes_per_line);
-    info.size = s.target.frameSize;
-    info.format = TAVO_VIDEO_VLINK_FORMAT_ARGB;
-    wrapper.SetImageInfo(info);
-    wrapper.SetImageAddr(reinterpret_cast<uint8_t*>(image->data), nullptr, nullptr);
-
-    OsvGraphicBuffer* output = s.pool.Take();
-    if (output == nullptr) {
-      if (s.ShouldLog(kSiteNoBuffer)) {
-        X11_ERR("no available buffer!");
-      }
-      return 1;
-    }
-    // Held for the length of the hand-off: the buffer comes back to the pool when the last
-    // holder, possibly this one, lets go.
-    frame = FrameRef::Share(output);
-    output->SetSrcImgNo(s.devInfo.imgNo);
-    const OsvGraphicBufferInfo out = output->GetImageInfo();
-    const bool scale = out.width != s.capability.width || out.height != s.capability.height;
-    int32_t converted = ConvertToI420(&wrapper, scale ? s.pool.Scratch() : output);
-    if (converted != 0) {
-      if (s.ShouldLog(kSiteConvert)) {
-        X11_ERR("Convert srcImg to I420 failed!");
-      }
-      return static_cast<uint32_t>(converted);
-    }
-    if (scale && (converted = I420Scale(s.pool.Scratch(), output)) != 0) {
-      if (s.ShouldLog(kSiteConvert)) {
-        X11_ERR("I420Scale failed!");
-      }
-      return static_cast<uint32_t>(converted);
-    }
-  }
-  // To the owner without the capturer lock: a snapshot or a control call need not wait for
-  // the sinks.
-  if (!s.EnterOutlets()) {
-    return 1;
-  }
-  const int sent = s.callback ? s.callback(frame) : 1;
-  s.LeaveOutlets();
-  if (sent != 0) {
-    if (s.ShouldLog(kSiteSend)) {
-      X11_ERR("SendFrame to Encoder failed!");
-    }
-    return static_cast<uint32_t>(sent);
-  }
-  return 0;
-}
 
 void X11ScreenCapturer::CheckUnusedBuffer() {
   std::lock_guard<std::recursive_mutex> lock(m_session->lock);
@@ -463,27 +388,9 @@ void X11ScreenCapturer::CheckImageFormat() {
   }
 }
 
-void X11ScreenCapturer::DrawCursorOf(Session& s) {
-  switch (DrawX11Cursor(s.target.connection->Get(), s.image.Image(), s.grabX.load(), s.grabY.load(),
-                        s.layout)) {
-    case CursorDrawResult::kNoCursorImage:
-      if (s.ShouldLog(kSiteCursor)) {
-        X11_ERR("XFixesGetCursorImage failed!");
-      }
-      break;
-    case CursorDrawResult::kTransparent:
-      X11_LOG(2, ::vlink::kToTrace, "cursor is hided!");
-      break;
-    default:
-      break;
-  }
-}
-
-void X11ScreenCapturer::X11ImageDrawCursor() {
+void X11ScreenCapturer::UseDamage(bool use) {
   std::lock_guard<std::recursive_mutex> lock(m_session->lock);
-  if (m_session->image.Ready()) {
-    DrawCursorOf(*m_session);
-  }
+  m_session->useDamage = use;
 }
 
 bool X11ScreenCapturer::IsInited() { return m_isInited.load(std::memory_order_acquire); }

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <X11/Xlib.h>
+#include <X11/extensions/Xfixes.h>
 
 #include <array>
 #include <atomic>
@@ -20,10 +21,12 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "core/tavo_video_named_thread.h"
 #include "screen/tavo_video_vlink_cursor_capturer.h"
 #include "screen/tavo_video_vlink_screen_capturer.h"
+#include "screen/tavo_video_vlink_x11_damage.h"
 #include "screen/tavo_video_vlink_x11_display.h"
 
 class X11ScreenCapturer : public ScreenCapturer {
@@ -71,6 +74,10 @@ class X11ScreenCapturer : public ScreenCapturer {
   void CheckImageFormat();
   void X11ImageDrawCursor();
 
+  // Damage-driven capture (on by default, where the server has DAMAGE); off, every frame is
+  // grabbed whole. Taken at the next initialisation. For comparisons in tests and benches.
+  void UseDamage(bool use);
+
   // State for the owner's diagnostics and the tests.
   bool IsInited();
   bool IsStarted() const { return m_isStarted.load(std::memory_order_acquire); }
@@ -103,7 +110,12 @@ class X11ScreenCapturer : public ScreenCapturer {
   void CutConnection();
   bool ConnectionAnswers();
   static void CheckImageFormatOf(Session& session);  // session lock held
-  static void DrawCursorOf(Session& session);        // session lock held
+  static void DrawCursorOf(Session& session, const XFixesCursorImage* cursor);
+  static std::vector<RowBand> ChangedRows(Session& session, const XFixesCursorImage* cursor,
+                                          bool drawn, bool* full);
+  static int32_t Convert(Session& session, const std::vector<RowBand>& bands,
+                         OsvGraphicBuffer* output);
+  static int32_t CarryOver(Session& session, OsvGraphicBuffer* output);
   static void CaptureLoop(const std::shared_ptr<Session>& session, NamedThread& thread);
   static uint32_t FrameStep(Session& session);
   static uint32_t CheckMonitor(Session& session);

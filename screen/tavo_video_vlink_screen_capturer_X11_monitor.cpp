@@ -60,6 +60,7 @@ uint32_t X11ScreenCapturer::CheckMonitor(Session& s) {
   if (state.kind == X11MonitorState::kMoved) {
     s.grabX = s.target.x = state.x;
     s.grabY = s.target.y = state.y;
+    s.fullNext = true;  // rows recorded so far belong to the old place
     TellCursorScreen(s);
     X11_INF("reset capturer MonitorInfo change! m_monitorIdx[%u] grabX[%u] grabY[%u]",
             s.target.monitorIdx, static_cast<uint32_t>(state.x), static_cast<uint32_t>(state.y));

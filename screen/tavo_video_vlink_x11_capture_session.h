@@ -14,6 +14,7 @@
 #include "platform/adapt_common/os_platform_check.h"
 #include "screen/tavo_video_vlink_screen_buffer_pool.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
+#include "screen/tavo_video_vlink_x11_damage.h"
 #include "screen/tavo_video_vlink_x11_display.h"
 #include "screen/tavo_video_vlink_x11_grabber.h"
 
@@ -39,6 +40,9 @@ struct X11ScreenCapturer::Session {
   ~Session() {
     std::lock_guard<std::recursive_mutex> guard(lock);
     image.Destroy();
+    if (target.connection && !target.connection->Lost()) {
+      damage.Stop(target.connection->Get());
+    }
     target = X11Target{};
     pool.Delete();
   }
@@ -99,6 +103,17 @@ struct X11ScreenCapturer::Session {
   uint32_t scaleWidth = 0;
   uint32_t scaleHeight = 0;
   uint32_t monitorChangeCount = 0;
+  // Damage-driven capture: what the next frame may build on.
+  X11DamageTracker damage;
+  bool useDamage = true;
+  bool fullNext = true;                  // grab and convert the whole monitor
+  OsvGraphicBuffer* previous = nullptr;  // the last output (a current pool buffer)
+  bool cursorDrawn = false;              // the cursor was drawn into the image
+  bool cursorRowsValid = false;          // and covers cursorRows
+  RowBand cursorRows{0, 0};
+  int16_t cursorX = 0;
+  int16_t cursorY = 0;
+  unsigned long cursorSerial = 0;
   std::array<std::atomic<uint64_t>, kSiteCount> logCounts{};
 
   std::mutex outletLock;  // guards the four below; no callback runs under it

@@ -1,15 +1,26 @@
 #include "screen/tavo_video_vlink_x11_cursor_drawer.h"
 
-#include <X11/extensions/Xfixes.h>
-
 #include <algorithm>
 
-CursorDrawResult DrawX11Cursor(Display* display, XImage* image, int32_t grabX, int32_t grabY,
-                               const X11PixelLayout& layout) {
+bool CursorRows(const XFixesCursorImage* cursor, int32_t grabY, uint32_t height, RowBand* rows) {
+  if (cursor == nullptr) {
+    return false;
+  }
+  const int64_t top = int64_t{cursor->y} - cursor->yhot - grabY;
+  const int64_t begin = std::max<int64_t>(0, top);
+  const int64_t end = std::min<int64_t>(height, top + cursor->height);
+  if (begin >= end) {
+    return false;
+  }
+  *rows = {static_cast<uint32_t>(begin), static_cast<uint32_t>(end)};
+  return true;
+}
+
+CursorDrawResult DrawX11Cursor(const XFixesCursorImage* cursor, XImage* image, int32_t grabX,
+                               int32_t grabY, const X11PixelLayout& layout) {
   if (layout.bytesPerPixel == 0) {
     return CursorDrawResult::kNoLayout;  // nowhere safe to draw
   }
-  XFixesCursorImage* cursor = XFixesGetCursorImage(display);
   if (cursor == nullptr) {
     return CursorDrawResult::kNoCursorImage;
   }
@@ -19,7 +30,6 @@ CursorDrawResult DrawX11Cursor(Display* display, XImage* image, int32_t grabX, i
     visible = (cursor->pixels[i] & 0xFFFFFFFFUL) != 0;
   }
   if (!visible) {
-    XFree(cursor);
     return CursorDrawResult::kTransparent;
   }
   const int x0 = cursor->x - cursor->xhot - grabX;
@@ -50,6 +60,5 @@ CursorDrawResult DrawX11Cursor(Display* display, XImage* image, int32_t grabX, i
       }
     }
   }
-  XFree(cursor);
   return CursorDrawResult::kDrawn;
 }

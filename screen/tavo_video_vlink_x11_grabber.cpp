@@ -117,3 +117,16 @@ bool X11ShmImage::Grab(Window root, int32_t x, int32_t y) {
   return m_image != nullptr && m_connection &&
          XShmGetImage(m_connection->Get(), root, m_image, x, y, AllPlanes) != 0;
 }
+
+bool X11ShmImage::GrabRows(Window root, int32_t x, int32_t y, uint32_t begin, uint32_t end) {
+  if (m_image == nullptr || !m_connection || end > static_cast<uint32_t>(m_image->height) ||
+      begin >= end) {
+    return false;
+  }
+  // The same segment at an offset: the server writes the rows straight into place.
+  XImage rows = *m_image;
+  rows.height = static_cast<int>(end - begin);
+  rows.data = m_image->data + size_t{begin} * static_cast<size_t>(m_image->bytes_per_line);
+  return XShmGetImage(m_connection->Get(), root, &rows, x, y + static_cast<int32_t>(begin),
+                      AllPlanes) != 0;
+}

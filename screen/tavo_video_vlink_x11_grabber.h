@@ -39,6 +39,8 @@ class X11ShmImage {
   void Destroy();
   // The monitor's pixels at (x, y) of the root window into the image.
   bool Grab(Window root, int32_t x, int32_t y);
+  // Only rows [begin, end) of it, into the same rows of the image.
+  bool GrabRows(Window root, int32_t x, int32_t y, uint32_t begin, uint32_t end);
   XImage* Image() const { return m_image; }
   bool Ready() const { return m_image != nullptr; }
 

@@ -275,6 +275,57 @@ INSTANTIATE_TEST_SUITE_P(Positions, CursorDrawingTest,
                                            CursorCase{"right", 315, 100}),
                          [](const auto& param) { return std::string(param.param.name); });
 
+// Frames built from the rows the server reported damaged equal whole grabs, pixel for
+// pixel: windows drawn inside and outside the captured monitor, the pointer moving with
+// its cursor drawn in, nothing changing at all, and an encoder resize.
+TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabs) {
+  StartServer({{kWidth, kHeight}});
+  ASSERT_TRUE(m_server->SplitScreen(0, 2));  // port 1 is the right half
+  m_server->PutPixels(0, 0, 0, kWidth, kHeight, PatternPixels(kWidth, kHeight, 3));
+  m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, CursorPixels());
+  m_server->WarpPointer(0, 200, 100);
+  FrameSink damaged;
+  damaged.holdFrames = true;  // some frames then build on a buffer still held downstream
+  FrameSink whole;
+  auto byDamage = MakeCapturer(damaged, 1, 0, 0, /*hideCursor=*/false);
+  auto byWhole = MakeCapturer(whole, 1, 0, 0, /*hideCursor=*/false);
+  byWhole->UseDamage(false);
+  ASSERT_EQ(byDamage->Init(), 0u);
+  ASSERT_EQ(byWhole->Init(), 0u);
+  struct Step {
+    int x, y;
+    uint32_t w, h;  // a window drawn (0: none)
+    int pointerX, pointerY;
+    uint32_t encWidth;  // 0: unchanged
+  };
+  const Step steps[] = {
+      {0, 0, 0, 0, 200, 100, 0},       {170, 30, 40, 21, 200, 100, 0},   // a window
+      {0, 0, 0, 0, 200, 100, 0},       {10, 10, 100, 100, 200, 100, 0},  // still; outside
+      {150, 200, 60, 40, 201, 103, 0}, {0, 0, 0, 0, 260, 231, 0},        // pointer moves
+      {230, 0, 90, 240, 318, 239, 0},  {0, 0, 0, 0, 318, 239, 80},       // edge; resize
+      {161, 1, 3, 237, 170, 50, 0},    {0, 0, 0, 0, 170, 50, 0},
+  };
+  uint32_t seed = 40;
+  for (const Step& step : steps) {
+    if (step.w != 0) {
+      m_server->PutPixels(0, step.x, step.y, step.w, step.h, PatternPixels(step.w, step.h, ++seed));
+    }
+    m_server->WarpPointer(0, step.pointerX, step.pointerY);
+    if (step.encWidth != 0) {
+      ASSERT_EQ(byDamage->SetEncodeResolution(step.encWidth, 120), 0u);
+      ASSERT_EQ(byWhole->SetEncodeResolution(step.encWidth, 120), 0u);
+    }
+    ASSERT_EQ(byDamage->ScreenCaptureProcess(), 0u);
+    ASSERT_EQ(byWhole->ScreenCaptureProcess(), 0u);
+    const size_t last = static_cast<size_t>(whole.Count()) - 1;
+    ASSERT_EQ(damaged.Frame(last), whole.Frame(last)) << "step " << last;
+    if (last % 3 == 2) {
+      damaged.ReleaseHeld();
+    }
+  }
+  damaged.ReleaseHeld();
+}
+
 TEST_F(ScreenCapturerTest, CursorIsNotDrawnWhenClearHiddenOrIndependent) {
   StartServer({{kWidth, kHeight}});
   const auto drawn = PatternPixels(kWidth, kHeight, 13);
