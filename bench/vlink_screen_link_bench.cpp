@@ -311,6 +311,15 @@ int main(int argc, char** argv) {
     return 1;
   }
   setenv("DISPLAY", server.Name().c_str(), 1);
+  if (argc == 2 && std::strcmp(argv[1], "--ours-only") == 0) {  // for profiling
+    for (const bool moving : {true, false}) {
+      const pid_t scene = StartScene(server.Name(), moving);
+      std::printf("%s scene: ours %.3f ms a frame\n", moving ? "moving" : "still",
+                  OurLink(nullptr) * 1e3);
+      StopScene(scene);
+    }
+    return 0;
+  }
   const Figures moving = RunScenario(server, true, nullptr);
   double idleShare = -1;
   const Figures still = RunScenario(server, false, &idleShare);
