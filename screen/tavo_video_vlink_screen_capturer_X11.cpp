@@ -1,18 +1,13 @@
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
 
-#include <chrono>
-#include <condition_variable>
-#include <list>
 #include <utility>
 
 #include "core/tavo_video_os_seams.h"
 #include "platform/adapt_common/os_platform_check.h"
-#include "platform/adapt_common/tavo_video_frame_convert.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_screen_buffer_pool.h"
 #include "screen/tavo_video_vlink_screen_snapshot.h"
 #include "screen/tavo_video_vlink_x11_capture_session.h"
-#include "screen/tavo_video_vlink_x11_cursor_drawer.h"
 #include "screen/tavo_video_vlink_x11_display.h"
 #include "screen/tavo_video_vlink_x11_grabber.h"
 #include "screen/tavo_video_vlink_x11_log.h"
