@@ -93,7 +93,11 @@ bool X11Connection::Answers(uint32_t timeoutMs) const {
   return Lost() || X11ServerAnswers(DisplayString(m_display), timeoutMs);
 }
 
-void X11Connection::Cut() const { shutdown(ConnectionNumber(m_display), SHUT_RDWR); }
+void X11Connection::Cut() const {
+  // Reading only: a call waiting for a reply sees the end of the stream and fails; nothing
+  // written afterwards can raise SIGPIPE in the host process.
+  shutdown(ConnectionNumber(m_display), SHUT_RD);
+}
 
 X11MonitorChoice ChooseX11Monitor(Display* display, uint32_t port, bool preferLeft) {
   X11MonitorChoice choice;

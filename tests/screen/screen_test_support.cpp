@@ -240,7 +240,7 @@ void FreezableXProxy::Pump() {
       if (got > 0 && m_frozen) {
         m_held += static_cast<size_t>(got);
       } else if (got > 0) {
-        (void)write(to, buffer, static_cast<size_t>(got));
+        (void)send(to, buffer, static_cast<size_t>(got), MSG_NOSIGNAL);
       }
     }
   }
