@@ -128,10 +128,7 @@ uint32_t CursorCapturer::StopLocked() {
   return 0;
 }
 
-bool CursorCapturer::ShouldLog(FailureSite site) {
-  return m_failureCounts[site].fetch_add(1, std::memory_order_relaxed) % vlink::kPerFrameLogEvery ==
-         0;
-}
+bool CursorCapturer::ShouldLog(FailureSite site) { return m_failurePacers[site].Due(); }
 
 void CursorCapturer::CursorCaptureThreadFunc() {
   uint32_t fps = GetCaptureParams().framerate;

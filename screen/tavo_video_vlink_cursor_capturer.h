@@ -10,6 +10,7 @@
 
 #include "core/tavo_video_named_thread.h"
 #include "screen/tavo_video_vlink_screen_types.h"
+#include "trace/tavo_video_log_pacer.h"
 
 class CursorCapturer {
  public:
@@ -62,5 +63,5 @@ class CursorCapturer {
   // running state across a restart.
   std::mutex m_controlLock;
   NamedThread m_cursorThread{"CursorCapture"};
-  std::array<std::atomic<uint64_t>, 5> m_failureCounts{};
+  std::array<vlink::LogPacer, 5> m_failurePacers;
 };

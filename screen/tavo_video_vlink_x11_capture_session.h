@@ -17,6 +17,7 @@
 #include "screen/tavo_video_vlink_x11_damage.h"
 #include "screen/tavo_video_vlink_x11_display.h"
 #include "screen/tavo_video_vlink_x11_grabber.h"
+#include "trace/tavo_video_log_pacer.h"
 
 // Sites of per-frame lines that are paced.
 enum X11LogSite : uint32_t {
@@ -46,9 +47,7 @@ struct X11ScreenCapturer::Session {
     target = X11Target{};
     pool.Delete();
   }
-  bool ShouldLog(X11LogSite site) {
-    return logCounts[site].fetch_add(1, std::memory_order_relaxed) % kRefusalLogEvery == 0;
-  }
+  bool ShouldLog(X11LogSite site) { return logPacers[site].Due(); }
   // The owner's outlets (frame callback, cursor capturer) are used between Enter and Leave;
   // once abandoned, never again.
   bool EnterOutlets() {
@@ -114,7 +113,7 @@ struct X11ScreenCapturer::Session {
   int16_t cursorX = 0;
   int16_t cursorY = 0;
   unsigned long cursorSerial = 0;
-  std::array<std::atomic<uint64_t>, kSiteCount> logCounts{};
+  std::array<vlink::LogPacer, kSiteCount> logPacers;
 
   std::mutex outletLock;  // guards the four below; no callback runs under it
   std::condition_variable outletsIdle;
