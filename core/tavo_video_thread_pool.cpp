@@ -74,10 +74,11 @@ bool ThreadPool::PostBatch(PoolTask* works, size_t count) {
     }
     return true;
   }
+  // Counted before they can be popped, so the count never goes below zero.
+  m_queued.fetch_add(count);
   for (size_t i = 0; i < count; ++i) {
     m_queue.Push(QueuedTask{std::move(works[i]), nullptr});
   }
-  m_queued.fetch_add(count);
   lock.unlock();
   WakeForQueued();
   return true;
@@ -96,8 +97,8 @@ bool ThreadPool::Enqueue(QueuedTask&& task) {
     }
     return true;
   }
+  m_queued.fetch_add(1);  // before it can be popped
   m_queue.Push(std::move(task));
-  m_queued.fetch_add(1);
   lock.unlock();
   WakeForQueued();
   return true;
