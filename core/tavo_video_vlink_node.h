@@ -60,8 +60,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // says), else OnStart(); its 0 marks the node started.
   // StopProcess: nothing when stopped; else marks the node stopped (new frames are refused
   // from here on), runs OnStop() (stop and join the node's threads there, without holding
-  // the node lock), then waits for every task of this node already queued. Never call it
-  // from one of those tasks.
+  // the node lock), then waits for every task of this node already queued, except the one
+  // the calling thread is running (a host callback stopping its own node).
+  // A node that was shut down is never started again (1).
   uint32_t StartProcess();
   uint32_t StopProcess();
   // Run once by the registry before it lets the node go, outside the registry lock:
@@ -123,6 +124,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   template <class T>
   static std::shared_ptr<T> GetNodeByUnique(uint32_t id);
   static int DeleteNodeByUnique(uint32_t id);
+  // Empties the registry, shutting every node down and dropping its links; run when the
+  // library goes away.
+  static void ShutdownAll();
 
   // Frames waiting for a busy node beyond this are dropped, oldest first, so a sink that
   // stalls cannot hoard every frame of a source that allocates per frame.
@@ -164,7 +168,8 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   NodeList m_nextNodes;
   uint32_t m_viNodeId = 0xFFFFFFFFU;
   // Serialises start, stop and shutdown. Host callbacks that may run under it: the encoder
-  // create callback (a start); a host must not start or stop the same node from it.
+  // create callback (a start). From inside it, a start or stop of the same node is refused
+  // (1) and a destroy makes the start undo itself and fail.
   std::mutex m_lifecycleLock;
   bool m_shutDown = false;  // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};

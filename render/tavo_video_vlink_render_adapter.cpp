@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <utility>
 
 #include "platform/pelv_trace.h"
 #include "platform/tavo_video_image_convert.h"
@@ -20,6 +21,10 @@ std::atomic<uint32_t> g_callbackFailures{0};
 std::atomic<uint32_t> g_convertFailures{0};
 
 constexpr uint32_t kLogEvery = 1000;
+
+// The adapter whose host callback this thread is in: the callback runs under that adapter's
+// lock, and may change its parameters.
+thread_local const DevRenderLinuxAdapter* t_inCallback = nullptr;
 
 }  // namespace
 
@@ -61,7 +66,10 @@ uint32_t DevRenderLinuxAdapter::Init(tagOS_S_SOFT_VO_CHN_PARAM* param) {
 }
 
 uint32_t DevRenderLinuxAdapter::RenderSetParams(PelvRenderParams& params) {
-  std::lock_guard<std::mutex> lock(m_frameLock);
+  std::unique_lock<std::mutex> lock(m_frameLock, std::defer_lock);
+  if (t_inCallback != this) {
+    lock.lock();
+  }
   m_chnParam.params = params;
   m_renderCallback = params.renderCb;
   m_cpuType = CpuTypeOfProcessor();
@@ -123,7 +131,9 @@ uint32_t DevRenderLinuxAdapter::RenderFrame(OsvGraphicBuffer* buffer) {
              header.stride0, header.stride1, static_cast<unsigned>(header.contiguous),
              header.dataSize, m_frameCount);
   }
+  const DevRenderLinuxAdapter* outer = std::exchange(t_inCallback, this);
   const int result = m_renderCallback(WindowId(), &header);
+  t_inCallback = outer;
   if (result == 0) {
     return 0;
   }

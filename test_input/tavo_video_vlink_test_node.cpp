@@ -1,9 +1,14 @@
 #include "test_input/tavo_video_vlink_test_node.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "core/tavo_video_scope_guard.h"
 #include "platform/os_thread.h"
 #include "platform/tavo_video_image_convert.h"
 #include "tavo_video_image_util.h"
@@ -141,25 +146,36 @@ uint32_t TestInputInputNode::ReadImageFile(const char* path, uint8_t** data, uin
     VLOG_ERR_CH(2, "filePath is null!");
     return CreateBlackPicture(data, width, height);
   }
-  FILE* file = std::fopen(path, "rb");
-  if (file == nullptr) {
+  // Only a regular file is an image: a FIFO or device would block the bind in the reads
+  // below. Checked before opening, and again on what was opened in case the path changed.
+  struct stat named {};
+  const int fd = stat(path, &named) == 0 && S_ISREG(named.st_mode)
+                     ? open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)
+                     : -1;
+  struct stat opened {};
+  if (fd < 0 || fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) {
+    if (fd >= 0) {
+      close(fd);
+    }
     VLOG_ERR_CH(2, "Failed to open file!");
     return CreateBlackPicture(data, width, height);
   }
+  const ScopeGuard closeFile = ScopeGuard::Create([fd] { close(fd); });
   uint8_t header[8] = {};
-  const size_t got = std::fread(header, 1, sizeof(header), file);
-  std::fclose(file);
+  const ssize_t got = pread(fd, header, sizeof(header), 0);
   (void)got;  // a short file leaves the rest zero
+  // The conversions read the file that was checked, not whatever the path names by then.
+  const std::string checked = "/proc/self/fd/" + std::to_string(fd);
 
   int32_t result = 0;
   if (ImageUtils::isBmpFormat(header, sizeof(header))) {
-    result = Transbmp2Yuv(path, width, height, data);
+    result = Transbmp2Yuv(checked.c_str(), width, height, data);
     VLOG_INF_CH(2, "BMP, width[%u], height[%u]", *width, *height);
   } else if (std::strpbrk(path, "dat") != nullptr) {
     // Any of the letters d, a, t marks a raw I420 file of the configured size.
     *width = m_param.width;
     *height = m_param.height;
-    result = TransDat2Yuv(path, data, *width, *height);
+    result = TransDat2Yuv(checked.c_str(), data, *width, *height);
     VLOG_INF_CH(2, "YUV, width[%u], height[%u]", *width, *height);
   } else {
     VLOG_ERR_CH(2, "File format is invalid!");
