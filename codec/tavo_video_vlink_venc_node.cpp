@@ -4,7 +4,7 @@
 #include <mutex>
 #include <unordered_set>
 
-#include "platform/os_time.h"
+#include "platform/adapt_common/os_time.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/safe_string.h"
+#include "platform/adapt_common/safe_string.h"
 
 std::mutex VideoPreviewNode::s_winReportLock;
 VideoPreviewNode::WinReportCallback VideoPreviewNode::m_winReportCb;

@@ -6,8 +6,8 @@
 #include <new>
 #include <utility>
 
-#include "platform/pelv_trace.h"
-#include "platform/tavo_video_image_convert.h"
+#include "platform/adapt_common/pelv_trace.h"
+#include "platform/adapt_common/tavo_video_image_convert.h"
 #include "trace/tavo_video_vlink_log.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "core/tavo_video_scope_guard.h"
-#include "platform/os_thread.h"
-#include "platform/tavo_video_image_convert.h"
+#include "platform/adapt_common/os_thread.h"
+#include "platform/adapt_common/tavo_video_image_convert.h"
 #include "tavo_video_image_util.h"
 
 namespace {

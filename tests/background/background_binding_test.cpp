@@ -10,8 +10,8 @@
 
 #include "background/tavo_video_opencv_binding.h"
 #include "background/tavo_video_thread_safe_queue.h"
-#include "platform/om_cust_util.h"
-#include "platform/tavo_video_rgb_convert.h"
+#include "platform/adapt_common/om_cust_util.h"
+#include "platform/adapt_common/tavo_video_rgb_convert.h"
 #include "tests/support/build_tree_loader.h"
 #include "tests/support/fake_os.h"
 #include "tests/support/temp_dir.h"

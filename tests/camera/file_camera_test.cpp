@@ -7,12 +7,12 @@
 
 #include "camera/tavo_video_vlink_camera_capturer_linux.h"
 #include "camera/tavo_video_vlink_capture_manager.h"
-#include "tests/support/file_frame_source.h"
-#include "tests/support/jpeg_util.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/virtual_clock.h"
 #include "tests/support/wait.h"
-#include "tools/y4m_reader.h"
+#include "tools/common/file_frame_source.h"
+#include "tools/common/jpeg_util.h"
+#include "tools/common/y4m_reader.h"
 
 namespace {
 

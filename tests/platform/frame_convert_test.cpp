@@ -6,9 +6,9 @@
 #include <random>
 #include <vector>
 
-#include "platform/os_platform_check.h"
-#include "platform/os_shm_queue.h"
-#include "platform/tavo_video_frame_convert.h"
+#include "platform/adapt_common/os_platform_check.h"
+#include "platform/adapt_common/os_shm_queue.h"
+#include "platform/adapt_common/tavo_video_frame_convert.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/om_log.h"
+#include "platform/adapt_common/om_log.h"
 
 class LogCapture {
  public:
