@@ -10,9 +10,8 @@ namespace {
 
 std::mutex g_recordsLock;  // guards Records(); held by no host callback
 std::unordered_set<VencOutFrame*>& Records() {
-  // Never destroyed: a host may give records back while the process exits.
-  static auto* records = new std::unordered_set<VencOutFrame*>();
-  return *records;
+  static std::unordered_set<VencOutFrame*> records;  // goes with the library at unload
+  return records;
 }
 
 }  // namespace
@@ -83,11 +82,13 @@ uint32_t VirtualEncoderNode::GetNodeResolution(uint32_t& width, uint32_t& height
 }
 
 uint32_t VirtualEncoderNode::NotifyEncCreate() {
-  if (m_param.encCreateFunc == nullptr) {
+  // A copy: an update may change the parameters while the host's callback runs.
+  const VencDevInfo param = GetParam();
+  if (param.encCreateFunc == nullptr) {
     VLOG_ERR("encCreateFunc is nullptr");
     return 1;
   }
-  return m_param.encCreateFunc(m_param.imgNo, m_param.hostKey, m_param.hostSubKey);
+  return param.encCreateFunc(param.imgNo, param.hostKey, param.hostSubKey);
 }
 
 uint32_t VirtualEncoderNode::OnStart() {

@@ -24,6 +24,7 @@
 
 #include "tavo_video_render_interface.h"
 #include "tavo_video_vlink.h"
+#include "tests/support/loaded_library.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -179,35 +180,25 @@ class CarelessHostTest : public ::testing::Test {
     EXPECT_NE(function, nullptr) << name;
     return function;
   }
-  template <class Row>
-  static auto Row_(const Row* table, uint32_t count, uint32_t type, uint32_t srcType)
-      -> decltype(table->func) {
-    for (uint32_t i = 0; i < count; ++i) {
-      if (table[i].type == type && table[i].srcType == srcType) {
-        return table[i].func;
-      }
-    }
-    return nullptr;
-  }
   uint32_t Create(uint32_t type, uint32_t component, uint32_t node, tagTavoVideoComponentParam* p) {
     DataContainer* container =
         Sym<decltype(TavoVideoGetDataContainer)>("TavoVideoGetDataContainer")(
             ("Node[" + std::to_string(component) + "]PresentParam").c_str());
     container->SetDataByString<uint32_t>("imgNo", node);
     container->SetDataByString<uint32_t>("portId", 0);
-    return Row_(m_create, 7, type, 0)(component, p);
+    return Find(m_create, 7, type)(component, p);
   }
   uint32_t Bind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source) {
-    return Row_(m_bind, 10, sinkType, srcType)(sink, source);
+    return Find(m_bind, 10, sinkType, srcType)(sink, source);
   }
   uint32_t Unbind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source) {
-    return Row_(m_unbind, 10, sinkType, srcType)(sink, source);
+    return Find(m_unbind, 10, sinkType, srcType)(sink, source);
   }
   uint32_t Destroy(uint32_t type, uint32_t component) {
-    return Row_(m_destroy, 7, type, 0)(component);
+    return Find(m_destroy, 7, type)(component);
   }
   uint32_t Update(uint32_t type, uint32_t component, tagTavoVideoComponentParam* p) {
-    return Row_(m_update, 3, type, 0)(component, p);
+    return Find(m_update, 3, type)(component, p);
   }
 
   static Param EncoderParam() {
