@@ -154,17 +154,11 @@ void UnbindFromInputs(const VideoVlinkNode::NodePtr& sink) {
   }
 }
 
-template <class Node>
-uint32_t DestroyVarietyNode(uint32_t componentId) try {
-  uint32_t id = 0;
-  GetImgNoFromNodeId(componentId, &id);
-  std::shared_ptr<Node> node = VideoVlinkNode::GetNodeByUnique<Node>(id);
-  if (!node) {
-    VLOG_INF_TRACE("node has closed");
-    return 0;
-  }
+// Stops a component's node, takes it out of the registry and apart from its neighbours, and
+// forgets the builder registered under its id.
+void TakeApart(const VideoVlinkNode::NodePtr& node) {
   UnbindFromInputs(node);
-  VideoVlinkNode::DeleteNodeByUnique(id);  // stops and shuts the node down
+  VideoVlinkNode::DeleteNode(node);  // stops and shuts the node down
   // Sinks still bound to a destroyed input keep it until they go; it lets go of them now, so
   // the two never hold each other for good. Only this node's lock is taken: a sink may be
   // inside a host callback under its own.
@@ -174,8 +168,27 @@ uint32_t DestroyVarietyNode(uint32_t componentId) try {
   for (const VideoVlinkNode::NodePtr& prev : node->GetPrevConnectListCopy()) {
     node->DisconnectFromNode(prev, false);
   }
-  node.reset();
-  VlinkBuilderFactory::GetInstance().DeleteBuilder(id);
+  VlinkBuilderFactory::GetInstance().DeleteBuilder(node->GetNodeId());
+}
+
+template <class Node>
+uint32_t DestroyVarietyNode(uint32_t componentId) try {
+  uint32_t id = 0;
+  GetImgNoFromNodeId(componentId, &id);
+  std::shared_ptr<Node> node = VideoVlinkNode::GetNodeByUnique<Node>(id);
+  if (!node) {
+    VLOG_INF_TRACE("node has closed");
+    return 0;
+  }
+  // From inside the node's own frame callback, whose lock this thread holds: it takes no
+  // further frame from now, and is taken apart once the callback has returned (the locks
+  // that takes come before the node's own).
+  VideoVlinkNode::NodePtr base = node;
+  if (base->DeferUntilOwnHandoffEnds([base] { TakeApart(base); })) {
+    base->RefuseFrames();
+    return 0;
+  }
+  TakeApart(base);
   return 0;
 }
 VLINK_HOST_CATCH(1)
@@ -331,11 +344,18 @@ uint32_t ChangeLink(uint32_t sinkComponentId, uint32_t sourceComponentId, bool b
   if (RefusedInsideLinkRow(bind ? "VlinkBind" : "VlinkUnbind")) {
     return 1;
   }
-  const LinkRowScope scope;
   uint32_t sinkId = 0;
   uint32_t sourceId = 0;
   GetImgNoFromNodeId(sinkComponentId, &sinkId);
   GetImgNoFromNodeId(sourceComponentId, &sourceId);
+  // An unbind from inside the sink's own frame callback is done once that has returned.
+  if (VideoVlinkNode::NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(sinkId);
+      !bind && sink && sink->DeferUntilOwnHandoffEnds([sinkComponentId, sourceComponentId] {
+        ChangeLink(sinkComponentId, sourceComponentId, false);
+      })) {
+    return 0;
+  }
+  const LinkRowScope scope;
   VLOG_INF_TRACE("%s [%d]->[%d]", bind ? "VlinkBind" : "VlinkUnbind", static_cast<int>(sourceId),
                  static_cast<int>(sinkId));
   std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(sourceId);

@@ -12,6 +12,8 @@ constexpr unsigned long kPoolThreadCount = 10;
 // The node whose task this thread is running, if any: a stop or destroy the host makes from
 // inside a callback of that task must not wait for the task itself.
 thread_local const VideoVlinkNode* t_runningNode = nullptr;
+// Work a host callback asked for from inside the hand-off this thread runs, done after it.
+thread_local std::vector<std::function<void()>>* t_afterHandoff = nullptr;
 // The node whose start this thread is running: the encoder's create callback runs inside it.
 thread_local const VideoVlinkNode* t_startingNode = nullptr;
 
@@ -107,11 +109,16 @@ uint32_t VideoVlinkNode::StopProcess() {
     VLOG_ERR("[%s] stop called from inside its own start", m_nodeName.c_str());
     return 1;
   }
-  std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
-  if (!m_isStart.exchange(false, std::memory_order_acq_rel)) {
-    return 0;
+  uint32_t code = 0;
+  {
+    std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
+    if (!m_isStart.exchange(false, std::memory_order_acq_rel)) {
+      return 0;
+    }
+    code = OnStop();
   }
-  const uint32_t code = OnStop();
+  // Waited for without the lifecycle lock: a task's own follow-up work (a destroy asked for
+  // from inside its callback) may need it.
   DealTaskHandler(true);
   return code;
 }
@@ -272,9 +279,16 @@ class VideoVlinkNode::NodeTask {
   void operator()() {
     const VideoVlinkNode* outer = std::exchange(t_runningNode, m_node.get());
     if (m_released != nullptr) {
-      m_node->ReleaseFrame(m_released);
+      m_node->ReleaseFrame(m_released);  // runs its host callback without the node lock
     } else {
+      std::vector<std::function<void()>> after;
+      auto* outerAfter = std::exchange(t_afterHandoff, &after);
       m_node->RunHandoff(m_frame);
+      t_afterHandoff = outerAfter;
+      // Still counted as this node's running task, so a stop in there does not wait for it.
+      for (std::function<void()>& work : after) {
+        work();
+      }
     }
     t_runningNode = outer;
   }
@@ -310,7 +324,7 @@ void VideoVlinkNode::RunHandoff(FrameRef& frame) {
   }
   for (;;) {
     // A node stopped meanwhile (perhaps by its own host callback) takes no further frame.
-    if (IsStarted() && HandleBuffer(frame) != 0) {
+    if (IsStarted() && !m_refusing.load(std::memory_order_acquire) && HandleBuffer(frame) != 0) {
       VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] HandleBuffer error!",
                  m_nodeName.c_str());
     }
@@ -340,7 +354,8 @@ void VideoVlinkNode::FinishTask() {
 PoolTask VideoVlinkNode::MakeHandoffTask(FrameRef& frame) {
   static_assert(sizeof(NodeTask) <= PoolTask::kInlineSize,
                 "a node task must fit the pool task's own storage: no allocation per hand-off");
-  if (!m_isStart.load(std::memory_order_acquire) || !frame) {
+  if (!m_isStart.load(std::memory_order_acquire) || m_refusing.load(std::memory_order_acquire) ||
+      !frame) {
     return {};
   }
   // The task holds the node: it can never run on a destroyed one.
@@ -433,8 +448,20 @@ int VideoVlinkNode::DeleteNodeByUnique(uint32_t id) {
   if (!node || !*node) {
     return 1;
   }
-  (*node)->Shutdown();
+  return DeleteNode(*node);
+}
+
+int VideoVlinkNode::DeleteNode(const NodePtr& node) {
+  node->Shutdown();
   // Only the node shut down here: another host thread may have put a new one under the id,
   // which must not leave the registry still running.
-  return m_nodeManager->DeleteInstance(id, *node);
+  return m_nodeManager->DeleteInstance(node->GetNodeId(), node);
+}
+
+bool VideoVlinkNode::DeferUntilOwnHandoffEnds(std::function<void()> work) {
+  if (t_runningNode != this || t_afterHandoff == nullptr) {
+    return false;
+  }
+  t_afterHandoff->push_back(std::move(work));
+  return true;
 }

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -124,6 +125,14 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   template <class T>
   static std::shared_ptr<T> GetNodeByUnique(uint32_t id);
   static int DeleteNodeByUnique(uint32_t id);
+  // Shuts node down and takes it out of the registry, unless another node has taken its id.
+  static int DeleteNode(const NodePtr& node);
+  // Called from inside a host callback of one of this node's hand-off tasks (this node's
+  // lock is held further up the stack): queues `work` to run on this thread once the
+  // hand-off has returned, without that lock, and gives true. False anywhere else.
+  bool DeferUntilOwnHandoffEnds(std::function<void()> work);
+  // From now on this node takes no frame (a destroy waiting for the end of its hand-off).
+  void RefuseFrames() { m_refusing.store(true, std::memory_order_release); }
   // Empties the registry, shutting every node down and dropping its links; run when the
   // library goes away.
   static void ShutdownAll();
@@ -149,6 +158,7 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   std::recursive_mutex m_nodeLock;  // guards m_prevNodes, m_nextNodes, m_requirement
   uint32_t m_nodeId;
   std::atomic<bool> m_isStart{false};
+  std::atomic<bool> m_refusing{false};
   std::string m_nodeName;
 
  private:

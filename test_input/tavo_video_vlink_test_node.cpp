@@ -133,8 +133,11 @@ uint32_t TestInputInputNode::ReadImage(const char* path) {
     m_oldImages.push_back(m_imageData);
   }
   m_imageData = data;
-  m_param.width = width;
-  m_param.height = height;
+  {
+    std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+    m_param.width = width;
+    m_param.height = height;
+  }
   InitCache();
   VLOG_INF_CH(2, "Read img success, width[%u], height[%u]", width, height);
   return 0;
@@ -173,8 +176,9 @@ uint32_t TestInputInputNode::ReadImageFile(const char* path, uint8_t** data, uin
     VLOG_INF_CH(2, "BMP, width[%u], height[%u]", *width, *height);
   } else if (std::strpbrk(path, "dat") != nullptr) {
     // Any of the letters d, a, t marks a raw I420 file of the configured size.
-    *width = m_param.width;
-    *height = m_param.height;
+    const TestDevInfo param = GetParam();  // a create on another host thread may change it
+    *width = param.width;
+    *height = param.height;
     result = TransDat2Yuv(checked.c_str(), data, *width, *height);
     VLOG_INF_CH(2, "YUV, width[%u], height[%u]", *width, *height);
   } else {
@@ -212,8 +216,9 @@ uint32_t TestInputInputNode::InitCache() {
   if (m_imageData == nullptr) {
     return 1;
   }
-  const uint32_t width = m_param.width;
-  const uint32_t height = m_param.height;
+  const TestDevInfo param = GetParam();
+  const uint32_t width = param.width;
+  const uint32_t height = param.height;
   const uint32_t lumaSize = width * height;
   OsvGraphicBufferInfo info{};
   info.width = width;
@@ -226,7 +231,7 @@ uint32_t TestInputInputNode::InitCache() {
   for (uint32_t i = 0; i < kCacheSize; ++i) {
     auto buffer = std::make_unique<OsvGraphicBuffer>(m_imageData);
     buffer->SetImageInfo(info);
-    buffer->SetSrcImgNo(m_param.imgNo);
+    buffer->SetSrcImgNo(param.imgNo);
     uint8_t* y = m_imageData;
     uint8_t* u = y + lumaSize;
     uint8_t* v = u + lumaSize / 4;
