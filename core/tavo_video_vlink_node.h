@@ -154,7 +154,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
 
   // Lock order: a sender's node lock, then the receiver's task lock, then the pool's locks.
   // Host callbacks that may run under it: the render callback (preview) and the encoder
-  // frame callback; never the decoder release or first-frame callbacks.
+  // frame callback; never the decoder release or first-frame callbacks. SendBuffer queues
+  // every receiver's task under it, so the receiver list cannot change while a frame's batch
+  // is made; no task runs under it. Recursive: a node's own operations nest.
   std::recursive_mutex m_nodeLock;  // guards m_prevNodes, m_nextNodes, m_requirement
   uint32_t m_nodeId;
   std::atomic<bool> m_isStart{false};
@@ -179,7 +181,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   uint32_t m_viNodeId = 0xFFFFFFFFU;
   // Serialises start, stop and shutdown. Host callbacks that may run under it: the encoder
   // create callback (a start). From inside it, a start or stop of the same node is refused
-  // (1) and a destroy makes the start undo itself and fail.
+  // (1) and a destroy makes the start undo itself and fail. No frame is queued under it: a
+  // node's threads send without it, and a stop refuses new frames before it waits for the
+  // queued ones.
   std::mutex m_lifecycleLock;
   bool m_shutDown = false;  // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};

@@ -42,7 +42,8 @@ class DevRenderLinuxAdapter : public IDevRenderStreamProxy {
   uint32_t WindowId() const { return static_cast<uint32_t>(m_winHandle); }
 
   // Guards every field below. The host's render callback runs under it; RenderSetParams
-  // from inside the callback runs on the thread that holds it.
+  // from inside the callback runs on the thread that holds it. A frame is handed to the
+  // host under it, never queued.
   std::mutex m_frameLock;
   uint64_t m_winHandle = 0;
   uint32_t m_frameCount = 0;

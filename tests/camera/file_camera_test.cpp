@@ -35,6 +35,18 @@ struct Received {
   }
 };
 
+// Starts `manager` on the file camera at width x height, asking for `fps`.
+void StartCapture(DevCaptureManager& manager, Received& received, uint32_t width, uint32_t height,
+                  uint32_t fps) {
+  ASSERT_EQ(manager.Init(kBus), 0U);
+  manager.SetCaptureCallback(received.Callback());
+  tagCameraCaptureParams params{};
+  params.uiWidth = width;
+  params.uiHeight = height;
+  params.uiFrameRate = fps;
+  ASSERT_EQ(manager.CaptureStart(&params), 0U);
+}
+
 TEST(FileCameraTest, PlaysAY4mClipInOrderAndLoops) {
   const uint32_t width = 64;
   const uint32_t height = 48;
@@ -58,13 +70,7 @@ TEST(FileCameraTest, PlaysAY4mClipInOrderAndLoops) {
   Received received;
   {
     DevCaptureManager manager;
-    ASSERT_EQ(manager.Init(kBus), 0U);
-    manager.SetCaptureCallback(received.Callback());
-    tagCameraCaptureParams params{};
-    params.uiWidth = width;
-    params.uiHeight = height;
-    params.uiFrameRate = 30;
-    ASSERT_EQ(manager.CaptureStart(&params), 0U);
+    ASSERT_NO_FATAL_FAILURE(StartCapture(manager, received, width, height, 30));
     EXPECT_EQ(device.CurrentInterval(0).denominator, 25U);  // the file's rate, not the asked
     ASSERT_TRUE(received.count.WaitFor(7));
     manager.CaptureStop();
@@ -106,13 +112,7 @@ TEST(FileCameraTest, PlaysAnMjpegStreamAtTheGivenRate) {
   device.AddCamera(1, source->Camera(kBus));
   Received received;
   DevCaptureManager manager;
-  ASSERT_EQ(manager.Init(kBus), 0U);
-  manager.SetCaptureCallback(received.Callback());
-  tagCameraCaptureParams params{};
-  params.uiWidth = width;
-  params.uiHeight = height;
-  params.uiFrameRate = 10;
-  ASSERT_EQ(manager.CaptureStart(&params), 0U);
+  ASSERT_NO_FATAL_FAILURE(StartCapture(manager, received, width, height, 10));
   EXPECT_EQ(device.CurrentFormat(1).pixelformat, V4L2_PIX_FMT_MJPEG);
   EXPECT_EQ(device.CurrentInterval(1).denominator, 10U);
   ASSERT_TRUE(received.count.WaitFor(2));
