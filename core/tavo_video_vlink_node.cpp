@@ -2,10 +2,20 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
+#include <vector>
 
 namespace {
 
 constexpr unsigned long kPoolThreadCount = 10;
+
+// The node whose task this thread is running, if any: a stop or destroy the host makes from
+// inside a callback of that task must not wait for the task itself.
+thread_local const VideoVlinkNode* t_runningNode = nullptr;
+// Work a host callback asked for from inside the hand-off this thread runs, done after it.
+thread_local std::vector<std::function<void()>>* t_afterHandoff = nullptr;
+// The node whose start this thread is running: the encoder's create callback runs inside it.
+thread_local const VideoVlinkNode* t_startingNode = nullptr;
 
 VideoVlinkNode::NodeList::iterator FindById(VideoVlinkNode::NodeList& list, uint32_t id) {
   return std::find_if(list.begin(), list.end(),
@@ -20,17 +30,74 @@ ThreadPool VideoVlinkNode::m_nodeThreadPool(kPoolThreadCount);
 InstanceManager<VideoVlinkNode>* VideoVlinkNode::m_nodeManager =
     &InstanceManager<VideoVlinkNode>::GetInstanceManager();
 
+namespace {
+
+// Set while the process exits, when static objects go before the library's finalisers run.
+bool g_staticsGone = false;
+struct MarkStaticsGone {
+  MarkStaticsGone() = default;
+  MarkStaticsGone(const MarkStaticsGone&) = delete;
+  MarkStaticsGone& operator=(const MarkStaticsGone&) = delete;
+  ~MarkStaticsGone() { g_staticsGone = true; }
+} g_markStaticsGone;
+
+// When the library is unloaded with links still running, their nodes are stopped and their
+// threads joined while the code they run is still there. A finaliser runs at unload before
+// any static object is destroyed; at process exit it comes after them and does nothing.
+__attribute__((destructor)) void ShutdownAtUnload() {
+  if (!g_staticsGone) {
+    VideoVlinkNode::ShutdownAll();
+  }
+}
+
+}  // namespace
+
+void VideoVlinkNode::ShutdownAll() {
+  std::vector<NodePtr> nodes = m_nodeManager->TakeAll();
+  for (const NodePtr& node : nodes) {
+    node->Shutdown();
+  }
+  // Neighbours hold each other: the links are dropped so that every node goes.
+  for (const NodePtr& node : nodes) {
+    NodeList prev;
+    NodeList next;
+    {
+      std::lock_guard<std::recursive_mutex> lock(node->m_nodeLock);
+      prev.swap(node->m_prevNodes);
+      next.swap(node->m_nextNodes);
+    }
+  }
+}
+
 VideoVlinkNode::VideoVlinkNode(uint32_t id, OS_E_MPP_DEV_TYPE type)
     : m_nodeId(id), m_nodeType(type) {}
 
 VideoVlinkNode::~VideoVlinkNode() { DealTaskHandler(true); }
 
 uint32_t VideoVlinkNode::StartProcess() {
+  if (t_startingNode == this) {
+    VLOG_ERR("[%s] start called from inside its own start", m_nodeName.c_str());
+    return 1;
+  }
   std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
+  if (m_shutDown) {
+    // Destroyed while a bind still held it: a thread started now would have no owner left.
+    VLOG_ERR("[%s] is destroyed, not started", m_nodeName.c_str());
+    return 1;
+  }
   if (IsStarted()) {
     return OnStartWhileStarted();
   }
-  const uint32_t code = OnStart();
+  const VideoVlinkNode* outer = std::exchange(t_startingNode, this);
+  uint32_t code = OnStart();
+  t_startingNode = outer;
+  if (code == 0 && m_shutDown) {
+    // Destroyed by a host callback inside the start: undone, never marked started.
+    VLOG_ERR("[%s] destroyed while starting", m_nodeName.c_str());
+    OnStop();
+    OnShutdown();
+    code = 1;
+  }
   if (code == 0) {
     m_isStart.store(true, std::memory_order_release);
   }
@@ -38,23 +105,40 @@ uint32_t VideoVlinkNode::StartProcess() {
 }
 
 uint32_t VideoVlinkNode::StopProcess() {
-  std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
-  if (!m_isStart.exchange(false, std::memory_order_acq_rel)) {
-    return 0;
+  if (t_startingNode == this) {
+    VLOG_ERR("[%s] stop called from inside its own start", m_nodeName.c_str());
+    return 1;
   }
-  const uint32_t code = OnStop();
+  uint32_t code = 0;
+  {
+    std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
+    if (!m_isStart.exchange(false, std::memory_order_acq_rel)) {
+      return 0;
+    }
+    code = OnStop();
+  }
+  // Waited for without the lifecycle lock: a task's own follow-up work (a destroy asked for
+  // from inside its callback) may need it.
   DealTaskHandler(true);
   return code;
 }
 
 void VideoVlinkNode::Shutdown() {
-  StopProcess();
+  if (t_startingNode == this) {
+    m_shutDown = true;  // this thread holds m_lifecycleLock: the start undoes itself
+    return;
+  }
   {
+    // Marked first, so that no start can slip in between the stop and the shutdown.
     std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
     if (m_shutDown) {
       return;
     }
     m_shutDown = true;
+  }
+  StopProcess();
+  {
+    std::lock_guard<std::mutex> lifecycle(m_lifecycleLock);
     OnShutdown();
   }
   DealTaskHandler(true);
@@ -204,11 +288,20 @@ class VideoVlinkNode::NodeTask {
 
   void operator()() {
     m_ran = true;
+    const VideoVlinkNode* outer = std::exchange(t_runningNode, m_node.get());
     if (m_kind == Kind::kReleases) {
-      m_node->RunReleases();
+      m_node->RunReleases();  // runs its host callbacks without the node lock
     } else {
+      std::vector<std::function<void()>> after;
+      auto* outerAfter = std::exchange(t_afterHandoff, &after);
       m_node->RunHandoff(m_frame);
+      t_afterHandoff = outerAfter;
+      // Still counted as this node's running task, so a stop in there does not wait for it.
+      for (std::function<void()>& work : after) {
+        work();
+      }
     }
+    t_runningNode = outer;
   }
 
  private:
@@ -226,7 +319,8 @@ void VideoVlinkNode::RunHandoff(FrameRef& frame) {
     m_arrivedWhileBusy = 0;
   }
   for (;;) {
-    if (HandleBuffer(frame) != 0) {
+    // A node stopped meanwhile (perhaps by its own host callback) takes no further frame.
+    if (IsStarted() && !m_refusing.load(std::memory_order_acquire) && HandleBuffer(frame) != 0) {
       VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] HandleBuffer error!",
                  m_nodeName.c_str());
     }
@@ -271,7 +365,8 @@ void VideoVlinkNode::RunReleases() {
 void VideoVlinkNode::FinishTask() {
   // Sequentially consistent with the waiter's announce-then-check (a store-load pair on
   // both sides): either it sees the count at zero or this sees it waiting.
-  if (m_pendingTasks.fetch_sub(1) == 1 && m_taskWaiters.load() > 0) {
+  // A waiter inside one of this node's own tasks waits for one task left, not none.
+  if (m_pendingTasks.fetch_sub(1) <= 2 && m_taskWaiters.load() > 0) {
     // Under the lock the waiter checks the count with, so the wake-up cannot fall between
     // its check and its wait.
     std::lock_guard<std::mutex> lock(m_taskLock);
@@ -282,7 +377,8 @@ void VideoVlinkNode::FinishTask() {
 bool VideoVlinkNode::AcceptFrame(FrameRef& frame, PoolTask& task) {
   static_assert(sizeof(NodeTask) <= PoolTask::kInlineSize,
                 "a node task must fit the pool task's own storage: no allocation per hand-off");
-  if (!m_isStart.load(std::memory_order_acquire) || !frame) {
+  if (!m_isStart.load(std::memory_order_acquire) || m_refusing.load(std::memory_order_acquire) ||
+      !frame) {
     return false;
   }
   // Let go after the lock: their release may queue a task. Two per offer at most, so a
@@ -397,16 +493,35 @@ void VideoVlinkNode::DealTaskHandler(bool waitAll) {
   if (!waitAll) {
     return;
   }
+  // Called from inside one of this node's tasks (a host callback stopping its own node), the
+  // running task is not waited for: it finishes when the callback returns.
+  const size_t own = t_runningNode == this ? 1 : 0;
   std::unique_lock<std::mutex> lock(m_taskLock);
   m_taskWaiters.fetch_add(1);
-  m_tasksDone.wait(lock, [this] { return m_pendingTasks.load() == 0; });
+  m_tasksDone.wait(lock, [this, own] { return m_pendingTasks.load() <= own; });
   m_taskWaiters.fetch_sub(1);
 }
 
 int VideoVlinkNode::DeleteNodeByUnique(uint32_t id) {
   // Stopped and shut down outside the registry lock: its threads may look nodes up.
-  if (std::optional<NodePtr> node = m_nodeManager->GetInstance<VideoVlinkNode>(id); node && *node) {
-    (*node)->Shutdown();
+  std::optional<NodePtr> node = m_nodeManager->GetInstance<VideoVlinkNode>(id);
+  if (!node || !*node) {
+    return 1;
   }
-  return m_nodeManager->DeleteInstance(id);
+  return DeleteNode(*node);
+}
+
+int VideoVlinkNode::DeleteNode(const NodePtr& node) {
+  node->Shutdown();
+  // Only the node shut down here: another host thread may have put a new one under the id,
+  // which must not leave the registry still running.
+  return m_nodeManager->DeleteInstance(node->GetNodeId(), node);
+}
+
+bool VideoVlinkNode::DeferUntilOwnHandoffEnds(std::function<void()> work) {
+  if (t_runningNode != this || t_afterHandoff == nullptr) {
+    return false;
+  }
+  t_afterHandoff->push_back(std::move(work));
+  return true;
 }

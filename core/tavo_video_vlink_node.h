@@ -5,6 +5,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -61,8 +62,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // says), else OnStart(); its 0 marks the node started.
   // StopProcess: nothing when stopped; else marks the node stopped (new frames are refused
   // from here on), runs OnStop() (stop and join the node's threads there, without holding
-  // the node lock), then waits for every task of this node already queued. Never call it
-  // from one of those tasks.
+  // the node lock), then waits for every task of this node already queued, except the one
+  // the calling thread is running (a host callback stopping its own node).
+  // A node that was shut down is never started again (1).
   uint32_t StartProcess();
   uint32_t StopProcess();
   // Run once by the registry before it lets the node go, outside the registry lock:
@@ -124,6 +126,17 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   template <class T>
   static std::shared_ptr<T> GetNodeByUnique(uint32_t id);
   static int DeleteNodeByUnique(uint32_t id);
+  // Shuts node down and takes it out of the registry, unless another node has taken its id.
+  static int DeleteNode(const NodePtr& node);
+  // Called from inside a host callback of one of this node's hand-off tasks (this node's
+  // lock is held further up the stack): queues `work` to run on this thread once the
+  // hand-off has returned, without that lock, and gives true. False anywhere else.
+  bool DeferUntilOwnHandoffEnds(std::function<void()> work);
+  // From now on this node takes no frame (a destroy waiting for the end of its hand-off).
+  void RefuseFrames() { m_refusing.store(true, std::memory_order_release); }
+  // Empties the registry, shutting every node down and dropping its links; run when the
+  // library goes away.
+  static void ShutdownAll();
 
   // Frames offered to a node stuck in one HandleBuffer beyond this are dropped, oldest
   // first, so a sink that stalls cannot hoard every frame of a source that allocates per
@@ -149,6 +162,7 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   std::recursive_mutex m_nodeLock;  // guards m_prevNodes, m_nextNodes, m_requirement
   uint32_t m_nodeId;
   std::atomic<bool> m_isStart{false};
+  std::atomic<bool> m_refusing{false};
   std::string m_nodeName;
 
  private:
@@ -175,9 +189,10 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   NodeList m_nextNodes;
   uint32_t m_viNodeId = 0xFFFFFFFFU;
   // Serialises start, stop and shutdown. Host callbacks that may run under it: the encoder
-  // create callback (a start); a host must not start or stop the same node from it. No
-  // frame is queued under it: a node's threads send without it, and a stop refuses new
-  // frames before it waits for the queued ones.
+  // create callback (a start). From inside it, a start or stop of the same node is refused
+  // (1) and a destroy makes the start undo itself and fail. No frame is queued under it: a
+  // node's threads send without it, and a stop refuses new frames before it waits for the
+  // queued ones.
   std::mutex m_lifecycleLock;
   bool m_shutDown = false;  // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};

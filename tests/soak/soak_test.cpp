@@ -3,7 +3,9 @@
 // virtual background on a fake inference client) feed encoders, previews and a virtual
 // camera. Host threads unbind and rebind sinks, destroy and re-create them, update
 // encoders, move the mouse settings, take snapshots, change the capture size and switch the
-// background. At the end every host frame must have come back exactly once, and no thread,
+// background; two more race unsynchronised on a second test image and its encoder; render
+// callbacks update their preview from inside, and the host gives back records the library
+// never issued. At the end every host frame must have come back exactly once, and no thread,
 // descriptor, shared-memory segment or frame may be left; resident memory must stay flat.
 //
 // VLINK_SOAK_SECONDS sets the run's length (default 30; the long run is documented in the
@@ -18,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <string>
@@ -56,6 +59,8 @@ struct Component {
 // screen node.
 const Component kTest{1, TAVO_VIDEO_COMPONENT_TEST_IMAGE, kTestNode};
 const Component kEncTest{2, TAVO_VIDEO_COMPONENT_ENCODER, 10};
+const Component kRacedTest{13, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 51};
+const Component kRacedEnc{14, TAVO_VIDEO_COMPONENT_ENCODER, 13};
 const Component kDecoder{3, TAVO_VIDEO_COMPONENT_DECODER, kDecoderNode};
 const Component kVoDecoder{4, TAVO_VIDEO_COMPONENT_PREVIEW, 151};
 const Component kVirCam{5, TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 40};
@@ -84,6 +89,7 @@ struct HostSide {
   std::atomic<uint64_t> decodedBack{0};
   std::atomic<uint64_t> rendered{0};
   std::atomic<uint64_t> cursorRecords{0};
+  std::function<void(uint32_t)> insideRender;  // set before links run, with the window
 };
 HostSide* g_host = nullptr;
 
@@ -100,8 +106,10 @@ uint32_t OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
   std::free(frame);
   return 1;  // the host took it
 }
-int OnRender(uint32_t, TavoVideoRenderImgHeader*) {
-  g_host->rendered.fetch_add(1);
+int OnRender(uint32_t window, TavoVideoRenderImgHeader*) {
+  if (g_host->rendered.fetch_add(1) % 97 == 0 && g_host->insideRender) {
+    g_host->insideRender(window);
+  }
   return 0;
 }
 uint32_t OnVirtualOut(uint32_t, void*, uint32_t, void*, uint32_t) { return 0; }
@@ -257,6 +265,15 @@ class Soak : public ::testing::Test {
                   background.c_str());
     EXPECT_EQ(TavoVideoVlinkOverlayParamSet(kBackgroundChannel, &overlay), 0U);
     EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(kBackgroundChannel, 1), 0U);
+    // Now and then a render callback updates its own preview (the same windows).
+    m_host.insideRender = [this](uint32_t window) {
+      for (const Component* vo : {&kVoDecoder, &kVoScreen, &kVoCamera}) {
+        if (vo->node == window) {
+          tagTavoVideoComponentParam p = Record(*vo);
+          Row(m_update, m_updateCount, TAVO_VIDEO_COMPONENT_PREVIEW)(vo->id, &p);
+        }
+      }
+    };
     for (const Component* c : {&kTest, &kEncTest, &kDecoder, &kVoDecoder, &kVirCam, &kScreen,
                                &kEncScreen, &kVoScreen, &kCamera, &kEncCamera, &kVoCamera}) {
       tagTavoVideoComponentParam p = Record(*c);
@@ -278,9 +295,12 @@ class Soak : public ::testing::Test {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
       }
     });
-    // The host's encoder gives frames back a few at a time.
+    // The host's encoder gives frames back a few at a time, and records it never got.
     threads.emplace_back([&] {
       while (!stop) {
+        VencOutFrame foreign{};
+        foreign.imgNo = kEncTest.node;
+        EXPECT_EQ(TavoVideoReleaseVEncFrame(&foreign), 1U);
         ReleaseEncoderFrames(3);
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
       }
@@ -308,6 +328,32 @@ class Soak : public ::testing::Test {
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 30));
       }
     });
+    // Two host threads racing on one test image and its encoder, without any order.
+    for (uint32_t seed : {4U, 5U}) {
+      threads.emplace_back([&, seed] {
+        std::minstd_rand random(seed);
+        const Link raced{kRacedEnc, kRacedTest};
+        while (!stop) {
+          const Component& c = random() % 2 == 0 ? kRacedTest : kRacedEnc;
+          tagTavoVideoComponentParam p = Record(c);
+          switch (random() % 4) {
+            case 0:
+              Create(c, p);
+              break;
+            case 1:
+              Bind(raced);
+              break;
+            case 2:
+              Unbind(raced);
+              break;
+            default:
+              Destroy(c);
+          }
+          m_calls.fetch_add(1);
+          std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
+        }
+      });
+    }
     // Parameters: encoder updates, capture size, the background on and off.
     threads.emplace_back([&] {
       std::minstd_rand random(2);
@@ -368,6 +414,8 @@ class Soak : public ::testing::Test {
     for (std::thread& t : threads) {
       t.join();
     }
+    Unbind({kRacedEnc, kRacedTest});
+    EXPECT_EQ(Destroy(kRacedEnc), 0U);
 
     // Take everything down, as a host does: unbind, destroy the sinks (their last frames
     // have reached the host then), give back what the host holds, destroy the inputs (a
@@ -382,9 +430,10 @@ class Soak : public ::testing::Test {
       EXPECT_EQ(Destroy(*c), 0U);
     }
     ReleaseEncoderFrames(0);
-    for (const Component* c : {&kTest, &kDecoder, &kScreen, &kCamera}) {
+    for (const Component* c : {&kTest, &kRacedTest, &kDecoder, &kScreen, &kCamera}) {
       EXPECT_EQ(Destroy(*c), 0U);
     }
+    m_host.insideRender = nullptr;  // no preview left to render
     EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(kBackgroundChannel), 0U);
     EXPECT_EQ(TavoVideoMouseStop(kMouse), 0U);
     return resident;
