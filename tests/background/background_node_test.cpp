@@ -32,23 +32,6 @@ void LateAnswer(int handle) {
   BackgroundVirtualityNode::ComputingCallback(0, handle, result);
 }
 
-TEST_F(BackgroundNodeTest, NameTypeAndRepeatedSwitchRequests) {
-  EXPECT_EQ(m_node->GetNodeName(), "BG_VIR_10001");
-  EXPECT_EQ(m_node->GetNodeType(), OS_E_MPP_DEV_BACKGROUND);
-  EXPECT_FALSE(BackgroundVirtualityNode::GetGPUInfo().empty());  // "none" without a GPU
-  EXPECT_EQ(m_node->SetEnable(false), 0U);                       // never enabled: nothing to do
-  EXPECT_EQ(m_client.Get().stops, 0);
-  EXPECT_EQ(m_node->SetEnable(true), 0U);
-  EXPECT_EQ(m_node->SetEnable(true), 0U);
-  EXPECT_EQ(m_client.Get().starts, 1);
-  EXPECT_TRUE(m_node->IsRunning());
-  EXPECT_EQ(m_node->SetEnable(false), 0U);
-  EXPECT_EQ(m_client.Get().stops, 1);
-  EXPECT_FALSE(m_node->IsRunning());
-  const std::vector<std::string> names = m_threads.Names();  // the thread has been joined
-  EXPECT_NE(std::find(names.begin(), names.end(), "VIRTAL_BG_HANDLE"), names.end());
-}
-
 struct ModelCase {
   uint32_t width, height;
   const char* model;
@@ -204,15 +187,6 @@ TEST_F(BackgroundNodeTest, OnBlendsEachFrameWithItsOwnMask) {
   }
 }
 
-TEST_F(BackgroundNodeTest, PersonMaskKeepsTheFrame) {
-  m_client.Set(With([](Knobs& k) { k.maskValue = 255; }));
-  ASSERT_EQ(m_node->SetEnable(true), 0U);
-  Send(1);
-  ASSERT_TRUE(AllReleased());
-  ASSERT_EQ(SeenLuma().size(), 1U);
-  EXPECT_NEAR(SeenLuma()[0], kFrameLuma, 1);  // through RGB and back
-}
-
 // Failing answers, refused buffers and refused requests each cost exactly their own frame.
 TEST_F(BackgroundNodeTest, EachFailureDropsOnlyItsFrame) {
   m_client.Set(With([](Knobs& k) { k.failRequests = {2}; }));
@@ -336,16 +310,6 @@ TEST_F(BackgroundNodeTest, FrameSizeChangeWaitsForFramesInFlight) {
   EXPECT_EQ(m_node->GetParam().width, 32U);
 }
 
-TEST_F(BackgroundNodeTest, FailedRetuneDropsTheFrame) {
-  m_client.Set(With([](Knobs& k) { k.updateResult = -3; }));
-  ASSERT_EQ(m_node->SetEnable(true), 0U);
-  Send(1, 32, 32);
-  ASSERT_TRUE(AllReleased());
-  EXPECT_TRUE(Seen().empty());
-  EXPECT_TRUE(m_log.HasModule("TavoComputingUpdateTaskParams error ret :-3"));
-  EXPECT_TRUE(m_log.HasModule("UpdateComputingParam failed"));
-}
-
 TEST_F(BackgroundNodeTest, StopProcessDestroysTheTaskAndAStartMakesANewOne) {
   ASSERT_EQ(m_node->SetEnable(true), 0U);
   const uint32_t first = m_node->GetTaskId();
@@ -382,23 +346,6 @@ TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
   ASSERT_TRUE(AllReleased());
 }
 
-// A client that appears later is loaded by the next start.
-TEST_F(BackgroundNodeTest, MissingClientIsTriedAgainAtTheNextStart) {
-  FakeDynamicLoader loader;
-  loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
-  {
-    ScopedSeamOverride<DynamicLoader> use(loader);
-    EXPECT_EQ(m_node->SetEnable(true), 0U);
-    EXPECT_FALSE(m_node->IsRunning());
-    EXPECT_TRUE(
-        m_log.HasModule("libtavo_computing_client open failed:libtavo_computing_client.so: "
-                        "cannot open shared object file"));
-    EXPECT_EQ(m_node->SetEnable(false), 0U);
-  }
-  EXPECT_EQ(m_node->SetEnable(true), 0U);  // the fixture's loader has it
-  EXPECT_TRUE(m_node->IsRunning());
-}
-
 // The client refuses to stop: the node says so and keeps what is in flight until it is
 // destroyed, which releases it.
 TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
@@ -419,33 +366,6 @@ TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
   m_node.reset();  // the destructor empties the queues
   ASSERT_TRUE(AllReleased());
   m_node = std::make_shared<BackgroundVirtualityNode>(10001);  // for TearDown
-}
-
-// A frame the blend cannot write back (not I420) is dropped after its mask came.
-TEST_F(BackgroundNodeTest, FrameThatCannotBeWrittenBackIsDropped) {
-  ASSERT_EQ(m_node->SetEnable(true), 0U);
-  auto* argb = new OsvGraphicBuffer(kWidth, kHeight, TAVO_VIDEO_VLINK_FORMAT_ARGB, true);
-  argb->SetReleaseTarget(m_producer);
-  {
-    FrameRef mine = FrameRef::Share(argb);
-    ++m_sent;
-    ASSERT_EQ(m_node->HandleBuffer(mine), 0U);
-  }
-  Submit(2);
-  ASSERT_TRUE(AllReleased());
-  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{2}));
-  EXPECT_TRUE(m_log.HasModule("RGBToYUV420SP failed"));
-  EXPECT_TRUE(m_log.HasModule("DataOverlayer failed"));
-}
-
-TEST_F(BackgroundNodeTest, ShutdownOfANodeSwitchedOnButNeverStartedStopsItsThread) {
-  auto node = std::make_shared<BackgroundVirtualityNode>(30000);
-  node->SetParam(Params(m_bgPath, kWidth, kHeight));
-  ASSERT_EQ(node->SetEnable(true), 0U);
-  EXPECT_TRUE(node->IsRunning());
-  node->Shutdown();
-  EXPECT_FALSE(node->IsRunning());
-  EXPECT_EQ(m_client.Get().destroys, 1);
 }
 
 }  // namespace

@@ -19,7 +19,7 @@
 #include "tests/support/fake_v4l2_device.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
-#include "tests/support/waitable_log.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/wrapper_symbols.h"
 
 namespace {
@@ -134,7 +134,7 @@ class CameraLinkTest : public ::testing::Test {
 
   FakeV4l2Device m_device;
   ScopedSeamOverride<CaptureDevice> m_deviceOverride;
-  WaitableLog m_log;
+  LogCapture m_log;
   std::vector<uint32_t> m_cameras;
   std::vector<std::shared_ptr<CameraCaptureNode>> m_cameraNodes;
   std::map<uint32_t, std::shared_ptr<CountingNode>> m_sinks;

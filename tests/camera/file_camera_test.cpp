@@ -10,7 +10,7 @@
 #include "tests/support/file_frame_source.h"
 #include "tests/support/jpeg_util.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/virtual_clock.h"
+#include "tests/support/step_clock.h"
 #include "tests/support/wait.h"
 #include "tools/y4m_reader.h"
 
@@ -50,7 +50,7 @@ TEST(FileCameraTest, PlaysAY4mClipInOrderAndLoops) {
   ASSERT_NE(source, nullptr) << error;
   EXPECT_EQ(source->FrameCount(), 3U);
 
-  VirtualClock clock;
+  StepClock clock;
   ScopedSeamOverride<Clock> clockSeam(clock);
   FakeV4l2Device device;
   ScopedSeamOverride<CaptureDevice> seam(device);
@@ -80,54 +80,6 @@ TEST(FileCameraTest, PlaysAY4mClipInOrderAndLoops) {
   for (size_t i = 0; i < 6; ++i) {
     EXPECT_EQ(received.pictures[i], clip[(start + i) % clip.size()]) << i;
   }
-}
-
-TEST(FileCameraTest, PlaysAnMjpegStreamAtTheGivenRate) {
-  const uint32_t width = 160;
-  const uint32_t height = 120;
-  std::vector<uint8_t> stream;
-  std::vector<std::vector<uint8_t>> pictures;
-  for (uint32_t i = 0; i < 2; ++i) {
-    pictures.push_back(EncodeI420Jpeg(MakePatternI420(width, height, i * 9).data(), width, height));
-    stream.insert(stream.end(), pictures.back().begin(), pictures.back().end());
-  }
-  stream.insert(stream.end(), {0x00, 0x11, 0xFF});  // trailing junk is skipped
-  TempDir dir;
-  const std::string path = dir.Write("clip.mjpeg", stream);
-  std::string error;
-  auto source = FileFrameSource::Open(path, &error, 10);
-  ASSERT_NE(source, nullptr) << error;
-  EXPECT_TRUE(source->IsMjpeg());
-  EXPECT_EQ(source->FrameCount(), 2U);
-  EXPECT_EQ(source->Width(), width);
-
-  FakeV4l2Device device;
-  ScopedSeamOverride<CaptureDevice> seam(device);
-  device.AddCamera(1, source->Camera(kBus));
-  Received received;
-  DevCaptureManager manager;
-  ASSERT_EQ(manager.Init(kBus), 0U);
-  manager.SetCaptureCallback(received.Callback());
-  tagCameraCaptureParams params{};
-  params.uiWidth = width;
-  params.uiHeight = height;
-  params.uiFrameRate = 10;
-  ASSERT_EQ(manager.CaptureStart(&params), 0U);
-  EXPECT_EQ(device.CurrentFormat(1).pixelformat, V4L2_PIX_FMT_MJPEG);
-  EXPECT_EQ(device.CurrentInterval(1).denominator, 10U);
-  ASSERT_TRUE(received.count.WaitFor(2));
-  manager.CaptureStop();
-  std::lock_guard<std::mutex> guard(received.lock);
-  std::vector<uint8_t> expected(size_t{width} * height * 3 / 2);
-  const int w = static_cast<int>(width);
-  const int h = static_cast<int>(height);
-  bool matched = false;
-  for (const std::vector<uint8_t>& jpeg : pictures) {
-    libyuv::MJPGToI420(jpeg.data(), jpeg.size(), expected.data(), w, expected.data() + w * h, w / 2,
-                       expected.data() + w * h * 5 / 4, w / 2, w, h, w, h);
-    matched = matched || expected == received.pictures[0];
-  }
-  EXPECT_TRUE(matched);
 }
 
 TEST(FileCameraTest, UnreadableFilesAreRefused) {
