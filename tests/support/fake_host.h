@@ -98,10 +98,13 @@ class FakeHost {
   uint32_t Push(uint32_t node, uint64_t decId = 0, uint32_t width = 16, uint32_t height = 16);
   bool AllBack();  // every accepted frame came back (within the generous limit)
   int Accepted();
+  int Pushed();
 
   // Encoder frames.
   void SetEncoder(Encoder mode);
-  void GiveBack(uint32_t expected = 0);  // every held frame, outside the host's lock
+  // Every held frame but the last `keep`, outside the host's lock; kAnyCode checks no code.
+  static constexpr uint32_t kAnyCode = 0xFFFFFFFFU;
+  void GiveBack(uint32_t expected = 0, size_t keep = 0);
   size_t Held();
   std::vector<Encoded> EncodedFrames();
   int Rendered(uint64_t window);
@@ -140,6 +143,7 @@ class FakeHost {
   std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, int> m_returned;
   std::deque<tagOS_S_VIDEO_CODEC_IMG_INFO*> m_records;
   int m_accepted = 0;
+  int m_pushed = 0;
   std::vector<std::pair<uint32_t, uint32_t>> m_components;
   std::vector<Link> m_links;
   uint64_t m_underflows = 0;
