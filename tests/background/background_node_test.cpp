@@ -151,9 +151,6 @@ TEST_F(BackgroundNodeTest, MissingLibraryOrFunctionKeepsPassThrough) {
     node.reset();
     ResetOpencvBinding();
   }
-  EXPECT_TRUE(m_log.HasModule("libtavo_computing_client open failed:"));
-  EXPECT_TRUE(m_log.HasModule("OsDLibrarySym failed :undefined symbol: TavoComputingReturnBuffer"));
-  EXPECT_TRUE(m_log.HasModule("libtavo_video_opencv_wrapper unusable:CResize"));
   ASSERT_TRUE(AllReleased());
 }
 
@@ -210,7 +207,6 @@ TEST_F(BackgroundNodeTest, EachFailureDropsOnlyItsFrame) {
   ASSERT_TRUE(m_sink->handled.WaitFor(3));
   ASSERT_TRUE(AllReleased());
   EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{1, 3, 6}));
-  EXPECT_TRUE(m_log.HasModule("ComputingCallback failed"));
   EXPECT_TRUE(m_log.HasModule("TavoComputingInference error ret :-9"));
 }
 
@@ -329,7 +325,6 @@ TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
   m_threads.FailNextCreates(1);
   EXPECT_EQ(m_node->SetEnable(true), 1U);
   EXPECT_TRUE(m_log.HasModule("OsPthreadCreate HandleBufferThread failed[11]"));
-  EXPECT_TRUE(m_log.HasModule("SetEnable Start failed[10001]"));
   EXPECT_FALSE(m_node->IsRunning());
   const int starts = m_client.Get().starts;
   EXPECT_EQ(m_node->SetEnable(true), 0U);  // the request was kept: repeating it does nothing
@@ -340,7 +335,6 @@ TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
   m_client.Change([](Knobs& k) { k.startResult = -2; });
   EXPECT_EQ(m_node->SetEnable(true), 1U);
   EXPECT_TRUE(m_log.HasModule("TavoComputingStartTask error ret :-2"));
-  EXPECT_TRUE(m_log.HasModule("StartComputing failed[1]"));
   Send(2);
   ASSERT_TRUE(m_sink->handled.WaitFor(2));
   ASSERT_TRUE(AllReleased());
@@ -358,8 +352,6 @@ TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
   ASSERT_TRUE(m_client.requests.WaitFor(1));
   EXPECT_EQ(m_node->SetEnable(false), 1U);
   EXPECT_TRUE(m_log.HasModule("TavoComputingStopTask error ret :-4"));
-  EXPECT_TRUE(m_log.HasModule("StopComputing failed[1]"));
-  EXPECT_TRUE(m_log.HasModule("SetEnable Stop failed[10001]"));
   EXPECT_EQ(m_producer->released.Get(), 0);  // still in flight
   m_node->Shutdown();
   Unlink(m_node, m_sink);

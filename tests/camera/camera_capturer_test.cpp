@@ -17,9 +17,9 @@
 #include "tests/support/fake_os.h"
 #include "tests/support/fake_v4l2_device.h"
 #include "tests/support/jpeg_util.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/step_clock.h"
 #include "tests/support/wait.h"
-#include "tests/support/log_capture.h"
 
 namespace {
 
@@ -109,11 +109,6 @@ TEST_F(CapturerTest, FindsTheWantedCameraBehindOthers) {
   EXPECT_TRUE(device.IsStreaming(5));
   EXPECT_FALSE(device.IsStreaming(6));
   EXPECT_EQ(device.OpenDescriptors(), 1U);
-  EXPECT_TRUE(log.HasModule(
-      "Device: /dev/video0[usb-0000:00:14.0-1] not the device usb-0000:00:14.0-3 we need.", 1));
-  EXPECT_TRUE(log.HasModule("find device success: /dev/video5", 3));
-  EXPECT_FALSE(log.HasModule("/dev/video1["));
-  EXPECT_FALSE(log.HasModule("/dev/video2["));
   ASSERT_TRUE(frames.frames.WaitFor(2));
 }
 
@@ -181,7 +176,6 @@ TEST_F(CapturerTest, NoAcceptedFormatFailsAndClosesTheDevice) {
   device.AddCamera(0, config);
   EXPECT_EQ(Start(640, 480, 30), 1U);
   EXPECT_TRUE(log.HasModule("not found suitable video formats", 1));
-  EXPECT_TRUE(log.HasModule("failed to setCaptureParams", 1));
   ExpectNothingLeft();
 }
 
@@ -279,7 +273,6 @@ TEST_F(CapturerTest, NegotiatesTheFrameInterval) {
     EXPECT_EQ(agreed.numerator, c.expected.numerator);
     EXPECT_EQ(agreed.denominator, c.expected.denominator);
     EXPECT_EQ(one.GetFrameRate(), c.expected.denominator / c.expected.numerator);
-    EXPECT_FALSE(rates.HasModule("set video framerate failed."));
     one.CaptureStop();
   }
 }
@@ -343,8 +336,6 @@ TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
     tagCameraCaptureParams p = Params(c.width, c.height, c.fps);
     ASSERT_EQ(one.CaptureStart(&p), 0U);
     EXPECT_TRUE(rates.HasModule(c.message, 1));
-    EXPECT_TRUE(rates.HasModule("set video framerate failed.", 1));
-    EXPECT_TRUE(rates.HasModule("Set capture framerate succeeded.", 3));
     EXPECT_EQ(one.GetFrameRate(), 0U);
     EXPECT_TRUE(fresh.IsStreaming(0));
     EXPECT_EQ(one.GetWidth(), fresh.CurrentFormat(0).width);  // the driver's size, not asked

@@ -61,8 +61,10 @@ TEST(ShmQueueTest, WrittenBuffersReachTheReaderInOrder) {
   OsShmAdvancedBuffer* second = OsShmAdvancedMemAllocBuffer(kQueue, 0, 16);
   ASSERT_NE(first, nullptr);
   ASSERT_NE(second, nullptr);
-  EXPECT_EQ(OsShmAdvancedMemAllocBuffer(kQueue, 0, 1025), nullptr);  // above the limit
-  OsShmAdvancedMemFreeBuffer(OsShmAdvancedMemAllocBuffer(kQueue, 0, 1024));
+  EXPECT_EQ(OsShmAdvancedMemAllocBuffer(kQueue, 0, 1025), nullptr);          // above the limit
+  OsShmAdvancedBuffer* full = OsShmAdvancedMemAllocBuffer(kQueue, 0, 1024);  // at the limit
+  EXPECT_NE(full, nullptr);
+  OsShmAdvancedMemFreeBuffer(full);
   EXPECT_EQ(OsShmAdvancedMemAllocBuffer(kQueue + 1, 0, 16), nullptr);  // no such queue
   static_cast<uint8_t*>(first->mem)[0] = 1;
   first->usedLen = 1;
