@@ -90,7 +90,9 @@ TEST_F(HostInterfaceTest, InertAndRenderEntryPointsAnswerTheirFixedCodes) {
   auto* remove = reinterpret_cast<decltype(&TavoVideoRenderDelete)>(
       dlsym(s_library, "_Z21TavoVideoRenderDeleteP16DevRenderManager"));
   ASSERT_TRUE(frame && remove);
+  LogCapture logs;
   EXPECT_EQ(frame(nullptr, nullptr), 0U);
+  EXPECT_EQ(logs.CountModule("DevRenderManager is null", 1), 1U);
   EXPECT_EQ(remove(nullptr), 0U);
   EXPECT_EQ(
       Symbol<decltype(TavoVideoVlinkVoSetDefaultImage)>("TavoVideoVlinkVoSetDefaultImage")(4242),

@@ -74,7 +74,9 @@ TEST_F(HostLinksTest, LimitsAcceptTheLastValueAndRefuseTheNext) {
   HostParam decoder = FakeHost::DecoderParam(225);
   EXPECT_EQ(host.Create(kDec, 1102, 120, decoder.get()), 0U);
   decoder->vdec.imgNo = 226;
+  LogCapture logs;
   EXPECT_EQ(host.Create(kDec, 1103, 121, decoder.get()), 1U);
+  EXPECT_EQ(logs.CountModule("[DEC_121] invalid imgNo[226]!", 1), 1U);
 
   HostParam preview = FakeHost::PreviewParam({});
   preview->vo.winNum = 40;
@@ -90,7 +92,6 @@ TEST_F(HostLinksTest, LimitsAcceptTheLastValueAndRefuseTheNext) {
   test->test.fileName[sizeof(test->test.fileName) - 1] = '\0';
   EXPECT_EQ(host.Create(kTest, 1106, 61, test.get()), 0U);  // fits; the file is read at start
   std::memset(test->test.fileName, 'x', sizeof(test->test.fileName));  // 1024 do not
-  LogCapture logs;
   EXPECT_EQ(host.Create(kTest, 1107, 62, test.get()), 1U);
   EXPECT_EQ(logs.CountModule("strcpy_s fileName failed!", 1), 1U);
 
@@ -126,6 +127,7 @@ TEST_F(HostLinksTest, BadRecordsIdsAndCallOrderAreRefused) {
   host.Store(305, 229);
   EXPECT_EQ(host.Bind(kEnc, kInput, 305, 303), 1U);
   EXPECT_EQ(logs.CountModule("BuilderFac no supoort vi type[5]", 1), 1U);
+  EXPECT_EQ(logs.CountModule("builder is nullptr", 1), 1U);
   EXPECT_EQ(host.CreateStored(kVo, 306, encoder.get()), 1U);  // nothing stored for it
   EXPECT_EQ(host.Destroy(kEnc, 999), 0U);                     // unknown ids are ignored
   EXPECT_EQ(host.entries().releaseEnc(nullptr), 1U);

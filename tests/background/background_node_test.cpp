@@ -360,4 +360,15 @@ TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
   m_node = std::make_shared<BackgroundVirtualityNode>(10001);  // for TearDown
 }
 
+// Call order: switched on but never started, the node's shutdown still stops the effect.
+TEST_F(BackgroundNodeTest, ShutdownOfANodeSwitchedOnButNeverStartedStopsItsThread) {
+  auto node = std::make_shared<BackgroundVirtualityNode>(30000);
+  node->SetParam(Params(m_bgPath, kWidth, kHeight));
+  ASSERT_EQ(node->SetEnable(true), 0U);
+  EXPECT_TRUE(node->IsRunning());
+  node->Shutdown();
+  EXPECT_FALSE(node->IsRunning());
+  EXPECT_EQ(m_client.Get().destroys, 1);
+}
+
 }  // namespace

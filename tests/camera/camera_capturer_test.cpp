@@ -567,4 +567,12 @@ TEST_F(CapturerTest, UnterminatedCameraIdIsReadWithinItsField) {
   ExpectNothingLeft();
 }
 
+// Calls out of order: a stop before any start, a start without parameters.
+TEST_F(CapturerTest, StopWithoutStartIsHarmless) {
+  EXPECT_EQ(capturer->CaptureStop(), 0U);
+  EXPECT_EQ(capturer->Init("x"), 0U);
+  EXPECT_EQ(capturer->CaptureStart(nullptr), 1U);
+  ExpectNothingLeft();
+}
+
 }  // namespace
