@@ -11,8 +11,8 @@
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
 #include "core/tavo_video_frame_ref.h"
-#include "platform/os_time.h"
-#include "platform/safe_string.h"
+#include "platform/adapt_common/os_time.h"
+#include "platform/adapt_common/safe_string.h"
 #include "trace/tavo_video_host_guard.h"
 
 namespace {

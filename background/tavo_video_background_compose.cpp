@@ -10,7 +10,7 @@
 #include "background/tavo_video_background_log.h"
 #include "background/tavo_video_background_virtuality.h"
 #include "background/tavo_video_opencv_binding.h"
-#include "platform/tavo_video_rgb_convert.h"
+#include "platform/adapt_common/tavo_video_rgb_convert.h"
 
 uint32_t BackgroundVirtualityNode::LoadBackgroundImage() {
   const BackgroundVirtualityParams param = GetParam();

@@ -6,8 +6,8 @@
 #include "background/tavo_video_background_log.h"
 #include "background/tavo_video_opencv_binding.h"
 #include "core/tavo_video_os_seams.h"
-#include "platform/om_cust_util.h"
-#include "platform/safe_string.h"
+#include "platform/adapt_common/om_cust_util.h"
+#include "platform/adapt_common/safe_string.h"
 
 int modelWidth = 0;
 int modelHeight = 0;

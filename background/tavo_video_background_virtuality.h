@@ -18,12 +18,12 @@
 #include <mutex>
 #include <string>
 
-#include "background/computing_client/tavo_computing_client.h"
 #include "background/tavo_video_background_log.h"
 #include "background/tavo_video_background_virtuality_base_node.h"
 #include "background/tavo_video_thread_safe_queue.h"
-#include "background/wrapper/tavo_video_opencv_wrapper.h"
 #include "core/tavo_video_named_thread.h"
+#include "platform/computing_client/tavo_computing_client.h"
+#include "platform/opencv_wrapper/tavo_video_opencv_wrapper.h"
 
 // The chosen model's input size, set each time a model path is chosen.
 extern "C" {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <mutex>
 
-#include "background/tavo_video_background_virtuality_params.h"
+#include "core/tavo_video_background_virtuality_params.h"
 #include "core/tavo_video_vlink_node.h"
 
 class BackgroundVirtualityBaseNode : public VideoVlinkNode {

@@ -13,7 +13,7 @@
 #include <type_traits>
 #include <variant>
 
-#include "background/wrapper/tavo_video_opencv_wrapper.h"
+#include "platform/opencv_wrapper/tavo_video_opencv_wrapper.h"
 
 // The cached handle of the wrapper library, opened through the DynamicLoader seam; null
 // when it cannot be opened (tried again on the next call).

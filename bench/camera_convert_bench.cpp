@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "camera/tavo_video_vlink_capture_manager.h"
-#include "tests/support/jpeg_util.h"
+#include "tools/common/jpeg_util.h"
 
 namespace {
 

@@ -25,7 +25,7 @@
 
 #include "background/tavo_video_background_virtuality.h"
 #include "core/tavo_video_vlink_node.h"
-#include "platform/om_log.h"
+#include "platform/adapt_common/om_log.h"
 
 namespace {
 

@@ -21,7 +21,7 @@
 #include "core/tavo_video_seam.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
 #include "tests/support/fake_screen_seams.h"
-#include "tests/support/xvfb_server.h"
+#include "tools/common/xvfb_server.h"
 
 namespace {
 

@@ -23,7 +23,7 @@
 #include <thread>
 
 #include "tavo_video_vlink.h"
-#include "tests/support/xvfb_server.h"
+#include "tools/common/xvfb_server.h"
 
 namespace {
 

@@ -18,8 +18,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "background/tavo_video_background_virtuality_params.h"
 #include "camera/tavo_video_vlink_capture_manager.h"
+#include "core/tavo_video_background_virtuality_params.h"
 #include "core/tavo_video_vlink_node.h"
 
 class CameraCaptureNode : public VideoVlinkNode {

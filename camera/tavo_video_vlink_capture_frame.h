@@ -7,7 +7,7 @@
 #include <functional>
 #include <string>
 
-#include "platform/tavo_video_rgb_convert.h"
+#include "platform/adapt_common/tavo_video_rgb_convert.h"
 #include "tavo_video_vlink_camera.h"
 
 // Pixel format of a camera frame.

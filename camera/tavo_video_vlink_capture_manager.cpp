@@ -6,9 +6,9 @@
 #include <cstring>
 
 #include "core/tavo_video_os_seams.h"
-#include "platform/pelv_trace.h"
-#include "platform/safe_string.h"
-#include "platform/stream_qi.h"
+#include "platform/adapt_common/pelv_trace.h"
+#include "platform/adapt_common/safe_string.h"
+#include "platform/adapt_common/stream_qi.h"
 #include "trace/tavo_video_vlink_log.h"
 
 namespace {

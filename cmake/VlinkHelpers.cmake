@@ -30,3 +30,15 @@ function(vlink_test)
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main)
   gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
+
+# Libraries loaded by name at run time land in one folder. dlopen searches the RUNPATH of
+# the object that calls it, which after a tail call in the platform loader is whoever called
+# that: every target that loads them by name gets the folder too.
+set(VLINK_LOADABLE_DIR ${PROJECT_BINARY_DIR}/lib)
+function(vlink_loads_at_run_time target)
+  set_property(TARGET ${target} APPEND PROPERTY BUILD_RPATH ${PROJECT_BINARY_DIR}/lib)
+endfunction()
+
+# What ThreadSanitizer reports of third-party code (OpenCV's image reading through GDAL,
+# Xlib's IO error path): not ours to fix. Compiled into each program that meets it.
+set(VLINK_THIRD_PARTY_SUPPRESSIONS ${PROJECT_SOURCE_DIR}/tools/common/third_party_suppressions.cpp)

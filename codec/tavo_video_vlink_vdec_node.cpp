@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/os_time.h"
+#include "platform/adapt_common/os_time.h"
 
 FrameRateRecorder::FrameRateRecorder(std::string name, uint64_t capacity)
     : m_name(std::move(name)), m_capacity(capacity) {}

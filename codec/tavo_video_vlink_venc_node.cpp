@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "platform/os_time.h"
+#include "platform/adapt_common/os_time.h"
 
 VirtualEncoderNode::VirtualEncoderNode(uint32_t id) : VideoVlinkNode(id, OS_E_MPP_DEV_VENC) {
   m_nodeName = "ENC_" + std::to_string(id);

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string>
 
-#include "platform/os_thread.h"
-#include "platform/os_time.h"
+#include "platform/adapt_common/os_thread.h"
+#include "platform/adapt_common/os_time.h"
 
 namespace {
 

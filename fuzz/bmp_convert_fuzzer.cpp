@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "fuzz/fuzz_file.h"
-#include "platform/tavo_video_image_convert.h"
+#include "platform/adapt_common/tavo_video_image_convert.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static FuzzFile file;

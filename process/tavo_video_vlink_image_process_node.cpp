@@ -5,7 +5,7 @@
 #include <string>
 
 #include "core/tavo_video_pool_buffer_tracker.h"
-#include "platform/tavo_video_frame_convert.h"
+#include "platform/adapt_common/tavo_video_frame_convert.h"
 #include "trace/tavo_video_vlink_log.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/safe_string.h"
+#include "platform/adapt_common/safe_string.h"
 
 std::mutex VideoPreviewNode::s_winReportLock;
 VideoPreviewNode::WinReportCallback VideoPreviewNode::m_winReportCb;

@@ -5,8 +5,8 @@
 #include <limits>
 #include <new>
 
-#include "platform/pelv_trace.h"
-#include "platform/tavo_video_image_convert.h"
+#include "platform/adapt_common/pelv_trace.h"
+#include "platform/adapt_common/tavo_video_image_convert.h"
 #include "trace/tavo_video_vlink_log.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/os_thread.h"
-#include "platform/tavo_video_image_convert.h"
+#include "platform/adapt_common/os_thread.h"
+#include "platform/adapt_common/tavo_video_image_convert.h"
 #include "tavo_video_image_util.h"
 
 namespace {

@@ -34,8 +34,8 @@
 #include <set>
 #include <string>
 
-#include "tests/support/fake_v4l2_device.h"
-#include "tests/support/file_frame_source.h"
+#include "tools/common/fake_v4l2_device.h"
+#include "tools/common/file_frame_source.h"
 
 #define VLINK_PRELOAD_API extern "C" __attribute__((visibility("default")))
 

@@ -8,8 +8,8 @@
 #include <system_error>
 
 #include "host_clock.h"
-#include "host_image.h"
 #include "host_render_windows.h"
+#include "tools/common/host_image.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "host_encoder_sink.h"
-#include "host_image.h"
 #include "host_library.h"
 #include "host_options.h"
 #include "host_window.h"
+#include "tools/common/host_image.h"
 
 // One row of the figures table.
 struct LegRow {

@@ -16,10 +16,10 @@
 #include "host_encoder_sink.h"
 #include "host_file_camera.h"
 #include "host_frame_number.h"
-#include "host_image.h"
 #include "host_legs.h"
 #include "host_modes.h"
 #include "host_render_windows.h"
+#include "tools/common/host_image.h"
 
 namespace {
 

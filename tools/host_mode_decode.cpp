@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "host_clock.h"
-#include "host_image.h"
 #include "host_modes.h"
 #include "host_render_windows.h"
-#include "y4m_reader.h"
+#include "tools/common/host_image.h"
+#include "tools/common/y4m_reader.h"
 
 namespace {
 

@@ -12,12 +12,12 @@
 
 #include "host_clock.h"
 #include "host_encoder_sink.h"
-#include "host_image.h"
 #include "host_legs.h"
 #include "host_modes.h"
 #include "host_render_windows.h"
 #include "host_x_server.h"
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/os_shm_queue.h"
+#include "tools/common/host_image.h"
 
 namespace {
 

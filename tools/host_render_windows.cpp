@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "host_clock.h"
-#include "host_image.h"
+#include "tools/common/host_image.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "host_image.h"
+#include "tools/common/host_image.h"
 
 class HostDisplay {
  public:

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "platform/om_log.h"
+#include "platform/adapt_common/om_log.h"
 #include "tavo_video_vlink_trace.h"
 
 namespace vlink {

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <exception>
 
-#include "platform/safe_string.h"
+#include "platform/adapt_common/safe_string.h"
 #include "trace/tavo_video_host_guard.h"
 #include "trace/tavo_video_vlink_log.h"
 

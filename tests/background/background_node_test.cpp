@@ -4,7 +4,7 @@
 #include <numeric>
 #include <thread>
 
-#include "platform/om_cust_util.h"
+#include "platform/adapt_common/om_cust_util.h"
 #include "tests/background/background_fixture.h"
 
 namespace {

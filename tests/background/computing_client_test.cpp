@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-#include "background/computing_client/tavo_computing_client.h"
-#include "background/computing_client/tavo_computing_segmenter.h"
-#include "platform/om_cust_util.h"
+#include "platform/adapt_common/om_cust_util.h"
+#include "platform/computing_client/tavo_computing_client.h"
+#include "platform/computing_client/tavo_computing_segmenter.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 

@@ -15,11 +15,11 @@
 
 #include "camera/tavo_video_vlink_camera_capturer_linux.h"
 #include "tests/support/fake_os.h"
-#include "tests/support/fake_v4l2_device.h"
-#include "tests/support/jpeg_util.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/step_clock.h"
 #include "tests/support/wait.h"
+#include "tools/common/fake_v4l2_device.h"
+#include "tools/common/jpeg_util.h"
 
 namespace {
 

@@ -18,11 +18,11 @@
 #include "tests/support/fake_computing_client.h"
 #include "tests/support/fake_host.h"
 #include "tests/support/fake_os.h"
-#include "tests/support/fake_v4l2_device.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
 #include "tests/support/wrapper_symbols.h"
+#include "tools/common/fake_v4l2_device.h"
 
 namespace {
 

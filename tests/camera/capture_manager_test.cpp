@@ -11,10 +11,10 @@
 
 #include "camera/tavo_video_vlink_camera_capturer_linux.h"
 #include "camera/tavo_video_vlink_capture_manager.h"
-#include "platform/stream_qi.h"
-#include "tests/support/fake_v4l2_device.h"
-#include "tests/support/jpeg_util.h"
+#include "platform/adapt_common/stream_qi.h"
 #include "tests/support/log_capture.h"
+#include "tools/common/fake_v4l2_device.h"
+#include "tools/common/jpeg_util.h"
 
 namespace {
 

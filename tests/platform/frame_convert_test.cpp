@@ -6,8 +6,8 @@
 #include <random>
 #include <vector>
 
-#include "platform/tavo_video_frame_convert.h"
-#include "platform/tavo_video_rgb_convert.h"
+#include "platform/adapt_common/tavo_video_frame_convert.h"
+#include "platform/adapt_common/tavo_video_rgb_convert.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/tavo_video_image_convert.h"
+#include "platform/adapt_common/tavo_video_image_convert.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

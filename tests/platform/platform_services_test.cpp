@@ -10,9 +10,9 @@
 #include <string>
 #include <thread>
 
-#include "platform/om_cust_util.h"
-#include "platform/os_platform_check.h"
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/om_cust_util.h"
+#include "platform/adapt_common/os_platform_check.h"
+#include "platform/adapt_common/os_shm_queue.h"
 
 namespace {
 

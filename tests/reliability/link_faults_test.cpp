@@ -19,16 +19,16 @@
 #include "background/tavo_video_opencv_binding.h"
 #include "camera/tavo_video_vlink_camera_capture_node.h"
 #include "core/tavo_video_os_seams.h"
-#include "platform/osv_graphic_buffer_fault.h"
+#include "platform/adapt_common/osv_graphic_buffer_fault.h"
 #include "process/tavo_video_vlink_image_process_node.h"
 #include "tavo_video_vlink.h"
 #include "tests/support/fake_host.h"
-#include "tests/support/fake_v4l2_device.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
 #include "tests/support/wait.h"
-#include "tests/support/xvfb_server.h"
+#include "tools/common/fake_v4l2_device.h"
+#include "tools/common/xvfb_server.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/tavo_video_image_convert.h"
+#include "platform/adapt_common/tavo_video_image_convert.h"
 #include "render/tavo_video_render_manager.h"
 #include "tavo_video_render_interface.h"
 #include "tests/support/fake_render_proxy.h"

@@ -27,15 +27,15 @@
 #include "background/tavo_video_background_virtuality.h"
 #include "camera/tavo_video_capture_device.h"
 #include "core/tavo_video_seam.h"
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/os_shm_queue.h"
 #include "tavo_video_vlink.h"
 #include "tests/support/fake_computing_client.h"
 #include "tests/support/fake_host.h"
 #include "tests/support/fake_os.h"
-#include "tests/support/fake_v4l2_device.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wrapper_symbols.h"
-#include "tests/support/xvfb_server.h"
+#include "tools/common/fake_v4l2_device.h"
+#include "tools/common/xvfb_server.h"
 
 namespace {
 

@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "background/computing_client/tavo_computing_client.h"
 #include "core/tavo_video_named_thread.h"
+#include "platform/computing_client/tavo_computing_client.h"
 #include "tests/support/wait.h"
 
 class FakeComputingClient {

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <string>
 
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/os_shm_queue.h"
 #include "screen/tavo_video_vlink_x11_seams.h"
 
 class FakeX11DisplaySystem final : public X11DisplaySystem {

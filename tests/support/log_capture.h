@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/om_log.h"
+#include "platform/adapt_common/om_log.h"
 #include "tests/support/wait.h"
 
 class LogCapture {

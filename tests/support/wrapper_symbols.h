@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "background/wrapper/tavo_video_opencv_wrapper.h"
+#include "platform/opencv_wrapper/tavo_video_opencv_wrapper.h"
 
 #define WRAPPER_SYMBOL(name) \
   { #name, reinterpret_cast < void*>(&::name) }

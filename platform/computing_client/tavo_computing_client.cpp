@@ -1,6 +1,6 @@
 // The inference client: tasks, their input buffers, and one inference thread per task so
 // that results come back in submission order.
-#include "background/computing_client/tavo_computing_client.h"
+#include "platform/computing_client/tavo_computing_client.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "background/computing_client/tavo_computing_segmenter.h"
 #include "core/tavo_video_named_thread.h"
+#include "platform/computing_client/tavo_computing_segmenter.h"
 
 namespace {
 

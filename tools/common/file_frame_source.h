@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/fake_v4l2_device.h"
+#include "tools/common/fake_v4l2_device.h"
 
 class FileFrameSource final : public FakeFrameSource {
  public:

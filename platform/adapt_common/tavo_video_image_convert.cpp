@@ -1,4 +1,4 @@
-#include "platform/tavo_video_image_convert.h"
+#include "platform/adapt_common/tavo_video_image_convert.h"
 
 #include <fcntl.h>
 #include <libyuv.h>
@@ -10,8 +10,8 @@
 #include <new>
 #include <vector>
 
-#include "platform/om_log.h"
-#include "platform/osv_graphic_buffer_fault.h"
+#include "platform/adapt_common/om_log.h"
+#include "platform/adapt_common/osv_graphic_buffer_fault.h"
 
 // This library sits below the trace printer, so its messages go to the module log only.
 #define CONVERT_LOG_ERR(fmt, ...)                                                   \

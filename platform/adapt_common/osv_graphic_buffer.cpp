@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/om_log.h"
-#include "platform/osv_graphic_buffer_fault.h"
+#include "platform/adapt_common/om_log.h"
+#include "platform/adapt_common/osv_graphic_buffer_fault.h"
 
 namespace {
 

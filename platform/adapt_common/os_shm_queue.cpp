@@ -1,4 +1,4 @@
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/os_shm_queue.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,4 +1,4 @@
-#include "platform/os_thread.h"
+#include "platform/adapt_common/os_thread.h"
 
 #include <dlfcn.h>
 #include <time.h>

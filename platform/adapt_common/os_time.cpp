@@ -1,4 +1,4 @@
-#include "platform/os_time.h"
+#include "platform/adapt_common/os_time.h"
 
 #include <ctime>
 

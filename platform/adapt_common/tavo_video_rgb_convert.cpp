@@ -1,11 +1,11 @@
-#include "platform/tavo_video_rgb_convert.h"
+#include "platform/adapt_common/tavo_video_rgb_convert.h"
 
 #include <libyuv.h>
 
 #include <cstdlib>
 #include <memory>
 
-#include "platform/om_log.h"
+#include "platform/adapt_common/om_log.h"
 
 #define FRAME_CONVERT_LOG_ERR(fmt, ...)                                             \
   TavoOmLogModuleLogRecord(1, TavoVideoGetPrivateLogId(0) & 0xFFFFU, __FILE_NAME__, \

@@ -1,4 +1,4 @@
-#include "platform/om_log.h"
+#include "platform/adapt_common/om_log.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -8,7 +8,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "platform/os_time.h"
+#include "platform/adapt_common/os_time.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "platform/tavo_video_frame_convert.h"
+#include "platform/adapt_common/tavo_video_frame_convert.h"
 
 #include <libyuv.h>
 

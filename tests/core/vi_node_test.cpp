@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "codec/tavo_video_vlink_vi_node.h"
+#include "core/tavo_video_vlink_vi_node.h"
 #include "tests/support/fake_os.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"

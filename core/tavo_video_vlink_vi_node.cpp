@@ -1,4 +1,4 @@
-#include "codec/tavo_video_vlink_vi_node.h"
+#include "core/tavo_video_vlink_vi_node.h"
 
 #include "core/tavo_video_os_seams.h"
 #include "trace/tavo_video_vlink_log.h"

@@ -1,4 +1,4 @@
-#include "tests/support/jpeg_util.h"
+#include "tools/common/jpeg_util.h"
 
 #include <algorithm>
 #include <csetjmp>

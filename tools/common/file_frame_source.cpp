@@ -1,12 +1,12 @@
-#include "tests/support/file_frame_source.h"
+#include "tools/common/file_frame_source.h"
 
 #include <libyuv.h>
 
 #include <fstream>
 #include <iterator>
 
-#include "tests/support/jpeg_util.h"
-#include "tools/y4m_reader.h"
+#include "tools/common/jpeg_util.h"
+#include "tools/common/y4m_reader.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tests/support/xvfb_server.h"
+#include "tools/common/xvfb_server.h"
 
 #include <X11/Xutil.h>
 #include <X11/extensions/Xrender.h>

@@ -1,4 +1,4 @@
-#include "host_image.h"
+#include "tools/common/host_image.h"
 
 #include <zlib.h>
 

@@ -1,4 +1,4 @@
-#include "platform/os_platform_check.h"
+#include "platform/adapt_common/os_platform_check.h"
 
 #include <algorithm>
 #include <cctype>

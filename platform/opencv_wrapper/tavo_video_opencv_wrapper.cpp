@@ -1,4 +1,4 @@
-#include "background/wrapper/tavo_video_opencv_wrapper.h"
+#include "platform/opencv_wrapper/tavo_video_opencv_wrapper.h"
 
 #include <algorithm>
 #include <cstring>

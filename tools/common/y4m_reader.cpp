@@ -1,4 +1,4 @@
-#include "y4m_reader.h"
+#include "tools/common/y4m_reader.h"
 
 #include <fstream>
 #include <sstream>

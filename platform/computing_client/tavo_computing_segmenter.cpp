@@ -1,11 +1,11 @@
-#include "background/computing_client/tavo_computing_segmenter.h"
+#include "platform/computing_client/tavo_computing_segmenter.h"
 
 #include <fstream>
 #include <iterator>
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
-#include "background/computing_client/tavo_computing_client.h"
+#include "platform/computing_client/tavo_computing_client.h"
 
 namespace {
 

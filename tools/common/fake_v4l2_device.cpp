@@ -1,4 +1,4 @@
-#include "tests/support/fake_v4l2_device.h"
+#include "tools/common/fake_v4l2_device.h"
 
 #include <fcntl.h>
 #include <libyuv.h>
@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "core/tavo_video_os_seams.h"
-#include "tests/support/jpeg_util.h"
+#include "tools/common/jpeg_util.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "platform/stream_qi.h"
+#include "platform/adapt_common/stream_qi.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -8,8 +8,8 @@
 #include <set>
 #include <string>
 
-#include "platform/om_log.h"
-#include "platform/os_time.h"
+#include "platform/adapt_common/om_log.h"
+#include "platform/adapt_common/os_time.h"
 
 static_assert(sizeof(StreamQiCreateParam) == 296);
 static_assert(offsetof(StreamQiCreateParam, streamId) == 8);

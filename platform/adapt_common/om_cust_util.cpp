@@ -1,4 +1,4 @@
-#include "platform/om_cust_util.h"
+#include "platform/adapt_common/om_cust_util.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,11 +1,11 @@
-#include "platform/pelv_trace.h"
+#include "platform/adapt_common/pelv_trace.h"
 
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
-#include "platform/om_log.h"
+#include "platform/adapt_common/om_log.h"
 
 namespace {
 
