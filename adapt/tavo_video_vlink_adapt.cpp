@@ -6,11 +6,13 @@
 #include <cstring>
 #include <string>
 
+#include "adapt/tavo_video_component_kinds.h"
 #include "adapt/tavo_video_param_store.h"
 #include "adapt/tavo_video_vlink_screen_control.h"
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
 #include "core/tavo_video_frame_ref.h"
+#include "core/tavo_video_node_link.h"
 #include "platform/adapt_common/os_time.h"
 #include "platform/adapt_common/safe_string.h"
 #include "trace/tavo_video_host_guard.h"
@@ -19,58 +21,12 @@ namespace {
 
 bool InfoTraced() { return g_ucOSVLinkTraceLevel.load(std::memory_order_relaxed) >= 3; }
 
-// Node classes a component type is served by, with the record its SetParam takes and
-// how that record is made from the host's.
-struct EncoderComponent {
-  using Node = VirtualEncoderNode;
-  static uint32_t Convert(VencDevInfo& out, uint32_t /*portId*/, uint32_t imgNo,
-                          const tagTavoVideoComponentParam* param) {
-    return ConvertVencInfo(imgNo, out, param->venc);
-  }
-};
-
-struct TestImageComponent {
-  using Node = TestInputInputNode;
-  static uint32_t Convert(TestDevInfo& out, uint32_t portId, uint32_t imgNo,
-                          const tagTavoVideoComponentParam* param) {
-    return VlinkCreateTest(out, portId, imgNo, param);
-  }
-};
-
-struct CameraComponent {
-  using Node = CameraCaptureNode;
-  static uint32_t Convert(tagCameraCaptureParams& out, uint32_t portId, uint32_t imgNo,
-                          const tagTavoVideoComponentParam* param) {
-    return VlinkCreateCameraIn(out, portId, imgNo, param);
-  }
-};
-
-struct VirtualCameraComponent {
-  using Node = VirtualCameraNode;
-  static uint32_t Convert(VoDevInfo& out, uint32_t /*portId*/, uint32_t /*imgNo*/,
-                          const tagTavoVideoComponentParam* param) {
-    return VlinkCreateVirCam(out, param);
-  }
-};
-
-// Decoder and preview records begin with the node's own record, copied whole.
-struct DecoderComponent {
-  using Node = VirtualDecoderNode;
-  static uint32_t Convert(tagTavoVideoVDecParam& out, uint32_t /*portId*/, uint32_t /*imgNo*/,
-                          const tagTavoVideoComponentParam* param) {
-    std::memcpy(&out, &param->vdec, sizeof(out));
-    return 0;
-  }
-};
-
-struct PreviewComponent {
-  using Node = VideoPreviewNode;
-  static uint32_t Convert(tagTavoVideoVoChnParam& out, uint32_t /*portId*/, uint32_t /*imgNo*/,
-                          const tagTavoVideoComponentParam* param) {
-    std::memcpy(&out, &param->vo, sizeof(out));
-    return 0;
-  }
-};
+using vlink::component::CameraComponent;
+using vlink::component::DecoderComponent;
+using vlink::component::EncoderComponent;
+using vlink::component::PreviewComponent;
+using vlink::component::TestImageComponent;
+using vlink::component::VirtualCameraComponent;
 
 template <class Component>
 uint32_t CreateVarietyNode(uint32_t componentId, tagTavoVideoComponentParam* param) try {
@@ -146,14 +102,8 @@ uint32_t DestroyVarietyNode(uint32_t componentId) try {
   UnbindFromInputs(node);
   VideoVlinkNode::DeleteNodeByUnique(id);  // stops and shuts the node down
   // Sinks still bound to a destroyed input keep it until they go; it lets go of them now, so
-  // the two never hold each other for good. Only this node's lock is taken: a sink may be
-  // inside a host callback under its own.
-  for (const VideoVlinkNode::NodePtr& next : node->GetNextConnectListCopy()) {
-    node->DisconnectFromNode(next, true);
-  }
-  for (const VideoVlinkNode::NodePtr& prev : node->GetPrevConnectListCopy()) {
-    node->DisconnectFromNode(prev, false);
-  }
+  // the two never hold each other for good.
+  vlink::DropNeighbours(node);
   node.reset();
   VlinkBuilderFactory::GetInstance().DeleteBuilder(id);
   return 0;

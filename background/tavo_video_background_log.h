@@ -1,5 +1,5 @@
 // Failures that can repeat with every frame are logged the first time and then every
-// kPacedLogEvery-th time, counted per node and per message.
+// hundredth time, counted per node and per message.
 #pragma once
 
 #include <atomic>
@@ -7,8 +7,6 @@
 #include <cstdint>
 
 #include "trace/tavo_video_vlink_log.h"
-
-constexpr uint32_t kPacedLogEvery = 100;
 
 enum PacedMessage : size_t {
   kPacedNullFrame,
@@ -28,9 +26,9 @@ enum PacedMessage : size_t {
 };
 
 // Inside a BackgroundVirtualityNode member (uses its m_pacedLog).
-#define VLOG_ERR_PACED(kind, fmt, ...)                                                    \
-  do {                                                                                    \
-    if (m_pacedLog[kind].fetch_add(1, std::memory_order_relaxed) % kPacedLogEvery == 0) { \
-      VLOG_ERR(fmt __VA_OPT__(, ) __VA_ARGS__);                                           \
-    }                                                                                     \
+#define VLOG_ERR_PACED(kind, fmt, ...)          \
+  do {                                          \
+    if (m_pacedLog[kind].Due()) {               \
+      VLOG_ERR(fmt __VA_OPT__(, ) __VA_ARGS__); \
+    }                                           \
   } while (0)

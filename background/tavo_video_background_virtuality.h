@@ -120,7 +120,7 @@ class BackgroundVirtualityNode : public BackgroundVirtualityBaseNode {
   std::unique_ptr<OsvGraphicBuffer> m_argbBuffer;     // guarded by m_stateMutex
   NamedThread m_handleThread{"VIRTAL_BG_HANDLE"};
   std::atomic<bool> m_stopWaiting{false};  // a stop asks a size-change wait to give up
-  std::array<std::atomic<uint32_t>, kPacedMessageCount> m_pacedLog{};
+  std::array<vlink::LogPacer, kPacedMessageCount> m_pacedLog{};
 
   // Task handle -> node, for the service callback.
   static std::mutex callbackMapLock;  // guards callbackMap; taken alone

@@ -43,5 +43,7 @@ class BackgroundVirtualityBaseNode : public VideoVlinkNode {
   // lock (SendBuffer). No host callback runs under any of them.
   std::mutex m_enableLock;  // serialises on/off requests
   std::mutex m_imageMutex;  // guards the background image and its use
-  std::mutex m_stateMutex;  // guards start, stop and the per-frame decision
+  // Guards start, stop and the per-frame decision. A frame passed through with the effect
+  // off is queued under it, so a frame sent after a switch never overtakes one from before.
+  std::mutex m_stateMutex;
 };

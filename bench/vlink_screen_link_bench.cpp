@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "tavo_video_vlink.h"
+#include "tests/support/table_rows.h"
 #include "tools/common/xvfb_server.h"
 
 namespace {
@@ -72,22 +73,6 @@ uint32_t OnEncFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
   ++g_frames;
   g_changed.notify_all();
   return 1;
-}
-
-template <class F>
-F* Symbol(void* library, const char* name) {
-  return reinterpret_cast<F*>(dlsym(library, name));
-}
-
-template <class Row>
-auto Find(const Row* table, uint32_t count, uint32_t type, uint32_t srcType = 0)
-    -> decltype(table->func) {
-  for (uint32_t i = 0; i < count; ++i) {
-    if (table[i].type == type && table[i].srcType == srcType) {
-      return table[i].func;
-    }
-  }
-  return nullptr;
 }
 
 // Our link: CPU seconds per frame over kFrames frames after a warm-up; negative on failure.

@@ -4,6 +4,19 @@
 
 #include "process/tavo_video_vlink_image_process_node.h"
 
+// Logs the failed half of an unlink in the tear-down's words; a macro, so that the line
+// names the tear-down.
+#define VLINK_REPORT_UNLINK_FAILURE(unlink, sender, receiver)                          \
+  do {                                                                                 \
+    if ((unlink).failed == vlink::LinkStep::kSenderSide) {                             \
+      VLOG_ERR("[%s] Disconnect to [%s] failed!", (sender)->GetNodeName().c_str(),     \
+               (receiver)->GetNodeName().c_str());                                     \
+    } else {                                                                           \
+      VLOG_ERR("[%s] Disconnect from [%s] failed!", (receiver)->GetNodeName().c_str(), \
+               (sender)->GetNodeName().c_str());                                       \
+    }                                                                                  \
+  } while (0)
+
 std::atomic<uint32_t> VlinkBuilder::m_nameSlot{10000};
 
 VlinkBuilder::VlinkBuilder(uint32_t viNodeId, OS_E_MPP_DEV_TYPE type)
@@ -67,22 +80,10 @@ uint32_t VlinkBuilder::ConnectAndStartNode(const NodePtr& cur, const NodePtr& ne
     VLOG_ERR("nextNode is nullptr");
     return 1;
   }
-  uint32_t result = cur->ConnectToNode(next);
-  if (result != 0) {
-    VLOG_ERR("ConnectToNode failed!");
-    return result;
-  }
-  result = next->ConnectFromNode(cur);
-  if (result != 0) {
-    VLOG_ERR("ConnectFromNode failed!");
-    return result;
-  }
-  result = next->StartProcess();
-  if (result != 0) {
-    VLOG_ERR("Vo[%u] StartProcess failed!", next->GetNodeId());
-    return result;
-  }
-  return 0;
+  // A failed bind keeps what it made: the host unbinds a partial link.
+  const vlink::LinkResult link = vlink::LinkNodes(cur, next);
+  VLINK_REPORT_LINK_FAILURE(link, next->GetNodeId());
+  return link.code;
 }
 
 uint32_t VlinkBuilder::FindNodeList(uint32_t targetId, const NodePtr& node,
@@ -114,17 +115,10 @@ uint32_t VlinkBuilder::UnBindNode(uint32_t viNodeId, const NodePtr& voNode) {
     return 1;
   }
   const NodePtr front = path.front();
-  uint32_t result = front->DisconnectFromNode(voNode, true);
-  if (result != 0) {
-    VLOG_ERR("[%s] Disconnect to [%s] failed!", front->GetNodeName().c_str(),
-             voNode->GetNodeName().c_str());
-    return result;
-  }
-  result = voNode->DisconnectFromNode(front, false);
-  if (result != 0) {
-    VLOG_ERR("[%s] Disconnect from [%s] failed!", voNode->GetNodeName().c_str(),
-             front->GetNodeName().c_str());
-    return result;
+  vlink::LinkResult unlink = vlink::UnlinkNodes(front, voNode);
+  if (unlink.code != 0) {
+    VLINK_REPORT_UNLINK_FAILURE(unlink, front, voNode);
+    return unlink.code;
   }
   if (front->GetIsViVoNode()) {
     return 0;
@@ -133,22 +127,15 @@ uint32_t VlinkBuilder::UnBindNode(uint32_t viNodeId, const NodePtr& voNode) {
   NodePtr pending;
   for (const NodePtr& node : path) {
     if (pending) {
-      result = pending->StopProcess();
+      const uint32_t result = pending->StopProcess();
       if (result != 0) {
         VLOG_ERR("[%s] StopProcess failed!", pending->GetNodeName().c_str());
         return result;
       }
-      result = node->DisconnectFromNode(pending, true);
-      if (result != 0) {
-        VLOG_ERR("[%s] Disconnect to [%s] failed!", node->GetNodeName().c_str(),
-                 pending->GetNodeName().c_str());
-        return result;
-      }
-      result = pending->DisconnectFromNode(node, false);
-      if (result != 0) {
-        VLOG_ERR("[%s] Disconnect from [%s] failed!", pending->GetNodeName().c_str(),
-                 node->GetNodeName().c_str());
-        return result;
+      unlink = vlink::UnlinkNodes(node, pending);
+      if (unlink.code != 0) {
+        VLINK_REPORT_UNLINK_FAILURE(unlink, node, pending);
+        return unlink.code;
       }
       VideoVlinkNode::DeleteNodeByUnique(pending->GetNodeId());
     }
@@ -170,20 +157,20 @@ uint32_t VlinkBuilder::CreateImageProcessNode(const NodePtr& viNode, uint32_t& n
     return 1;
   }
   process->SetNotViVoFlag();
-  uint32_t result = viNode->ConnectToNode(process);
-  if (result != 0) {
-    VLOG_ERR("VI[%u] ConnectTo process[%u] failed!", viNode->GetNodeId(), id);
-    return result;
-  }
-  result = process->ConnectFromNode(viNode);
-  if (result != 0) {
-    VLOG_ERR("VI[%u] ConnectFrom process[%u] failed!", viNode->GetNodeId(), id);
-    return result;
-  }
-  result = process->StartProcess();
-  if (result != 0) {
-    VLOG_ERR("Process[%u] StartProcess failed!", id);
-    return result;
+  // Nothing is undone on failure: the node stays registered and partly linked.
+  const vlink::LinkResult link = vlink::LinkNodes(viNode, process);
+  switch (link.failed) {
+    case vlink::LinkStep::kSenderSide:
+      VLOG_ERR("VI[%u] ConnectTo process[%u] failed!", viNode->GetNodeId(), id);
+      return link.code;
+    case vlink::LinkStep::kReceiverSide:
+      VLOG_ERR("VI[%u] ConnectFrom process[%u] failed!", viNode->GetNodeId(), id);
+      return link.code;
+    case vlink::LinkStep::kStart:
+      VLOG_ERR("Process[%u] StartProcess failed!", id);
+      return link.code;
+    case vlink::LinkStep::kNone:
+      break;
   }
   nodeId = id;
   return 0;
@@ -203,10 +190,10 @@ uint32_t VlinkBuilder::UnBindDirectSink(uint32_t voNodeId) {
   return result;
 }
 
-uint32_t VlinkBuilder::BindDirectSink(
-    uint32_t voNodeId, const std::function<void(const NodePtr& input)>& afterConnect) {
+uint32_t VlinkBuilder::BindDirectSink(uint32_t voNodeId, const DirectBindSteps& steps) {
   std::lock_guard<std::mutex> lock(m_bindLock);
-  NodePtr input = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(m_viNodeId);
+  NodePtr input = steps.findInput ? steps.findInput()
+                                  : VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(m_viNodeId);
   if (!input) {
     VLOG_ERR("vi node is nullptr");
     return 1;
@@ -216,6 +203,12 @@ uint32_t VlinkBuilder::BindDirectSink(
     VLOG_ERR("vo node is nullptr");
     return 1;
   }
+  if (steps.beforeStart) {
+    const uint32_t result = steps.beforeStart(input, sink);
+    if (result != 0) {
+      return result;
+    }
+  }
   if (m_isFirstBind) {
     const uint32_t result = input->StartProcess();
     if (result != 0) {
@@ -224,11 +217,13 @@ uint32_t VlinkBuilder::BindDirectSink(
     }
   }
   const uint32_t result = ConnectAndStartNode(input, sink);
-  if (afterConnect) {
-    afterConnect(input);
+  if (steps.afterConnect) {
+    steps.afterConnect(input);
   }
   if (result != 0) {
-    VLOG_ERR("Vi[%u] Vo[%u] ConnectAndStartNode failed!", m_viNodeId, voNodeId);
+    if (steps.reportLinkFailure) {
+      VLOG_ERR("Vi[%u] Vo[%u] ConnectAndStartNode failed!", m_viNodeId, voNodeId);
+    }
     return result;
   }
   m_isFirstBind = false;

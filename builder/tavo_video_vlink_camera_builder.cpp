@@ -94,13 +94,12 @@ uint32_t VlinkCameraBuilder::UnBindVo(uint32_t voNodeId) {
   if (!bgNode) {
     return 1;
   }
-  uint32_t result = sink->DisconnectFromNode(bgNode, false);
-  if (result == 0) {
-    result = bgNode->DisconnectFromNode(sink, false);
-  }
-  if (result != 0) {
+  // The sink's half first: it stops taking frames from the node before the node lets go.
+  const vlink::LinkResult unlink =
+      vlink::UnlinkNodes(bgNode, sink, vlink::UnlinkOrder::kReceiverFirst);
+  if (unlink.code != 0) {
     VLOG_ERR("UnBindNode voNodeId[%u] failed!", voNodeId);
-    return result;
+    return unlink.code;
   }
   VLOG_ERR("VlinkCameraBuilder::UnBindVo end voNodeId[%u] midNodeId[%u]", voNodeId, bgNodeId);
   return 0;

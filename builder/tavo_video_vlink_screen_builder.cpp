@@ -4,57 +4,32 @@
 #include "screen/tavo_video_vlink_screen_capture_node.h"
 
 uint32_t VlinkScreenBuilder::BindVo(uint32_t voNodeId) {
-  std::lock_guard<std::mutex> lock(m_bindLock);
-  std::shared_ptr<ScreenCaptureNode> screen =
-      VideoVlinkNode::GetNodeByUnique<ScreenCaptureNode>(m_viNodeId);
-  if (!screen) {
-    VLOG_ERR("vi node is nullptr");
-    return 1;
-  }
-  NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(voNodeId);
-  if (!sink) {
-    VLOG_ERR("vo node is nullptr");
-    return 1;
-  }
-  sink->SetViNodeId(m_viNodeId);
-  const bool isEncoder = sink->GetNodeType() == OS_E_MPP_DEV_VENC;
-  uint32_t width = 0;
-  uint32_t height = 0;
-  uint32_t fps = 0;
-  if (isEncoder && sink->GetNodeResolution(width, height, fps) != 0) {
-    width = height = fps = 0;
-  }
-  if (m_isFirstBind) {
-    if (isEncoder) {
+  DirectBindSteps steps;
+  steps.findInput = [this] {
+    return VideoVlinkNode::GetNodeByUnique<ScreenCaptureNode>(m_viNodeId);
+  };
+  // The sink learns its input; an encoder sink bound first sets the screen's rate and size.
+  steps.beforeStart = [this](const NodePtr& input, const NodePtr& sink) -> uint32_t {
+    sink->SetViNodeId(m_viNodeId);
+    const bool isEncoder = sink->GetNodeType() == OS_E_MPP_DEV_VENC;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t fps = 0;
+    if (isEncoder && sink->GetNodeResolution(width, height, fps) != 0) {
+      width = height = fps = 0;
+    }
+    if (m_isFirstBind && isEncoder) {
+      auto* screen = static_cast<ScreenCaptureNode*>(input.get());
       screen->SetCaptureFps(fps);
       if (screen->SetEncodeResolution(width, height) != 0) {
         VLOG_ERR("SetEncodeResolution failed");
         return 1;
       }
     }
-    const uint32_t result = screen->StartProcess();
-    if (result != 0) {
-      VLOG_ERR("Vi[%u] StartProcess failed!", m_viNodeId);
-      return result;
-    }
-  }
-  uint32_t result = screen->ConnectToNode(sink);
-  if (result != 0) {
-    VLOG_ERR("ConnectToNode failed!");
-    return result;
-  }
-  result = sink->ConnectFromNode(screen);
-  if (result != 0) {
-    VLOG_ERR("ConnectFromNode failed!");
-    return result;
-  }
-  result = sink->StartProcess();
-  if (result != 0) {
-    VLOG_ERR("Vo[%u] StartProcess failed!", voNodeId);
-    return result;
-  }
-  m_isFirstBind = false;
-  return 0;
+    return 0;
+  };
+  steps.reportLinkFailure = false;
+  return BindDirectSink(voNodeId, steps);
 }
 
 uint32_t VlinkScreenBuilder::UnBindVo(uint32_t voNodeId) {
@@ -107,15 +82,8 @@ uint32_t VlinkScreenBuilder::CreateProcessNode(uint32_t width, uint32_t height,
     VLOG_ERR("process node is nullptr");
     return 1;
   }
-  uint32_t result = process->ConnectToNode(sinkNode);
-  if (result != 0) {
-    VLOG_ERR("ConnectToNode failed!");
-    return result;
-  }
-  result = sinkNode->ConnectFromNode(process);
-  if (result != 0) {
-    VLOG_ERR("ConnectFromNode failed!");
-    return result;
-  }
-  return 0;
+  // The sink is already started; nothing is undone on failure.
+  const vlink::LinkResult link = vlink::LinkNodes(process, sinkNode, {.startReceiver = false});
+  VLINK_REPORT_LINK_FAILURE(link, sinkNode->GetNodeId());
+  return link.code;
 }

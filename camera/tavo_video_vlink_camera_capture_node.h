@@ -85,8 +85,9 @@ class CameraCaptureNode : public VideoVlinkNode {
   std::mutex m_releaseLock;
   std::condition_variable m_releaseCond;
   // Serialises SetParam, start and stop, held across a stop's bounded wait for frames.
-  // ReleaseFrame and the capture thread never take it; no host callback and no registry
-  // call runs under it.
+  // ReleaseFrame and the capture thread never take it, so no frame is queued under it (and
+  // the frames waited for can come back); no host callback and no registry call runs under
+  // it.
   std::mutex m_mutex;
   std::atomic<bool> m_firstFrame{true};
   std::atomic<uint32_t> m_bufferCnt{0};

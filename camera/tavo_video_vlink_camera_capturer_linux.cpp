@@ -22,8 +22,7 @@ const uint32_t g_transFormat[] = {PELV_IMAGE_FORMAT_MJPEG, PELV_IMAGE_FORMAT_I42
 constexpr uint32_t kMaxFrameIntervals = 256;
 // Dequeue failures repeat per frame (an unplugged camera fails at every step): a line is
 // written for the first failure of a kind and then for every 100th in a row.
-constexpr uint32_t kDequeueLogPace = 100;
-constexpr uint32_t kAbnormalLogPace = 100;
+constexpr uint32_t kAbnormalLogPace = vlink::kPerFrameLogEvery;
 constexpr uint32_t kStopAttempts = 10;
 constexpr uint32_t kStopRetryMs = 2;
 
@@ -125,7 +124,7 @@ uint32_t DevCaptureCameraLinux::CaptureStart(tagCameraCaptureParams* params) {
   m_selectTimeoutCnt = 0;
   m_notReadyCnt = 0;
   m_abnormalTotal = 0;
-  m_dequeueErrorCnt = 0;
+  m_dequeueErrorLog.Reset();
   m_lastDequeueError = 0;
   m_isCapturing.store(true, std::memory_order_release);
   // The thread keeps its own copy of the callback: SetCaptureCallback on the control thread
@@ -494,9 +493,9 @@ void DevCaptureCameraLinux::Capturing(const CaptureFrameCallback& callback) {
     const int error = errno;
     if (error != m_lastDequeueError) {
       m_lastDequeueError = error;
-      m_dequeueErrorCnt = 0;
+      m_dequeueErrorLog.Reset();
     }
-    if (m_dequeueErrorCnt++ % kDequeueLogPace == 0) {
+    if (m_dequeueErrorLog.Due()) {
       if (error == ENODEV) {
         VLOG_ERR("could not sync on a buffer on device %s", ErrorText(error));
       } else {
@@ -531,7 +530,7 @@ void DevCaptureCameraLinux::Capturing(const CaptureFrameCallback& callback) {
 
 void DevCaptureCameraLinux::StatusAbnormalCnt() {
   m_abnormalTotal = m_selectErrorCnt + m_selectTimeoutCnt + m_notReadyCnt;
-  if (m_abnormalTotal % kAbnormalLogPace == 0) {
+  if (vlink::IsPacedTurn(m_abnormalTotal, kAbnormalLogPace)) {
     VLOG_ERR("%s failed cnt:%u %u %u", "StatusAbnormalCnt", m_selectErrorCnt, m_selectTimeoutCnt,
              m_notReadyCnt);
   }

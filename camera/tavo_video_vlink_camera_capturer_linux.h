@@ -18,6 +18,7 @@
 
 #include "camera/tavo_video_vlink_capture_proxy.h"
 #include "core/tavo_video_named_thread.h"
+#include "trace/tavo_video_log_pacer.h"
 
 // Raw pixel formats the capturer asks the driver for.
 enum CaptureFormatLinux : uint32_t {
@@ -99,6 +100,6 @@ class DevCaptureCameraLinux : public IDevCaptureProxy {
   uint32_t m_selectTimeoutCnt = 0;
   uint32_t m_notReadyCnt = 0;
   uint32_t m_abnormalTotal = 0;
-  uint32_t m_dequeueErrorCnt = 0;
+  vlink::LogPacer m_dequeueErrorLog;  // counts one error code; another starts over
   int m_lastDequeueError = 0;
 };

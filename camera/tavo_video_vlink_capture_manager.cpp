@@ -13,9 +13,6 @@
 
 namespace {
 
-// Failing frames repeat at the camera's rate: the lines of the first failure in a row and
-// of every 100th after it are written.
-constexpr uint32_t kFrameLogPace = 100;
 constexpr uint32_t kQiKindCapture = 2;
 
 // The process-wide manager number; changed only by Init on the control thread.
@@ -157,26 +154,26 @@ int DevCaptureManager::OnCaptureCbkFrame(_PEL_V_FRAME& frame) {
     if (lock.owns_lock()) {
       lock.unlock();
     }
-    if (m_droppedFrames++ % kFrameLogPace == 0) {
+    if (m_droppedFrames.Due()) {
       VLOG_ERR("m_captureMutex lock fail or capture is stopped");
     }
     return 1;
   }
-  m_droppedFrames = 0;
+  m_droppedFrames.Reset();
   StreamQiIn(m_qiHandle, frame.data, frame.dataSize);
-  const bool quiet = m_failedFrames % kFrameLogPace != 0;
+  const bool quiet = !m_failedFrames.NextDue();
   m_quietFrame = quiet;
   const uint32_t converted = FrameConvert(frame);
   m_quietFrame = false;
   if (converted != 0) {
-    ++m_failedFrames;
+    m_failedFrames.Due();
     lock.unlock();
     if (!quiet) {
       VLOG_ERR("FrameConvert fail");
     }
     return 1;
   }
-  m_failedFrames = 0;
+  m_failedFrames.Reset();
   StreamQiOut(m_qiHandle, frame.data, frame.dataSize);
   CaptureFrameCallback callback = m_captureCallback;
   lock.unlock();
@@ -282,10 +279,10 @@ uint32_t DevCaptureManager::CopyNv21(_PEL_V_FRAME& frame) {
   return 0;
 }
 
-uint32_t DevCaptureManager::TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t bytesPerPixel,
-                                                uint64_t extraBytes, PackedToI420 convert,
-                                                const char* failure) {
-  if (!HasBytes(frame, uint64_t{frame.width} * bytesPerPixel * frame.height + extraBytes)) {
+uint32_t DevCaptureManager::ConvertIntoBlock(_PEL_V_FRAME& frame, uint64_t needed,
+                                             const char* failure,
+                                             const std::function<int(uint8_t* block)>& convert) {
+  if (!HasBytes(frame, needed)) {
     return 1;
   }
   uint32_t size = 0;
@@ -293,9 +290,7 @@ uint32_t DevCaptureManager::TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t by
   if (block == nullptr) {
     return 1;
   }
-  const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const int ret = convert(frame.data, Int(frame.width * bytesPerPixel), out.y, out.strideY, out.u,
-                          out.strideUv, out.v, out.strideUv, Int(frame.width), Int(frame.height));
+  const int ret = convert(block);
   if (ret != 0) {
     ReleaseBuffer(block);
     FRAME_ERR("%s%d", failure, ret);
@@ -303,6 +298,17 @@ uint32_t DevCaptureManager::TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t by
   }
   TakeBlock(frame, block, size);
   return 0;
+}
+
+uint32_t DevCaptureManager::TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t bytesPerPixel,
+                                                uint64_t extraBytes, PackedToI420 convert,
+                                                const char* failure) {
+  const uint64_t needed = uint64_t{frame.width} * bytesPerPixel * frame.height + extraBytes;
+  return ConvertIntoBlock(frame, needed, failure, [&](uint8_t* block) {
+    const I420Planes out = PlanesOf(block, frame.width, frame.height);
+    return convert(frame.data, Int(frame.width * bytesPerPixel), out.y, out.strideY, out.u,
+                   out.strideUv, out.v, out.strideUv, Int(frame.width), Int(frame.height));
+  });
 }
 
 uint32_t DevCaptureManager::TransYuy2ToYuv420(_PEL_V_FRAME& frame) {
@@ -322,26 +328,14 @@ uint64_t SemiPlanarBytes(uint32_t width, uint32_t height) {
 
 uint32_t DevCaptureManager::TransSemiPlanarToYuv420(_PEL_V_FRAME& frame, SemiPlanarToI420 convert,
                                                     const char* failure) {
-  if (!HasBytes(frame, SemiPlanarBytes(frame.width, frame.height))) {
-    return 1;
-  }
-  uint32_t size = 0;
-  uint8_t* block = NewBlock(frame.width, frame.height, size);
-  if (block == nullptr) {
-    return 1;
-  }
-  const I420Planes out = PlanesOf(block, frame.width, frame.height);
-  const uint8_t* chroma = frame.data + size_t{frame.width} * frame.height;
-  const int ret =
-      convert(frame.data, Int(frame.width), chroma, Int(frame.width), out.y, out.strideY, out.u,
-              out.strideUv, out.v, out.strideUv, Int(frame.width), Int(frame.height));
-  if (ret != 0) {
-    ReleaseBuffer(block);
-    FRAME_ERR("%s%d", failure, ret);
-    return 1;
-  }
-  TakeBlock(frame, block, size);
-  return 0;
+  return ConvertIntoBlock(frame, SemiPlanarBytes(frame.width, frame.height), failure,
+                          [&](uint8_t* block) {
+                            const I420Planes out = PlanesOf(block, frame.width, frame.height);
+                            const uint8_t* chroma = frame.data + size_t{frame.width} * frame.height;
+                            return convert(frame.data, Int(frame.width), chroma, Int(frame.width),
+                                           out.y, out.strideY, out.u, out.strideUv, out.v,
+                                           out.strideUv, Int(frame.width), Int(frame.height));
+                          });
 }
 
 uint32_t DevCaptureManager::TransNv12ToYuv420(_PEL_V_FRAME& frame) {

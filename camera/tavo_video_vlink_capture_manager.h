@@ -10,11 +10,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "camera/tavo_video_vlink_capture_proxy.h"
+#include "trace/tavo_video_log_pacer.h"
 
 // The text-overlay interface of the platform. Linux has none (CreateCsnProxy gives an
 // empty owner), so every overlay request is refused there.
@@ -61,6 +63,10 @@ class DevCaptureManager {
   // `failure` is the log text before the converter's code.
   using PackedToI420 = int (*)(const uint8_t*, int, uint8_t*, int, uint8_t*, int, uint8_t*, int,
                                int, int);
+  // Converts into a new block of the frame's size, which becomes the frame's memory; a
+  // frame shorter than `needed` or a failed conversion (logged with `failure`) gives 1.
+  uint32_t ConvertIntoBlock(_PEL_V_FRAME& frame, uint64_t needed, const char* failure,
+                            const std::function<int(uint8_t* block)>& convert);
   uint32_t TransPackedToYuv420(_PEL_V_FRAME& frame, uint32_t bytesPerPixel, uint64_t extraBytes,
                                PackedToI420 convert, const char* failure);
   // NV12 or NV21 (luma, then interleaved chroma, both with stride width) to I420.
@@ -111,7 +117,8 @@ class DevCaptureManager {
   std::unique_ptr<IDevCaptureProxy> m_devCaptureProxy;
   // Guards start, stop and each frame's conversion. Taken blocking by start and stop (which
   // join the capture thread under it), only tried by the frame path. No host callback runs
-  // under it; the node's frame callback runs after it is released.
+  // under it; a frame is converted under it but never queued: the node's frame callback,
+  // which sends, runs after it is released.
   std::recursive_mutex m_captureMutex;
   std::unique_ptr<CsnProxy> m_csnProxy;
   CaptureFrameCallback m_captureCallback;
@@ -120,7 +127,9 @@ class DevCaptureManager {
   void* m_qiHandle = nullptr;
   std::atomic<bool> m_isCapturing{false};
   // Frame-path refusals repeat per frame: counted to pace their log lines.
-  uint32_t m_droppedFrames = 0;
-  uint32_t m_failedFrames = 0;
+  // Failing frames repeat at the camera's rate: the lines of the first failure in a row and
+  // of every 100th after it are written.
+  vlink::LogPacer m_droppedFrames;
+  vlink::LogPacer m_failedFrames;
   bool m_quietFrame = false;  // capture thread: this frame's conversion lines are paced out
 };

@@ -10,14 +10,18 @@ endif()
 
 set(VLINK_WARNINGS -Wall -Wextra -Wshadow -Wconversion -Wno-sign-conversion)
 
+include(VlinkLayers)
+
 # vlink_library(NAME <target> SRCS ... PUBLIC_DEPS ... DEPS ...)
 # A static, position-independent part of libtavo_video_vlink.so. PUBLIC_DEPS are what its
 # headers expose; DEPS what only its sources use. Both say what it really uses, so the
-# target graph draws the layering.
+# target graph draws the layering. Its sources see only the folders its layer (the folder it
+# is declared in) may include.
 function(vlink_library)
   cmake_parse_arguments(ARG "" "NAME" "SRCS;PUBLIC_DEPS;DEPS" ${ARGN})
   add_library(${ARG_NAME} STATIC ${ARG_SRCS})
-  target_include_directories(${ARG_NAME} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+  vlink_layer_of_folder(layer)
+  vlink_include_root(${ARG_NAME} ${layer})
   target_compile_options(${ARG_NAME} PRIVATE ${VLINK_WARNINGS})
   target_link_libraries(${ARG_NAME} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_DEPS})
 endfunction()
@@ -26,6 +30,7 @@ endfunction()
 function(vlink_test)
   cmake_parse_arguments(ARG "" "NAME" "SRCS;DEPS" ${ARGN})
   add_executable(${ARG_NAME} ${ARG_SRCS})
+  vlink_include_root(${ARG_NAME} tests)
   target_compile_options(${ARG_NAME} PRIVATE ${VLINK_WARNINGS})
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main)
   gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)

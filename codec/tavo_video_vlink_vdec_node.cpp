@@ -210,16 +210,15 @@ uint32_t VirtualDecoderNode::CalcFrameRate() {
   const uint64_t now = OsVLinkGetTimestampUs();
   if (frameNum == 0) {
     VLOG_INF("[%s] Vdec revice first frame.", m_nodeName.c_str());
-    m_lastFpsTime = now;
+    m_rateLog.Start(now);
     frameNum = 1;
     return 0;
   }
   ++frameNum;
-  if (now - m_lastFpsTime >= kRateReportPeriodUs) {
+  if (m_rateLog.Due(now)) {
     VLOG_INF("[%s] m_nodeId[%d]: frameNum[%d] fps[%f]", m_nodeName.c_str(),
              static_cast<int>(m_nodeId), static_cast<int>(frameNum),
              m_frameRateRecorder->GetRate());
-    m_lastFpsTime = now;
   }
   return 0;
 }

@@ -65,12 +65,12 @@ class VirtualDecoderNode : public VideoVlinkNode {
  private:
   std::unique_ptr<FrameRateRecorder> m_frameRateRecorder;  // made on the first frame
   uint32_t frameNum = 0;
-  uint64_t m_lastFpsTime = 0;
+  vlink::PeriodicLog m_rateLog{kRateReportPeriodUs};                      // guarded by m_rateLock
   tagTavoVideoVDecParam m_param{};                                        // guarded by m_nodeLock
   std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, OsvGraphicBuffer*> m_frameMap;  // guarded by m_nodeLock
   std::atomic<TavoVideoDefreezeStrategy> m_freezeStrategy{kDefaultFreezeStrategy};
   std::atomic<bool> m_freezeApplied{true};
-  // Guards the recorder and the counters (frames come from any host thread); no host
-  // callback runs under it.
+  // Guards the recorder, the counters and the rate report (frames come from any host
+  // thread); no host callback runs under it and no frame is queued under it.
   std::mutex m_rateLock;
 };

@@ -125,7 +125,7 @@ class InstanceManager {
 
   std::unordered_map<uint64_t, EntryList> m_table;  // guarded by m_lock
   // Guards m_table and m_count. Node constructors run under it (they must not call back
-  // into the registry); no host callback does.
+  // into the registry); no host callback does, and no frame is queued under it.
   std::mutex m_lock;
   uint64_t m_count = 0;
 };

@@ -141,7 +141,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
 
   // Lock order: a sender's node lock, then the receiver's task lock, then the pool's locks.
   // Host callbacks that may run under it: the render callback (preview) and the encoder
-  // frame callback; never the decoder release or first-frame callbacks.
+  // frame callback; never the decoder release or first-frame callbacks. SendBuffer queues
+  // every receiver's task under it, so the receiver list cannot change while a frame's batch
+  // is made; no task runs under it. Recursive: a node's own operations nest.
   std::recursive_mutex m_nodeLock;  // guards m_prevNodes, m_nextNodes, m_requirement
   uint32_t m_nodeId;
   std::atomic<bool> m_isStart{false};
@@ -164,7 +166,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   NodeList m_nextNodes;
   uint32_t m_viNodeId = 0xFFFFFFFFU;
   // Serialises start, stop and shutdown. Host callbacks that may run under it: the encoder
-  // create callback (a start); a host must not start or stop the same node from it.
+  // create callback (a start); a host must not start or stop the same node from it. No
+  // frame is queued under it: a node's threads send without it, and a stop refuses new
+  // frames before it waits for the queued ones.
   std::mutex m_lifecycleLock;
   bool m_shutDown = false;  // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};

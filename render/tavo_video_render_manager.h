@@ -31,7 +31,7 @@ class DevRenderManager {
   static std::unique_ptr<IDevRenderStreamProxy> CreateRenderProxy(PelvRenderMode mode);
 
   // Guards m_renderProxy; serialises frames, stop and deletion. The host's render callback
-  // runs under it.
+  // runs under it; no frame is queued under it (a preview is a sink).
   std::mutex m_renderLock;
   std::unique_ptr<IDevRenderStreamProxy> m_renderProxy;
   uint64_t m_window = 0;

@@ -16,10 +16,9 @@ namespace {
 std::atomic<bool> g_isSorenProcessor{false};
 // Shared by all adapters and never reset: their only use is to thin out the error lines
 // of a failure that repeats every frame.
-std::atomic<uint32_t> g_callbackFailures{0};
-std::atomic<uint32_t> g_convertFailures{0};
-
 constexpr uint32_t kLogEvery = 1000;
+vlink::LogPacer g_callbackFailures(kLogEvery);
+vlink::LogPacer g_convertFailures(kLogEvery);
 
 }  // namespace
 
@@ -116,7 +115,7 @@ uint32_t DevRenderLinuxAdapter::RenderFrame(OsvGraphicBuffer* buffer) {
   if (header.data == nullptr) {
     return prepared != 0 ? prepared : 1;
   }
-  if (m_frameCount % kLogEvery == 1) {
+  if (vlink::IsPacedTurn(m_frameCount - 1U, kLogEvery)) {
     VLOG_INF("m_outImgHeader %u %d %d %d | %u %u %u %u %u | %u %u %u", WindowId(),
              static_cast<int>(m_cpuType), static_cast<int>(header.format),
              static_cast<int>(header.planeMode), header.headerSize, header.width, header.height,
@@ -127,8 +126,8 @@ uint32_t DevRenderLinuxAdapter::RenderFrame(OsvGraphicBuffer* buffer) {
   if (result == 0) {
     return 0;
   }
-  const uint32_t failures = ++g_callbackFailures;
-  if (failures % kLogEvery == 1) {
+  uint64_t failures = 0;
+  if (g_callbackFailures.Due(&failures)) {
     VLOG_ERR("callback failed, ret[%d],cnt[%d].", result, static_cast<int>(failures));
   }
   return static_cast<uint32_t>(result);
@@ -183,9 +182,10 @@ uint32_t DevRenderLinuxAdapter::RenderRgbHdlPadding(OsvGraphicBuffer* buffer) {
   header.data = m_imgBuff.get();
   const int32_t converted = ChangeI420ToRGB(buffer, m_imgBuff.get(), info.width, info.height);
   if (converted != 0) {
-    const uint32_t failures = ++g_convertFailures;
-    if (failures % kLogEvery == 1) {
-      VLOG_ERR("%s failed, ret:%d, cnt:%u.", "RenderRgbHdlPadding", converted, failures);
+    uint64_t failures = 0;
+    if (g_convertFailures.Due(&failures)) {
+      VLOG_ERR("%s failed, ret:%d, cnt:%u.", "RenderRgbHdlPadding", converted,
+               static_cast<uint32_t>(failures));
     }
     return static_cast<uint32_t>(converted);
   }

@@ -42,7 +42,7 @@ class DevRenderLinuxAdapter : public IDevRenderStreamProxy {
   uint32_t WindowId() const { return static_cast<uint32_t>(m_winHandle); }
 
   // Guards every field below. The host's render callback runs under it: the callback must
-  // not call back into this renderer.
+  // not call back into this renderer. A frame is handed to the host under it, never queued.
   std::mutex m_frameLock;
   uint64_t m_winHandle = 0;
   uint32_t m_frameCount = 0;

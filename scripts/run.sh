@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
-# Builds the library and runs the host program end to end with input that needs no device.
-# By default a test-image input (the generated test pattern) feeds an encoder output and
-# every frame is written to out/vlink_out.y4m; --mode preview and --mode decode run the
-# preview-window and decoded-frame paths (PNGs of each window's last frame in out/).
-# usage: scripts/run.sh [--no-install] [host program options, e.g. --frames 20 --trace 3]
+# Installs the build's dependencies (unless --no-install), builds the library and runs the
+# host program tools/vlink_host end to end with input that needs no device. By default it
+# runs the tour: a test image, a private Xvfb screen, decoded frames and the file camera with
+# the virtual background, four links at once for about ten seconds. out/ gets one Y4M per
+# link, a PNG of every preview window, contact_sheet.png (labelled tiles), timeline.png with
+# timeline.csv (each link's latency over the run) and trace.log (the library's trace lines;
+# on the terminal too with --trace-to-terminal). --mode encode|preview|decode|screen|camera
+# runs one path alone.
+# usage: scripts/run.sh [--no-install] [host program options, e.g. --seconds 5 --trace 3]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "host_clock.h"
+#include "host_plots.h"
 
 namespace {
 
@@ -86,6 +87,9 @@ uint32_t EncoderSink::OnFrame(uint32_t imgNo, uint32_t /*hostKey*/, uint32_t /*h
     f.latencySumUs += latency;
     f.latencyMaxUs = std::max(f.latencyMaxUs, latency);
     sink->m_queue.emplace_back(frame, now);
+    if (!sink->m_timelineName.empty()) {
+      RecordLatency(sink->m_timelineName, "hand-off", now, latency);
+    }
   }
   sink->m_changed.notify_all();
   return 1;  // exactly 1 accepts the frame

@@ -54,6 +54,9 @@ class EncoderSink {
   void SetInspector(std::function<void(const OsvGraphicBuffer&, uint64_t arrivalUs)> inspector) {
     m_inspector = std::move(inspector);
   }
+  // Each frame's hand-off latency goes to the timeline under this link name. Set before the
+  // encoder exists.
+  void SetTimelineName(std::string link) { m_timelineName = std::move(link); }
   // Waits up to `wait` until `frames` frames were received; true when they were.
   bool WaitFrames(uint32_t frames, std::chrono::milliseconds wait);
   // Waits up to `wait` until every frame received was given back; true when it was. Call
@@ -95,5 +98,6 @@ class EncoderSink {
   };
   std::deque<Output> m_outputs;
   std::function<void(const OsvGraphicBuffer&, uint64_t)> m_inspector;
+  std::string m_timelineName;
   std::thread m_writer;
 };

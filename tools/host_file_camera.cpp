@@ -41,8 +41,15 @@ std::string BuiltFile(const std::string& name, bool inTools) {
     return "";
   }
   const std::filesystem::path dir = inTools ? self.parent_path() : self.parent_path().parent_path();
-  const std::filesystem::path file = dir / name;
-  return std::filesystem::is_regular_file(file, error) ? file.string() : "";
+  // In an installed tree (bin/vlink_host) libraries lie in lib/, data in share/tavo_video/.
+  const std::filesystem::path installed = self.parent_path().parent_path();
+  for (const std::filesystem::path& file :
+       {dir / name, installed / "lib" / name, installed / "share" / "tavo_video" / name}) {
+    if (std::filesystem::is_regular_file(file, error)) {
+      return file.string();
+    }
+  }
+  return "";
 }
 
 bool RealCameraPresent(const std::string& busId) {

@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "host_clock.h"
+#include "host_plots.h"
 #include "host_render_windows.h"
 #include "tools/common/host_image.h"
 
@@ -19,8 +20,10 @@ constexpr auto kProgressEvery = std::chrono::seconds(1);
 constexpr uint32_t kTileWidth = 640;
 constexpr uint32_t kTileHeight = 360;
 
-// The newest frame of every preview in a grid of two columns, each scaled to fit its tile.
-bool WriteContactSheet(const std::vector<std::unique_ptr<Leg>>& legs, const std::string& path) {
+// The newest frame of every preview in a grid of two columns, each scaled to fit its tile
+// and labelled with its link's figures.
+bool WriteContactSheet(const std::vector<std::unique_ptr<Leg>>& legs,
+                       const std::vector<LegRow>& figures, const std::string& path) {
   const uint32_t columns = legs.size() > 1 ? 2 : 1;
   const uint32_t rows = static_cast<uint32_t>((legs.size() + columns - 1) / columns);
   RgbImage sheet;
@@ -30,12 +33,24 @@ bool WriteContactSheet(const std::vector<std::unique_ptr<Leg>>& legs, const std:
   for (size_t i = 0; i < legs.size(); ++i) {
     const int window = WindowIndex(legs[i]->Window());
     RgbImage tile;
-    if (!legs[i]->Showcase(tile) &&
-        (window < 0 || !LatestImage(static_cast<size_t>(window), tile))) {
-      continue;
+    const uint32_t x = static_cast<uint32_t>(i % columns) * kTileWidth;
+    const uint32_t y = static_cast<uint32_t>(i / columns) * kTileHeight;
+    if (legs[i]->Showcase(tile) ||
+        (window >= 0 && LatestImage(static_cast<size_t>(window), tile))) {
+      PasteScaled(tile, sheet, x, y, kTileWidth, kTileHeight);
     }
-    PasteScaled(tile, sheet, static_cast<uint32_t>(i % columns) * kTileWidth,
-                static_cast<uint32_t>(i / columns) * kTileHeight, kTileWidth, kTileHeight);
+    const LegRow& r = figures[i];
+    char counts[96];
+    std::snprintf(counts, sizeof(counts), "%u frames, %.2f frames/s", r.frames, r.rate);
+    char latency[96];
+    std::snprintf(latency, sizeof(latency), "%s %.3f ms mean, %.3f max",
+                  r.link == "decoded frames" ? "push to release" : "hand-off", r.latencyMs,
+                  r.latencyMaxMs);
+    std::vector<std::string> lines{r.ok ? r.link : r.link + " (FAILED)", counts, latency};
+    if (!r.sheetNote.empty()) {
+      lines.push_back(r.sheetNote);
+    }
+    LabelTile(sheet, x, y, lines);
   }
   std::string error;
   if (!WritePng(path, sheet, error)) {
@@ -177,10 +192,18 @@ int RunLegs(std::vector<std::unique_ptr<Leg>>& legs, const Library& lib, const O
   }
   const bool pngsOk = WritePngs(options.outDir);
   const std::string sheet = (std::filesystem::path(options.outDir) / "contact_sheet.png").string();
-  const bool sheetOk = WriteContactSheet(legs, sheet);
+  const bool sheetOk = WriteContactSheet(legs, rows, sheet);
+  std::string timelineError;
+  const bool timelineOk = WriteTimeline(options.outDir, start, timelineError);
   PrintTable(rows, ran, cpu);
   if (sheetOk) {
     std::printf("contact sheet: %s\n", sheet.c_str());
+  }
+  if (timelineOk) {
+    std::printf("timeline: %s\n",
+                (std::filesystem::path(options.outDir) / "timeline.png").string().c_str());
+  } else {
+    std::printf("no timeline: %s\n", timelineError.c_str());
   }
   CloseSummary(teardown, display, options.linger);
   return ok && targetMet && pngsOk && sheetOk && teardown == 0 ? 0 : 1;

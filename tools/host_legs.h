@@ -25,6 +25,7 @@ struct LegRow {
   uint32_t previewFrames = 0;
   std::string output;
   std::string notes;
+  std::string sheetNote;  // an extra line for the link's contact-sheet tile
   bool ok = false;
 };
 

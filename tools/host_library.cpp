@@ -3,8 +3,14 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <system_error>
 
 namespace {
 
@@ -33,12 +39,50 @@ auto FindRow(const Row* table, uint32_t count, uint32_t type, uint32_t srcType =
   return nullptr;
 }
 
-void OnTrace(uint32_t /*level*/, const char* text) {
-  // Texts start with a line break and a coloured prefix; print them as one line.
+// Where the library's trace lines go: a file (out/trace.log by default) and, when asked, the
+// terminal. Lines of every level are counted for the summary.
+struct TraceSink {
+  std::mutex lock;  // guards file; trace callbacks come from any library thread
+  FILE* file = nullptr;
+  bool terminal = false;
+  std::string path;
+  std::atomic<uint32_t> errors{0};
+  std::atomic<uint32_t> warnings{0};
+};
+TraceSink g_trace;
+
+void OnTrace(uint32_t level, const char* text) {
+  if (level == TAVO_VIDEO_TRACE_ERROR) {
+    ++g_trace.errors;
+  } else if (level == TAVO_VIDEO_TRACE_WARNING) {
+    ++g_trace.warnings;
+  }
+  // Texts start with a line break and a coloured prefix; print them as one line, and
+  // without the colour codes in the file.
   while (*text == '\r' || *text == '\n') {
     ++text;
   }
-  std::fprintf(stderr, "%s\n", text);
+  if (g_trace.terminal) {
+    std::fprintf(stderr, "%s\n", text);
+  }
+  std::string plain;
+  for (const char* c = text; *c != '\0'; ++c) {
+    if (*c == '\033') {
+      while (*c != '\0' && *c != 'm') {
+        ++c;
+      }
+      if (*c == '\0') {
+        break;
+      }
+      continue;
+    }
+    plain += *c;
+  }
+  std::lock_guard<std::mutex> lock(g_trace.lock);
+  if (g_trace.file != nullptr) {
+    std::fprintf(g_trace.file, "%s\n", plain.c_str());
+    std::fflush(g_trace.file);
+  }
 }
 
 std::string ContainerName(uint32_t component) {
@@ -77,7 +121,19 @@ bool Library::Load(const std::string& path) {
          BindSymbol(handle, setWinReportCb, "TavoVideoSetWinReportCb");
 }
 
-void Library::Start(int traceLevel) const {
+void Library::Start(int traceLevel, const std::string& tracePath, bool toTerminal) const {
+  g_trace.terminal = toTerminal;
+  if (!tracePath.empty()) {
+    std::error_code error;
+    std::filesystem::create_directories(std::filesystem::path(tracePath).parent_path(), error);
+    g_trace.file = std::fopen(tracePath.c_str(), "w");
+    if (g_trace.file == nullptr) {
+      std::fprintf(stderr, "cannot write the trace to %s: %s\n", tracePath.c_str(),
+                   std::strerror(errno));
+    } else {
+      g_trace.path = tracePath;
+    }
+  }
   init(0, 0, [] {});
   registerTrace(0, OnTrace);
   registerTrace(1, OnTrace);
@@ -225,4 +281,6 @@ void HostLink::ReleaseContainers() const {
 
 void PrintTeardown(uint32_t teardown) {
   std::printf("teardown: %s\n", teardown == 0 ? "clean" : "failed");
+  std::printf("library trace: %u error lines, %u warning lines%s%s\n", g_trace.errors.load(),
+              g_trace.warnings.load(), g_trace.path.empty() ? "" : " in ", g_trace.path.c_str());
 }

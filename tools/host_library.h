@@ -44,8 +44,9 @@ struct Library {
   // dlopens path and looks up every function above; false, with a message, when one is
   // missing.
   bool Load(const std::string& path);
-  // Initialises the library and prints its traces, up to traceLevel, on stderr.
-  void Start(int traceLevel) const;
+  // Initialises the library and writes its traces, up to traceLevel, to tracePath (none when
+  // empty) and, with toTerminal, to stderr.
+  void Start(int traceLevel, const std::string& tracePath, bool toTerminal) const;
 };
 
 // The four tables this host uses, and the rows it needs from them.
@@ -128,5 +129,6 @@ class HostLink {
   uint32_t m_status = 0;
 };
 
-// The last line of every mode's summary.
+// The last lines of every mode's summary: the teardown and how many error and warning lines
+// the library traced.
 void PrintTeardown(uint32_t teardown);

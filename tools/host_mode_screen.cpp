@@ -108,6 +108,7 @@ class ScreenLeg final : public Leg {
     m_sink = std::make_unique<EncoderSink>(
         m_lib, kEncoderNode.nodeId,
         (std::filesystem::path(m_options.outDir) / "screen.y4m").string());
+    m_sink->SetTimelineName("screen");
     m_link.StoreNodeIds();
     // Set before the screen exists: the library keeps them until the screen starts.
     tagTavoVideoMouseParam mouse{};

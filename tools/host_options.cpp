@@ -11,8 +11,15 @@ std::string BuiltTestPattern() {
   if (error) {
     return "";
   }
-  const std::filesystem::path pattern = self.parent_path().parent_path() / "test_pattern.bmp";
-  return std::filesystem::is_regular_file(pattern, error) ? pattern.string() : "";
+  // Beside the tools folder in a build tree, in share/tavo_video/ in an installed one.
+  const std::filesystem::path root = self.parent_path().parent_path();
+  for (const std::filesystem::path& pattern :
+       {root / "test_pattern.bmp", root / "share" / "tavo_video" / "test_pattern.bmp"}) {
+    if (std::filesystem::is_regular_file(pattern, error)) {
+      return pattern.string();
+    }
+  }
+  return "";
 }
 
 bool ParseOptions(int argc, char** argv, Options& options) {
@@ -84,6 +91,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.links = argv[++i];
     } else if (arg == "--trace" && hasValue) {
       options.trace = std::atoi(argv[++i]);
+    } else if (arg == "--trace-to-terminal") {
+      options.traceToTerminal = true;
     } else {
       ok = false;
     }
@@ -93,7 +102,7 @@ bool ParseOptions(int argc, char** argv, Options& options) {
                  "usage: %s [--mode tour|encode|preview|decode|screen|camera] [--library PATH]\n"
                  "          [--image PATH] [--frames N] [--seconds S] [--out FILE.y4m]\n"
                  "          [--out-dir DIR] [--input FILE.y4m] [--fast] [--no-window]\n"
-                 "          [--linger SECONDS] [--trace 0-4]\n"
+                 "          [--linger SECONDS] [--trace 0-4] [--trace-to-terminal]\n"
                  "          [--cursor independent|drawn|hidden]\n"
                  "          [--camera-id BUS-ID] [--clip FILE.mjpeg|FILE.y4m]\n"
                  "          [--background IMAGE] [--background-off-after N]\n"

@@ -13,8 +13,9 @@ struct Options {
   std::string out = "vlink_out.y4m";
   std::string outDir = "out";
   std::string input;
-  int frames = 0;  // 0: the mode's own default
-  int trace = 1;
+  int frames = 0;                // 0: the mode's own default
+  int trace = 1;                 // the library's trace level: errors
+  bool traceToTerminal = false;  // trace lines also on stderr, not only in out/trace.log
   bool fast = false;
   bool window = true;
   double linger = 0;

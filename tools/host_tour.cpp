@@ -19,6 +19,7 @@
 #include "host_file_camera.h"
 #include "host_legs.h"
 #include "host_modes.h"
+#include "host_plots.h"
 #include "host_render_windows.h"
 #include "tools/common/host_image.h"
 
@@ -48,6 +49,7 @@ class TestLeg final : public Leg {
     m_sink = std::make_unique<EncoderSink>(
         m_lib, kTestEncoder.nodeId,
         (std::filesystem::path(m_options.outDir) / "test_image.y4m").string());
+    m_sink->SetTimelineName("test image");
     m_link.StoreNodeIds();
     auto test = TestImageRecord(m_options.image);
     auto encoder = NewRecord();
@@ -133,6 +135,7 @@ uint32_t OnDecodeRelease(uint32_t /*nodeId*/, tagOS_S_VIDEO_CODEC_IMG_INFO* reco
     slot->inFlight = false;
     ++g_decode.returned;
     const uint64_t held = now - slot->pushedUs;
+    RecordLatency("decoded frames", "push to release", now, held);
     g_decode.holdSumUs += held;
     g_decode.holdMaxUs = std::max(g_decode.holdMaxUs, held);
   }

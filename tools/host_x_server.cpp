@@ -3,13 +3,12 @@
 #ifdef VLINK_HOST_HAS_X11
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+
+#include "tools/common/xvfb_server.h"
+#else
+class XvfbServer {};
 #endif
-#include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -21,7 +20,6 @@
 
 namespace {
 
-constexpr int kStartTimeoutMs = 20000;
 constexpr auto kScenePeriod = std::chrono::milliseconds(33);
 
 }  // namespace
@@ -42,6 +40,7 @@ bool DisplayOpens() {
 #endif
 }
 
+HostXServer::HostXServer() = default;
 HostXServer::~HostXServer() { Stop(); }
 
 bool HostXServer::Start(uint32_t width, uint32_t height) {
@@ -53,56 +52,13 @@ bool HostXServer::Start(uint32_t width, uint32_t height) {
 #else
   m_width = width;
   m_height = height;
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) {
-    m_error = "pipe failed";
+  m_server = std::make_unique<XvfbServer>(std::vector<XvfbScreen>{{width, height, 24}});
+  if (!m_server->Ok()) {
+    m_error = "Xvfb did not start (is it installed?): " + m_server->Error();
+    m_server.reset();
     return false;
   }
-  const std::string screen = std::to_string(width) + "x" + std::to_string(height) + "x24";
-  // The server gets this program's environment without what was preloaded into it (the file
-  // camera, a sanitizer runtime): those are for the host, not for the X server.
-  std::vector<char*> environment;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    if (std::strncmp(*variable, "LD_PRELOAD=", 11) != 0) {
-      environment.push_back(*variable);
-    }
-  }
-  environment.push_back(nullptr);
-  const char* const arguments[] = {"Xvfb",         "-displayfd", "3",   "-screen",  "0",
-                                   screen.c_str(), "-nolisten",  "tcp", "-noreset", nullptr};
-  m_pid = fork();
-  if (m_pid == 0) {
-    // The child: the pipe's write end as descriptor 3, where -displayfd writes the number.
-    dup2(fds[1], 3);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    dup2(null, 2);
-    execvpe("Xvfb", const_cast<char* const*>(arguments), environment.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  if (m_pid < 0) {
-    close(fds[0]);
-    m_error = "fork failed";
-    return false;
-  }
-  std::string number;
-  pollfd waiter{fds[0], POLLIN, 0};
-  while (number.find('\n') == std::string::npos && poll(&waiter, 1, kStartTimeoutMs) > 0) {
-    char chunk[16];
-    const ssize_t got = read(fds[0], chunk, sizeof(chunk));
-    if (got <= 0) {
-      break;
-    }
-    number.append(chunk, static_cast<size_t>(got));
-  }
-  close(fds[0]);
-  if (number.empty()) {
-    m_error = "Xvfb did not start (is it installed?)";
-    Stop();
-    return false;
-  }
-  m_name = ":" + number.substr(0, number.find('\n'));
+  m_name = m_server->Name();
   m_scene = std::thread([this] { Animate(); });
   return true;
 #endif
@@ -182,9 +138,7 @@ void HostXServer::Stop() {
   if (m_scene.joinable()) {
     m_scene.join();
   }
-  if (m_pid > 0) {
-    kill(m_pid, SIGTERM);
-    waitpid(m_pid, nullptr, 0);
-    m_pid = -1;
-  }
+#ifdef VLINK_HOST_HAS_X11
+  m_server.reset();
+#endif
 }

@@ -4,21 +4,22 @@
 // capture shows real motion. The server is stopped and the thread joined when it goes.
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+
+class XvfbServer;
 
 // True when the display $DISPLAY names opens.
 bool DisplayOpens();
 
 class HostXServer {
  public:
-  HostXServer() = default;
+  HostXServer();
   ~HostXServer();
   HostXServer(const HostXServer&) = delete;
   HostXServer& operator=(const HostXServer&) = delete;
@@ -36,7 +37,7 @@ class HostXServer {
  private:
   void Animate();
 
-  pid_t m_pid = -1;
+  std::unique_ptr<XvfbServer> m_server;  // the private Xvfb (tools/common)
   std::string m_name;
   std::string m_error;
   uint32_t m_width = 0;

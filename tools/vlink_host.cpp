@@ -20,10 +20,15 @@
 //   clip, bound to an encoder and a preview; --background, --background-off-after and
 //   --capture-size drive the overlay and capture-size functions.
 //
+// The library's trace lines (level --trace, default 1: errors) go to <out-dir>/trace.log, and
+// to stderr too with --trace-to-terminal; the summary counts its error and warning lines.
+//
 // usage: vlink_host --help (or any option it does not know) prints the options.
 // Without --image the test input shows the test pattern the build writes.
 //
 // Each mode lives in its own host_mode_*.cpp; host_library.h is the way into the library.
+#include <filesystem>
+
 #include "host_file_camera.h"
 #include "host_library.h"
 #include "host_modes.h"
@@ -50,7 +55,9 @@ int main(int argc, char** argv) {
   if (!lib.Load(options.library)) {
     return 1;
   }
-  lib.Start(options.trace);
+  // The library's trace lines go to a file, so that the terminal shows the host's own lines.
+  lib.Start(options.trace, (std::filesystem::path(options.outDir) / "trace.log").string(),
+            options.traceToTerminal);
   Tables tables;
   if (!tables.Fetch(lib)) {
     return 1;

@@ -11,6 +11,7 @@
 
 #include "platform/adapt_common/om_log.h"
 #include "tavo_video_vlink_trace.h"
+#include "trace/tavo_video_log_pacer.h"
 
 namespace vlink {
 
@@ -64,17 +65,11 @@ inline uint32_t LogModuleId() {
 #define VLOG_INF_TRACE(fmt, ...) VLINK_LOG(0, 3, ::vlink::kToTrace, fmt __VA_OPT__(, ) __VA_ARGS__)
 
 // A line that can repeat with every frame: logged the first time and every `every`-th time
-// after, counted per call site, so a failure that repeats at frame rate cannot flood the
-// logs. LOG is one of the macros above.
-#define VLOG_PACED(every, LOG, fmt, ...)                                          \
-  do {                                                                            \
-    static std::atomic<uint64_t> vlinkPacedCount{0};                              \
-    if (vlinkPacedCount.fetch_add(1, std::memory_order_relaxed) % (every) == 0) { \
-      LOG(fmt __VA_OPT__(, ) __VA_ARGS__);                                        \
-    }                                                                             \
+// after, counted per call site (vlink::LogPacer). LOG is one of the macros above.
+#define VLOG_PACED(every, LOG, fmt, ...)        \
+  do {                                          \
+    static ::vlink::LogPacer vlinkPacer(every); \
+    if (vlinkPacer.Due()) {                     \
+      LOG(fmt __VA_OPT__(, ) __VA_ARGS__);      \
+    }                                           \
   } while (0)
-
-namespace vlink {
-// Per-frame failures are logged once every this many times.
-constexpr uint64_t kPerFrameLogEvery = 100;
-}  // namespace vlink

@@ -2,17 +2,24 @@
 // that results come back in submission order.
 #include "platform/computing_client/tavo_computing_client.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
-#include "core/tavo_video_named_thread.h"
 #include "platform/computing_client/tavo_computing_segmenter.h"
 
 namespace {
@@ -22,6 +29,68 @@ namespace {
 constexpr size_t kInputBuffers = 4;
 // An idle inference thread looks at its queue at least this often (it is also woken).
 constexpr uint32_t kIdleWaitMs = 1000;
+
+// The inference thread: a name, one owner that joins it, a stop that wakes it. This client is
+// a platform library of its own and shares no code (nor seams) with the node core.
+class TaskThread {
+ public:
+  explicit TaskThread(const char* name) : m_name(name) {}
+  ~TaskThread() { Stop(); }
+  TaskThread(const TaskThread&) = delete;
+  TaskThread& operator=(const TaskThread&) = delete;
+
+  // 0, or EBUSY while a started thread is not joined, EAGAIN when none could be made.
+  int Start(std::function<void()> body) {
+    std::lock_guard<std::mutex> join(m_joinLock);
+    if (m_thread.joinable()) {
+      return EBUSY;
+    }
+    m_stopRequested.store(false);
+    try {
+      m_thread = std::thread([this, body = std::move(body)] {
+        pthread_setname_np(pthread_self(), m_name);
+        body();
+      });
+    } catch (const std::system_error&) {
+      return EAGAIN;
+    }
+    return 0;
+  }
+  // Asks the body to end, wakes it and joins. Never from the body itself.
+  void Stop() {
+    m_stopRequested.store(true);
+    Wake();
+    std::lock_guard<std::mutex> join(m_joinLock);
+    if (m_thread.joinable()) {
+      m_thread.join();
+    }
+  }
+  bool StopRequested() const { return m_stopRequested.load(); }
+  // Waits until stop, a Wake, done() or `milliseconds`; true when the body should go on.
+  bool WaitFor(uint32_t milliseconds, const std::function<bool()>& done) {
+    std::unique_lock<std::mutex> lock(m_waitLock);
+    const uint64_t seen = m_wakeups;
+    m_wake.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                    [&] { return m_stopRequested.load() || m_wakeups != seen || done(); });
+    return !m_stopRequested.load();
+  }
+  void Wake() {
+    {
+      std::lock_guard<std::mutex> lock(m_waitLock);
+      ++m_wakeups;
+    }
+    m_wake.notify_all();
+  }
+
+ private:
+  const char* const m_name;
+  std::mutex m_waitLock;  // guards m_wakeups; no callback runs under it
+  std::condition_variable m_wake;
+  uint64_t m_wakeups = 0;
+  std::atomic<bool> m_stopRequested{false};
+  std::mutex m_joinLock;  // one joiner at a time
+  std::thread m_thread;
+};
 
 struct Request {
   uint8_t* data;
@@ -268,7 +337,7 @@ class Task {
   uint64_t m_done = 0;
   uint64_t m_failed = 0;
   std::vector<uint8_t> m_result;  // written and read only on the inference thread
-  NamedThread m_thread;
+  TaskThread m_thread;
 };
 
 std::mutex g_clientLock;  // guards g_initialised, g_nextTaskId, g_tasks; nothing runs under it

@@ -1,7 +1,11 @@
 // Loads the built library as a host does and uses only what it exports.
 
+#include <cxxabi.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -28,10 +32,29 @@ std::set<std::string> ExportedSymbols(const char* library) {
   return symbols;
 }
 
+// How the guide writes a symbol: C names as they are, C++ ones as the qualified name without
+// parameters ("ImageUtils::GetBmpInfo"); the vtable and type information by their class.
+std::string DocumentedName(const std::string& symbol) {
+  int status = 0;
+  std::unique_ptr<char, void (*)(void*)> demangled(
+      abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status), std::free);
+  if (status != 0 || !demangled) {
+    return symbol;
+  }
+  std::string name = demangled.get();
+  for (const std::string prefix : {"vtable for ", "typeinfo name for ", "typeinfo for "}) {
+    if (name.rfind(prefix, 0) == 0) {
+      name.erase(0, prefix.size());
+    }
+  }
+  return name.substr(0, name.find('('));
+}
+
 using HostInterfaceTest = LoadedLibraryTest;
 
-// The list is kept in the tree so that every change to the host interface shows in review.
-TEST_F(HostInterfaceTest, ExportsOnlyTheHostInterface) {
+// The list is kept in the tree so that every change to the host interface shows in review,
+// and the host integration guide names every symbol on it.
+TEST_F(HostInterfaceTest, ExportsOnlyTheHostInterfaceAndTheGuideNamesEach) {
   std::set<std::string> expected;
   std::ifstream list(VLINK_EXPECTED_EXPORTS);
   ASSERT_TRUE(list.good()) << VLINK_EXPECTED_EXPORTS;
@@ -41,6 +64,15 @@ TEST_F(HostInterfaceTest, ExportsOnlyTheHostInterface) {
     }
   }
   EXPECT_EQ(ExportedSymbols(VLINK_LIBRARY_PATH), expected);
+
+  std::ifstream guideFile(VLINK_HOST_GUIDE);
+  ASSERT_TRUE(guideFile.good()) << VLINK_HOST_GUIDE;
+  const std::string guide((std::istreambuf_iterator<char>(guideFile)),
+                          std::istreambuf_iterator<char>());
+  for (const std::string& symbol : expected) {
+    EXPECT_NE(guide.find(DocumentedName(symbol)), std::string::npos)
+        << DocumentedName(symbol) << " (" << symbol << ") is not in " << VLINK_HOST_GUIDE;
+  }
 }
 
 std::string g_lastTrace;

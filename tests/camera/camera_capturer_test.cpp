@@ -35,6 +35,17 @@ tagCameraCaptureParams Params(uint32_t width, uint32_t height, uint32_t fps,
   return params;
 }
 
+using CameraChange = std::function<void(FakeCameraConfig&, FakeCameraFaults&)>;
+
+// A typical camera with `change` applied, as camera 0 of `device`.
+void AddChangedCamera(FakeV4l2Device& device, const CameraChange& change) {
+  FakeCameraConfig config = TypicalCamera(kBus);
+  FakeCameraFaults faults;
+  change(config, faults);
+  device.AddCamera(0, config);
+  device.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
+}
+
 // Keeps what the capture thread hands over.
 struct FrameLog {
   CountLatch frames;
@@ -325,11 +336,7 @@ TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
     SCOPED_TRACE(c.name);
     FakeV4l2Device fresh;
     ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
-    FakeCameraConfig config = TypicalCamera(kBus);
-    FakeCameraFaults faults;
-    c.setUp(config, faults);
-    fresh.AddCamera(0, config);
-    fresh.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
+    AddChangedCamera(fresh, c.setUp);
     LogCapture rates;
     DevCaptureCameraLinux one;
     one.Init(kBus);
@@ -375,11 +382,7 @@ TEST_F(CapturerTest, FailedStartsLeaveNothingOpenOrMapped) {
     SCOPED_TRACE(c.name);
     FakeV4l2Device fresh;
     ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
-    FakeCameraConfig config = TypicalCamera(kBus);
-    FakeCameraFaults faults;
-    c.setUp(config, faults);
-    fresh.AddCamera(0, config);
-    fresh.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
+    AddChangedCamera(fresh, c.setUp);
     LogCapture failures;
     DevCaptureCameraLinux one;
     one.Init(kBus);

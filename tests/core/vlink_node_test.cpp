@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <set>
 #include <thread>
 
+#include "core/tavo_video_node_link.h"
 #include "core/tavo_video_vlink_node.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_nodes.h"
@@ -128,6 +130,56 @@ TEST(VlinkNodeTest, ConnectAndDisconnectMatchNeighboursById) {
   EXPECT_EQ(node->DisconnectFromNode(peer, true), 1U);
   EXPECT_TRUE(logs.HasModule("[TEST_1] Node[2] is not attached", 2));
   EXPECT_EQ(node->DisconnectFromNode(nullptr, true), 0U);
+}
+
+// Each step of a link can fail; the caller learns which, and either keeps what was made
+// (a host's bind) or has it taken off again.
+TEST(VlinkNodeTest, LinkReportsTheFailedStepAndKeepsOrUndoesWhatWasMade) {
+  struct Case {
+    const char* name;
+    std::function<void(CountingNode& sender, CountingNode& receiver)> arrange;
+    vlink::LinkStep failed;
+    size_t keptNext;  // sender's next list after a kept failure
+    size_t keptPrev;  // receiver's previous list after a kept failure
+  };
+  const Case cases[] = {
+      {"sender half refused",
+       [](CountingNode& s, CountingNode& r) { r.ConnectToNode(s.shared_from_this()); },
+       vlink::LinkStep::kSenderSide, 0, 0},
+      {"receiver half refused",
+       [](CountingNode& s, CountingNode& r) { r.ConnectFromNode(s.shared_from_this()); },
+       vlink::LinkStep::kReceiverSide, 1, 1},
+      {"start refused", [](CountingNode&, CountingNode& r) { r.startResult = 7; },
+       vlink::LinkStep::kStart, 1, 1},
+  };
+  for (const Case& c : cases) {
+    for (const vlink::OnLinkFailure policy :
+         {vlink::OnLinkFailure::kKeep, vlink::OnLinkFailure::kUndo}) {
+      SCOPED_TRACE(c.name);
+      const bool undo = policy == vlink::OnLinkFailure::kUndo;
+      auto sender = MakeNode(1, false);
+      auto receiver = MakeNode(2, false);
+      c.arrange(*sender, *receiver);
+      const size_t prevBefore = receiver->GetPrevConnectList().size();
+      const vlink::LinkResult link = vlink::LinkNodes(sender, receiver, {.onFailure = policy});
+      EXPECT_EQ(link.failed, c.failed);
+      EXPECT_EQ(link.code, c.failed == vlink::LinkStep::kStart ? 7U : 1U);
+      EXPECT_EQ(sender->GetNextConnectList().size(), undo ? 0U : c.keptNext);
+      EXPECT_EQ(receiver->GetPrevConnectList().size(), undo ? prevBefore : c.keptPrev);
+      vlink::DropNeighbours(sender);
+      vlink::DropNeighbours(receiver);
+      EXPECT_FALSE(sender->HasNextNodes());
+      EXPECT_TRUE(receiver->GetPrevConnectList().empty());
+    }
+  }
+  auto sender = MakeNode(1, false);
+  auto receiver = MakeNode(2, false);
+  ASSERT_EQ(vlink::LinkNodes(sender, receiver).code, 0U);
+  EXPECT_TRUE(receiver->IsStarted());
+  EXPECT_EQ(vlink::UnlinkNodes(sender, receiver).code, 0U);
+  EXPECT_EQ(vlink::UnlinkNodes(sender, receiver, vlink::UnlinkOrder::kReceiverFirst).failed,
+            vlink::LinkStep::kReceiverSide);
+  receiver->StopProcess();
 }
 
 // A host's ids can name a node as its own sink or close a ring; frames would go round for

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "background/tavo_video_background_virtuality.h"
+#include "background/tavo_video_opencv_binding.h"
 #include "camera/tavo_video_capture_device.h"
 #include "core/tavo_video_seam.h"
 #include "platform/adapt_common/os_shm_queue.h"
@@ -334,6 +335,7 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
   FakeDynamicLoader loader;
   loader.AddLibrary(BackgroundVirtualityNode::kClientLibrary, FakeComputingClient::Symbols());
   loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
+  ResetOpencvBinding();  // whatever an earlier run bound goes with its loader
   ScopedSeamOverride<DynamicLoader> useLoader(loader);
   ASSERT_EQ(OsShmAdvancedQueueCreate(kSnapshotQueue, 4, 1280 * 720 * 4 + 4096), 0);
 
@@ -391,6 +393,8 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
 #endif
   EXPECT_LT(last, warm + kGrowthLimitKb);
   OsShmAdvancedQueueDestroy(kSnapshotQueue);
+  // The wrapper binding keeps its library handle for the process: not this test's loader's.
+  ResetOpencvBinding();
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tests/support/table_rows.h"
+
 namespace {
 
 FakeHost* g_host = nullptr;  // the callbacks carry no user data; one host at a time
@@ -16,14 +18,8 @@ template <class Row>
 auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t srcType) {
   const Row* table = nullptr;
   uint32_t count = 0;
-  if (getter != nullptr && getter(&table, &count) == 0) {
-    for (uint32_t i = 0; i < count; ++i) {
-      if (table[i].type == type && table[i].srcType == srcType) {
-        return table[i].func;
-      }
-    }
-  }
-  return decltype(table->func){};
+  return getter != nullptr && getter(&table, &count) == 0 ? Find(table, count, type, srcType)
+                                                          : decltype(table->func){};
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 
+#include "core/tavo_video_node_link.h"
 #include "core/tavo_video_vlink_node.h"
 #include "tests/support/wait.h"
 
@@ -39,6 +40,7 @@ class CountingNode : public VideoVlinkNode {
   }
 
  protected:
+  uint32_t OnStart() override { return startResult; }
   uint32_t OnStop() override {
     stopping.Add();
     return 0;
@@ -51,19 +53,18 @@ class CountingNode : public VideoVlinkNode {
   std::function<void()> onDestroy;
   CountLatch stopping;  // bumped when a stop has begun (the started flag is already clear)
   uint32_t handleResult = 0;
+  uint32_t startResult = 0;  // what a start returns
   CountLatch handled;
   CountLatch released;
 };
 
 // Links producer -> consumer in both directions, as builders do.
 inline void Link(const VideoVlinkNode::NodePtr& producer, const VideoVlinkNode::NodePtr& consumer) {
-  producer->ConnectToNode(consumer);
-  consumer->ConnectFromNode(producer);
+  vlink::LinkNodes(producer, consumer, {.startReceiver = false});
 }
 
 // Takes both halves of the link down again; neighbours keep each other alive until then.
 inline void Unlink(const VideoVlinkNode::NodePtr& producer,
                    const VideoVlinkNode::NodePtr& consumer) {
-  producer->DisconnectFromNode(consumer, true);
-  consumer->DisconnectFromNode(producer, false);
+  vlink::UnlinkNodes(producer, consumer);
 }

@@ -34,8 +34,17 @@ pid_t Spawn(const std::vector<std::string>& args, int displayFd) {
   if (displayFd >= 0) {
     posix_spawn_file_actions_adddup2(&actions, displayFd, 3);
   }
+  // The child gets this program's environment without what was preloaded into it (the file
+  // camera, a sanitizer runtime): those are for this program, not for the X server.
+  std::vector<char*> environment;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    if (std::strncmp(*variable, "LD_PRELOAD=", 11) != 0) {
+      environment.push_back(*variable);
+    }
+  }
+  environment.push_back(nullptr);
   pid_t pid = -1;
-  if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+  if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environment.data()) != 0) {
     pid = -1;
   }
   posix_spawn_file_actions_destroy(&actions);
