@@ -1,18 +1,26 @@
 // CPU time per delivered frame of a whole screen link (screen input to an encoder sink, as
 // a host drives it through the built library) next to two other screen grabbers with the
-// same output, I420 at 1920x1080, on one private 1920x1080x24 Xvfb:
-//   gst-launch-1.0 ximagesrc use-damage=false ! videoconvert ! video/x-raw,format=I420 ! fakesink
+// same output, I420 at 1920x1080, on one private 1920x1080x24 Xvfb, in two scenes drawn by
+// a separate process (its time counts for nobody):
+//   moving: a desktop with four shapes moving every 33 ms and a clock;
+//   still:  the same desktop where only the clock's text changes, once a second.
+// Peers (bench/install-peers.sh):
+//   gst-launch-1.0 ximagesrc [use-damage=true in the still scene] ! videoconvert ! I420 ! fakesink
 //   ffmpeg -f x11grab ... -pix_fmt yuv420p -f null -
-// The peers come from bench/install-peers.sh. Our time is this process's (capture thread,
-// pool workers and the host's callback); a peer's is its child process's. Neither counts
-// the X server. Prints each figure and the ratios ours / peer.
+// Our time is this process's (capture thread, pool workers, the host's callback); a peer's is
+// its child process's; neither counts the X server. Also: our whole-process CPU over 10 s of
+// the still scene, as a share of one core.
+#include <X11/Xlib.h>
 #include <dlfcn.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -30,8 +38,11 @@ namespace {
 
 constexpr uint32_t kWidth = 1920;
 constexpr uint32_t kHeight = 1080;
-constexpr int kFrames = 300;
-constexpr int kWarmUp = 30;
+constexpr int kFrames = 200;
+constexpr int kWarmUp = 20;
+constexpr int kIdleSeconds = 10;
+
+extern "C" char** environ;
 
 double CpuSeconds(const rusage& usage) {
   return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
@@ -60,6 +71,66 @@ double ChildCpuSeconds(const std::string& command) {
   return CpuSeconds(usage);
 }
 
+// The scene: a desktop, a window, a clock; in the moving scene four shapes move.
+int RunScene(const char* display, bool moving) {
+  Display* x = XOpenDisplay(display);
+  if (x == nullptr) {
+    return 1;
+  }
+  const Window root = DefaultRootWindow(x);
+  const GC gc = XCreateGC(x, root, 0, nullptr);
+  XSetForeground(x, gc, 0x2b4f7a);
+  XFillRectangle(x, root, gc, 0, 0, kWidth, kHeight);
+  XSetForeground(x, gc, 0xe8e8e8);
+  XFillRectangle(x, root, gc, 200, 150, 900, 600);
+  int last[4][2] = {};
+  for (int frame = 0;; ++frame) {
+    const double t = frame / 30.0;
+    if (moving) {
+      for (int i = 0; i < 4; ++i) {
+        XSetForeground(x, gc, 0x2b4f7a);
+        XFillRectangle(x, root, gc, last[i][0], last[i][1], 160, 120);
+        const double phase = t * (0.6 + 0.25 * i) + i;
+        last[i][0] = static_cast<int>((kWidth - 160) * (0.5 + 0.5 * std::sin(phase)));
+        last[i][1] = static_cast<int>((kHeight - 120) * (0.5 + 0.5 * std::cos(phase * 1.3)));
+        XSetForeground(x, gc, 0xe04040 + 0x3010 * static_cast<unsigned>(i));
+        XFillRectangle(x, root, gc, last[i][0], last[i][1], 160, 120);
+      }
+    }
+    if (frame % 30 == 0) {
+      const std::string clock = "12:00:" + std::to_string(10 + (frame / 30) % 50);
+      XSetForeground(x, gc, 0x202020);
+      XFillRectangle(x, root, gc, kWidth - 120, kHeight - 30, 110, 24);
+      XSetForeground(x, gc, 0xffffff);
+      XDrawString(x, root, gc, kWidth - 110, kHeight - 12, clock.c_str(),
+                  static_cast<int>(clock.size()));
+    }
+    XSync(x, False);
+    usleep(33000);
+  }
+}
+
+// This program again, drawing the scene on `display` until it is stopped.
+pid_t StartScene(const std::string& display, bool moving) {
+  const std::string self = "/proc/self/exe";
+  const char* const argv[] = {self.c_str(), "--scene", display.c_str(), moving ? "moving" : "still",
+                              nullptr};
+  pid_t pid = -1;
+  if (posix_spawn(&pid, self.c_str(), nullptr, nullptr, const_cast<char* const*>(argv), environ) !=
+      0) {
+    return -1;
+  }
+  usleep(300000);  // its first picture is on the screen
+  return pid;
+}
+
+void StopScene(pid_t pid) {
+  if (pid > 0) {
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+  }
+}
+
 // The host's encoder: gives every frame back at once from its own thread.
 std::mutex g_lock;  // guards g_pending and g_frames
 std::condition_variable g_changed;
@@ -75,8 +146,9 @@ uint32_t OnEncFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
   return 1;
 }
 
-// Our link: CPU seconds per frame over kFrames frames after a warm-up; negative on failure.
-double OurLink() {
+// Our link: CPU seconds per frame over kFrames frames after a warm-up (negative on
+// failure); with `idleShare`, also the share of one core the process used over kIdleSeconds.
+double OurLink(double* idleShare) {
   void* library = dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
     std::fprintf(stderr, "dlopen: %s\n", dlerror());
@@ -144,6 +216,11 @@ double OurLink() {
       g_changed.wait(lock, [] { return g_frames >= kWarmUp + kFrames; });
     }
     result = (SelfCpuSeconds() - start) / kFrames;
+    if (idleShare != nullptr) {
+      const double idleStart = SelfCpuSeconds();
+      std::this_thread::sleep_for(std::chrono::seconds(kIdleSeconds));
+      *idleShare = (SelfCpuSeconds() - idleStart) / kIdleSeconds;
+    }
     Find(unbind, unbindCount, TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN)(2, 1);
   }
   Find(destroy, destroyCount, TAVO_VIDEO_COMPONENT_SCREEN)(1);
@@ -153,6 +230,7 @@ double OurLink() {
     g_changed.notify_all();
   }
   releaser.join();
+  g_frames = 0;
   for (VencOutFrame* frame : g_pending) {
     release(frame);
   }
@@ -160,24 +238,24 @@ double OurLink() {
   return result;
 }
 
-}  // namespace
+struct Figures {
+  double ours = -1;
+  double gst = -1;
+  double ffmpeg = -1;
+};
 
-int main() {
-  XvfbServer server({{kWidth, kHeight, 24}});
-  if (!server.Ok()) {
-    std::fprintf(stderr, "Xvfb: %s\n", server.Error().c_str());
-    return 1;
-  }
-  setenv("DISPLAY", server.Name().c_str(), 1);
-  server.PutPixels(0, 0, 0, kWidth, kHeight, PatternPixels(kWidth, kHeight, 7));
-  const double ours = OurLink();
+Figures RunScenario(const XvfbServer& server, bool moving, double* idleShare) {
+  Figures figures;
+  const pid_t scene = StartScene(server.Name(), moving);
+  figures.ours = OurLink(idleShare);
   // A peer's start-up (plugin registry, device probing) is taken out: its time for a short
   // run is subtracted from its time for a run kFrames longer.
+  const std::string damage = moving ? "" : " use-damage=true";
   const auto gstRun = [&](int count) {
-    return ChildCpuSeconds(
-        "gst-launch-1.0 -q ximagesrc use-damage=false num-buffers=" + std::to_string(count) +
-        " ! video/x-raw,framerate=30/1 ! videoconvert ! "
-        "video/x-raw,format=I420 ! fakesink > /dev/null 2>&1");
+    return ChildCpuSeconds("gst-launch-1.0 -q ximagesrc" + damage +
+                           " num-buffers=" + std::to_string(count) +
+                           " ! video/x-raw,framerate=30/1 ! videoconvert ! "
+                           "video/x-raw,format=I420 ! fakesink > /dev/null 2>&1");
   };
   const auto ffmpegRun = [&](int count) {
     return ChildCpuSeconds("ffmpeg -loglevel error -nostdin -f x11grab -framerate 30 -video_size " +
@@ -186,17 +264,53 @@ int main() {
                            " -pix_fmt yuv420p -f null - > /dev/null 2>&1");
   };
   gstRun(kWarmUp);  // builds the plugin registry once
-  const double gst = (gstRun(kWarmUp + kFrames) - gstRun(kWarmUp)) / kFrames;
-  const double ffmpeg = (ffmpegRun(kWarmUp + kFrames) - ffmpegRun(kWarmUp)) / kFrames;
-  std::printf("CPU ms per delivered 1920x1080 I420 frame (%d frames each)\n", kFrames);
-  std::printf("  screen link (ours)     %8.3f\n", ours * 1e3);
-  std::printf("  gstreamer ximagesrc    %8.3f\n", gst * 1e3);
-  std::printf("  ffmpeg x11grab         %8.3f\n", ffmpeg * 1e3);
-  if (ours > 0 && gst > 0) {
-    std::printf("  ours / gstreamer       %8.2f\n", ours / gst);
+  figures.gst = (gstRun(kWarmUp + kFrames) - gstRun(kWarmUp)) / kFrames;
+  figures.ffmpeg = (ffmpegRun(kWarmUp + kFrames) - ffmpegRun(kWarmUp)) / kFrames;
+  StopScene(scene);
+  return figures;
+}
+
+void Print(const char* scene, const Figures& f) {
+  std::printf("%s scene, CPU ms per delivered 1920x1080 I420 frame (%d frames each)\n", scene,
+              kFrames);
+  std::printf("  screen link (ours)     %8.3f\n", f.ours * 1e3);
+  std::printf("  gstreamer ximagesrc    %8.3f\n", f.gst * 1e3);
+  std::printf("  ffmpeg x11grab         %8.3f\n", f.ffmpeg * 1e3);
+  if (f.ours > 0 && f.gst > 0) {
+    std::printf("  gstreamer / ours       %8.2f\n", f.gst / f.ours);
   }
-  if (ours > 0 && ffmpeg > 0) {
-    std::printf("  ours / ffmpeg          %8.2f\n", ours / ffmpeg);
+  if (f.ours > 0 && f.ffmpeg > 0) {
+    std::printf("  ffmpeg / ours          %8.2f\n", f.ffmpeg / f.ours);
   }
-  return ours > 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 4 && std::strcmp(argv[1], "--scene") == 0) {
+    return RunScene(argv[2], std::strcmp(argv[3], "moving") == 0);
+  }
+  XvfbServer server({{kWidth, kHeight, 24}});
+  if (!server.Ok()) {
+    std::fprintf(stderr, "Xvfb: %s\n", server.Error().c_str());
+    return 1;
+  }
+  setenv("DISPLAY", server.Name().c_str(), 1);
+  if (argc == 2 && std::strcmp(argv[1], "--ours-only") == 0) {  // for profiling
+    for (const bool moving : {true, false}) {
+      const pid_t scene = StartScene(server.Name(), moving);
+      std::printf("%s scene: ours %.3f ms a frame\n", moving ? "moving" : "still",
+                  OurLink(nullptr) * 1e3);
+      StopScene(scene);
+    }
+    return 0;
+  }
+  const Figures moving = RunScenario(server, true, nullptr);
+  double idleShare = -1;
+  const Figures still = RunScenario(server, false, &idleShare);
+  Print("moving", moving);
+  Print("still", still);
+  std::printf("still scene, whole process over %d s: %.2f %% of one core (%.1f frames/s)\n",
+              kIdleSeconds, idleShare * 100, 20.0);
+  return moving.ours > 0 && still.ours > 0 ? 0 : 1;
 }

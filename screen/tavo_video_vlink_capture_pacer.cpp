@@ -3,24 +3,14 @@
 #include "core/tavo_video_named_thread.h"
 #include "core/tavo_video_os_seams.h"
 
-namespace {
-constexpr uint64_t kCoarseMarginNs = 4000000ULL;
-constexpr uint32_t kCoarseStepMs = 3;
-constexpr uint32_t kFineStepMs = 1;
-}  // namespace
-
 uint64_t CaptureNowNs() { return Seam<Clock>::Get().NowUs() * 1000ULL; }
 
 bool CapturePacer::WaitForDeadline(NamedThread& thread) const {
-  const uint64_t coarseUntil =
-      m_periodNs > kCoarseMarginNs ? m_base + m_periodNs - kCoarseMarginNs : m_base;
-  while (CaptureNowNs() < coarseUntil) {
-    if (!thread.WaitFor(kCoarseStepMs)) {
-      return false;
-    }
-  }
-  while (CaptureNowNs() < Deadline()) {
-    if (!thread.WaitFor(kFineStepMs)) {
+  // One wait for the time left, rounded up to whole milliseconds: the deadline is kept
+  // within a millisecond without waking up every few milliseconds.
+  for (uint64_t now = CaptureNowNs(); now < Deadline(); now = CaptureNowNs()) {
+    const uint64_t leftMs = (Deadline() - now + 999999ULL) / 1000000ULL;
+    if (!thread.WaitFor(static_cast<uint32_t>(leftMs))) {
       return false;
     }
   }

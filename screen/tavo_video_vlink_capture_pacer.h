@@ -40,9 +40,8 @@ class CapturePacer {
   }
   uint64_t PeriodNs() const { return m_periodNs; }
 
-  // On `thread`: waits in 3 ms steps while less than period - 4 ms has passed since the
-  // base, then in 1 ms steps until the period has passed. False when the thread is asked
-  // to stop.
+  // On `thread`: waits until the deadline, in one wait for the time left rounded up to
+  // whole milliseconds. False when the thread is asked to stop.
   bool WaitForDeadline(NamedThread& thread) const;
 
  private:

@@ -2,7 +2,7 @@
 
 #include <X11/extensions/Xfixes.h>
 
-#include "platform/os_platform_check.h"
+#include "platform/adapt_common/os_platform_check.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_x11_seams.h"
 #include "trace/tavo_video_vlink_log.h"
@@ -128,6 +128,8 @@ uint32_t CursorCapturer::StopLocked() {
   return 0;
 }
 
+bool CursorCapturer::ShouldLog(FailureSite site) { return m_failurePacers[site].Due(); }
+
 void CursorCapturer::CursorCaptureThreadFunc() {
   uint32_t fps = GetCaptureParams().framerate;
   VLOG_INF_TRACE("m_cursorParam.framerate: %u", fps);
@@ -137,7 +139,9 @@ void CursorCapturer::CursorCaptureThreadFunc() {
       break;
     }
     if (IndepedentCapture() != 0) {
-      VLOG_ERR("Cursor capture failed!");
+      if (ShouldLog(kSample)) {
+        VLOG_ERR("Cursor capture failed!");
+      }
     }
     pacer.Advance();
     const uint32_t wanted = GetCaptureParams().framerate;
@@ -184,12 +188,16 @@ uint32_t CursorCapturer::IndepedentCapture() {
     callback = m_cursorParam.cursorCallback;
     userData = m_cursorParam.userData;
     if (callback == nullptr) {
-      VLOG_ERR("cursor independent transport callback is nullptr");
+      if (ShouldLog(kNoCallback)) {
+        VLOG_ERR("cursor independent transport callback is nullptr");
+      }
       return 1;
     }
     const VlinkX11ScreenInfo screen = m_screenInfo;
     if (screen.display == nullptr || IsX11DisplayLost(screen.display)) {
-      VLOG_ERR("display is nullptr");
+      if (ShouldLog(kNoDisplay)) {
+        VLOG_ERR("display is nullptr");
+      }
       return 1;
     }
     Window rootReturn = 0;
@@ -201,7 +209,9 @@ uint32_t CursorCapturer::IndepedentCapture() {
     unsigned int mask = 0;
     if (XQueryPointer(screen.display, screen.root, &rootReturn, &child, &rootX, &rootY, &winX,
                       &winY, &mask) != True) {
-      VLOG_ERR("XQueryPointer failed");
+      if (ShouldLog(kQueryPointer)) {
+        VLOG_ERR("XQueryPointer failed");
+      }
       return 1;
     }
     XFixesCursorImage* image = XFixesGetCursorImage(screen.display);
@@ -224,7 +234,9 @@ uint32_t CursorCapturer::IndepedentCapture() {
             static_cast<int>(record.cursorId), static_cast<int>(record.x),
             static_cast<int>(record.y));
   if (callback(&record, sizeof(record), userData) != 0) {
-    VLOG_ERR("failed to send cursorData!");
+    if (ShouldLog(kHostRefused)) {
+      VLOG_ERR("failed to send cursorData!");
+    }
     return 1;
   }
   return 0;

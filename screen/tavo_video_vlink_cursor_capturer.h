@@ -3,12 +3,14 @@
 // thread, instead of drawing it into the frames.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <mutex>
 
 #include "core/tavo_video_named_thread.h"
 #include "screen/tavo_video_vlink_screen_types.h"
+#include "trace/tavo_video_log_pacer.h"
 
 class CursorCapturer {
  public:
@@ -41,6 +43,9 @@ class CursorCapturer {
   uint32_t IndepedentCapture();
 
  private:
+  // Lines that can repeat with every sample, logged the first time and every 100th after.
+  enum FailureSite : uint32_t { kNoCallback, kNoDisplay, kQueryPointer, kHostRefused, kSample };
+  bool ShouldLog(FailureSite site);
   void CursorCaptureThreadFunc();
   uint32_t StartLocked();  // m_controlLock held
   uint32_t StopLocked();   // m_controlLock held
@@ -58,4 +63,5 @@ class CursorCapturer {
   // running state across a restart.
   std::mutex m_controlLock;
   NamedThread m_cursorThread{"CursorCapture"};
+  std::array<vlink::LogPacer, 5> m_failurePacers;
 };

@@ -14,7 +14,7 @@ ScreenCaptureNode::ScreenCaptureNode(uint32_t nodeId) : VirtualViNode(nodeId) {
 
 ScreenCaptureNode::~ScreenCaptureNode() {
   VLOG_INF("[%s] ScreenCaptureNode destory m_nodeId[%u] enter.", m_nodeName.c_str(), m_nodeId);
-  std::unique_ptr<X11ScreenCapturer> capturer;
+  std::unique_ptr<ScreenCapturer> capturer;
   {
     std::lock_guard<std::mutex> lock(m_screenLock);
     if (m_isRunning) {
@@ -74,8 +74,8 @@ uint32_t ScreenCaptureNode::OnStart() {
       VLOG_ERR("[%s] m_nodeId[%u] is already opened", m_nodeName.c_str(), m_nodeId);
       return 0;
     }
-    m_capturer = std::make_unique<X11ScreenCapturer>(m_nodeId);
-    X11ScreenCapturer& capturer = *m_capturer;
+    m_capturer = Seam<ScreenCapturerFactory>::Get().Create(m_nodeId);
+    ScreenCapturer& capturer = *m_capturer;
     if (param.imgNo < kFirstScreenImgNo) {
       VLOG_ERR("[%s] m_nodeId[%u] invalid imgNo[%u]", m_nodeName.c_str(), m_nodeId, param.imgNo);
       return 1;
@@ -102,8 +102,8 @@ uint32_t ScreenCaptureNode::OnStart() {
       VLOG_ERR("m_nodeId[%u] Screen Capturer Init failed!", m_nodeId);
       return 1;
     }
-    if (capturer.SetSendFrameCallback([this](OsvGraphicBuffer* buffer) {
-          return static_cast<int>(SendEncFrame(buffer));
+    if (capturer.SetSendFrameCallback([this](const FrameRef& frame) {
+          return static_cast<int>(SendEncFrame(frame.Get()));
         }) != 0) {
       VLOG_ERR("m_nodeId[%u] SetSendFrameCallback failed!", m_nodeId);
       return 1;
@@ -162,7 +162,7 @@ uint32_t ScreenCaptureNode::CapturePicture(uint32_t imgNo,
                                            const TagTavoVideoSnapshotStorage& storage) {
   std::lock_guard<std::mutex> lock(m_screenLock);
   if (!m_isRunning || !m_capturer) {
-    m_capturer = std::make_unique<X11ScreenCapturer>(imgNo);
+    m_capturer = Seam<ScreenCapturerFactory>::Get().Create(imgNo);
     if (imgNo < kFirstScreenImgNo) {
       VLOG_ERR("[%s] invalid imgNo[%u]", m_nodeName.c_str(), imgNo);
       return 1;

@@ -1,7 +1,7 @@
-// The input node of a screen-share link: owns one X11 screen capturer, configures it from
-// the node's record when the link starts and hands every captured frame to the sinks. It
-// also keeps the cursor settings of every screen input (they outlive the nodes, so settings
-// given before a screen exists are applied when its capturer is made) and takes snapshots.
+// The input node of a screen-share link: owns one screen capturer (X11 on the real side),
+// configures it from the node's record when the link starts and hands every captured frame to the
+// sinks. It also keeps the cursor settings of every screen input (they outlive the nodes, so
+// settings given before a screen exists are applied when its capturer is made) and takes snapshots.
 //
 // Lock order: m_screenLock, then the capturer's lock, then the node lock. The capture
 // thread's frame callback takes only the node lock (inside SendBuffer), never m_screenLock,
@@ -14,7 +14,7 @@
 #include <mutex>
 
 #include "codec/tavo_video_vlink_vi_node.h"
-#include "screen/tavo_video_vlink_screen_capturer_X11.h"
+#include "screen/tavo_video_vlink_screen_capturer.h"
 
 class ScreenCaptureNode : public VirtualViNode {
  public:
@@ -64,7 +64,7 @@ class ScreenCaptureNode : public VirtualViNode {
   uint32_t m_encWidth = 0;
   uint32_t m_encHeight = 0;
   bool m_isRunning = false;
-  std::unique_ptr<X11ScreenCapturer> m_capturer;
+  std::unique_ptr<ScreenCapturer> m_capturer;  // from the ScreenCapturerFactory seam
 
   // Host control calls use it, but nothing stops two host threads from racing on it.
   static std::mutex m_mouseLock;  // guards m_localMouseParam; no host callback runs under it

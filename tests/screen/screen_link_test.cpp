@@ -20,7 +20,7 @@
 #include "tests/support/loaded_library.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
-#include "tests/support/xvfb_server.h"
+#include "tools/common/xvfb_server.h"
 
 namespace {
 

@@ -1,15 +1,23 @@
 #include "tests/screen/screen_test_support.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <thread>
 
 #include "core/tavo_video_os_seams.h"
 
 namespace {
-std::mutex g_traceLock;  // guards g_traces and g_traceActive
-std::vector<std::string> g_traces;
+std::mutex g_traceLock;                                  // guards g_traces and g_traceActive
+std::vector<std::pair<uint32_t, std::string>> g_traces;  // (channel, text)
 bool g_traceActive = false;
 }  // namespace
 
@@ -19,7 +27,9 @@ TraceCapture::TraceCapture() {
     g_traces.clear();
     g_traceActive = true;
   }
-  OS_VLink_Debug_TraceRegister(0, &TraceCapture::Receive);
+  OS_VLink_Debug_TraceRegister(0, &TraceCapture::Receive<0>);
+  OS_VLink_Debug_TraceRegister(1, &TraceCapture::Receive<1>);
+  OS_VLink_Debug_TraceRegister(2, &TraceCapture::Receive<2>);
   OS_VLink_Debug_SetTraceLevel(4);
 }
 
@@ -30,17 +40,18 @@ TraceCapture::~TraceCapture() {
   g_traces.clear();
 }
 
-void TraceCapture::Receive(uint32_t /*level*/, const char* text) {
+void TraceCapture::Store(uint32_t channel, const char* text) {
   std::lock_guard<std::mutex> lock(g_traceLock);
   if (g_traceActive) {
-    g_traces.emplace_back(text);
+    g_traces.emplace_back(channel, text);
   }
 }
 
-size_t TraceCapture::Count(const std::string& text) {
+size_t TraceCapture::Count(const std::string& text, int channel) {
   std::lock_guard<std::mutex> lock(g_traceLock);
   return static_cast<size_t>(std::count_if(g_traces.begin(), g_traces.end(), [&](const auto& t) {
-    return t.find(text) != std::string::npos;
+    return (channel < 0 || t.first == static_cast<uint32_t>(channel)) &&
+           t.second.find(text) != std::string::npos;
   }));
 }
 
@@ -147,6 +158,96 @@ bool WaitUntilTrue(const std::function<bool()>& condition, std::chrono::seconds 
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+namespace {
+
+int ConnectAbstract(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path + 1, path.data(), path.size());
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address),
+              static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size())) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+FreezableXProxy::FreezableXProxy(const std::string& serverName) {
+  m_serverPath = "/tmp/.X11-unix/X" + serverName.substr(1, serverName.find('.') - 1);
+  m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  for (int number = 6000 + getpid() % 1000; number < 7100; ++number) {
+    const std::string path = "/tmp/.X11-unix/X" + std::to_string(number);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, path.data(), path.size());
+    if (bind(m_listener, reinterpret_cast<sockaddr*>(&address),
+             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size())) == 0) {
+      m_name = ":" + std::to_string(number);
+      break;
+    }
+  }
+  listen(m_listener, 16);
+  pipe2(m_wake, O_CLOEXEC);
+  m_thread = std::thread([this] { Pump(); });
+}
+
+FreezableXProxy::~FreezableXProxy() {
+  Close();
+  m_thread.join();
+  close(m_listener);
+  close(m_wake[0]);
+  close(m_wake[1]);
+}
+
+void FreezableXProxy::Close() {
+  m_closed = true;
+  const char byte = 0;
+  (void)write(m_wake[1], &byte, 1);
+}
+
+void FreezableXProxy::Pump() {
+  std::vector<std::pair<int, int>> pairs;  // (client, server)
+  while (!m_closed) {
+    std::vector<pollfd> fds{{m_wake[0], POLLIN, 0}, {m_listener, POLLIN, 0}};
+    for (const auto& pair : pairs) {
+      fds.push_back({pair.first, POLLIN, 0});
+      fds.push_back({pair.second, static_cast<short>(m_frozen ? 0 : POLLIN), 0});
+    }
+    if (poll(fds.data(), fds.size(), -1) <= 0) {
+      continue;
+    }
+    if ((fds[1].revents & POLLIN) != 0) {
+      const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+      const int server = ConnectAbstract(m_serverPath);
+      if (client >= 0 && server >= 0) {
+        pairs.emplace_back(client, server);
+      }
+    }
+    for (size_t i = 2; i < fds.size(); ++i) {
+      if ((fds[i].revents & (POLLIN | POLLHUP)) == 0) {
+        continue;
+      }
+      const auto& pair = pairs[(i - 2) / 2];
+      const int from = (i % 2 == 0) ? pair.first : pair.second;
+      const int to = (i % 2 == 0) ? pair.second : pair.first;
+      char buffer[65536];
+      const ssize_t got = read(from, buffer, sizeof(buffer));
+      if (got > 0 && m_frozen) {
+        m_held += static_cast<size_t>(got);
+      } else if (got > 0) {
+        (void)send(to, buffer, static_cast<size_t>(got), MSG_NOSIGNAL);
+      }
+    }
+  }
+  for (const auto& pair : pairs) {
+    close(pair.first);
+    close(pair.second);
+  }
 }
 
 int32_t AcceptCursor(VlinkCursorSendData* /*data*/, uint32_t /*length*/, uint32_t /*userData*/) {

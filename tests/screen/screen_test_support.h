@@ -5,32 +5,39 @@
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/tavo_video_frame_ref.h"
 #include "core/tavo_video_seam.h"
-#include "platform/os_platform_check.h"
+#include "platform/adapt_common/os_platform_check.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
 #include "tests/support/fake_screen_seams.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
-#include "tests/support/xvfb_server.h"
+#include "tools/common/xvfb_server.h"
 #include "trace/tavo_video_vlink_log.h"
 
-// Texts that reached trace channel 0 while an instance lives (the trace level is raised to
-// detail for that time).
+// Texts that reached the trace channels while an instance lives (the trace level is raised
+// to detail for that time).
 class TraceCapture {
  public:
   TraceCapture();
   ~TraceCapture();
-  size_t Count(const std::string& text);
+  // Lines holding `text` on `channel` (any channel for -1).
+  size_t Count(const std::string& text, int channel = -1);
 
  private:
-  static void Receive(uint32_t level, const char* text);
+  template <uint32_t channel>
+  static void Receive(uint32_t /*level*/, const char* text) {
+    Store(channel, text);
+  }
+  static void Store(uint32_t channel, const char* text);
 };
 
 // Packed I420 planes (Y, U, V without row padding) of a frame.
@@ -47,8 +54,8 @@ std::vector<uint32_t> Crop(const std::vector<uint32_t>& pixels, uint32_t stride,
 class FrameSink {
  public:
   int OnFrame(OsvGraphicBuffer* frame);
-  X11ScreenCapturer::SendFrameCallback Callback() {
-    return [this](OsvGraphicBuffer* frame) { return OnFrame(frame); };
+  ScreenCapturer::SendFrameCallback Callback() {
+    return [this](const FrameRef& frame) { return OnFrame(frame.Get()); };
   }
   bool WaitFrames(int count) { return m_count.WaitFor(count); }
   int Count() { return m_count.Get(); }
@@ -63,7 +70,7 @@ class FrameSink {
   std::vector<FrameRef> held;                        // guarded by m_lock
 
  private:
-  std::mutex m_lock;  // guards the vectors; the capturer's lock is held around OnFrame
+  std::mutex m_lock;  // guards the vectors
   std::vector<std::vector<uint8_t>> m_frames;
   std::vector<OsvGraphicBufferInfo> m_infos;
   std::vector<uint64_t> m_timesUs;
@@ -74,6 +81,31 @@ class FrameSink {
 // millisecond until it holds or the generous limit passes.
 bool WaitUntilTrue(const std::function<bool()>& condition,
                    std::chrono::seconds limit = kGenerousTimeout);
+
+// An X display that forwards to a real server until it is frozen: then it answers nothing,
+// as a server stopped with SIGSTOP; Close() drops every connection.
+class FreezableXProxy {
+ public:
+  explicit FreezableXProxy(const std::string& serverName);
+  ~FreezableXProxy();
+  const std::string& Name() const { return m_name; }
+  void Freeze() { m_frozen = true; }
+  // Bytes clients sent since the freeze (requests waiting for ever).
+  size_t HeldBytes() const { return m_held.load(); }
+  void Close();
+
+ private:
+  void Pump();
+
+  std::string m_name;
+  std::string m_serverPath;
+  int m_listener = -1;
+  int m_wake[2] = {-1, -1};
+  std::atomic<bool> m_frozen{false};
+  std::atomic<bool> m_closed{false};
+  std::atomic<size_t> m_held{0};
+  std::thread m_thread;
+};
 
 int32_t AcceptCursor(VlinkCursorSendData* data, uint32_t length, uint32_t userData);
 

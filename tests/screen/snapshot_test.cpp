@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "platform/os_shm_queue.h"
+#include "platform/adapt_common/os_shm_queue.h"
 #include "tests/screen/screen_test_support.h"
 
 namespace {
@@ -16,8 +16,13 @@ uint32_t Get32(const uint8_t* at) {
   return value;
 }
 
+// Every picture goes through the fake queue, whose handles carry only the two fields the
+// platform's do.
 class SnapshotTest : public ScreenTest {
  protected:
+  FakeHostShmQueue m_queue;
+  ScopedSeamOverride<HostShmQueue> m_queueSeam{m_queue};
+
   void SetUp() override { ASSERT_EQ(OsShmAdvancedQueueCreate(kQueue, 4, 64 << 20), 0); }
   void TearDown() override {
     OsShmAdvancedQueueDestroy(kQueue);
@@ -170,8 +175,7 @@ TEST_F(SnapshotTest, ARunningCaptureGivesItsLastFrameAndGoesOn) {
 
 TEST_F(SnapshotTest, QueueFailuresGiveTheBufferBackAndLeaveTheCaptureRunning) {
   StartServer({{320, 240}});
-  FakeHostShmQueue queue;
-  ScopedSeamOverride<HostShmQueue> queueSeam(queue);
+  FakeHostShmQueue& queue = m_queue;
   FrameSink sink;
   auto capturer = MakeCapturer(sink);
   ASSERT_EQ(capturer->StartCapture(), 0u);

@@ -7,6 +7,8 @@
 #include <errno.h>
 
 #include <atomic>
+#include <map>
+#include <mutex>
 #include <string>
 
 #include "platform/adapt_common/os_shm_queue.h"
@@ -16,12 +18,14 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
  public:
   explicit FakeX11DisplaySystem(std::string name) : m_name(std::move(name)) {}
   int32_t InitThreads() override { return failInitThreads ? 0 : XInitThreads(); }
-  Display* Open() override {
-    if (refuseOpen) {
+  Display* Open(bool* tryAgain) override {
+    *tryAgain = false;
+    if (refuseOpen || dropOpens > 0) {
       ++refusedOpens;
+      *tryAgain = dropOpens.fetch_sub(1) > 0;  // as a server resetting would
       return nullptr;
     }
-    Display* display = XOpenDisplay(m_name.c_str());
+    Display* display = OpenX11Display(m_name.c_str(), answerTimeoutMs, tryAgain);
     if (display != nullptr) {
       ++opens;
     }
@@ -34,7 +38,9 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
   void SetName(std::string name) { m_name = std::move(name); }
 
   std::atomic<bool> failInitThreads{false};
-  std::atomic<bool> refuseOpen{false};
+  std::atomic<bool> refuseOpen{false};  // for good
+  std::atomic<int> dropOpens{0};        // this many, then opens work again
+  std::atomic<uint32_t> answerTimeoutMs{kX11AnswerTimeoutMs};
   std::atomic<int> opens{0};
   std::atomic<int> closes{0};
   std::atomic<int> refusedOpens{0};
@@ -70,6 +76,9 @@ class FakeSharedMemory final : public SharedMemorySystem {
   std::atomic<int> removes{0};
 };
 
+// Hands out handles as the platform's queue does: only their first two fields (memory, used
+// length) are meaningful; the stand-in's further fields read as zero until the handle goes
+// back to the stand-in.
 class FakeHostShmQueue final : public HostShmQueue {
  public:
   OsShmAdvancedBuffer* Alloc(uint32_t queueId, uint32_t size) override {
@@ -77,8 +86,14 @@ class FakeHostShmQueue final : public HostShmQueue {
       return nullptr;
     }
     OsShmAdvancedBuffer* buffer = OsShmAdvancedMemAllocBuffer(queueId, 0, size);
-    if (buffer != nullptr && nullMemory) {
-      lastNullMemory = buffer->mem;
+    if (buffer == nullptr) {
+      return nullptr;
+    }
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_hidden[buffer] = {buffer->mem, buffer->capacity, buffer->queueId};
+    buffer->capacity = 0;
+    buffer->queueId = 0;
+    if (nullMemory) {
       buffer->mem = nullptr;  // a handle without memory
     }
     return buffer;
@@ -87,13 +102,14 @@ class FakeHostShmQueue final : public HostShmQueue {
     if (writeFails) {
       return -1;
     }
+    for (uint32_t i = 0; i < count; ++i) {
+      Restore(buffers[i]);
+    }
     return OsShmAdvancedWriteBulkQueue(queueId, buffers, count);
   }
   void Free(OsShmAdvancedBuffer* buffer) override {
     ++frees;
-    if (buffer != nullptr && buffer->mem == nullptr) {
-      buffer->mem = lastNullMemory;
-    }
+    Restore(buffer);
     OsShmAdvancedMemFreeBuffer(buffer);
   }
 
@@ -101,5 +117,24 @@ class FakeHostShmQueue final : public HostShmQueue {
   std::atomic<bool> nullMemory{false};
   std::atomic<bool> writeFails{false};
   std::atomic<int> frees{0};
-  void* lastNullMemory = nullptr;
+
+ private:
+  struct Hidden {
+    void* mem;
+    uint32_t capacity;
+    uint32_t queueId;
+  };
+  void Restore(OsShmAdvancedBuffer* buffer) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    auto it = m_hidden.find(buffer);
+    if (buffer == nullptr || it == m_hidden.end()) {
+      return;
+    }
+    buffer->mem = it->second.mem;
+    buffer->capacity = it->second.capacity;
+    buffer->queueId = it->second.queueId;
+    m_hidden.erase(it);
+  }
+  std::mutex m_lock;  // guards m_hidden
+  std::map<OsShmAdvancedBuffer*, Hidden> m_hidden;
 };
