@@ -73,6 +73,9 @@ TEST(VlinkNodeTest, FrameReturnsToProducerOnceEvenWhenASinkRefusesIt) {
     frames.push_back(std::make_unique<OsvGraphicBuffer>(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420));
     frames.back()->SetReleaseTarget(source);
     source->SendBuffer(frames.back().get());
+    if (i % 50 == 49) {  // within a sink's backlog, which drops its oldest above 64
+      ASSERT_TRUE(source->released.WaitFor(i + 1));
+    }
   }
   ASSERT_TRUE(source->released.WaitFor(kFrames));
   source->DealTaskHandler(true);
