@@ -191,6 +191,8 @@ uint32_t X11ScreenCapturer::InitLocked() {
     return 1;
   }
   s.monitorWatch.Start(s.target.connection->Get(), s.target.root);
+  s.cursorWatch.Select(s.target.connection->Get(), s.target.root);
+  s.cursorImage.reset();
   // Without DAMAGE every frame is grabbed whole.
   if (s.useDamage) {
     s.damage.Start(s.target.connection->Get(), s.target.root);
@@ -252,6 +254,8 @@ void X11ScreenCapturer::DestroyLocked(Session& s) {
     s.damage.Stop(s.target.connection->Get());
   }
   s.monitorWatch.Stop();
+  s.cursorWatch.Reset();
+  s.cursorImage.reset();
   s.previous = nullptr;
   s.fullNext = true;
   X11Target none;

@@ -51,6 +51,7 @@ uint32_t X11ScreenCapturer::CheckMonitor(Session& s) {
   ReadArrivedX11Events(display, [&](const XEvent& event) {
     s.monitorWatch.OnEvent(event);
     s.damage.OnEvent(event);
+    s.cursorWatch.OnEvent(event);
   });
   if (s.monitorWatch.TakeChanged()) {
     s.monitorState = CheckX11Monitor(s.target);

@@ -14,11 +14,7 @@ void X11CursorWatch::Close() {
     ForgetX11DisplayLost(m_display);
     m_display = nullptr;
   }
-  m_xiOpcode = -1;
-  m_fixesEventBase = -1;
-  m_moved = true;
-  m_changed = true;
-  m_pointerAsked = false;
+  Reset();
 }
 
 void X11CursorWatch::Follow(const std::string& name, Window root) {
@@ -37,26 +33,47 @@ void X11CursorWatch::Follow(const std::string& name, Window root) {
     return;  // every sample asks everything
   }
   InstallX11ErrorHandlers(m_display);
+  Select(m_display, root);
+  // The selections are in force before the first sample asks: a change after it is told.
+  XSync(m_display, False);
+}
+
+void X11CursorWatch::Reset() {
+  m_xiOpcode = -1;
+  m_fixesEventBase = -1;
+  m_moved = true;
+  m_changed = true;
+  m_pointerAsked = false;
+}
+
+void X11CursorWatch::Select(Display* display, Window root) {
+  Reset();
   int event = 0;
   int error = 0;
   int opcode = 0;
-  if (XQueryExtension(m_display, "XInputExtension", &opcode, &event, &error)) {
+  if (XQueryExtension(display, "XInputExtension", &opcode, &event, &error)) {
     int major = 2;
     int minor = 0;
-    if (XIQueryVersion(m_display, &major, &minor) == Success) {
+    if (XIQueryVersion(display, &major, &minor) == Success) {
       unsigned char bits[XIMaskLen(XI_LASTEVENT)] = {};
       XISetMask(bits, XI_RawMotion);
       XIEventMask mask{XIAllMasterDevices, static_cast<int>(sizeof(bits)), bits};
-      XISelectEvents(m_display, root, &mask, 1);
+      XISelectEvents(display, root, &mask, 1);
       m_xiOpcode = opcode;
     }
   }
-  if (XFixesQueryExtension(m_display, &event, &error)) {
-    XFixesSelectCursorInput(m_display, root, XFixesDisplayCursorNotifyMask);
+  if (XFixesQueryExtension(display, &event, &error)) {
+    XFixesSelectCursorInput(display, root, XFixesDisplayCursorNotifyMask);
     m_fixesEventBase = event;
   }
-  // The selections are in force before the first sample asks: a change after it is told.
-  XSync(m_display, False);
+}
+
+void X11CursorWatch::OnEvent(const XEvent& event) {
+  if (event.type == GenericEvent && event.xcookie.extension == m_xiOpcode) {
+    m_moved = true;
+  } else if (m_fixesEventBase >= 0 && event.type == m_fixesEventBase + XFixesCursorNotify) {
+    m_changed = true;
+  }
 }
 
 void X11CursorWatch::ReadNotifications() {
@@ -64,13 +81,7 @@ void X11CursorWatch::ReadNotifications() {
     m_moved = m_changed = true;
     return;
   }
-  ReadArrivedX11Events(m_display, [&](const XEvent& event) {
-    if (event.type == GenericEvent && event.xcookie.extension == m_xiOpcode) {
-      m_moved = true;
-    } else if (m_fixesEventBase >= 0 && event.type == m_fixesEventBase + XFixesCursorNotify) {
-      m_changed = true;
-    }
-  });
+  ReadArrivedX11Events(m_display, [&](const XEvent& event) { OnEvent(event); });
 }
 
 bool X11CursorWatch::TakePointerDue(uint64_t nowUs) {

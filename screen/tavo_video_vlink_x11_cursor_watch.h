@@ -1,7 +1,7 @@
-// What the independent cursor's samples need to ask the X server again: the pointer after
-// it moved, the cursor image after the cursor changed. A connection of its own receives the
-// server's notifications (XInput2 raw motion, XFixes cursor changes), read without waiting
-// and without a round trip, so a sample of a still pointer asks the server nothing.
+// What a cursor sample (the independent cursor's, or a frame's that draws the cursor) needs
+// to ask the X server again: the pointer after it moved, the cursor image after the cursor
+// changed. The server's notifications (XInput2 raw motion, XFixes cursor changes) are read
+// without waiting and without a round trip, so a sample of a still pointer asks nothing.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -24,8 +24,14 @@ class X11CursorWatch {
   // or root opens a connection of its own and asks for the notifications; the next sample
   // then asks everything. Returns at once when already following them.
   void Follow(const std::string& name, Window root);
-  // Reads the notifications that arrived since the last call.
+  // Reads the notifications that arrived on the connection of its own since the last call.
   void ReadNotifications();
+  // Instead of a connection of its own: asks for the notifications on `display` (whose
+  // owner reads its events and hands each to OnEvent); the next sample asks everything.
+  void Select(Display* display, Window root);
+  void OnEvent(const XEvent& event);
+  // Forgets the notifications: every sample asks everything until the next Select.
+  void Reset();
   // Whether the sample must ask for the pointer (moved, never asked, no motion
   // notification, or asked longer ago than the recheck) or for the cursor image (changed,
   // never asked, or no cursor notification); each forgets what it answered.

@@ -1,5 +1,8 @@
 // GoogleTest before the X headers, whose None macro it cannot take.
+// clang-format off
 #include <gtest/gtest.h>
+#include <X11/extensions/XTest.h>
+// clang-format on
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -267,13 +270,21 @@ TEST_P(CursorDrawingTest, BlendsExactlyAndClipsAtTheEdges) {
   m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
   const auto cursor = CursorPixels();
   m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, cursor);
-  m_server->WarpPointer(0, GetParam().x, GetParam().y);
+  m_server->WarpPointer(0, 160, 120);
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 0, 0, /*hideCursor=*/false);
   ASSERT_EQ(capturer->Init(), 0u);
   ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  EXPECT_EQ(sink.Frame(0), OracleI420(Blend(drawn, cursor, GetParam().x, GetParam().y), kWidth,
-                                      kHeight, kWidth, kHeight));
+  // Moved as a device moves it: the next frames follow (the server's notice may come a
+  // frame later).
+  XTestFakeMotionEvent(m_server->Connection(), 0, GetParam().x, GetParam().y, CurrentTime);
+  XSync(m_server->Connection(), False);
+  const auto expected = OracleI420(Blend(drawn, cursor, GetParam().x, GetParam().y), kWidth,
+                                   kHeight, kWidth, kHeight);
+  EXPECT_TRUE(WaitUntilTrue([&] {
+    EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
+    return sink.Frame(static_cast<size_t>(sink.Count() - 1)) == expected;
+  }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Positions, CursorDrawingTest,
