@@ -69,6 +69,25 @@ uint32_t CreateVarietyNode(uint32_t componentId, tagTavoVideoComponentParam* par
 }
 VLINK_HOST_CATCH(1)
 
+// Bind, unbind and encoder-update rows under way on this thread. A host callback that runs
+// inside one (the encoder's create callback, when a bind starts it) cannot enter another:
+// this thread holds the builder's lock already. Such rows are refused at once; a destroy
+// then unhooks the node directly instead of through its input's builder.
+thread_local int t_linkRows = 0;
+struct LinkRowScope {
+  LinkRowScope() { ++t_linkRows; }
+  ~LinkRowScope() { --t_linkRows; }
+  LinkRowScope(const LinkRowScope&) = delete;
+  LinkRowScope& operator=(const LinkRowScope&) = delete;
+};
+bool RefusedInsideLinkRow(const char* row) {
+  if (t_linkRows == 0) {
+    return false;
+  }
+  VLOG_ERR("%s refused: called from inside a bind, unbind or update", row);
+  return true;
+}
+
 // A sink about to be destroyed is unbound from each input it hangs off, through that input's
 // builder when there is one (so conversion nodes left without outputs go too), else straight
 // from its upstream node: a host that destroys a bound component leaves nothing holding it.
@@ -83,11 +102,23 @@ void UnbindFromInputs(const VideoVlinkNode::NodePtr& sink) {
       input = above.front();
     }
     std::shared_ptr<VlinkBuilder> builder =
-        VlinkBuilderFactory::GetInstance().GetBuilderNoCreate(input->GetNodeId());
+        t_linkRows != 0 ? nullptr
+                        : VlinkBuilderFactory::GetInstance().GetBuilderNoCreate(input->GetNodeId());
     if (builder == nullptr || builder->UnBindVo(sink->GetNodeId()) != 0) {
       prev->DisconnectFromNode(sink, true);
     }
   }
+}
+
+// Stops a component's node, takes it out of the registry and apart from its neighbours, and
+// forgets the builder registered under its id.
+void TakeApart(const VideoVlinkNode::NodePtr& node) {
+  UnbindFromInputs(node);
+  VideoVlinkNode::DeleteNode(node);  // stops and shuts the node down
+  // Sinks still bound to a destroyed input keep it until they go; it lets go of them now, so
+  // the two never hold each other for good.
+  vlink::DropNeighbours(node);
+  VlinkBuilderFactory::GetInstance().DeleteBuilder(node->GetNodeId());
 }
 
 template <class Node>
@@ -99,13 +130,15 @@ uint32_t DestroyVarietyNode(uint32_t componentId) try {
     VLOG_INF_TRACE("node has closed");
     return 0;
   }
-  UnbindFromInputs(node);
-  VideoVlinkNode::DeleteNodeByUnique(id);  // stops and shuts the node down
-  // Sinks still bound to a destroyed input keep it until they go; it lets go of them now, so
-  // the two never hold each other for good.
-  vlink::DropNeighbours(node);
-  node.reset();
-  VlinkBuilderFactory::GetInstance().DeleteBuilder(id);
+  // From inside the node's own frame callback, whose lock this thread holds: it takes no
+  // further frame from now, and is taken apart once the callback has returned (the locks
+  // that takes come before the node's own).
+  VideoVlinkNode::NodePtr base = node;
+  if (base->DeferUntilOwnHandoffEnds([base] { TakeApart(base); })) {
+    base->RefuseFrames();
+    return 0;
+  }
+  TakeApart(base);
   return 0;
 }
 VLINK_HOST_CATCH(1)
@@ -258,10 +291,21 @@ namespace {
 
 // Bind and unbind differ only in the builder operation and the words in their messages.
 uint32_t ChangeLink(uint32_t sinkComponentId, uint32_t sourceComponentId, bool bind) {
+  if (RefusedInsideLinkRow(bind ? "VlinkBind" : "VlinkUnbind")) {
+    return 1;
+  }
   uint32_t sinkId = 0;
   uint32_t sourceId = 0;
   GetImgNoFromNodeId(sinkComponentId, &sinkId);
   GetImgNoFromNodeId(sourceComponentId, &sourceId);
+  // An unbind from inside the sink's own frame callback is done once that has returned.
+  if (VideoVlinkNode::NodePtr sink = VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(sinkId);
+      !bind && sink && sink->DeferUntilOwnHandoffEnds([sinkComponentId, sourceComponentId] {
+        ChangeLink(sinkComponentId, sourceComponentId, false);
+      })) {
+    return 0;
+  }
+  const LinkRowScope scope;
   VLOG_INF_TRACE("%s [%d]->[%d]", bind ? "VlinkBind" : "VlinkUnbind", static_cast<int>(sourceId),
                  static_cast<int>(sinkId));
   std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(sourceId);
@@ -346,6 +390,10 @@ uint32_t VlinkUpdateVENC(uint32_t componentId, tagTavoVideoComponentParam* param
   if (!builder) {
     return 0;
   }
+  if (RefusedInsideLinkRow("VlinkUpdateVENC")) {
+    return 1;
+  }
+  const LinkRowScope scope;
   result = builder->UpdateVoParam(id, OS_E_MPP_DEV_VENC, param);
   if (result != 0) {
     VLOG_ERR("UpdateVoParam failed");
@@ -492,6 +540,12 @@ uint32_t TavoVideoGetSnapshotFuncMap(const tagTavoVideoSnapshotFuncMap** table, 
 uint32_t TavoVideoReleaseVEncFrame(VencOutFrame* frame) try {
   if (frame == nullptr) {
     VLOG_ERR("data is nullptr");
+    return 1;
+  }
+  // Only a record out with the host is read or freed: one given back twice, or never
+  // handed out, is left alone.
+  if (!VirtualEncoderNode::TakeBackRecord(frame)) {
+    VLOG_ERR("frame[%p] is not out with the host", static_cast<void*>(frame));
     return 1;
   }
   std::shared_ptr<VirtualEncoderNode> node =

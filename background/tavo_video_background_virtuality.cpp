@@ -165,7 +165,7 @@ uint32_t BackgroundVirtualityNode::StartComputing(const std::string& modelPath) 
   if (!m_taskCreated) {
     int ret = m_api.init(kClientName, 0);
     if (ret != 0) {
-      VLOG_ERR("TavoComputingClientInit error ret :%d", ret);
+      VLOG_ERR_CH(2, "TavoComputingClientInit error ret :%d", ret);
       return 1;
     }
     TavoComputingTaskParams params;
@@ -173,7 +173,7 @@ uint32_t BackgroundVirtualityNode::StartComputing(const std::string& modelPath) 
     uint32_t taskId = 0;
     ret = m_api.createTask(TaskConfig(), params, &taskId);
     if (ret != 0) {
-      VLOG_ERR("TavoComputingCreateTask error ret :%d", ret);
+      VLOG_ERR_CH(2, "TavoComputingCreateTask error ret :%d", ret);
       return 1;
     }
     m_taskId = taskId;
@@ -185,10 +185,10 @@ uint32_t BackgroundVirtualityNode::StartComputing(const std::string& modelPath) 
   }
   const int ret = m_api.startTask(m_taskId);
   if (ret != 0) {
-    VLOG_ERR("TavoComputingStartTask error ret :%d", ret);
+    VLOG_ERR_CH(2, "TavoComputingStartTask error ret :%d", ret);
     return 1;
   }
-  VLOG_INF("StartComputing success");
+  VLOG_INF_CH(2, "StartComputing success");
   return 0;
 }
 
@@ -202,14 +202,14 @@ uint32_t BackgroundVirtualityNode::Start() {
   }
   std::string missing;
   if (!OpencvWrapperUsable(&missing)) {
-    VLOG_ERR("libtavo_video_opencv_wrapper unusable:%s", missing.c_str());
+    VLOG_ERR_CH(2, "libtavo_video_opencv_wrapper unusable:%s", missing.c_str());
     return 0;  // no image operations: frames keep passing through
   }
   const std::string path = GetModelFilePath();
-  VLOG_INF("modelAddr path[%s]", path.c_str());
+  VLOG_INF_CH(2, "modelAddr path[%s]", path.c_str());
   const uint32_t started = StartComputing(path);
   if (started != 0) {
-    VLOG_ERR("StartComputing failed[%d]", started);
+    VLOG_ERR_CH(2, "StartComputing failed[%d]", started);
     return 1;
   }
   // Masks a late callback left behind belong to no frame of this run.
@@ -218,7 +218,7 @@ uint32_t BackgroundVirtualityNode::Start() {
   m_isRunning.store(true, std::memory_order_release);
   const int32_t created = m_handleThread.Start([this] { HandleBufferThread(); });
   if (created != 0) {
-    VLOG_ERR("OsPthreadCreate HandleBufferThread failed[%d]", created);
+    VLOG_ERR_CH(2, "OsPthreadCreate HandleBufferThread failed[%d]", created);
     m_isRunning.store(false, std::memory_order_release);
     return 1;
   }
@@ -233,7 +233,7 @@ uint32_t BackgroundVirtualityNode::Start() {
 uint32_t BackgroundVirtualityNode::StopComputing() {
   const int ret = m_api.stopTask(m_taskId);
   if (ret != 0) {
-    VLOG_ERR("TavoComputingStopTask error ret :%d", ret);
+    VLOG_ERR_CH(2, "TavoComputingStopTask error ret :%d", ret);
     return 1;
   }
   return 0;
@@ -250,12 +250,12 @@ uint32_t BackgroundVirtualityNode::Stop() {
   m_handleThread.Stop();
   const uint32_t stopped = StopComputing();
   if (stopped != 0) {
-    VLOG_ERR("StopComputing failed[%d]", stopped);
+    VLOG_ERR_CH(2, "StopComputing failed[%d]", stopped);
     return 1;
   }
   ClearQueue();
   m_argbBuffer.reset();
-  VLOG_INF("StopComputing end");
+  VLOG_INF_CH(2, "StopComputing end");
   return 0;
 }
 
@@ -266,7 +266,7 @@ uint32_t BackgroundVirtualityNode::DestroyComputing() {
   }
   const int ret = m_api.destroyTask(m_taskId);
   if (ret != 0) {
-    VLOG_ERR("tavoComputingDestroyTask error ret :%d", ret);
+    VLOG_ERR_CH(2, "tavoComputingDestroyTask error ret :%d", ret);
     return 1;
   }
   {
@@ -278,15 +278,15 @@ uint32_t BackgroundVirtualityNode::DestroyComputing() {
 }
 
 uint32_t BackgroundVirtualityNode::OnStop() {
-  VLOG_INF("BackgroundVirtualityBaseNode StopProcess");
+  VLOG_INF_CH(2, "BackgroundVirtualityBaseNode StopProcess");
   const uint32_t stopped = Stop();
   if (stopped != 0) {
-    VLOG_ERR("Stop failed[%d]", stopped);
+    VLOG_ERR_CH(2, "Stop failed[%d]", stopped);
   }
   if (DestroyComputing() != 0) {
     return 1;
   }
-  VLOG_INF_TRACE("StopProcess node[%u] ok", m_nodeId);
+  VLINK_LOG(2, 3, ::vlink::kToTrace, "StopProcess node[%u] ok", m_nodeId);
   return 0;
 }
 

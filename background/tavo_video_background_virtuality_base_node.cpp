@@ -21,25 +21,25 @@ BackgroundVirtualityParams BackgroundVirtualityBaseNode::GetParam() {
 
 uint32_t BackgroundVirtualityBaseNode::SetEnable(bool enable) {
   std::lock_guard<std::mutex> lock(m_enableLock);
-  VLOG_INF("BackgroundVirtualityBaseNode::SetEnable enter enable:%d", enable ? 1 : 0);
+  VLOG_INF_CH(2, "BackgroundVirtualityBaseNode::SetEnable enter enable:%d", enable ? 1 : 0);
   if (enable == m_enable) {
     return 0;
   }
   m_enable = enable;
   if (enable) {
-    VLOG_INF("BackgroundVirtualityBaseNode start");
+    VLOG_INF_CH(2, "BackgroundVirtualityBaseNode start");
     if (Start() != 0) {
-      VLOG_ERR("SetEnable Start failed[%u]", m_nodeId);
+      VLOG_ERR_CH(2, "SetEnable Start failed[%u]", m_nodeId);
       return 1;
     }
   } else {
-    VLOG_INF("BackgroundVirtualityBaseNode stop");
+    VLOG_INF_CH(2, "BackgroundVirtualityBaseNode stop");
     if (Stop() != 0) {
-      VLOG_ERR("SetEnable Stop failed[%u]", m_nodeId);
+      VLOG_ERR_CH(2, "SetEnable Stop failed[%u]", m_nodeId);
       return 1;
     }
   }
-  VLOG_INF("BackgroundVirtualityBaseNode::SetEnable end");
+  VLOG_INF_CH(2, "BackgroundVirtualityBaseNode::SetEnable end");
   return 0;
 }
 
@@ -52,12 +52,12 @@ void BackgroundVirtualityBaseNode::ReleaseBuffer(FrameRef& frame) {
 }
 
 uint32_t BackgroundVirtualityBaseNode::OnStart() {
-  VLOG_INF("BackgroundVirtualityBaseNode StartProcess");
+  VLOG_INF_CH(2, "BackgroundVirtualityBaseNode StartProcess");
   return 0;
 }
 
 uint32_t BackgroundVirtualityBaseNode::OnStartWhileStarted() {
-  VLOG_INF("BackgroundVirtualityBaseNode StartProcess");
-  VLOG_ERR("m_nodeId[%u] is already opened", m_nodeId);
+  VLOG_INF_CH(2, "BackgroundVirtualityBaseNode StartProcess");
+  VLOG_ERR_CH(2, "m_nodeId[%u] is already opened", m_nodeId);
   return 0;
 }

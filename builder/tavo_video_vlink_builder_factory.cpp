@@ -76,9 +76,15 @@ void VlinkBuilderFactory::DeleteBuilder(uint32_t viNodeId) {
 }
 
 std::string VlinkBuilderFactory::GetLinksText() {
-  std::lock_guard<std::mutex> lock(m_lock);
+  // Walked without the table's lock: the walk takes node locks, which a host callback may
+  // hold while it asks this table for a builder.
+  std::map<uint32_t, std::shared_ptr<VlinkBuilder>> builders;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    builders = m_builders;
+  }
   std::string text;
-  for (const auto& [id, builder] : m_builders) {
+  for (const auto& [id, builder] : builders) {
     text += "{" + builder->GetLinkString() + "} ";
   }
   return text;

@@ -2,8 +2,29 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <unordered_set>
 
 #include "platform/adapt_common/os_time.h"
+
+namespace {
+
+std::mutex g_recordsLock;  // guards Records(); held by no host callback
+std::unordered_set<VencOutFrame*>& Records() {
+  static std::unordered_set<VencOutFrame*> records;  // goes with the library at unload
+  return records;
+}
+
+}  // namespace
+
+void VirtualEncoderNode::IssueRecord(VencOutFrame* record) {
+  std::lock_guard<std::mutex> lock(g_recordsLock);
+  Records().insert(record);
+}
+
+bool VirtualEncoderNode::TakeBackRecord(VencOutFrame* record) {
+  std::lock_guard<std::mutex> lock(g_recordsLock);
+  return Records().erase(record) == 1;
+}
 
 VirtualEncoderNode::VirtualEncoderNode(uint32_t id) : VideoVlinkNode(id, OS_E_MPP_DEV_VENC) {
   m_nodeName = "ENC_" + std::to_string(id);
@@ -61,11 +82,13 @@ uint32_t VirtualEncoderNode::GetNodeResolution(uint32_t& width, uint32_t& height
 }
 
 uint32_t VirtualEncoderNode::NotifyEncCreate() {
-  if (m_param.encCreateFunc == nullptr) {
+  // A copy: an update may change the parameters while the host's callback runs.
+  const VencDevInfo param = GetParam();
+  if (param.encCreateFunc == nullptr) {
     VLOG_ERR("encCreateFunc is nullptr");
     return 1;
   }
-  return m_param.encCreateFunc(m_param.imgNo, m_param.hostKey, m_param.hostSubKey);
+  return param.encCreateFunc(param.imgNo, param.hostKey, param.hostSubKey);
 }
 
 uint32_t VirtualEncoderNode::OnStart() {
@@ -126,15 +149,22 @@ uint32_t VirtualEncoderNode::EncOutAfterAcquireBuffer(FrameRef& frame) {
     std::free(record);
     return 1;
   }
+  // Issued before the call and holding the frame's reference: the host may give the record
+  // back from inside the callback or from another thread before the callback returns.
+  OsvGraphicBuffer* held = frame.Detach();
+  IssueRecord(record);
   const uint32_t accepted =
       m_param.encOutFunc(m_param.imgNo, m_param.hostKey, m_param.hostSubKey, record);
   if (accepted != 1) {
     VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR, "encOutFunc failed ret[%d]",
                static_cast<int>(accepted));
-    std::free(record);
+    // Unless the host gave it back all the same, the record and its reference are ours.
+    if (TakeBackRecord(record)) {
+      FrameRef::Adopt(held).Reset();
+      std::free(record);
+    }
     return 1;
   }
-  (void)frame.Detach();  // the host's record holds it until TavoVideoReleaseVEncFrame
   return 0;
 }
 

@@ -45,6 +45,11 @@ class VirtualEncoderNode : public VideoVlinkNode {
   uint32_t EncOutAfterAcquireBuffer(FrameRef& frame);
   // The host gave the frame back: drop the reference it held.
   void ReleaseBuffer(OsvGraphicBuffer* buffer);
+  // The hand-off records out with the host, across every encoder. TakeBackRecord is true
+  // exactly once for a record this library handed out and not yet taken back: a record
+  // released twice, or never issued, is not touched.
+  static void IssueRecord(VencOutFrame* record);
+  static bool TakeBackRecord(VencOutFrame* record);
   uint32_t ReportEncError(int code);
   void SetEncErrorCallBackFun(std::function<int(int)> callback);
   TavoVideoCodecType GetCodecType();

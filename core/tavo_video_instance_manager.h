@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "pelv_any.h"
 
@@ -83,14 +84,36 @@ class InstanceManager {
 
   // 0 when an entry was erased, 1 when none was found. The node itself goes when its last
   // holder lets go, never under the registry lock.
-  int DeleteInstance(uint32_t key) {
+  // With `only`, the entry is erased only while it still holds that node: one created
+  // under the key meanwhile stays.
+  int DeleteInstance(uint32_t key, const std::shared_ptr<Base>& only = nullptr) {
     EntryList erased;
     std::lock_guard<std::mutex> lock(m_lock);
     auto slot = m_table.find(Hash(key));
     if (slot == m_table.end()) {
       return 1;
     }
+    if (only) {
+      Entry* entry = Find(slot->second, key);
+      if (entry == nullptr || entry->second.second != only) {
+        return 1;
+      }
+    }
     return EraseKeyInList(key, slot->second, erased);
+  }
+
+  // Empties the registry and gives its nodes to the caller, who lets them go.
+  std::vector<std::shared_ptr<Base>> TakeAll() {
+    std::vector<std::shared_ptr<Base>> nodes;
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (auto& [hash, list] : m_table) {
+      for (Entry& entry : list) {
+        nodes.push_back(std::move(entry.second.second));
+      }
+    }
+    m_table.clear();
+    m_count = 0;
+    return nodes;
   }
 
   uint64_t GetCount() {

@@ -5,14 +5,50 @@
 
 #include <array>
 #include <atomic>
-#include <deque>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <utility>
+#include <vector>
 
+// A FIFO on one growing ring: once it has grown to the deepest queue seen, pushing and
+// popping allocate nothing (a deque would allocate a block every few items).
 template <class T>
-using NonblockingFifo = std::deque<T>;
+class NonblockingFifo {
+ public:
+  bool empty() const { return m_size == 0; }
+  size_t size() const { return m_size; }
+  T& front() { return m_items[m_head]; }
+  void push_back(T&& item) {
+    if (m_size == m_items.size()) {
+      Grow();
+    }
+    m_items[(m_head + m_size) & (m_items.size() - 1)] = std::move(item);
+    ++m_size;
+  }
+  // The popped slot is left moved-from, so what the item held is let go with it.
+  void pop_front() {
+    T gone(std::move(m_items[m_head]));
+    m_head = (m_head + 1) & (m_items.size() - 1);
+    --m_size;
+  }
+
+ private:
+  void Grow() {
+    std::vector<T> items(m_items.empty() ? kFirstCapacity : m_items.size() * 2);
+    for (size_t i = 0; i < m_size; ++i) {
+      items[i] = std::move(m_items[(m_head + i) & (m_items.size() - 1)]);
+    }
+    m_items.swap(items);
+    m_head = 0;
+  }
+
+  static constexpr size_t kFirstCapacity = 64;  // a power of two, as every later size
+  std::vector<T> m_items;
+  size_t m_head = 0;
+  size_t m_size = 0;
+};
 
 template <class T>
 class NonblockingQueueProducer {

@@ -74,11 +74,13 @@ bool ThreadPool::PostBatch(PoolTask* works, size_t count) {
     }
     return true;
   }
+  // Counted before they can be popped, so the count never goes below zero.
+  m_queued.fetch_add(count);
   for (size_t i = 0; i < count; ++i) {
     m_queue.Push(QueuedTask{std::move(works[i]), nullptr});
   }
   lock.unlock();
-  WakeWorkers(count);
+  WakeForQueued();
   return true;
 }
 
@@ -95,48 +97,97 @@ bool ThreadPool::Enqueue(QueuedTask&& task) {
     }
     return true;
   }
+  m_queued.fetch_add(1);  // before it can be popped
   m_queue.Push(std::move(task));
   lock.unlock();
-  WakeWorkers(1);
+  WakeForQueued();
   return true;
 }
 
-void ThreadPool::WakeWorkers(size_t tasks) {
+int ThreadPool::Uncovered() const {
+  return static_cast<int>(std::min<size_t>(m_queued.load(), m_threadCount)) - m_lookers.load();
+}
+
+void ThreadPool::WakeForQueued() {
+  // A worker that is awake and not in a task (or already called) looks at the queue before
+  // it sleeps (Take) and takes a task: only tasks beyond those lookers need a worker woken.
+  // A looker this load counts has not made its last look yet: its count went down before
+  // that look, which takes the producer lock the push held, so it sees the work.
+  // Sequentially consistent with the worker's decrement-then-look (a store-load pair on
+  // both sides).
+  m_waking.fetch_add(1);
+  for (;;) {
+    const int wanted = Uncovered();
+    const bool sleepersLeft = wanted <= 0 || WakeSleepers(wanted) > 0;
+    m_waking.fetch_sub(1);
+    // A worker that took a task meanwhile left the rest to this call (ThreadFunc): look
+    // again after letting go, so that either it sees this call gone or this sees it gone.
+    if (!sleepersLeft || Uncovered() <= 0) {
+      return;
+    }
+    m_waking.fetch_add(1);
+  }
+}
+
+int ThreadPool::WakeSleepers(int wanted) {
   // Only a worker that announced itself can be asleep or about to sleep. It announces
   // before its last look at the queue, and that look takes the producer lock the push
   // held, so either it sees the tasks or this load sees its announcement.
-  const int sleepers = m_sleepers.load();
-  if (sleepers <= 0) {
-    return;
+  if (m_sleepers.load() <= 0) {
+    return 0;
   }
-  // It keeps the take lock from its last look until it sleeps: passing through the lock
-  // here means it is now either asleep (and gets the signal) or has not looked yet (and
-  // sees the tasks). Notified after letting go, so the woken worker need not wait for it.
-  { std::lock_guard<std::mutex> takeLock(m_takeLock); }
-  // One worker per task at most: waking more only makes them queue for the take lock.
-  const size_t wake = std::min(tasks, static_cast<size_t>(sleepers));
-  for (size_t i = 0; i < wake; ++i) {
+  int calls = 0;
+  {
+    // A worker keeps the take lock from its announcement until it sleeps, so under it
+    // every announced worker not yet called is asleep. One hold for all the calls: a
+    // called worker wakes into this lock, so it must not be taken again per call.
+    std::lock_guard<std::mutex> takeLock(m_takeLock);
+    calls = std::min(wanted, m_sleepers.load() - m_wakeCalls);
+    if (calls <= 0) {
+      return 0;  // every sleeper is already called and counts as looking
+    }
+    // Called workers look from now on: nobody need call others for the same work.
+    m_wakeCalls += calls;
+    m_lookers += calls;
+  }
+  // Notified after letting go, so the woken workers need not wait for the lock.
+  for (int i = 0; i < calls; ++i) {
     m_workSignal.notify_one();
   }
+  return calls;
+}
+
+std::optional<QueuedTask> ThreadPool::PopCounted() {
+  std::optional<QueuedTask> task = m_queue.Pop();
+  if (task) {
+    m_queued.fetch_sub(1);
+  }
+  return task;
 }
 
 std::optional<QueuedTask> ThreadPool::Take() {
   std::unique_lock<std::mutex> lock(m_takeLock);
   for (;;) {
-    if (std::optional<QueuedTask> task = m_queue.Pop()) {
+    if (std::optional<QueuedTask> task = PopCounted()) {
       return task;
     }
     if (!m_running.load()) {
       return std::nullopt;
     }
-    // Announce, then look once more: a push that did not see the announcement is seen by
-    // this pop (see Add).
+    // Stop looking and announce the sleep, then look once more: a push that saw neither
+    // (WakeForQueued, WakeSleepers) is seen by this pop.
+    --m_lookers;
     ++m_sleepers;
-    std::optional<QueuedTask> task = m_queue.Pop();
+    std::optional<QueuedTask> task = PopCounted();
     if (!task) {
       m_workSignal.wait(lock);
     }
     --m_sleepers;
+    if (m_wakeCalls > 0) {
+      --m_wakeCalls;  // counted as looking by the call (this one's or, if spurious, another's)
+    } else {
+      ++m_lookers;
+    }
     if (task) {
       return task;
     }
@@ -144,6 +195,7 @@ std::optional<QueuedTask> ThreadPool::Take() {
 }
 
 void ThreadPool::ThreadFunc() {
+  ++m_lookers;
   while (m_running.load()) {
     std::optional<QueuedTask> task = Take();
     if (!task) {
@@ -152,6 +204,12 @@ void ThreadPool::ThreadFunc() {
     if (!task->work) {
       std::fputs("ThreadPool: empty task\n", stderr);
       std::terminate();
+    }
+    // Off to run a task that may block for long (a host callback): if work is left, no
+    // other worker looks for it and no poster is still waking workers (it looks again
+    // after it is done, WakeForQueued), wake one first.
+    if (m_lookers.fetch_sub(1) == 1 && m_queued.load() > 0 && m_waking.load() == 0) {
+      WakeSleepers(1);
     }
     // An exception escaping a task ends the process (the thread function is noexcept in
     // effect: std::thread terminates).
@@ -162,6 +220,7 @@ void ThreadPool::ThreadFunc() {
     // Drop the work (and whatever it captured) only after the promise is fulfilled: if it
     // held the last reference to a node, that node's destructor waits for this very task.
     task.reset();
+    ++m_lookers;
     // Only WaitAllEnd listens; it registers under the take lock before it checks the
     // queue, and the task was popped under that lock, so a waiter is never missed.
     if (m_running.load() && m_progressWaiters.load() > 0) {
@@ -169,6 +228,7 @@ void ThreadPool::ThreadFunc() {
       m_progressSignal.notify_all();
     }
   }
+  --m_lookers;
 }
 
 uint32_t ThreadPool::WaitQueueDrained() {

@@ -41,8 +41,10 @@ class ThreadPool {
   // no allocation for a small task. false when the pool is stopping (work is dropped);
   // a stopped pool runs work at once on the caller's thread.
   bool Post(PoolTask work);
-  // Posts count tasks (moved out of works) under one hold of the pool's locks and wakes as
-  // many workers as they need: a frame's hand-offs to all of its receivers.
+  // Posts count tasks (moved out of works) under one hold of the pool's locks: a frame's
+  // hand-offs to all of its receivers. Sleeping workers are woken only for the tasks that
+  // no idle worker looks for already; a worker that takes a task while others wait, with
+  // nobody else looking, wakes one more before it runs its own.
   bool PostBatch(PoolTask* works, size_t count);
   // Wait until the queue is empty, then stop (and restart). 1 on a stopped pool.
   uint32_t WaitAllEnd();
@@ -50,8 +52,14 @@ class ThreadPool {
 
  private:
   std::optional<QueuedTask> Take();
+  std::optional<QueuedTask> PopCounted();
   bool Enqueue(QueuedTask&& task);
-  void WakeWorkers(size_t tasks);
+  // Wakes sleeping workers until every queued task has a worker looking for it.
+  void WakeForQueued();
+  // Calls up to `wanted` sleeping workers not yet called; how many it called.
+  int WakeSleepers(int wanted);
+  // Queued tasks (up to one per worker) that no worker looks for yet.
+  int Uncovered() const;
   void ThreadFunc();
   uint32_t WaitQueueDrained();
 
@@ -67,5 +75,10 @@ class ThreadPool {
   std::condition_variable m_progressSignal;  // a task finished; waited on with m_takeLock
   std::atomic<int> m_progressWaiters{0};     // threads waiting on m_progressSignal
   std::atomic<int> m_sleepers{0};            // workers that may be waiting on m_workSignal
+  // Workers awake and not in a task: each looks at the queue again before it sleeps.
+  std::atomic<int> m_lookers{0};
+  std::atomic<size_t> m_queued{0};  // tasks in m_queue
+  std::atomic<int> m_waking{0};     // threads inside WakeForQueued
+  int m_wakeCalls = 0;              // sleepers notified, not yet awake; guarded by m_takeLock
   DuelNonblockingQueue<QueuedTask> m_queue;
 };

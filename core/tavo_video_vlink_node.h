@@ -5,14 +5,16 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "core/tavo_video_frame_ref.h"
 #include "core/tavo_video_instance_manager.h"
+#include "core/tavo_video_nonblocking_queue.h"
 #include "core/tavo_video_thread_pool.h"
 #include "osv_graphic_buffer.h"
 #include "trace/tavo_video_vlink_log.h"
@@ -60,8 +62,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // says), else OnStart(); its 0 marks the node started.
   // StopProcess: nothing when stopped; else marks the node stopped (new frames are refused
   // from here on), runs OnStop() (stop and join the node's threads there, without holding
-  // the node lock), then waits for every task of this node already queued. Never call it
-  // from one of those tasks.
+  // the node lock), then waits for every task of this node already queued, except the one
+  // the calling thread is running (a host callback stopping its own node).
+  // A node that was shut down is never started again (1).
   uint32_t StartProcess();
   uint32_t StopProcess();
   // Run once by the registry before it lets the node go, outside the registry lock:
@@ -123,9 +126,21 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   template <class T>
   static std::shared_ptr<T> GetNodeByUnique(uint32_t id);
   static int DeleteNodeByUnique(uint32_t id);
+  // Shuts node down and takes it out of the registry, unless another node has taken its id.
+  static int DeleteNode(const NodePtr& node);
+  // Called from inside a host callback of one of this node's hand-off tasks (this node's
+  // lock is held further up the stack): queues `work` to run on this thread once the
+  // hand-off has returned, without that lock, and gives true. False anywhere else.
+  bool DeferUntilOwnHandoffEnds(std::function<void()> work);
+  // From now on this node takes no frame (a destroy waiting for the end of its hand-off).
+  void RefuseFrames() { m_refusing.store(true, std::memory_order_release); }
+  // Empties the registry, shutting every node down and dropping its links; run when the
+  // library goes away.
+  static void ShutdownAll();
 
-  // Frames waiting for a busy node beyond this are dropped, oldest first, so a sink that
-  // stalls cannot hoard every frame of a source that allocates per frame.
+  // Frames offered to a node stuck in one HandleBuffer beyond this are dropped, oldest
+  // first, so a sink that stalls cannot hoard every frame of a source that allocates per
+  // frame.
   static constexpr size_t kMaxBacklog = 64;
 
   static InstanceManager<VideoVlinkNode>* m_nodeManager;
@@ -147,17 +162,25 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   std::recursive_mutex m_nodeLock;  // guards m_prevNodes, m_nextNodes, m_requirement
   uint32_t m_nodeId;
   std::atomic<bool> m_isStart{false};
+  std::atomic<bool> m_refusing{false};
   std::string m_nodeName;
 
  private:
-  // One task of this node on the pool: a hand-off (holding the frame's reference) or a
-  // release. It holds its node, is counted in when made and counted out when destroyed,
-  // whether it ran or not, so DealTaskHandler(true) sees every task that could still
-  // touch the node and a task the pool drops still drops its frame.
+  // One task of this node on the pool: a hand-off or a release run. It holds its node, is
+  // counted in when made and counted out when destroyed, whether it ran or not, so
+  // DealTaskHandler(true) sees every task that could still touch the node.
   class NodeTask;
-  // A hand-off task of this node for `frame` (taken from it); empty, with `frame` left
-  // alone, when the node is not started or is being destroyed.
-  PoolTask MakeHandoffTask(FrameRef& frame);
+  // Takes `frame` for this node: into a new hand-off task (returned) when no worker is
+  // handing this node its frames, else into the backlog (empty task returned). false, with
+  // `frame` left alone, when the node is not started or is being destroyed.
+  bool AcceptFrame(FrameRef& frame, PoolTask& task);
+  // The worker that runs this node's hand-off: `frame`, then the backlog in order.
+  void RunHandoff(FrameRef& frame);
+  // A hand-off task the pool dropped unrun: nobody will drain the backlog, so it goes.
+  void AbandonHandoff();
+  // The worker that runs this node's releases: every released frame, in order, until none
+  // is left.
+  void RunReleases();
   void FinishTask();
 
   OS_E_MPP_DEV_TYPE m_nodeType;
@@ -166,20 +189,31 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   NodeList m_nextNodes;
   uint32_t m_viNodeId = 0xFFFFFFFFU;
   // Serialises start, stop and shutdown. Host callbacks that may run under it: the encoder
-  // create callback (a start); a host must not start or stop the same node from it. No
-  // frame is queued under it: a node's threads send without it, and a stop refuses new
-  // frames before it waits for the queued ones.
+  // create callback (a start). From inside it, a start or stop of the same node is refused
+  // (1) and a destroy makes the start undo itself and fail. No frame is queued under it: a
+  // node's threads send without it, and a stop refuses new frames before it waits for the
+  // queued ones.
   std::mutex m_lifecycleLock;
   bool m_shutDown = false;  // guarded by m_lifecycleLock
   std::atomic<size_t> m_pendingTasks{0};
   // One worker at a time hands this node its frames: a node whose host callback blocks ties
-  // up one worker of the shared pool, never all of them. Hand-offs that find it busy leave
-  // their frame here for that worker, which takes them in order before it lets go.
-  void RunHandoff(FrameRef& frame);
-  std::mutex m_handoffLock;  // guards the two below; held by no host callback
-  bool m_handoffRunning = false;
-  std::deque<FrameRef> m_backlog;
-  std::atomic<int> m_taskWaiters{0};  // threads inside DealTaskHandler(true)
+  // up one worker of the shared pool, never all of them. Frames offered while a hand-off
+  // task is queued or running wait here for it, so a busy node costs no task and no
+  // wake-up per frame. Beyond kMaxBacklog frames that came while the node made no progress
+  // (no new HandleBuffer began), the oldest go; a node that keeps up keeps them all.
+  // A growing ring: queuing a frame allocates nothing once it has grown.
+  std::mutex m_handoffLock;       // guards the four below; held by no host callback
+  bool m_handoffRunning = false;  // a hand-off task is queued or running
+  bool m_handling = false;        // that task has begun handing frames over
+  NonblockingFifo<FrameRef> m_backlog;
+  size_t m_arrivedWhileBusy = 0;  // frames offered since the last HandleBuffer began
+  // Frames this node produced whose last holder let go, waiting for the one release task
+  // of this node; swapped with m_releasing by that task, so both keep their capacity.
+  std::mutex m_releaseLock;  // guards the two below; held by no host callback
+  bool m_releaseRunning = false;
+  std::vector<OsvGraphicBuffer*> m_released;
+  std::vector<OsvGraphicBuffer*> m_releasing;  // the release task's own
+  std::atomic<int> m_taskWaiters{0};           // threads inside DealTaskHandler(true)
   std::mutex m_taskLock;  // pairs with m_tasksDone; held by no task and no host callback
   std::condition_variable m_tasksDone;
   VideoNodeRequirement m_requirement{};  // guarded by m_nodeLock

@@ -1,5 +1,7 @@
 #include "core/tavo_video_vlink_vi_node.h"
 
+#include <algorithm>
+
 #include "core/tavo_video_os_seams.h"
 #include "trace/tavo_video_vlink_log.h"
 
@@ -51,13 +53,19 @@ void VirtualViNode::BufferOut() {
 }
 
 void VirtualViNode::BufferCheckThreadFunc() {
+  // One wait up to the deadline, 5 s after the last frame (or the creation), instead of a
+  // look every few milliseconds: a frame moves the deadline on and wakes the wait, and the
+  // first one ends the watch.
   while (IsChecking()) {
-    if (!m_checkThread.WaitFor(kWatchPeriodMs) || !IsChecking()) {
-      return;
-    }
     const uint64_t now = Seam<Clock>::Get().NowMs();
     const uint64_t last = m_lastFrameTime.load(std::memory_order_acquire);
     if (!NoFrameForTooLong(now, last)) {
+      const uint64_t deadline = last + kNoFrameLimitMs;
+      const uint64_t waitMs = deadline > now ? deadline - now : kNoFrameLimitMs;
+      if (!m_checkThread.WaitFor(static_cast<uint32_t>(std::min<uint64_t>(waitMs, kNoFrameLimitMs)),
+                                 [this] { return !IsChecking(); })) {
+        return;
+      }
       continue;
     }
     VlinkInputStatusCallback callback = nullptr;

@@ -30,7 +30,6 @@ struct ViDevInfo {
 
 class VirtualViNode : public VideoVlinkNode {
  public:
-  static constexpr uint32_t kWatchPeriodMs = 33;
   static constexpr uint64_t kNoFrameLimitMs = 5000;
   static constexpr uint32_t kStatusNoFrame = 3;
 

@@ -6,11 +6,20 @@
 // or one of this host's callbacks. Everything else in a record is fuzz bytes, including
 // unterminated strings.
 //
+// Some calls are made from inside the library's callbacks (stop or update a preview from its
+// render callback, give an encoder record back from the encoder callback, destroy a decoder
+// from its release callback); records the library never issued, or already took back, are
+// given back; a test image may name a FIFO or a folder.
+//
 // A well-behaved host unbinds a component before destroying it; this one does too (a
 // destroyed node that neighbours still hold stays alive by design), then checks that every
 // encoder frame it received came back and that no frame was released twice.
 //
 // Input: a sequence of operations, each an opcode byte and the bytes it reads.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -59,15 +68,36 @@ constexpr uint32_t kComponents = 8;
 std::mutex g_heldLock;
 std::vector<VencOutFrame*> g_held;
 
+// A call armed by the input, made once from inside the next callback of its kind: the low
+// byte says which, the next the component it concerns.
+enum ArmedCall : uint32_t { kNone, kStopRender, kUpdatePreview, kGiveBackAtOnce, kDestroyDecoder };
+std::atomic<uint32_t> g_armed{kNone};
+// Test-image files that are not regular files.
+std::string g_fifo;
+std::string g_folder;
+
+uint32_t TakeArmed(ArmedCall kind) {
+  uint32_t armed = g_armed.load();
+  if ((armed & 0xFFU) != kind || !g_armed.compare_exchange_strong(armed, kNone)) {
+    return UINT32_MAX;
+  }
+  return armed >> 8;  // the component
+}
+
+int Render(uint32_t, TavoVideoRenderImgHeader*);
+const struct Tables& GetTables();
+
 uint32_t EncoderOut(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
+  if (TakeArmed(kGiveBackAtOnce) != UINT32_MAX) {
+    TavoVideoReleaseVEncFrame(frame);  // from inside; the later give-back is refused
+  }
   std::lock_guard<std::mutex> lock(g_heldLock);
   g_held.push_back(frame);
   return 1;
 }
 uint32_t EncoderCreate(uint32_t, uint32_t, uint32_t) { return 0; }
-uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*) { return 0; }  // library frees
+uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*);
 uint32_t VirtualOut(uint32_t, void*, uint32_t, void*, uint32_t) { return 0; }
-int Render(uint32_t, TavoVideoRenderImgHeader*) { return 0; }
 void Status(uint32_t, uint32_t) {}
 int32_t Cursor(VlinkCursorSendData*, uint32_t, uint32_t) { return 0; }
 
@@ -99,6 +129,37 @@ const Tables& GetTables() {
   return tables;
 }
 
+int Render(uint32_t window, TavoVideoRenderImgHeader*) {
+  if (const uint32_t component = TakeArmed(kStopRender); component != UINT32_MAX) {
+    TavoVideoVlinkVoStopRender(component, window);
+  }
+  if (const uint32_t component = TakeArmed(kUpdatePreview); component != UINT32_MAX) {
+    tagTavoVideoComponentParam record{};
+    record.vo.winNum = 1;
+    record.vo.windows[0].winHandle = window;
+    record.vo.renderCb = Render;
+    const Tables& tables = GetTables();
+    for (uint32_t row = 0; row < tables.updateCount; ++row) {
+      if (tables.update[row].type == TAVO_VIDEO_COMPONENT_PREVIEW) {
+        tables.update[row].func(component, &record);
+      }
+    }
+  }
+  return 0;
+}
+
+uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*) {
+  if (const uint32_t component = TakeArmed(kDestroyDecoder); component != UINT32_MAX) {
+    const Tables& tables = GetTables();
+    for (uint32_t row = 0; row < tables.destroyCount; ++row) {
+      if (tables.destroy[row].type == TAVO_VIDEO_COMPONENT_DECODER) {
+        tables.destroy[row].func(component);
+      }
+    }
+  }
+  return 0;  // the library frees the frame
+}
+
 std::string ContainerName(uint32_t component) {
   return "Node[" + std::to_string(component) + "]PresentParam";
 }
@@ -123,6 +184,12 @@ void FillRecord(Input& in, uint32_t type, tagTavoVideoComponentParam& record) {
       break;
     case TAVO_VIDEO_COMPONENT_SCREEN:
       record.screen.statusCallback = Pick(in, Status);
+      break;
+    case TAVO_VIDEO_COMPONENT_TEST_IMAGE:
+      if (const uint8_t which = in.Byte() % 4U; which < 2U) {
+        const std::string& path = which == 0 ? g_fifo : g_folder;
+        std::snprintf(record.test.fileName, sizeof(record.test.fileName), "%s", path.c_str());
+      }
       break;
     default:
       break;
@@ -168,7 +235,7 @@ void RunOne(Input& in) {
   const Tables& tables = GetTables();
   const uint32_t component = in.Byte() % kComponents;
   tagTavoVideoComponentParam record;
-  switch (in.Byte() % 14) {
+  switch (in.Byte() % 16) {
     case 0: {  // the component's container; sometimes without "portId"
       DataContainer* container = TavoVideoGetDataContainer(ContainerName(component).c_str());
       const uint8_t flags = in.Byte();
@@ -270,6 +337,28 @@ void RunOne(Input& in) {
       TavoVideoReportEncError(component, in.Word());
       break;
     }
+    case 14:
+      g_armed = (component << 8) | (in.Byte() % 4U + 1U);
+      break;
+    case 15: {
+      // Records the library never issued, or has taken back already: refused, untouched.
+      VencOutFrame foreign{};
+      in.Fill(&foreign, sizeof(foreign));
+      TavoVideoReleaseVEncFrame(&foreign);
+      VencOutFrame* given = nullptr;
+      {
+        std::lock_guard<std::mutex> lock(g_heldLock);
+        if (!g_held.empty()) {
+          given = g_held.back();
+          g_held.pop_back();
+        }
+      }
+      if (given != nullptr) {
+        TavoVideoReleaseVEncFrame(given);
+        TavoVideoReleaseVEncFrame(given);
+      }
+      break;
+    }
     default:
       TavoVideoSetTraceLevel(static_cast<int>(in.Byte() % 6U) - 1);
       break;
@@ -280,6 +369,15 @@ void RunOne(Input& in) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   unsetenv("DISPLAY");  // screens fail to open instead of capturing whatever is there
+  const std::string base = "/tmp/vlink_host_call_fuzzer_" + std::to_string(getpid());
+  g_fifo = base + ".dat";
+  g_folder = base + "_folder.dat";
+  mkfifo(g_fifo.c_str(), 0600);
+  mkdir(g_folder.c_str(), 0700);
+  std::atexit([] {
+    unlink(g_fifo.c_str());
+    rmdir(g_folder.c_str());
+  });
   return 0;
 }
 
@@ -289,6 +387,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (int calls = 0; !in.Empty() && calls < 64; ++calls) {
     RunOne(in);
   }
+  g_armed = kNone;
   const Tables& tables = GetTables();
   for (uint32_t component = 0; component < kComponents; ++component) {
     UnbindComponent(tables, component);

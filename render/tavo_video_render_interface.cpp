@@ -171,7 +171,9 @@ uint32_t TavoVideoRenderDelete(DevRenderManager* manager) try {
     return 0;
   }
   manager->RenderDelete();
-  delete manager;
+  if (!manager->DeferDestruction()) {
+    delete manager;
+  }
   return 0;
 }
 VLINK_HOST_CATCH(kRenderFailure)

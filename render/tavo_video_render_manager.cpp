@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "render/tavo_video_vlink_render_adapter.h"
 #include "trace/tavo_video_vlink_log.h"
@@ -9,6 +10,9 @@
 namespace {
 
 constexpr uint32_t kRenderFailure = 0xFFFFFFFF;
+// The manager whose frame this thread is rendering: the host's render callback runs under
+// that manager's lock, so its calls back into the same manager must not take it again.
+thread_local const DevRenderManager* t_rendering = nullptr;
 
 }  // namespace
 
@@ -64,7 +68,7 @@ uint32_t DevRenderManager::Init(tagOS_S_SOFT_VO_CHN_PARAM* param) {
 }
 
 uint32_t DevRenderManager::RenderFrame(OsvGraphicBuffer* buffer) {
-  std::lock_guard<std::mutex> lock(m_renderLock);
+  std::unique_lock<std::mutex> lock(m_renderLock);
   if (m_isStopping.load()) {
     return kRenderFailure;
   }
@@ -76,12 +80,28 @@ uint32_t DevRenderManager::RenderFrame(OsvGraphicBuffer* buffer) {
     VLOG_INF("m_window %llu render first frame", static_cast<unsigned long long>(m_window));
     m_renderProxy->SetIsRenderFirstFrame(true);
   }
-  return m_renderProxy->RenderFrame(buffer);
+  const DevRenderManager* outer = std::exchange(t_rendering, this);
+  const uint32_t result = m_renderProxy->RenderFrame(buffer);
+  t_rendering = outer;
+  // Deleted from inside the callback: done now that the renderer is no longer in use.
+  if (m_deletedInFrame) {
+    m_renderProxy.reset();
+  }
+  const bool destroy = m_destroyInFrame;
+  lock.unlock();
+  if (destroy) {
+    delete this;
+  }
+  return result;
 }
 
 uint32_t DevRenderManager::RenderSetParams(PelvRenderParams& params) {
   // Locked although the renderer locks itself: RenderDelete must not destroy it mid-call.
-  std::lock_guard<std::mutex> lock(m_renderLock);
+  // From inside this manager's own frame the lock is ours already.
+  std::unique_lock<std::mutex> lock(m_renderLock, std::defer_lock);
+  if (t_rendering != this) {
+    lock.lock();
+  }
   if (!m_renderProxy) {
     VLOG_ERR("m_renderProxy is null");
     return kRenderFailure;
@@ -90,7 +110,10 @@ uint32_t DevRenderManager::RenderSetParams(PelvRenderParams& params) {
 }
 
 uint32_t DevRenderManager::RenderStop() {
-  std::lock_guard<std::mutex> lock(m_renderLock);
+  std::unique_lock<std::mutex> lock(m_renderLock, std::defer_lock);
+  if (t_rendering != this) {
+    lock.lock();
+  }
   if (!m_renderProxy) {
     VLOG_ERR("m_renderProxy is nullptr");
     return 0;
@@ -99,8 +122,22 @@ uint32_t DevRenderManager::RenderStop() {
 }
 
 uint32_t DevRenderManager::RenderDelete() {
-  std::lock_guard<std::mutex> lock(m_renderLock);
   VLOG_INF("RenderDelete m_window:%p", reinterpret_cast<void*>(m_window));
+  if (t_rendering == this) {
+    // The renderer is on this thread's stack: it goes when the frame returns.
+    m_isStopping.store(true);
+    m_deletedInFrame = true;
+    return 0;
+  }
+  std::lock_guard<std::mutex> lock(m_renderLock);
   m_renderProxy.reset();
   return 0;
+}
+
+bool DevRenderManager::DeferDestruction() {
+  if (t_rendering != this) {
+    return false;
+  }
+  m_destroyInFrame = true;
+  return true;
 }

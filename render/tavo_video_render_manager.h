@@ -20,12 +20,17 @@ class DevRenderManager {
   // 0, or 0xFFFFFFFF when the renderer cannot be set up.
   uint32_t Init(tagOS_S_SOFT_VO_CHN_PARAM* param);
   // 0xFFFFFFFF once deleted or stopping; otherwise the renderer's result. Blocks
-  // RenderDelete until the host's callback has returned.
+  // RenderDelete from other threads until the host's callback has returned; stop,
+  // parameters and deletion from inside the callback itself do not wait.
   uint32_t RenderFrame(OsvGraphicBuffer* buffer);
   uint32_t RenderSetParams(PelvRenderParams& params);
   uint32_t RenderStop();
-  // Destroys the renderer; later frames are refused.
+  // Destroys the renderer; later frames are refused. Called from inside this manager's
+  // render callback, the renderer goes when that frame returns.
   uint32_t RenderDelete();
+  // True when called from inside this manager's render callback: the manager then deletes
+  // itself when that frame returns, and the caller must not delete it.
+  bool DeferDestruction();
 
  private:
   static std::unique_ptr<IDevRenderStreamProxy> CreateRenderProxy(PelvRenderMode mode);
@@ -36,4 +41,7 @@ class DevRenderManager {
   std::unique_ptr<IDevRenderStreamProxy> m_renderProxy;
   uint64_t m_window = 0;
   std::atomic<bool> m_isStopping{false};
+  // Set from inside the render callback, on the rendering thread under m_renderLock.
+  bool m_deletedInFrame = false;
+  bool m_destroyInFrame = false;
 };

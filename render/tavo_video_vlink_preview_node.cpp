@@ -1,6 +1,7 @@
 #include "render/tavo_video_vlink_preview_node.h"
 
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "platform/adapt_common/safe_string.h"
@@ -11,6 +12,10 @@ VideoPreviewNode::WinReportCallback VideoPreviewNode::m_winReportCb;
 namespace {
 
 unsigned int Low32(uint64_t handle) { return static_cast<unsigned int>(handle & 0xFFFFFFFFU); }
+
+// The preview whose windows this thread is rendering: the render callback runs while the
+// preview walks its windows, so what the host changes from inside it waits for the walk.
+thread_local const VideoPreviewNode* t_renderingPreview = nullptr;
 
 }  // namespace
 
@@ -129,18 +134,16 @@ std::set<uint64_t> VideoPreviewNode::ApplyWindows() {
   return wanted;
 }
 
-uint32_t VideoPreviewNode::OnStart() {
-  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
-  ApplyWindows();
-  return 0;
-}
-
 uint32_t VideoPreviewNode::UpdateParam(const tagTavoVideoVoChnParam& param) {
   if (!ValidWinNum(param)) {
     VLOG_ERR("[%s] invalid winNum[%u]!", m_nodeName.c_str(), param.winNum);
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  if (t_renderingPreview == this) {
+    m_deferredParam = param;  // applied when the frame's walk over the windows is done
+    return 0;
+  }
   m_param = param;
   const std::set<uint64_t> wanted = ApplyWindows();
   const std::set<uint64_t> created = m_createdWins;
@@ -166,7 +169,11 @@ uint32_t VideoPreviewNode::HandleBuffer(FrameRef& frame) {
   std::vector<uint64_t> firstFrames;
   {
     std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+    const VideoPreviewNode* outer = std::exchange(t_renderingPreview, this);
     for (auto& [handle, render] : m_renderMap) {
+      if (m_closeDeferred) {
+        break;  // stopped from inside the callback
+      }
       if (render.imgNo != imgNo) {
         continue;
       }
@@ -176,6 +183,8 @@ uint32_t VideoPreviewNode::HandleBuffer(FrameRef& frame) {
       ++render.frameCnt;
       TavoVideoRenderFrame(render.manager, buffer);
     }
+    t_renderingPreview = outer;
+    ApplyDeferred();
   }
   // The host hears of them without our locks: it may call back into this preview.
   for (uint64_t handle : firstFrames) {
@@ -249,8 +258,40 @@ uint32_t VideoPreviewNode::RenderDelete(uint64_t winHandle) {
   return 0;
 }
 
+void VideoPreviewNode::ApplyDeferred() {
+  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  if (std::optional<tagTavoVideoVoChnParam> param = std::exchange(m_deferredParam, std::nullopt)) {
+    UpdateParam(*param);
+  }
+  if (std::exchange(m_closeDeferred, false)) {
+    CloseWindows();
+  }
+}
+
+uint32_t VideoPreviewNode::OnStart() {
+  std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  m_closeDeferred = false;  // stopped and started again inside one callback: windows stay
+  ApplyWindows();
+  return 0;
+}
+
 uint32_t VideoPreviewNode::OnStop() {
   VLOG_INF("[%s] VideoPreviewNode StopProcess m_nodeId[%u] enter.", m_nodeName.c_str(), m_nodeId);
+  {
+    std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+    if (t_renderingPreview == this) {
+      // Stopped or destroyed from inside a render callback: the windows' renderers are in
+      // use on this thread; they close when the frame is done.
+      m_closeDeferred = true;
+      m_deferredParam.reset();
+      return 0;
+    }
+  }
+  CloseWindows();
+  return 0;
+}
+
+void VideoPreviewNode::CloseWindows() {
   std::set<uint64_t> created;
   {
     std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
@@ -266,5 +307,4 @@ uint32_t VideoPreviewNode::OnStop() {
   m_renderMap.clear();
   m_createdWins.clear();
   VLOG_INF("[%s] VideoPreviewNode StopProcess m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
-  return 0;
 }

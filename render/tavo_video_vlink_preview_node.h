@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -63,6 +64,12 @@ class VideoPreviewNode : public VideoVlinkNode {
   // Renderers for the windows of m_param that lack one; returns the handles served.
   std::set<uint64_t> ApplyWindows();
   static bool ValidWinNum(const tagTavoVideoVoChnParam& param);
+  // What the host asked from inside a render callback of this node, done once the frame
+  // has been through every window.
+  void ApplyDeferred();
+  void CloseWindows();
+  std::optional<tagTavoVideoVoChnParam> m_deferredParam;  // guarded by m_nodeLock
+  bool m_closeDeferred = false;                           // guarded by m_nodeLock
 
   tagTavoVideoVoChnParam m_param{};                // guarded by m_nodeLock
   std::map<uint64_t, RenderParam> m_renderMap;     // guarded by m_nodeLock

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <utility>
 
 #include "platform/adapt_common/pelv_trace.h"
 #include "platform/adapt_common/tavo_video_image_convert.h"
@@ -19,6 +20,10 @@ std::atomic<bool> g_isSorenProcessor{false};
 constexpr uint32_t kLogEvery = 1000;
 vlink::LogPacer g_callbackFailures(kLogEvery);
 vlink::LogPacer g_convertFailures(kLogEvery);
+
+// The adapter whose host callback this thread is in: the callback runs under that adapter's
+// lock, and may change its parameters.
+thread_local const DevRenderLinuxAdapter* t_inCallback = nullptr;
 
 }  // namespace
 
@@ -60,7 +65,10 @@ uint32_t DevRenderLinuxAdapter::Init(tagOS_S_SOFT_VO_CHN_PARAM* param) {
 }
 
 uint32_t DevRenderLinuxAdapter::RenderSetParams(PelvRenderParams& params) {
-  std::lock_guard<std::mutex> lock(m_frameLock);
+  std::unique_lock<std::mutex> lock(m_frameLock, std::defer_lock);
+  if (t_inCallback != this) {
+    lock.lock();
+  }
   m_chnParam.params = params;
   m_renderCallback = params.renderCb;
   m_cpuType = CpuTypeOfProcessor();
@@ -122,7 +130,9 @@ uint32_t DevRenderLinuxAdapter::RenderFrame(OsvGraphicBuffer* buffer) {
              header.stride0, header.stride1, static_cast<unsigned>(header.contiguous),
              header.dataSize, m_frameCount);
   }
+  const DevRenderLinuxAdapter* outer = std::exchange(t_inCallback, this);
   const int result = m_renderCallback(WindowId(), &header);
+  t_inCallback = outer;
   if (result == 0) {
     return 0;
   }

@@ -26,8 +26,8 @@ class DevRenderLinuxAdapter : public IDevRenderStreamProxy {
   uint32_t Init(tagOS_S_SOFT_VO_CHN_PARAM* param) override;
   uint32_t RenderStop() override;
   uint32_t RenderSetParams(PelvRenderParams& params) override;
-  // Calls the host's callback with the adapter's lock held; the callback must not call
-  // back into this renderer.
+  // Calls the host's callback with the adapter's lock held; from inside it the host may
+  // change this renderer's parameters or stop it, which then applies to the next frame.
   uint32_t RenderFrame(OsvGraphicBuffer* buffer) override;
 
  private:
@@ -41,8 +41,9 @@ class DevRenderLinuxAdapter : public IDevRenderStreamProxy {
   void LogColorSpace() const;
   uint32_t WindowId() const { return static_cast<uint32_t>(m_winHandle); }
 
-  // Guards every field below. The host's render callback runs under it: the callback must
-  // not call back into this renderer. A frame is handed to the host under it, never queued.
+  // Guards every field below. The host's render callback runs under it; RenderSetParams
+  // from inside the callback runs on the thread that holds it. A frame is handed to the
+  // host under it, never queued.
   std::mutex m_frameLock;
   uint64_t m_winHandle = 0;
   uint32_t m_frameCount = 0;

@@ -1,9 +1,14 @@
 #include "test_input/tavo_video_vlink_test_node.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "core/tavo_video_scope_guard.h"
 #include "platform/adapt_common/os_thread.h"
 #include "platform/adapt_common/tavo_video_image_convert.h"
 #include "tavo_video_image_util.h"
@@ -128,8 +133,11 @@ uint32_t TestInputInputNode::ReadImage(const char* path) {
     m_oldImages.push_back(m_imageData);
   }
   m_imageData = data;
-  m_param.width = width;
-  m_param.height = height;
+  {
+    std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+    m_param.width = width;
+    m_param.height = height;
+  }
   InitCache();
   VLOG_INF_CH(2, "Read img success, width[%u], height[%u]", width, height);
   return 0;
@@ -141,25 +149,37 @@ uint32_t TestInputInputNode::ReadImageFile(const char* path, uint8_t** data, uin
     VLOG_ERR_CH(2, "filePath is null!");
     return CreateBlackPicture(data, width, height);
   }
-  FILE* file = std::fopen(path, "rb");
-  if (file == nullptr) {
+  // Only a regular file is an image: a FIFO or device would block the bind in the reads
+  // below. Checked before opening, and again on what was opened in case the path changed.
+  struct stat named {};
+  const int fd = stat(path, &named) == 0 && S_ISREG(named.st_mode)
+                     ? open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)
+                     : -1;
+  struct stat opened {};
+  if (fd < 0 || fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) {
+    if (fd >= 0) {
+      close(fd);
+    }
     VLOG_ERR_CH(2, "Failed to open file!");
     return CreateBlackPicture(data, width, height);
   }
+  const ScopeGuard closeFile = ScopeGuard::Create([fd] { close(fd); });
   uint8_t header[8] = {};
-  const size_t got = std::fread(header, 1, sizeof(header), file);
-  std::fclose(file);
+  const ssize_t got = pread(fd, header, sizeof(header), 0);
   (void)got;  // a short file leaves the rest zero
+  // The conversions read the file that was checked, not whatever the path names by then.
+  const std::string checked = "/proc/self/fd/" + std::to_string(fd);
 
   int32_t result = 0;
   if (ImageUtils::isBmpFormat(header, sizeof(header))) {
-    result = Transbmp2Yuv(path, width, height, data);
+    result = Transbmp2Yuv(checked.c_str(), width, height, data);
     VLOG_INF_CH(2, "BMP, width[%u], height[%u]", *width, *height);
   } else if (std::strpbrk(path, "dat") != nullptr) {
     // Any of the letters d, a, t marks a raw I420 file of the configured size.
-    *width = m_param.width;
-    *height = m_param.height;
-    result = TransDat2Yuv(path, data, *width, *height);
+    const TestDevInfo param = GetParam();  // a create on another host thread may change it
+    *width = param.width;
+    *height = param.height;
+    result = TransDat2Yuv(checked.c_str(), data, *width, *height);
     VLOG_INF_CH(2, "YUV, width[%u], height[%u]", *width, *height);
   } else {
     VLOG_ERR_CH(2, "File format is invalid!");
@@ -196,8 +216,9 @@ uint32_t TestInputInputNode::InitCache() {
   if (m_imageData == nullptr) {
     return 1;
   }
-  const uint32_t width = m_param.width;
-  const uint32_t height = m_param.height;
+  const TestDevInfo param = GetParam();
+  const uint32_t width = param.width;
+  const uint32_t height = param.height;
   const uint32_t lumaSize = width * height;
   OsvGraphicBufferInfo info{};
   info.width = width;
@@ -210,7 +231,7 @@ uint32_t TestInputInputNode::InitCache() {
   for (uint32_t i = 0; i < kCacheSize; ++i) {
     auto buffer = std::make_unique<OsvGraphicBuffer>(m_imageData);
     buffer->SetImageInfo(info);
-    buffer->SetSrcImgNo(m_param.imgNo);
+    buffer->SetSrcImgNo(param.imgNo);
     uint8_t* y = m_imageData;
     uint8_t* u = y + lumaSize;
     uint8_t* v = u + lumaSize / 4;

@@ -107,6 +107,10 @@ int32_t OsvGraphicBuffer::IncreaseRef() {
 }
 
 int32_t OsvGraphicBuffer::DecreaseRef() {
+  // Read before the last reference goes: a pooled buffer is free, and may be reused or
+  // destroyed by its owner, the moment the count reaches 0, so no member is touched after.
+  ReleaseTarget target;
+  bool targetRead = false;
   uint32_t count = m_refCount.load(std::memory_order_acquire);
   do {
     if (count == 0) {
@@ -118,16 +122,16 @@ int32_t OsvGraphicBuffer::DecreaseRef() {
                                static_cast<void*>(this), static_cast<unsigned long long>(seen));
       return -1;
     }
+    if (count == 1 && !targetRead) {
+      std::lock_guard<std::mutex> lock(m_targetLock);
+      target = m_releaseTarget;
+      targetRead = true;
+    }
   } while (!m_refCount.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel));
   if (count != 1) {
     return static_cast<int32_t>(count - 1);
   }
-  ReleaseTarget target;
-  {
-    std::lock_guard<std::mutex> lock(m_targetLock);
-    target = m_releaseTarget;
-  }
-  // The target may destroy this buffer: touch no member after the call.
+  // The target may destroy this buffer.
   if (target) {
     target->ReleaseBufferDeal(this);
   }

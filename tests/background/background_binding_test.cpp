@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <libyuv.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -10,8 +9,6 @@
 
 #include "background/tavo_video_opencv_binding.h"
 #include "background/tavo_video_thread_safe_queue.h"
-#include "platform/adapt_common/om_cust_util.h"
-#include "platform/adapt_common/tavo_video_rgb_convert.h"
 #include "tests/support/build_tree_loader.h"
 #include "tests/support/fake_os.h"
 #include "tests/support/temp_dir.h"
@@ -127,80 +124,6 @@ TEST(WrapperTest, RealWrapperReadsScalesAndReportsOpencvsConstants) {
   EXPECT_TRUE(cvbind::CMatEmpty(none));
   cvbind::CMatDestroy(none);
   ResetOpencvBinding();
-}
-
-// The platform conversions against libyuv's own output.
-TEST(FrameConvertTest, ConversionsMatchLibyuvAndRefuseMismatchedFrames) {
-  constexpr uint32_t w = 34;
-  constexpr uint32_t h = 20;
-  OsvGraphicBuffer i420(w, h, TAVO_VIDEO_VLINK_FORMAT_I420);
-  for (uint32_t i = 0; i < i420.GetImageInfo().size; ++i) {
-    static_cast<uint8_t*>(i420.GetBufHandle())[i] = static_cast<uint8_t>(i * 13 + 7);
-  }
-  const OsvGraphicBufferInfo in = i420.GetImageInfo();
-  std::vector<uint8_t> argbExpected(w * h * 4);
-  libyuv::I420ToARGB(i420.GetImageAddr(0), in.stride[0], i420.GetImageAddr(1), in.stride[1],
-                     i420.GetImageAddr(2), in.stride[2], argbExpected.data(), w * 4, w, h);
-  OsvGraphicBuffer argb(w, h, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  ASSERT_EQ(ConvertToARGB(&i420, &argb, PELV_ROTATION_0), 0);
-  EXPECT_EQ(0, std::memcmp(argb.GetImageAddr(0), argbExpected.data(), argbExpected.size()));
-
-  std::vector<uint8_t> turned(w * h * 4);
-  libyuv::ARGBRotate(argbExpected.data(), w * 4, turned.data(), w * 4, w, h, libyuv::kRotate180);
-  OsvGraphicBuffer argb180(w, h, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  ASSERT_EQ(ConvertToARGB(&i420, &argb180, PELV_ROTATION_180), 0);
-  EXPECT_EQ(0, std::memcmp(argb180.GetImageAddr(0), turned.data(), turned.size()));
-  OsvGraphicBuffer argb90(h, w, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  EXPECT_EQ(ConvertToARGB(&i420, &argb90, PELV_ROTATION_90), 0);
-  EXPECT_NE(ConvertToARGB(&i420, &argb90, PELV_ROTATION_0), 0);  // sizes do not fit
-  EXPECT_NE(ConvertToARGB(&i420, &argb, static_cast<PelvRotationAngle>(45)), 0);
-
-  std::vector<uint8_t> rgbExpected(w * h * 3);
-  libyuv::ARGBToRGB24(argbExpected.data(), w * 4, rgbExpected.data(), w * 3, w, h);
-  OsvGraphicBuffer rgb(w, h, TAVO_VIDEO_VLINK_FORMAT_RGB24);
-  ASSERT_EQ(ARGBToRGB24(&argb, &rgb), 0);
-  EXPECT_EQ(0, std::memcmp(rgb.GetImageAddr(0), rgbExpected.data(), rgbExpected.size()));
-
-  OsvGraphicBuffer back(w, h, TAVO_VIDEO_VLINK_FORMAT_I420);
-  std::vector<uint8_t> yuvExpected(back.GetImageInfo().size);
-  const OsvGraphicBufferInfo out = back.GetImageInfo();
-  uint8_t* y = yuvExpected.data();
-  uint8_t* u = y + out.stride[0] * h;
-  uint8_t* v = u + out.stride[1] * ((h + 1) / 2);
-  libyuv::RGB24ToI420(rgbExpected.data(), w * 3, y, out.stride[0], u, out.stride[1], v,
-                      out.stride[2], w, h);
-  ASSERT_EQ(RGBToYUV420(&rgb, &back), 0);
-  EXPECT_EQ(0, std::memcmp(back.GetBufHandle(), yuvExpected.data(), yuvExpected.size()));
-
-  OsvGraphicBuffer small(w - 2, h, TAVO_VIDEO_VLINK_FORMAT_RGB24);
-  EXPECT_NE(ARGBToRGB24(&argb, &small), 0);
-  EXPECT_NE(RGBToYUV420(&small, &back), 0);
-  EXPECT_NE(RGBToYUV420(&rgb, &argb), 0);  // not I420
-  EXPECT_NE(ConvertToARGB(nullptr, &argb, PELV_ROTATION_0), 0);
-}
-
-TEST(PlatformServicesTest, ConfigurationDirectoryAndGpuInfo) {
-  const char* saved = std::getenv("TAVO_OM_CFG_PATH");
-  const std::string keep = saved == nullptr ? "" : saved;
-  unsetenv("TAVO_OM_CFG_PATH");
-  EXPECT_STREQ(TavoOmCustUtilGetCfgPath(0), TAVO_OM_DEFAULT_CFG_PATH);
-  setenv("TAVO_OM_CFG_PATH", "/tmp/cfg//", 1);
-  const char* first = TavoOmCustUtilGetCfgPath(0);
-  EXPECT_STREQ(first, "/tmp/cfg");
-  setenv("TAVO_OM_CFG_PATH", "", 1);
-  EXPECT_STREQ(TavoOmCustUtilGetCfgPath(0), TAVO_OM_DEFAULT_CFG_PATH);
-  EXPECT_STREQ(first, "/tmp/cfg");  // a text handed out stays valid
-  if (saved != nullptr) {
-    setenv("TAVO_OM_CFG_PATH", keep.c_str(), 1);
-  } else {
-    unsetenv("TAVO_OM_CFG_PATH");
-  }
-  char info[640];
-  std::memset(info, 'x', sizeof info);
-  ASSERT_EQ(TavoDevmGetGpuInfo(info, sizeof info), 0);
-  EXPECT_NE(std::memchr(info, '\0', sizeof info), nullptr);
-  EXPECT_EQ(TavoDevmGetGpuInfo(info, 4), -1);
-  EXPECT_EQ(TavoDevmGetGpuInfo(nullptr, 640), -1);
 }
 
 }  // namespace

@@ -48,17 +48,6 @@ TEST_F(ComposeTest, Compose32AtTheThresholdsAndInTheBlendRange) {
   }
 }
 
-TEST_F(ComposeTest, Compose32NamesEveryMissingBuffer) {
-  uint8_t byte = 0;
-  EXPECT_EQ(m_node->Compose32(&byte, nullptr, &byte, &byte), 1U);
-  EXPECT_TRUE(
-      m_log.HasModule("m_nodeId[10001] buffer is nullptr bgPtr:1 alphaPtr:0 outImagePtr:0"));
-  auto other = std::make_shared<BackgroundVirtualityNode>(7);  // its own pacing
-  EXPECT_EQ(other->Compose32(nullptr, &byte, nullptr, &byte), 1U);
-  other.reset();
-  EXPECT_TRUE(m_log.HasModule("m_nodeId[7] buffer is nullptr bgPtr:0 alphaPtr:1 outImagePtr:1"));
-}
-
 TEST_F(ComposeTest, BackgroundImageFailuresKeepThePreviousImage) {
   // SetUp loaded a blue 16 x 9 image scaled to 64 x 36.
   const std::string corrupt = m_dir.Write("corrupt.bmp", {'B', 'M', 1, 2, 3, 4, 5});

@@ -32,23 +32,6 @@ void LateAnswer(int handle) {
   BackgroundVirtualityNode::ComputingCallback(0, handle, result);
 }
 
-TEST_F(BackgroundNodeTest, NameTypeAndRepeatedSwitchRequests) {
-  EXPECT_EQ(m_node->GetNodeName(), "BG_VIR_10001");
-  EXPECT_EQ(m_node->GetNodeType(), OS_E_MPP_DEV_BACKGROUND);
-  EXPECT_FALSE(BackgroundVirtualityNode::GetGPUInfo().empty());  // "none" without a GPU
-  EXPECT_EQ(m_node->SetEnable(false), 0U);                       // never enabled: nothing to do
-  EXPECT_EQ(m_client.Get().stops, 0);
-  EXPECT_EQ(m_node->SetEnable(true), 0U);
-  EXPECT_EQ(m_node->SetEnable(true), 0U);
-  EXPECT_EQ(m_client.Get().starts, 1);
-  EXPECT_TRUE(m_node->IsRunning());
-  EXPECT_EQ(m_node->SetEnable(false), 0U);
-  EXPECT_EQ(m_client.Get().stops, 1);
-  EXPECT_FALSE(m_node->IsRunning());
-  const std::vector<std::string> names = m_threads.Names();  // the thread has been joined
-  EXPECT_NE(std::find(names.begin(), names.end(), "VIRTAL_BG_HANDLE"), names.end());
-}
-
 struct ModelCase {
   uint32_t width, height;
   const char* model;
@@ -168,9 +151,6 @@ TEST_F(BackgroundNodeTest, MissingLibraryOrFunctionKeepsPassThrough) {
     node.reset();
     ResetOpencvBinding();
   }
-  EXPECT_TRUE(m_log.HasModule("libtavo_computing_client open failed:"));
-  EXPECT_TRUE(m_log.HasModule("OsDLibrarySym failed :undefined symbol: TavoComputingReturnBuffer"));
-  EXPECT_TRUE(m_log.HasModule("libtavo_video_opencv_wrapper unusable:CResize"));
   ASSERT_TRUE(AllReleased());
 }
 
@@ -204,15 +184,6 @@ TEST_F(BackgroundNodeTest, OnBlendsEachFrameWithItsOwnMask) {
   }
 }
 
-TEST_F(BackgroundNodeTest, PersonMaskKeepsTheFrame) {
-  m_client.Set(With([](Knobs& k) { k.maskValue = 255; }));
-  ASSERT_EQ(m_node->SetEnable(true), 0U);
-  Send(1);
-  ASSERT_TRUE(AllReleased());
-  ASSERT_EQ(SeenLuma().size(), 1U);
-  EXPECT_NEAR(SeenLuma()[0], kFrameLuma, 1);  // through RGB and back
-}
-
 // Failing answers, refused buffers and refused requests each cost exactly their own frame.
 TEST_F(BackgroundNodeTest, EachFailureDropsOnlyItsFrame) {
   m_client.Set(With([](Knobs& k) { k.failRequests = {2}; }));
@@ -236,7 +207,6 @@ TEST_F(BackgroundNodeTest, EachFailureDropsOnlyItsFrame) {
   ASSERT_TRUE(m_sink->handled.WaitFor(3));
   ASSERT_TRUE(AllReleased());
   EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{1, 3, 6}));
-  EXPECT_TRUE(m_log.HasModule("ComputingCallback failed"));
   EXPECT_TRUE(m_log.HasModule("TavoComputingInference error ret :-9"));
 }
 
@@ -336,16 +306,6 @@ TEST_F(BackgroundNodeTest, FrameSizeChangeWaitsForFramesInFlight) {
   EXPECT_EQ(m_node->GetParam().width, 32U);
 }
 
-TEST_F(BackgroundNodeTest, FailedRetuneDropsTheFrame) {
-  m_client.Set(With([](Knobs& k) { k.updateResult = -3; }));
-  ASSERT_EQ(m_node->SetEnable(true), 0U);
-  Send(1, 32, 32);
-  ASSERT_TRUE(AllReleased());
-  EXPECT_TRUE(Seen().empty());
-  EXPECT_TRUE(m_log.HasModule("TavoComputingUpdateTaskParams error ret :-3"));
-  EXPECT_TRUE(m_log.HasModule("UpdateComputingParam failed"));
-}
-
 TEST_F(BackgroundNodeTest, StopProcessDestroysTheTaskAndAStartMakesANewOne) {
   ASSERT_EQ(m_node->SetEnable(true), 0U);
   const uint32_t first = m_node->GetTaskId();
@@ -365,7 +325,6 @@ TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
   m_threads.FailNextCreates(1);
   EXPECT_EQ(m_node->SetEnable(true), 1U);
   EXPECT_TRUE(m_log.HasModule("OsPthreadCreate HandleBufferThread failed[11]"));
-  EXPECT_TRUE(m_log.HasModule("SetEnable Start failed[10001]"));
   EXPECT_FALSE(m_node->IsRunning());
   const int starts = m_client.Get().starts;
   EXPECT_EQ(m_node->SetEnable(true), 0U);  // the request was kept: repeating it does nothing
@@ -376,27 +335,9 @@ TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
   m_client.Change([](Knobs& k) { k.startResult = -2; });
   EXPECT_EQ(m_node->SetEnable(true), 1U);
   EXPECT_TRUE(m_log.HasModule("TavoComputingStartTask error ret :-2"));
-  EXPECT_TRUE(m_log.HasModule("StartComputing failed[1]"));
   Send(2);
   ASSERT_TRUE(m_sink->handled.WaitFor(2));
   ASSERT_TRUE(AllReleased());
-}
-
-// A client that appears later is loaded by the next start.
-TEST_F(BackgroundNodeTest, MissingClientIsTriedAgainAtTheNextStart) {
-  FakeDynamicLoader loader;
-  loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
-  {
-    ScopedSeamOverride<DynamicLoader> use(loader);
-    EXPECT_EQ(m_node->SetEnable(true), 0U);
-    EXPECT_FALSE(m_node->IsRunning());
-    EXPECT_TRUE(
-        m_log.HasModule("libtavo_computing_client open failed:libtavo_computing_client.so: "
-                        "cannot open shared object file"));
-    EXPECT_EQ(m_node->SetEnable(false), 0U);
-  }
-  EXPECT_EQ(m_node->SetEnable(true), 0U);  // the fixture's loader has it
-  EXPECT_TRUE(m_node->IsRunning());
 }
 
 // The client refuses to stop: the node says so and keeps what is in flight until it is
@@ -411,8 +352,6 @@ TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
   ASSERT_TRUE(m_client.requests.WaitFor(1));
   EXPECT_EQ(m_node->SetEnable(false), 1U);
   EXPECT_TRUE(m_log.HasModule("TavoComputingStopTask error ret :-4"));
-  EXPECT_TRUE(m_log.HasModule("StopComputing failed[1]"));
-  EXPECT_TRUE(m_log.HasModule("SetEnable Stop failed[10001]"));
   EXPECT_EQ(m_producer->released.Get(), 0);  // still in flight
   m_node->Shutdown();
   Unlink(m_node, m_sink);
@@ -421,23 +360,7 @@ TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
   m_node = std::make_shared<BackgroundVirtualityNode>(10001);  // for TearDown
 }
 
-// A frame the blend cannot write back (not I420) is dropped after its mask came.
-TEST_F(BackgroundNodeTest, FrameThatCannotBeWrittenBackIsDropped) {
-  ASSERT_EQ(m_node->SetEnable(true), 0U);
-  auto* argb = new OsvGraphicBuffer(kWidth, kHeight, TAVO_VIDEO_VLINK_FORMAT_ARGB, true);
-  argb->SetReleaseTarget(m_producer);
-  {
-    FrameRef mine = FrameRef::Share(argb);
-    ++m_sent;
-    ASSERT_EQ(m_node->HandleBuffer(mine), 0U);
-  }
-  Submit(2);
-  ASSERT_TRUE(AllReleased());
-  EXPECT_EQ(SeenSorted(), (std::vector<uint32_t>{2}));
-  EXPECT_TRUE(m_log.HasModule("RGBToYUV420SP failed"));
-  EXPECT_TRUE(m_log.HasModule("DataOverlayer failed"));
-}
-
+// Call order: switched on but never started, the node's shutdown still stops the effect.
 TEST_F(BackgroundNodeTest, ShutdownOfANodeSwitchedOnButNeverStartedStopsItsThread) {
   auto node = std::make_shared<BackgroundVirtualityNode>(30000);
   node->SetParam(Params(m_bgPath, kWidth, kHeight));

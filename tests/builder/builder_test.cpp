@@ -95,6 +95,34 @@ TEST(BuilderTest, ConnectRefusesAnExistingLink) {
   VideoVlinkNode::DeleteNodeByUnique(22);
 }
 
+// A sink that takes no upstream link.
+class RefusingSink : public NamedNode {
+ public:
+  explicit RefusingSink(uint32_t id) : NamedNode(id) {}
+  uint32_t ConnectFromNode(NodePtr) override { return 7; }
+};
+
+// Nothing is rolled back: the forward link made before the failing step stays, the sink is
+// neither linked back nor started, and what the input sends it comes straight back.
+TEST(BuilderTest, BindFailingAfterTheForwardLinkLeavesItInPlace) {
+  NodePtr input = Register(3);
+  NodePtr sink = VideoVlinkNode::CreateNodeByUnique<RefusingSink>(23);
+  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, sink), 7U);
+  EXPECT_EQ(input->GetNextConnectListCopy(), (VideoVlinkNode::NodeList{sink}));
+  EXPECT_TRUE(sink->GetPrevConnectListCopy().empty());
+  EXPECT_FALSE(sink->IsStarted());
+  OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
+  frame.SetReleaseTarget(input);
+  EXPECT_EQ(input->SendBuffer(&frame), 0U);
+  auto* counting = static_cast<CountingNode*>(sink.get());
+  EXPECT_EQ(counting->handled.Get(), 0);
+  EXPECT_TRUE(static_cast<CountingNode*>(input.get())->released.WaitFor(1));
+  input->DealTaskHandler(true);
+  input->DisconnectFromNode(sink, true);
+  VideoVlinkNode::DeleteNodeByUnique(3);
+  VideoVlinkNode::DeleteNodeByUnique(23);
+}
+
 TEST(BuilderFactoryTest, BuildersExistOnlyForKnownInputTypes) {
   LogCapture logs;
   VlinkBuilderFactory& factory = VlinkBuilderFactory::GetInstance();

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "adapt/tavo_video_vlink_adapt.h"
@@ -15,45 +16,18 @@
 #include "tavo_video_vlink.h"
 #include "tests/support/build_tree_loader.h"
 #include "tests/support/fake_computing_client.h"
+#include "tests/support/fake_host.h"
 #include "tests/support/fake_os.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
-#include "tests/support/waitable_log.h"
 #include "tests/support/wrapper_symbols.h"
 #include "tools/common/fake_v4l2_device.h"
 
 namespace {
 
 constexpr const char* kBus = "usb-0000:00:14.0-1";
-
-template <class Row>
-auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t srcType = 0) {
-  const Row* table = nullptr;
-  uint32_t count = 0;
-  getter(&table, &count);
-  for (uint32_t i = 0; i < count; ++i) {
-    if (table[i].type == type && table[i].srcType == srcType) {
-      return table[i].func;
-    }
-  }
-  return decltype(table->func){};
-}
-
-uint32_t Destroy(uint32_t camera) {
-  return RowOf(TavoVideoGetDestroyNodeFuncMap, TAVO_VIDEO_COMPONENT_CAMERA)(camera);
-}
-
-uint32_t Bind(uint32_t sink, uint32_t source, bool bind = true) {
-  auto getter = bind ? TavoVideoGetBindNodeFuncMap : TavoVideoGetUnBindNodeFuncMap;
-  return RowOf(getter, TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA)(sink, source);
-}
-
-void Present(uint32_t component, uint32_t nodeId) {
-  auto container =
-      DataContainer::GetInstance("Node[" + std::to_string(component) + "]PresentParam");
-  container->SetDataByString<uint32_t>("imgNo", nodeId);
-  container->SetDataByString<uint32_t>("portId", 0);
-}
+constexpr uint32_t kCamera = TAVO_VIDEO_COMPONENT_CAMERA, kEnc = TAVO_VIDEO_COMPONENT_ENCODER;
 
 std::shared_ptr<BackgroundVirtualityNode> BgNodeOf(uint32_t cameraId) {
   uint32_t bgId = 0;
@@ -75,6 +49,13 @@ class CameraLinkTest : public ::testing::Test {
     ResetOpencvBinding();
   }
 
+  uint32_t Destroy(uint32_t camera) { return m_host.Destroy(kCamera, camera); }
+  uint32_t Bind(uint32_t sink, uint32_t source, bool bind = true) {
+    return bind ? m_host.Bind(kEnc, kCamera, sink, source)
+                : m_host.Unbind(kEnc, kCamera, sink, source);
+  }
+  void Present(uint32_t component, uint32_t nodeId) { m_host.Store(component, nodeId); }
+
   void TearDown() override {
     for (uint32_t component : m_cameras) {
       EXPECT_EQ(Destroy(component), 0U);
@@ -87,7 +68,6 @@ class CameraLinkTest : public ::testing::Test {
       camera->DealTaskHandler(true);  // the releases those queued
       EXPECT_EQ(camera->GetBufferCount(), 0U) << "a frame did not come back";
     }
-    EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame released twice";
     EXPECT_EQ(m_device.OpenDescriptors(), 0U);
     EXPECT_EQ(m_device.Mappings(), 0U);
     ResetOpencvBinding();
@@ -95,15 +75,13 @@ class CameraLinkTest : public ::testing::Test {
 
   uint32_t CreateCamera(uint32_t component, uint32_t nodeId, uint32_t width, uint32_t height,
                         const char* cameraId = kBus) {
-    Present(component, nodeId);
-    tagTavoVideoComponentParam param{};
-    param.camera.width = width;
-    param.camera.height = height;
-    param.camera.frameRate = 30;
-    std::memcpy(param.camera.cameraId, cameraId, std::min<size_t>(192, std::strlen(cameraId)));
+    HostParam param = FakeHost::Zeroed();
+    param->camera.width = width;
+    param->camera.height = height;
+    param->camera.frameRate = 30;
+    std::memcpy(param->camera.cameraId, cameraId, std::min<size_t>(192, std::strlen(cameraId)));
     m_cameras.push_back(component);
-    const uint32_t result =
-        RowOf(TavoVideoGetCreateNodeFuncMap, TAVO_VIDEO_COMPONENT_CAMERA)(component, &param);
+    const uint32_t result = m_host.Create(kCamera, component, nodeId, param.get());
     if (auto node = VideoVlinkNode::GetNodeByUnique<CameraCaptureNode>(nodeId)) {
       m_cameraNodes.push_back(node);
     }
@@ -132,9 +110,10 @@ class CameraLinkTest : public ::testing::Test {
     return m_lastWidth;
   }
 
+  FakeHost m_host{HostEntries::Linked()};  // checks no frame reference is dropped twice
   FakeV4l2Device m_device;
   ScopedSeamOverride<CaptureDevice> m_deviceOverride;
-  WaitableLog m_log;
+  LogCapture m_log;
   std::vector<uint32_t> m_cameras;
   std::vector<std::shared_ptr<CameraCaptureNode>> m_cameraNodes;
   std::map<uint32_t, std::shared_ptr<CountingNode>> m_sinks;
@@ -142,7 +121,6 @@ class CameraLinkTest : public ::testing::Test {
   uint32_t m_stamp = 0;   // the image number of the last camera made
   uint32_t m_lastWidth = 0;
   int m_wrongStamps = 0;
-  uint64_t m_underflows = OsvGraphicBuffer::GetUnderflowCount();
 };
 
 // The inference client and the image wrapper behind a fake loader.
@@ -275,6 +253,37 @@ TEST_F(CameraLinkTest, StopWithFramesHeldReturnsAfterTheBoundedWait) {
   held.clear();
   camera->DealTaskHandler(true);
   EXPECT_EQ(camera->GetBufferCount(), 0U);
+}
+
+// Frames that come back while the stop waits end the wait at once, not at its limit.
+TEST_F(CameraLinkTest, StopEndsAsSoonAsTheHeldFramesComeBack) {
+  ASSERT_EQ(CreateCamera(745, 10, 320, 240), 0U);
+  auto sink = AddSink(746, 33);
+  std::mutex heldLock;
+  std::vector<FrameRef> held;
+  sink->keep = [&](FrameRef frame) {
+    std::lock_guard<std::mutex> lock(heldLock);
+    held.push_back(std::move(frame));
+  };
+  ASSERT_EQ(Bind(746, 745), 0U);
+  ASSERT_TRUE(sink->handled.WaitFor(3));
+  std::shared_ptr<CameraCaptureNode> camera = m_cameraNodes.back();
+  // Let go of the frames once capture has stopped, i.e. while the stop waits for them.
+  std::thread host([&] {
+    for (int i = 0; i < 20000 && m_device.IsStreaming(0); ++i) {
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    sink->DealTaskHandler(true);
+    std::lock_guard<std::mutex> lock(heldLock);
+    held.clear();
+  });
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(camera->StopProcess(), 0U);
+  const auto took = std::chrono::steady_clock::now() - begin;
+  host.join();
+  EXPECT_LT(took, std::chrono::milliseconds(CameraCaptureNode::kReleaseWaitMs));
+  EXPECT_EQ(camera->GetBufferCount(), 0U);
+  EXPECT_FALSE(m_log.HasModule("not release!"));
 }
 
 // Kept at once, captured from the next start; other kinds of node are left alone.

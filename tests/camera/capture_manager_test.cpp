@@ -12,7 +12,7 @@
 #include "camera/tavo_video_vlink_camera_capturer_linux.h"
 #include "camera/tavo_video_vlink_capture_manager.h"
 #include "platform/adapt_common/stream_qi.h"
-#include "tests/support/waitable_log.h"
+#include "tests/support/log_capture.h"
 #include "tools/common/fake_v4l2_device.h"
 #include "tools/common/jpeg_util.h"
 
@@ -118,7 +118,7 @@ std::vector<FormatCase> FormatCases() {
 
 class CaptureManagerTest : public ::testing::Test {
  protected:
-  WaitableLog log;
+  LogCapture log;
   DevCaptureManager manager;
 };
 
@@ -151,13 +151,6 @@ TEST_F(CaptureManagerTest, EveryFormatMatchesLibyuvByteForByte) {
       DevCaptureManager::ReleaseBuffer(frame.data);
     }
   }
-}
-
-TEST_F(CaptureManagerTest, BlocksAreRoundedToSixteenLines) {
-  EXPECT_EQ(DevCaptureManager::BlockSize(1280, 720), 1'382'400U);
-  EXPECT_EQ(DevCaptureManager::BlockSize(1920, 1080), 3'133'440U);
-  EXPECT_EQ(DevCaptureManager::BlockSize(64, 33), 64U * 48U * 3U / 2U);
-  EXPECT_EQ(DevCaptureManager::BlockSize(64, 32), 64U * 32U * 3U / 2U);
 }
 
 TEST_F(CaptureManagerTest, MjpegMatchesLibyuvDecode) {
@@ -304,7 +297,6 @@ TEST_F(CaptureManagerTest, SizeCheckAcceptsUpTo8192) {
   std::vector<uint8_t> input(16);
   _PEL_V_FRAME largest = FrameOver(input, PELV_IMAGE_FORMAT_NONE, 8192, 8192);
   EXPECT_EQ(manager.ConvertToI420(largest), 1U);  // passes the check, then no such format
-  EXPECT_FALSE(log.HasModule("fetal!"));
   for (auto [width, height] : {std::pair<uint32_t, uint32_t>{8193, 100}, {100, 8193}}) {
     _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_YUY2, width, height);
     EXPECT_EQ(manager.ConvertToI420(frame), DevCaptureManager::kFailed);
@@ -338,15 +330,6 @@ TEST_F(CaptureManagerTest, ShortFramesAreRefusedAtTheExactLimit) {
     EXPECT_EQ(frame.data, shorter.data());
   }
   EXPECT_TRUE(log.HasModule("frame data too short [4607 < 4608], format[100] [64-48].", 1));
-}
-
-TEST_F(CaptureManagerTest, PaddedI420KeepsWhatFitsTheBlock) {
-  std::vector<uint8_t> input = RandomBytes(64 * 48 * 3 / 2 + 100, 8);
-  _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_I420, 64, 48);
-  ASSERT_EQ(manager.ConvertToI420(frame), 0U);
-  EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(64, 48));
-  EXPECT_EQ(PictureOf(frame), std::vector<uint8_t>(input.begin(), input.end() - 100));
-  DevCaptureManager::ReleaseBuffer(frame.data);
 }
 
 TEST_F(CaptureManagerTest, ZeroSizesFailEveryConverter) {
@@ -486,15 +469,6 @@ TEST_F(ManagerFramePathTest, ConvertsReportsAndHandsOn) {
   EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);
 }
 
-TEST_F(ManagerFramePathTest, DroppedFramesArePaced) {
-  std::vector<uint8_t> input = RandomBytes(64 * 48 * 2, 4);
-  for (int i = 0; i < 150; ++i) {
-    EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);
-  }
-  EXPECT_EQ(log.CountModule("m_captureMutex lock fail or capture is stopped", 1), 2U);
-  EXPECT_EQ(sink.frames.Get(), 0);
-}
-
 TEST_F(ManagerFramePathTest, FailingFramesArePacedAndCountedAgainAfterAGoodOne) {
   ASSERT_EQ(manager.CaptureStart(&params), 0U);
   std::vector<uint8_t> garbage = RandomBytes(512, 2);
@@ -525,24 +499,6 @@ TEST_F(ManagerFramePathTest, FramesDuringStopAreDroppedAndStopCompletes) {
   EXPECT_EQ(sink.frames.Get(), 0);
 }
 
-TEST_F(ManagerFramePathTest, InstanceNumbersAndQualityStreamsFollowInit) {
-  const uint32_t first = manager.GetInstanceNo();
-  ASSERT_NE(manager.GetQiHandle(), nullptr);
-  ASSERT_EQ(manager.CaptureStart(&params), 0U);
-  std::vector<uint8_t> input = RandomBytes(64 * 48 * 2, 4);
-  ASSERT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 0);
-  ASSERT_EQ(manager.Init("usb-1"), 0U);
-  EXPECT_EQ(manager.GetInstanceNo(), first + 1);
-  StreamQiStats stats{};
-  ASSERT_EQ(StreamQiGetStats(manager.GetQiHandle(), &stats), 0);
-  EXPECT_EQ(stats.framesIn, 0U);  // a fresh stream for the new instance
-  EXPECT_EQ(manager.CaptureQiDestory(), 0U);
-  // The stream was opened as "capture", kind 2, under the instance number.
-  EXPECT_TRUE(log.HasModule("stream qi [capture] id[" + std::to_string(first + 1) + "] kind[2]"));
-  EXPECT_EQ(manager.CaptureQiDestory(), DevCaptureManager::kFailed);
-  EXPECT_EQ(manager.CaptureQiCreate(), 0U);
-}
-
 TEST_F(ManagerFramePathTest, CapturerFailuresArePassedUp) {
   capturer->startResult = 1;
   EXPECT_EQ(manager.CaptureStart(&params), 1U);
@@ -554,196 +510,12 @@ TEST_F(ManagerFramePathTest, CapturerFailuresArePassedUp) {
 }
 
 TEST(CaptureManagerWithoutCapturerTest, StartAndStopNeedInit) {
-  WaitableLog log;
+  LogCapture log;
   DevCaptureManager manager;
   tagCameraCaptureParams params{};
   EXPECT_EQ(manager.CaptureStart(&params), 1U);
   EXPECT_EQ(manager.CaptureStop(), 1U);
   EXPECT_EQ(log.CountModule("m_devCaptureProxy is null", 1), 2U);
-}
-
-// An overlay proxy that records what it is given.
-class RecordingCsnProxy final : public CsnProxy {
- public:
-  void Initialize() override { ++initialized; }
-  int SetOverlayText(int channel, const TavoVideoOverlayTextInfo* info) override {
-    channels.push_back(channel);
-    records.push_back(*info);
-    return static_cast<int>(records.size()) == failAt ? 1 : 0;
-  }
-  int RefreshOverlay() override { return 0; }
-  int CloseOverlay() override { return 5; }
-  int initialized = 0;
-  int failAt = 0;
-  std::vector<int> channels;
-  std::vector<TavoVideoOverlayTextInfo> records;
-};
-
-TEST_F(CaptureManagerTest, OverlayRequestsOnLinuxHaveNoProxy) {
-  ASSERT_EQ(manager.Init("usb-1"), 0U);
-  TavoVideoOverlayTextInfo info{};
-  std::strcpy(info.overlayText, "Room 4");
-  EXPECT_EQ(manager.SetIvrParam(0, &info), 1U);
-  EXPECT_TRUE(log.HasModule("m_csnProxy is null", 1));
-  EXPECT_EQ(manager.CloseIvr(), 1U);
-  EXPECT_TRUE(log.HasModule("m_csnProxy is null", 3));
-}
-
-TEST_F(CaptureManagerTest, OverlayRecordsPassTheHostWordsThrough) {
-  auto owned = std::make_unique<RecordingCsnProxy>();
-  RecordingCsnProxy* proxy = owned.get();
-  manager.SetCsnProxy(std::move(owned));
-  TavoVideoOverlayTextInfo info{};
-  EXPECT_EQ(manager.SetIvrParam(2, &info), 1U);
-  EXPECT_TRUE(log.HasModule("overlayText is null", 1));
-  // Text that fills all 256 bytes without a terminator is cut, never over-read.
-  std::memset(info.overlayText, 'a', sizeof(info.overlayText));
-  info.overlayKind = 0x11;
-  info.overlayWord1 = 0x2222222222222222ULL;
-  info.overlayWord2 = 0x3333333333333333ULL;
-  info.showTime = 1;
-  EXPECT_EQ(manager.SetIvrParam(2, &info), 1U);
-  EXPECT_TRUE(log.HasModule("call strcpy_s failed! retError = ", 1));
-  info.overlayText[255] = '\0';
-  ASSERT_EQ(manager.SetIvrParam(2, &info), 0U);
-  ASSERT_EQ(proxy->records.size(), 2U);
-  EXPECT_EQ(proxy->channels, (std::vector<int>{2, 2}));
-  EXPECT_EQ(std::string(proxy->records[0].overlayText), std::string(255, 'a'));
-  EXPECT_EQ(proxy->records[0].showTime, 0);
-  EXPECT_EQ(proxy->records[1].overlayText[0], '\0');
-  EXPECT_EQ(proxy->records[1].showTime, 1);
-  for (const TavoVideoOverlayTextInfo& record : proxy->records) {
-    EXPECT_EQ(record.overlayKind, 0x11U);
-    EXPECT_EQ(record.overlayWord1, 0x2222222222222222ULL);
-    EXPECT_EQ(record.overlayWord2, 0x3333333333333333ULL);
-  }
-  proxy->failAt = 4;  // the time record of the next request
-  EXPECT_EQ(manager.SetIvrParam(2, &info), 1U);
-  EXPECT_TRUE(log.HasModule("SetIvrParam infoTime fail!", 1));
-  proxy->failAt = 5;
-  info.showTime = 0;
-  EXPECT_EQ(manager.SetIvrParam(2, &info), 1U);
-  EXPECT_TRUE(log.HasModule("SetIvrParam infoText fail!", 1));
-  EXPECT_EQ(manager.CloseIvr(), 5U);
-}
-
-// The whole way: the V4L2 capturer over the fake kernel feeds the manager, which hands
-// converted frames on.
-TEST(CaptureManagerCameraTest, CapturesConvertedFramesFromTheFakeCamera) {
-  struct Case {
-    uint32_t fourcc, width, height;
-  };
-  for (const Case& c : {Case{V4L2_PIX_FMT_YUYV, 640, 480}, Case{V4L2_PIX_FMT_MJPEG, 1280, 720},
-                        Case{V4L2_PIX_FMT_YUV420, 320, 240}}) {
-    SCOPED_TRACE(c.fourcc);
-    FakeV4l2Device device;
-    ScopedSeamOverride<CaptureDevice> seam(device);
-    FakeCameraConfig config = TypicalCamera("usb-cam");
-    config.formats = {DiscreteFormat(c.fourcc, {{c.width, c.height}}, {{1, 30}})};
-    device.AddCamera(2, config);
-    FrameSink sink;
-    {
-      DevCaptureManager manager;
-      ASSERT_EQ(manager.Init("usb-cam"), 0U);
-      manager.SetCaptureCallback(sink.Callback());
-      tagCameraCaptureParams params{};
-      params.uiWidth = c.width;
-      params.uiHeight = c.height;
-      params.uiFrameRate = 30;
-      ASSERT_EQ(manager.CaptureStart(&params), 0U);
-      ASSERT_TRUE(sink.frames.WaitFor(3));
-      EXPECT_EQ(manager.CaptureStop(), 0U);
-    }
-    EXPECT_EQ(device.OpenDescriptors(), 0U);
-    EXPECT_EQ(device.Mappings(), 0U);
-    const _PEL_V_FRAME& frame = sink.kept.back();
-    EXPECT_EQ(frame.format, PELV_IMAGE_FORMAT_I420);
-    EXPECT_EQ(frame.width, c.width);
-    // The picture is the conversion of one of the camera's frames.
-    PatternFrameSource pattern;
-    bool matched = false;
-    for (uint32_t sequence = 0; sequence < 64 && !matched; ++sequence) {
-      std::vector<uint8_t> raw = pattern.MakeFrame(c.fourcc, c.width, c.height, sequence);
-      DevCaptureManager reference;
-      _PEL_V_FRAME expected =
-          FrameOver(raw,
-                    TransCaptureFormat(c.fourcc == V4L2_PIX_FMT_MJPEG  ? CAPTURE_FORMAT_MJPEG
-                                       : c.fourcc == V4L2_PIX_FMT_YUYV ? CAPTURE_FORMAT_YUYV
-                                                                       : CAPTURE_FORMAT_YU12),
-                    c.width, c.height);
-      ASSERT_EQ(reference.ConvertToI420(expected), 0U);
-      matched = PictureOf(expected) == PictureOf(frame);
-      DevCaptureManager::ReleaseBuffer(expected.data);
-    }
-    EXPECT_TRUE(matched);
-  }
-}
-
-// Random bytes where a JPEG picture should be.
-class GarbageSource final : public FakeFrameSource {
- public:
-  std::vector<uint8_t> MakeFrame(uint32_t, uint32_t, uint32_t, uint32_t sequence) override {
-    return RandomBytes(2000 + sequence % 7, sequence);
-  }
-};
-
-// A camera that sends what its format does not promise: the manager refuses each frame,
-// nothing reaches the node, and capture goes on until it is stopped.
-TEST(CaptureManagerCameraTest, BadFramesFromTheCameraAreDroppedOneByOne) {
-  struct Case {
-    const char* name;
-    uint32_t fourcc;
-    std::function<void(FakeCameraConfig&, FakeCameraFaults&)> setUp;
-    const char* message;
-  };
-  const Case cases[] = {
-      {"short YUYV", V4L2_PIX_FMT_YUYV,
-       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 640 * 480; },
-       "frame data too short [307200 < 614400], format[102] [640-480]."},
-      {"empty YU12", V4L2_PIX_FMT_YUV420,
-       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 0; },
-       "frame data too short [0 < 460800], format[100] [640-480]."},
-      {"MJPEG of another size", V4L2_PIX_FMT_MJPEG,
-       [](FakeCameraConfig&, FakeCameraFaults& f) {
-         f.contentSize = FakeFrameSize{320, 240};
-       },
-       "ConvertToI420 fail. ret = "},
-      {"garbage MJPEG", V4L2_PIX_FMT_MJPEG,
-       [](FakeCameraConfig& c, FakeCameraFaults&) { c.source = std::make_shared<GarbageSource>(); },
-       "ConvertToI420 fail. ret = "},
-      {"truncated MJPEG", V4L2_PIX_FMT_MJPEG,
-       [](FakeCameraConfig&, FakeCameraFaults& f) { f.bytesused = 300; },
-       "ConvertToI420 fail. ret = "},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    WaitableLog log;
-    FakeV4l2Device device;
-    ScopedSeamOverride<CaptureDevice> seam(device);
-    FakeCameraConfig config = TypicalCamera("usb-cam");
-    config.formats = {DiscreteFormat(c.fourcc, {{640, 480}}, {{1, 30}})};
-    FakeCameraFaults faults;
-    c.setUp(config, faults);
-    device.AddCamera(0, config);
-    device.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
-    FrameSink sink;
-    DevCaptureManager manager;
-    ASSERT_EQ(manager.Init("usb-cam"), 0U);
-    manager.SetCaptureCallback(sink.Callback());
-    tagCameraCaptureParams params{};
-    params.uiWidth = 640;
-    params.uiHeight = 480;
-    params.uiFrameRate = 30;
-    ASSERT_EQ(manager.CaptureStart(&params), 0U);
-    ASSERT_TRUE(device.WaitForFrames(0, 3));
-    EXPECT_EQ(manager.CaptureStop(), 0U);
-    EXPECT_TRUE(log.HasModule(c.message, 1));
-    EXPECT_TRUE(log.HasModule("FrameConvert fail", 1));
-    EXPECT_EQ(log.CountModule("FrameConvert fail"), 1U);  // the rest of the run is paced
-    EXPECT_EQ(sink.frames.Get(), 0);
-    EXPECT_EQ(device.OpenDescriptors(), 0U);
-    EXPECT_EQ(device.Mappings(), 0U);
-  }
 }
 
 }  // namespace

@@ -108,7 +108,6 @@ TEST_F(VencNodeTest, HostEncoderIsCreatedOncePerStart) {
 }
 
 TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
-  LogCapture logs;
   auto source = std::make_shared<CountingNode>(50);
   auto encoder = std::make_shared<VirtualEncoderNode>(5);
   ASSERT_EQ(encoder->SetParam(ValidInfo(5)), 0U);
@@ -125,8 +124,7 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
   }
   source->SendBuffer(&frame);
   ASSERT_TRUE(m_host.offered.WaitFor(2));
-  encoder->DealTaskHandler(true);
-  EXPECT_TRUE(logs.HasModule("encOutFunc failed ret[0]", 1));
+  encoder->DealTaskHandler(true);  // the refused frame's reference is checked below
 
   ASSERT_EQ(m_host.copies.size(), 2U);
   const VencOutFrame& first = m_host.copies[0];

@@ -45,6 +45,23 @@ TEST_F(NamedThreadTest, RunsNamedKeepsItsPeriodAndStopsAtOnce) {
   EXPECT_EQ(m_threads.Joins(), 1);
 }
 
+// Virtual time stands still: only the wake can end this wait, and it must.
+TEST_F(NamedThreadTest, WakeEndsAWaitWithoutACondition) {
+  NamedThread thread("VLINK_WOKEN");
+  CountLatch rounds;
+  ASSERT_EQ(thread.Start([&] {
+    do {
+      rounds.Add();
+    } while (thread.WaitFor(60000));
+  }),
+            0);
+  ASSERT_TRUE(rounds.WaitFor(1));
+  ASSERT_TRUE(m_clock.WaitForWaiters(1));
+  thread.Wake();
+  EXPECT_TRUE(rounds.WaitFor(2, std::chrono::seconds(5)));
+  thread.Stop();
+}
+
 TEST_F(NamedThreadTest, ACreationFailureIsReportedAndTheThreadCanStartLater) {
   LogCapture logs;
   NamedThread thread("VLINK_FAILS");

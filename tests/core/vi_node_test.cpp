@@ -83,7 +83,12 @@ TEST_F(VirtualViNodeTest, NoFrameIsReportedOnceAfterFiveSeconds) {
   const uint64_t created = m_clock.NowUs() / 1000;
   auto node = Make(91);
   EXPECT_EQ(node->GetNodeType(), OS_E_MPP_DEV_VI);
-  Advance(5000);
+  ASSERT_TRUE(m_clock.WaitForWaiters(1));
+  // A millisecond short of the limit: still watching.
+  m_clock.AdvanceMs(VirtualViNode::kNoFrameLimitMs - 1);
+  EXPECT_TRUE(Reports().empty());
+  EXPECT_TRUE(node->IsChecking());
+  m_clock.AdvanceMs(1);
   ASSERT_TRUE([&] {
     for (int i = 0; i < 20000 && Reports().empty(); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -73,6 +73,9 @@ TEST(VlinkNodeTest, FrameReturnsToProducerOnceEvenWhenASinkRefusesIt) {
     frames.push_back(std::make_unique<OsvGraphicBuffer>(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420));
     frames.back()->SetReleaseTarget(source);
     source->SendBuffer(frames.back().get());
+    if (i % 50 == 49) {  // within a sink's backlog, which drops its oldest above 64
+      ASSERT_TRUE(source->released.WaitFor(i + 1));
+    }
   }
   ASSERT_TRUE(source->released.WaitFor(kFrames));
   source->DealTaskHandler(true);
@@ -259,8 +262,8 @@ TEST(VlinkNodeTest, RegistryEntryPoints) {
 }  // namespace
 
 // A sink stuck in its frame handling ties up one worker, not the pool: the other sink of the
-// same source gets every frame meanwhile. The stuck one keeps the newest frames and lets the oldest
-// go beyond its backlog, back to the producer at once.
+// same source gets every frame meanwhile. Of the frames offered while it is stuck, the stuck
+// one keeps the newest and lets the oldest go beyond its backlog, back to the producer at once.
 TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
   constexpr size_t kFrames = VideoVlinkNode::kMaxBacklog + 6;
   auto source = MakeNode(1, true);
@@ -270,6 +273,7 @@ TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
   Link(source, free);
   std::vector<std::unique_ptr<OsvGraphicBuffer>> frames;
   Gate gate;
+  CountLatch entered;
   std::mutex seenLock;
   std::vector<OsvGraphicBuffer*> seen;
   stuck->onFrame = [&](OsvGraphicBuffer* frame) {
@@ -277,6 +281,7 @@ TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
       std::lock_guard<std::mutex> lock(seenLock);
       seen.push_back(frame);
     }
+    entered.Add();
     gate.Pass();
   };
   for (size_t i = 0; i < kFrames; ++i) {
@@ -285,6 +290,9 @@ TEST(VlinkNodeTest, AStuckSinkHoldsOneWorkerAndDropsItsOldestFrames) {
     frames.back()->IncreaseRef();
     source->SendBuffer(frames.back().get());
     frames.back()->DecreaseRef();
+    if (i == 0) {
+      ASSERT_TRUE(entered.WaitFor(1));  // stuck from here on
+    }
   }
   ASSERT_TRUE(free->handled.WaitFor(static_cast<int>(kFrames)));
   ASSERT_TRUE(

@@ -6,9 +6,8 @@
 #include <random>
 #include <vector>
 
-#include "platform/adapt_common/os_platform_check.h"
-#include "platform/adapt_common/os_shm_queue.h"
 #include "platform/adapt_common/tavo_video_frame_convert.h"
+#include "platform/adapt_common/tavo_video_rgb_convert.h"
 
 namespace {
 
@@ -132,77 +131,54 @@ TEST(FrameConvertTest, CompareArgbPixelTellsUniformFromContent) {
   EXPECT_EQ(CompareArgbPixel(nullptr, 64), -1);
 }
 
-class PlatformCheckTest : public ::testing::Test {
- protected:
-  void TearDown() override { OsPlatformSetIdentity(nullptr, nullptr); }
-};
-
-TEST_F(PlatformCheckTest, PredicatesFollowTheIdentity) {
-  struct Case {
-    const char* cpu;
-    const char* os;
-    int32_t kos;
-    int32_t uos;
-  };
-  const Case cases[] = {
-      {"Soren 7A 4 cores", "Kylin V10", 1, 0}, {"Soren 8C", "UOS Desktop", 0, 1},
-      {"Soren 7A", "Debian GNU/Linux", 0, 0},  {"Soren 9X", "Kylin", 0, 0},
-      {"Intel(R) Xeon(R)", "Uos", 0, 0},
-  };
-  for (const Case& c : cases) {
-    OsPlatformSetIdentity(c.cpu, c.os);
-    EXPECT_EQ(IsSorenKOS(), c.kos) << c.cpu << " / " << c.os;
-    EXPECT_EQ(IsSorenUOS(), c.uos) << c.cpu << " / " << c.os;
+// The platform conversions against libyuv's own output.
+TEST(FrameConvertTest, ConversionsMatchLibyuvAndRefuseMismatchedFrames) {
+  constexpr uint32_t w = 34;
+  constexpr uint32_t h = 20;
+  OsvGraphicBuffer i420(w, h, TAVO_VIDEO_VLINK_FORMAT_I420);
+  for (uint32_t i = 0; i < i420.GetImageInfo().size; ++i) {
+    static_cast<uint8_t*>(i420.GetBufHandle())[i] = static_cast<uint8_t>(i * 13 + 7);
   }
-  OsPlatformSetIdentity("Soren 8C", "kylin");
-  EXPECT_EQ(IsTargetCpu("Soren 8C"), 1);
-  EXPECT_EQ(IsTargetCpu("soren 8c"), 0);  // model names compare exactly
-  EXPECT_EQ(IsTargetOs("Kylin"), 1);      // system names ignore case
-  EXPECT_EQ(IsTargetCpu(nullptr), 0);
-  EXPECT_EQ(IsTargetOs(""), 0);
-}
+  const OsvGraphicBufferInfo in = i420.GetImageInfo();
+  std::vector<uint8_t> argbExpected(w * h * 4);
+  libyuv::I420ToARGB(i420.GetImageAddr(0), in.stride[0], i420.GetImageAddr(1), in.stride[1],
+                     i420.GetImageAddr(2), in.stride[2], argbExpected.data(), w * 4, w, h);
+  OsvGraphicBuffer argb(w, h, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  ASSERT_EQ(ConvertToARGB(&i420, &argb, PELV_ROTATION_0), 0);
+  EXPECT_EQ(0, std::memcmp(argb.GetImageAddr(0), argbExpected.data(), argbExpected.size()));
 
-TEST_F(PlatformCheckTest, RealMachineIsNotATargetUnlessToldSo) {
-  OsPlatformSetIdentity(nullptr, nullptr);
-  EXPECT_EQ(IsTargetCpu("Soren 7A"), 0);
-  EXPECT_EQ(IsSorenKOS(), 0);
-  EXPECT_EQ(IsSorenUOS(), 0);
-}
+  std::vector<uint8_t> turned(w * h * 4);
+  libyuv::ARGBRotate(argbExpected.data(), w * 4, turned.data(), w * 4, w, h, libyuv::kRotate180);
+  OsvGraphicBuffer argb180(w, h, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  ASSERT_EQ(ConvertToARGB(&i420, &argb180, PELV_ROTATION_180), 0);
+  EXPECT_EQ(0, std::memcmp(argb180.GetImageAddr(0), turned.data(), turned.size()));
+  OsvGraphicBuffer argb90(h, w, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  EXPECT_EQ(ConvertToARGB(&i420, &argb90, PELV_ROTATION_90), 0);
+  EXPECT_NE(ConvertToARGB(&i420, &argb90, PELV_ROTATION_0), 0);  // sizes do not fit
+  EXPECT_NE(ConvertToARGB(&i420, &argb, static_cast<PelvRotationAngle>(45)), 0);
 
-TEST(ShmQueueTest, WrittenBuffersReachTheReaderInOrder) {
-  constexpr uint32_t kQueue = 0x51;
-  ASSERT_EQ(OsShmAdvancedQueueCreate(kQueue, 2, 1024), 0);
-  EXPECT_NE(OsShmAdvancedQueueCreate(kQueue, 2, 1024), 0);
-  OsShmAdvancedBuffer* first = OsShmAdvancedMemAllocBuffer(kQueue, 0, 16);
-  OsShmAdvancedBuffer* second = OsShmAdvancedMemAllocBuffer(kQueue, 0, 16);
-  ASSERT_NE(first, nullptr);
-  ASSERT_NE(second, nullptr);
-  EXPECT_EQ(OsShmAdvancedMemAllocBuffer(kQueue, 0, 1025), nullptr);    // above the limit
-  EXPECT_EQ(OsShmAdvancedMemAllocBuffer(kQueue + 1, 0, 16), nullptr);  // no such queue
-  static_cast<uint8_t*>(first->mem)[0] = 1;
-  first->usedLen = 1;
-  static_cast<uint8_t*>(second->mem)[0] = 2;
-  second->usedLen = 17;  // beyond the capacity
-  EXPECT_NE(OsShmAdvancedWriteBulkQueue(kQueue, &second, 1), 0);
-  second->usedLen = 1;
-  OsShmAdvancedBuffer* both[] = {first, second};
-  ASSERT_EQ(OsShmAdvancedWriteBulkQueue(kQueue, both, 2), 0);
-  OsShmAdvancedBuffer* third = OsShmAdvancedMemAllocBuffer(kQueue, 0, 16);
-  EXPECT_NE(OsShmAdvancedWriteBulkQueue(kQueue, &third, 1), 0);  // full
-  OsShmAdvancedMemFreeBuffer(third);
-  OsShmAdvancedBuffer* read[4] = {};
-  ASSERT_EQ(OsShmAdvancedReadBulkQueue(kQueue, read, 4, 0), 2u);
-  EXPECT_EQ(static_cast<uint8_t*>(read[0]->mem)[0], 1);
-  EXPECT_EQ(static_cast<uint8_t*>(read[1]->mem)[0], 2);
-  EXPECT_EQ(OsShmAdvancedReadBulkQueue(kQueue, read, 4, 0), 0u);
-  OsShmAdvancedMemFreeBuffer(read[0]);
-  OsShmAdvancedMemFreeBuffer(read[1]);
-  OsShmAdvancedMemFreeBuffer(nullptr);
-  // A buffer written and never read is freed with its queue.
-  OsShmAdvancedBuffer* left = OsShmAdvancedMemAllocBuffer(kQueue, 0, 8);
-  ASSERT_EQ(OsShmAdvancedWriteBulkQueue(kQueue, &left, 1), 0);
-  EXPECT_EQ(OsShmAdvancedQueueDestroy(kQueue), 0);
-  EXPECT_NE(OsShmAdvancedQueueDestroy(kQueue), 0);
+  std::vector<uint8_t> rgbExpected(w * h * 3);
+  libyuv::ARGBToRGB24(argbExpected.data(), w * 4, rgbExpected.data(), w * 3, w, h);
+  OsvGraphicBuffer rgb(w, h, TAVO_VIDEO_VLINK_FORMAT_RGB24);
+  ASSERT_EQ(ARGBToRGB24(&argb, &rgb), 0);
+  EXPECT_EQ(0, std::memcmp(rgb.GetImageAddr(0), rgbExpected.data(), rgbExpected.size()));
+
+  OsvGraphicBuffer back(w, h, TAVO_VIDEO_VLINK_FORMAT_I420);
+  std::vector<uint8_t> yuvExpected(back.GetImageInfo().size);
+  const OsvGraphicBufferInfo out = back.GetImageInfo();
+  uint8_t* y = yuvExpected.data();
+  uint8_t* u = y + out.stride[0] * h;
+  uint8_t* v = u + out.stride[1] * ((h + 1) / 2);
+  libyuv::RGB24ToI420(rgbExpected.data(), w * 3, y, out.stride[0], u, out.stride[1], v,
+                      out.stride[2], w, h);
+  ASSERT_EQ(RGBToYUV420(&rgb, &back), 0);
+  EXPECT_EQ(0, std::memcmp(back.GetBufHandle(), yuvExpected.data(), yuvExpected.size()));
+
+  OsvGraphicBuffer small(w - 2, h, TAVO_VIDEO_VLINK_FORMAT_RGB24);
+  EXPECT_NE(ARGBToRGB24(&argb, &small), 0);
+  EXPECT_NE(RGBToYUV420(&small, &back), 0);
+  EXPECT_NE(RGBToYUV420(&rgb, &argb), 0);  // not I420
+  EXPECT_NE(ConvertToARGB(nullptr, &argb, PELV_ROTATION_0), 0);
 }
 
 }  // namespace

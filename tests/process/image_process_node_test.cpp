@@ -1,7 +1,9 @@
 // The conversion node's task tree, pools and parked buffers, driven in-process with counting
 // sinks, and its placement between an input and a sink by the screen builder.
 #include <gtest/gtest.h>
+#include <libyuv.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -140,6 +142,46 @@ TEST_F(ImageProcessNodeTest, SinksWithOneRequirementShareOneConversionPerFrame) 
   EXPECT_EQ(m_logs.CountModule("[IMG_20001] new buffer: width[32] height[24] format[0]"),
             std::set<OsvGraphicBuffer*>(a.frames.begin(), a.frames.end()).size());
   EXPECT_GE(m_logs.CountModule("[IMG_20001] new buffer: width[64] height[48] format[0]"), 1U);
+}
+
+// Every branch of the size decision: a sink gets the converted frame itself only when both
+// sides match, a scaled copy (libyuv's box filter) when either differs, and sinks whose
+// wanted sizes share one side still get tasks of their own.
+TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSize) {
+  struct Case {
+    uint32_t width, height;
+  };
+  const Case cases[] = {{64, 48}, {64, 24}, {32, 48}, {32, 24}};
+  std::vector<std::unique_ptr<Sink>> sinks;
+  for (const Case& c : cases) {
+    sinks.push_back(std::make_unique<Sink>(static_cast<uint32_t>(10 + sinks.size()), true, c.width,
+                                           c.height, TAVO_VIDEO_VLINK_FORMAT_I420));
+    Insert(*sinks.back());
+  }
+  EXPECT_EQ(m_node->GetSizeTaskCount(), 4U);
+  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  auto* argb = reinterpret_cast<uint32_t*>(source->GetImageAddr(0));
+  for (uint32_t i = 0; i < 64 * 48; ++i) {
+    argb[i] = 0xFF000000U | (i * 2654435761U >> 8);
+  }
+  Push(source, {sinks[0].get(), sinks[1].get(), sinks[2].get(), sinks[3].get()});
+  std::vector<uint8_t> full(64 * 48 * 3 / 2);
+  libyuv::ARGBToI420(reinterpret_cast<uint8_t*>(argb), 64 * 4, full.data(), 64,
+                     full.data() + 64 * 48, 32, full.data() + 64 * 48 * 5 / 4, 32, 64, 48);
+  for (size_t i = 0; i < sinks.size(); ++i) {
+    const int w = static_cast<int>(cases[i].width), h = static_cast<int>(cases[i].height);
+    SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
+    const OsvGraphicBufferInfo info = sinks[i]->Info(0);
+    ASSERT_EQ(info.width, cases[i].width);
+    ASSERT_EQ(info.height, cases[i].height);
+    std::vector<uint8_t> want(size_t(w) * h * 3 / 2);
+    libyuv::I420Scale(full.data(), 64, full.data() + 64 * 48, 32, full.data() + 64 * 48 * 5 / 4, 32,
+                      64, 48, want.data(), w, want.data() + w * h, w / 2,
+                      want.data() + w * h * 5 / 4, w / 2, w, h, libyuv::kFilterBox);
+    const uint8_t* got = sinks[i]->Frame(0)->GetImageAddr(0);
+    EXPECT_TRUE(std::equal(want.begin(), want.end(), got));
+  }
+  EXPECT_NE(sinks[0]->Frame(0), source);
 }
 
 // Per-frame failure lines are paced per process (the first, then every hundredth): a run

@@ -22,10 +22,11 @@
 #include "platform/adapt_common/osv_graphic_buffer_fault.h"
 #include "process/tavo_video_vlink_image_process_node.h"
 #include "tavo_video_vlink.h"
+#include "tests/support/fake_host.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_nodes.h"
 #include "tests/support/wait.h"
-#include "tests/support/waitable_log.h"
 #include "tools/common/fake_v4l2_device.h"
 #include "tools/common/xvfb_server.h"
 
@@ -36,139 +37,21 @@ constexpr uint32_t kDecoderNode = 30, kEncoderNode = 10, kPreviewNode = 151;
 // ties up one worker, whatever the number of frames queued to it.
 constexpr int kFramesToABlockedPreview = 29;
 
-template <class Row>
-auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t srcType = 0) {
-  const Row* table = nullptr;
-  uint32_t count = 0;
-  getter(&table, &count);
-  for (uint32_t i = 0; i < count; ++i) {
-    if (table[i].type == type && table[i].srcType == srcType) {
-      return table[i].func;
-    }
-  }
-  return decltype(table->func){};
-}
+constexpr uint32_t kEnc = TAVO_VIDEO_COMPONENT_ENCODER, kVo = TAVO_VIDEO_COMPONENT_PREVIEW,
+                   kDec = TAVO_VIDEO_COMPONENT_DECODER, kInput = TAVO_VIDEO_COMPONENT_INPUT,
+                   kCamera = TAVO_VIDEO_COMPONENT_CAMERA, kScreen = TAVO_VIDEO_COMPONENT_SCREEN,
+                   kTest = TAVO_VIDEO_COMPONENT_TEST_IMAGE;
 
-void Present(uint32_t component, uint32_t nodeId) {
-  DataContainer* container =
-      TavoVideoGetDataContainer(("Node[" + std::to_string(component) + "]PresentParam").c_str());
-  container->SetDataByString<uint32_t>("imgNo", nodeId);
-  container->SetDataByString<uint32_t>("portId", 0);
-}
-uint32_t Create(uint32_t type, uint32_t component, uint32_t node, tagTavoVideoComponentParam p) {
-  Present(component, node);
-  return RowOf(TavoVideoGetCreateNodeFuncMap, type)(component, &p);
-}
-uint32_t Destroy(uint32_t type, uint32_t component) {
-  return RowOf(TavoVideoGetDestroyNodeFuncMap, type)(component);
-}
-uint32_t Bind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source) {
-  return RowOf(TavoVideoGetBindNodeFuncMap, sinkType, srcType)(sink, source);
-}
-uint32_t Unbind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source) {
-  return RowOf(TavoVideoGetUnBindNodeFuncMap, sinkType, srcType)(sink, source);
-}
-uint32_t Update(uint32_t type, uint32_t component, tagTavoVideoComponentParam p) {
-  return RowOf(TavoVideoGetUpdateNodeFuncMap, type)(component, &p);
-}
-
-// The host: an encoder that keeps what it is given until told to give it back, a renderer
-// that may be held at a gate, and a decoder that takes its frames back.
-struct Host {
-  std::mutex lock;  // guards encoded, encodedWidths
-  std::condition_variable wake;
-  std::vector<VencOutFrame*> encoded;
-  std::vector<uint32_t> encodedWidths;
-  bool keepPixels = false;  // copy each encoder frame's packed I420 into `pixels`
-  std::vector<std::vector<uint8_t>> pixels;
-  CountLatch offered;
-  CountLatch rendered;
-  CountLatch renderEntered;
-  Gate* renderGate = nullptr;
-  CountLatch decodedBack;
-  int decodedPushed = 0;
-
-  void GiveBack() {
-    std::vector<VencOutFrame*> frames;
-    {
-      std::lock_guard<std::mutex> guard(lock);
-      frames.swap(encoded);
-    }
-    for (VencOutFrame* frame : frames) {
-      EXPECT_EQ(TavoVideoReleaseVEncFrame(frame), 0U);
-    }
-  }
-  size_t Held() {
-    std::lock_guard<std::mutex> guard(lock);
-    return encoded.size();
-  }
-  std::vector<uint32_t> WidthsSince(size_t first) {
-    std::lock_guard<std::mutex> guard(lock);
-    return {encodedWidths.begin() + static_cast<std::ptrdiff_t>(first), encodedWidths.end()};
-  }
-};
-Host* g_host = nullptr;
-
-uint32_t OnEncCreate(uint32_t, uint32_t, uint32_t) { return 0; }
-uint32_t OnEncFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
-  {
-    std::lock_guard<std::mutex> guard(g_host->lock);
-    g_host->encoded.push_back(frame);
-    const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
-    g_host->encodedWidths.push_back(info.width);
-    if (g_host->keepPixels) {
-      const uint8_t* data = frame->buffer->GetImageAddr(0);
-      g_host->pixels.emplace_back(data, data + info.size);  // own memory: planes packed
-    }
-    g_host->wake.notify_all();
-  }
-  g_host->offered.Add();
-  return 1;
-}
-int OnRender(uint32_t, TavoVideoRenderImgHeader*) {
-  g_host->renderEntered.Add();
-  if (g_host->renderGate != nullptr) {
-    g_host->renderGate->Pass();
-  }
-  g_host->rendered.Add();
-  return 0;
-}
-uint32_t OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
-  delete frame->pBuffer;
-  std::free(frame);
-  g_host->decodedBack.Add();
-  return 1;
-}
-
-tagTavoVideoComponentParam Zeroed() {
-  tagTavoVideoComponentParam p;
-  std::memset(&p, 0, sizeof(p));
-  return p;
-}
-tagTavoVideoComponentParam EncoderParam(uint32_t width, uint32_t height) {
-  tagTavoVideoComponentParam p = Zeroed();
-  p.venc.width = width;
-  p.venc.height = height;
-  p.venc.frameRate = 30;
-  p.venc.encOutFunc = OnEncFrame;
-  p.venc.encCreateFunc = OnEncCreate;
+HostParam EncoderParam(uint32_t width, uint32_t height) {
+  HostParam p = FakeHost::EncoderParam(0, width, height);
+  p->venc.frameRate = 30;
   return p;
 }
 
 class LinkFaultsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_host = &m_host;
-    m_underflows = OsvGraphicBuffer::GetUnderflowCount();
-  }
-  void TearDown() override {
-    EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame released twice";
-    g_host = nullptr;
-  }
-
-  Host m_host;
-  WaitableLog m_log;
-  uint64_t m_underflows = 0;
+  LogCapture m_log;
+  FakeHost m_host{HostEntries::Linked()};
 };
 
 // ---- decoded frames: a host that holds or blocks -------------------------------------
@@ -177,42 +60,21 @@ class DecodeLinkTest : public LinkFaultsTest {
  protected:
   // Decoder 30 feeds an encoder (through the generic input row) and a preview.
   void SetUp() override {
-    LinkFaultsTest::SetUp();
-    tagTavoVideoComponentParam dec = Zeroed();
-    dec.vdec.imgNo = kDecoderNode;
-    dec.vdec.decReleaseFunc = OnDecRelease;
-    ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_DECODER, 1, kDecoderNode, dec), 0U);
-    ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 2, kEncoderNode, EncoderParam(320, 240)), 0U);
-    tagTavoVideoComponentParam vo = Zeroed();
-    vo.vo.winNum = 1;
-    vo.vo.windows[0].winHandle = 7;
-    vo.vo.windows[0].imgNo = kDecoderNode;
-    vo.vo.renderCb = OnRender;
-    ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_PREVIEW, 3, kPreviewNode, vo), 0U);
-    Present(4, kDecoderNode);  // the generic input component names the decoder
-    ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, 2, 4), 0U);
-    ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, 3, 1), 0U);
-  }
-  void TearDown() override {
-    Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, 2, 4);
-    Unbind(TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, 3, 1);
-    Destroy(TAVO_VIDEO_COMPONENT_PREVIEW, 3);
-    m_host.GiveBack();  // while the encoder still exists, as a host must
-    EXPECT_TRUE(m_host.decodedBack.WaitFor(m_host.decodedPushed));
-    Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 2);
-    Destroy(TAVO_VIDEO_COMPONENT_DECODER, 1);
-    EXPECT_EQ(m_host.decodedBack.Get(), m_host.decodedPushed) << "a decoded frame not given back";
-    LinkFaultsTest::TearDown();
+    ASSERT_EQ(m_host.Create(kDec, 1, kDecoderNode, m_dec.get()), 0U);
+    ASSERT_EQ(m_host.Create(kEnc, 2, kEncoderNode, m_enc.get()), 0U);
+    ASSERT_EQ(m_host.Create(kVo, 3, kPreviewNode, m_vo.get()), 0U);
+    m_host.Store(4, kDecoderNode);  // the generic input component names the decoder
+    ASSERT_EQ(m_host.Bind(kEnc, kInput, 2, 4), 0U);
+    ASSERT_EQ(m_host.Bind(kVo, kDec, 3, 1), 0U);
   }
   void Push(int count) {
     for (int i = 0; i < count; ++i) {
-      auto* frame = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(
-          std::calloc(1, sizeof(tagOS_S_VIDEO_CODEC_IMG_INFO)));
-      frame->pBuffer = new OsvGraphicBuffer(320, 240, TAVO_VIDEO_VLINK_FORMAT_I420, true);
-      ++m_host.decodedPushed;
-      ASSERT_EQ(TavoVideoReceiveVDecFrame(0, kDecoderNode, frame), 0U);
+      ASSERT_EQ(m_host.Push(kDecoderNode, 0, 320, 240), 0U);
     }
   }
+  HostParam m_dec = FakeHost::DecoderParam(kDecoderNode);
+  HostParam m_enc = EncoderParam(320, 240);
+  HostParam m_vo = FakeHost::PreviewParam({{7, kDecoderNode}});
 };
 
 // Frames are per frame here: an encoder that never gives anything back costs the preview
@@ -224,7 +86,7 @@ TEST_F(DecodeLinkTest, AStalledEncoderNeitherSlowsThePreviewNorLosesItsFrames) {
   ASSERT_TRUE(m_host.offered.WaitFor(kFrames));
   EXPECT_EQ(m_host.rendered.Get(), kFrames);
   EXPECT_EQ(m_host.decodedBack.Get(), 0);  // each one still held by the encoder
-  ASSERT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_INPUT, 2, 4), 0U);
+  ASSERT_EQ(m_host.Unbind(kEnc, kInput, 2, 4), 0U);
   Push(5);
   ASSERT_TRUE(m_host.decodedBack.WaitFor(5));  // only the preview holds the new ones
   EXPECT_TRUE(m_host.rendered.WaitFor(kFrames + 5));
@@ -239,26 +101,23 @@ TEST_F(DecodeLinkTest, AStalledEncoderNeitherSlowsThePreviewNorLosesItsFrames) {
 // preview gets nothing more and the frames it had are all shown.
 TEST_F(DecodeLinkTest, ABlockedRenderCallbackHoldsOnlyItsOwnPreview) {
   Gate gate;
-  m_host.renderGate = &gate;
+  m_host.onRender = [&](uint32_t) { gate.Pass(); };
   Push(kFramesToABlockedPreview);
   ASSERT_TRUE(m_host.offered.WaitFor(kFramesToABlockedPreview));
   ASSERT_TRUE(m_host.renderEntered.WaitFor(1));
   EXPECT_EQ(m_host.rendered.Get(), 0);
   EXPECT_EQ(m_host.decodedBack.Get(), 0);
 
-  std::thread unbinder([&] {
-    EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_PREVIEW, TAVO_VIDEO_COMPONENT_DECODER, 3, 1), 0U);
-  });
+  std::thread unbinder([&] { EXPECT_EQ(m_host.Unbind(kVo, kDec, 3, 1), 0U); });
   gate.Open();
   unbinder.join();
   Push(20);  // off the link now: these reach the encoder alone
   EXPECT_TRUE(m_host.offered.WaitFor(kFramesToABlockedPreview + 20));
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_PREVIEW, 3), 0U);  // waits for the frames it has
+  EXPECT_EQ(m_host.Destroy(kVo, 3), 0U);  // waits for the frames it has
   EXPECT_EQ(m_host.rendered.Get(), kFramesToABlockedPreview);
   EXPECT_EQ(m_host.renderEntered.Get(), kFramesToABlockedPreview);
   m_host.GiveBack();
   EXPECT_TRUE(m_host.decodedBack.WaitFor(kFramesToABlockedPreview + 20));
-  m_host.renderGate = nullptr;
 }
 
 // ---- frame memory that cannot be had --------------------------------------------------
@@ -297,7 +156,6 @@ class CameraFaultsTest : public LinkFaultsTest {
     EXPECT_EQ(m_device.OpenDescriptors(), 0U);
     EXPECT_EQ(m_device.Mappings(), 0U);
     ResetOpencvBinding();
-    LinkFaultsTest::TearDown();
   }
   void PlugIn() {
     FakeCameraConfig config = TypicalCamera(kBus);
@@ -305,17 +163,17 @@ class CameraFaultsTest : public LinkFaultsTest {
     m_device.AddCamera(0, config);
   }
   std::shared_ptr<CameraCaptureNode> CreateCamera(uint32_t component, uint32_t node) {
-    tagTavoVideoComponentParam p = Zeroed();
-    p.camera.width = 320;
-    p.camera.height = 240;
-    p.camera.frameRate = 30;
-    std::memcpy(p.camera.cameraId, kBus, std::strlen(kBus));
-    EXPECT_EQ(Create(TAVO_VIDEO_COMPONENT_CAMERA, component, node, p), 0U);
+    HostParam p = FakeHost::Zeroed();
+    p->camera.width = 320;
+    p->camera.height = 240;
+    p->camera.frameRate = 30;
+    std::memcpy(p->camera.cameraId, kBus, std::strlen(kBus));
+    EXPECT_EQ(m_host.Create(kCamera, component, node, p.get()), 0U);
     return VideoVlinkNode::GetNodeByUnique<CameraCaptureNode>(node);
   }
   // A node the encoder row binds, standing in for the host's encoder.
   std::shared_ptr<CountingNode> AddSink(uint32_t component, uint32_t node) {
-    Present(component, node);
+    m_host.Store(component, node);
     VideoVlinkNode::CreateNodeByUnique<CountingNode>(node);
     auto sink = VideoVlinkNode::GetNodeByUnique<CountingNode>(node);
     m_sinks[node] = sink;
@@ -342,14 +200,14 @@ class ShortFrameMemory final : public FrameMemory {
 TEST_F(CameraFaultsTest, UnpluggedThenPluggedBackTheLinkIsBuiltAgainThroughTheHostRows) {
   auto camera = CreateCamera(900, 61);
   auto sink = AddSink(901, 26);
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 901, 900), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kCamera, 901, 900), 0U);
   ASSERT_TRUE(sink->handled.WaitFor(3));
   m_device.Unplug(0);
   ASSERT_TRUE(m_log.WaitFor("could not sync on a buffer on device", 2));
 
   // The host takes the link down and builds it again once the camera is back.
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 901, 900), 0U);
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 900), 0U);
+  EXPECT_EQ(m_host.Unbind(kEnc, kCamera, 901, 900), 0U);
+  EXPECT_EQ(m_host.Destroy(kCamera, 900), 0U);
   ExpectAllBack(camera);
   EXPECT_EQ(m_device.OpenDescriptors(), 0U);
   EXPECT_EQ(m_device.Mappings(), 0U);
@@ -359,9 +217,9 @@ TEST_F(CameraFaultsTest, UnpluggedThenPluggedBackTheLinkIsBuiltAgainThroughTheHo
   camera = CreateCamera(900, 61);
   ASSERT_NE(camera, nullptr);
   const int before = sink->handled.Get();
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 901, 900), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kCamera, 901, 900), 0U);
   EXPECT_TRUE(sink->handled.WaitFor(before + 3));
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 900), 0U);
+  EXPECT_EQ(m_host.Destroy(kCamera, 900), 0U);
   ExpectAllBack(camera);
 }
 
@@ -379,8 +237,8 @@ TEST_F(CameraFaultsTest, ASinkHoldingEveryFrameCostsTheOtherSinkNothing) {
     std::lock_guard<std::mutex> lock(heldLock);
     held.push_back(std::move(frame));
   };
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 911, 910), 0U);
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 912, 910), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kCamera, 911, 910), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kCamera, 912, 910), 0U);
   m_device.Faults(0, [](FakeCameraFaults& f) { f.neverDeliver = false; });
   ASSERT_TRUE(stalled->handled.WaitFor(30));
   m_device.Unplug(0);
@@ -391,9 +249,9 @@ TEST_F(CameraFaultsTest, ASinkHoldingEveryFrameCostsTheOtherSinkNothing) {
   EXPECT_EQ(other->handled.Get(), produced);
   EXPECT_EQ(stalled->handled.Get(), produced);
   EXPECT_EQ(camera->GetBufferCount(), static_cast<uint32_t>(produced));  // all still out
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 911, 910), 0U);
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 912, 910), 0U);
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 910), 0U);  // gives up after its bounded wait
+  EXPECT_EQ(m_host.Unbind(kEnc, kCamera, 911, 910), 0U);
+  EXPECT_EQ(m_host.Unbind(kEnc, kCamera, 912, 910), 0U);
+  EXPECT_EQ(m_host.Destroy(kCamera, 910), 0U);  // gives up after its bounded wait
   {
     std::lock_guard<std::mutex> lock(heldLock);
     held.clear();  // the held frames come back now, once each
@@ -409,7 +267,7 @@ TEST_F(CameraFaultsTest, AFrameWithoutMemoryForItsConversionIsDropped) {
   memory.refuse = true;
   auto camera = CreateCamera(920, 63);
   auto sink = AddSink(921, 29);
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 921, 920), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kCamera, 921, 920), 0U);
   ASSERT_TRUE(m_log.WaitFor("alloc frame block failed"));  // paced: the first one shows
   ASSERT_TRUE(m_device.WaitForFrames(0, m_device.FramesDelivered(0) + 3));
   EXPECT_TRUE(m_log.HasModule("FrameConvert fail"));
@@ -417,8 +275,8 @@ TEST_F(CameraFaultsTest, AFrameWithoutMemoryForItsConversionIsDropped) {
   EXPECT_EQ(camera->GetBufferCount(), 0U);
   memory.refuse = false;
   EXPECT_TRUE(sink->handled.WaitFor(3));
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_CAMERA, 921, 920), 0U);
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_CAMERA, 920), 0U);
+  EXPECT_EQ(m_host.Unbind(kEnc, kCamera, 921, 920), 0U);
+  EXPECT_EQ(m_host.Destroy(kCamera, 920), 0U);
   ExpectAllBack(camera);
 }
 
@@ -426,28 +284,27 @@ TEST_F(CameraFaultsTest, AFrameWithoutMemoryForItsConversionIsDropped) {
 // so the first bind) fails and nothing is sent; the next bind with memory back starts it.
 TEST_F(LinkFaultsTest, ATestImageWithoutMemoryFailsItsStartAndTheNextBindWorks) {
   TempDir dir;
-  tagTavoVideoComponentParam test = Zeroed();
-  test.test.frameRate = 30;
-  const std::string image = dir.Write("still.bmp", SolidBmp24(64, 48, 40, 120, 200));
-  std::snprintf(test.test.fileName, sizeof(test.test.fileName), "%s", image.c_str());
-  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 40, 50, test), 0U);
-  ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 41, 12, EncoderParam(64, 48)), 0U);
+  HostParam test =
+      FakeHost::TestParam(dir.Write("still.bmp", SolidBmp24(64, 48, 40, 120, 200)), 30);
+  HostParam encoder = EncoderParam(64, 48);
+  ASSERT_EQ(m_host.Create(kTest, 40, 50, test.get()), 0U);
+  ASSERT_EQ(m_host.Create(kEnc, 41, 12, encoder.get()), 0U);
   {
     MemoryShort shortage;
-    EXPECT_NE(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+    EXPECT_NE(m_host.Bind(kEnc, kTest, 41, 40), 0U);
     EXPECT_TRUE(m_log.HasModule("failed to read test Img!"));
   }
   EXPECT_EQ(m_host.offered.Get(), 0);
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kTest, 41, 40), 0U);
   EXPECT_TRUE(m_host.offered.WaitFor(1));
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 41, 40), 0U);
+  EXPECT_EQ(m_host.Unbind(kEnc, kTest, 41, 40), 0U);
   // The image's memory is freed only with no frame out: the host gives every frame back
   // (those still queued to the encoder too) before the input goes.
   VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(12)->DealTaskHandler(true);
   m_host.GiveBack();
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_TEST_IMAGE, 40), 0U);
+  EXPECT_EQ(m_host.Destroy(kTest, 40), 0U);
   EXPECT_FALSE(m_log.HasModule("Memory has not been released"));
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 41), 0U);
+  EXPECT_EQ(m_host.Destroy(kEnc, 41), 0U);
 }
 
 // ---- the screen ----------------------------------------------------------------------
@@ -475,22 +332,13 @@ class ScreenFaultsTest : public LinkFaultsTest {
   void SetUp() override {
     LinkFaultsTest::SetUp();
     StartServer();
-    m_releaser = std::thread([this] { ReleaseLoop(); });
-    ASSERT_EQ(Create(TAVO_VIDEO_COMPONENT_ENCODER, 21, kScreenEncoderNode, EncoderParam(320, 240)),
-              0U);
+    m_host.SetEncoder(FakeHost::Encoder::kGiveBack);
+    ASSERT_EQ(m_host.Create(kEnc, 21, kScreenEncoderNode, m_enc.get()), 0U);
   }
   void TearDown() override {
-    {
-      std::lock_guard<std::mutex> guard(m_host.lock);
-      m_quit = true;
-      m_host.wake.notify_all();
-    }
-    m_releaser.join();
-    m_host.GiveBack();
-    Destroy(TAVO_VIDEO_COMPONENT_ENCODER, 21);
+    m_host.Finish();
     EXPECT_EQ(CountOwnShmSegments(), 0U) << "a shared-memory segment left behind";
     OsvSetAllocationFilter(nullptr);
-    LinkFaultsTest::TearDown();
   }
   void StartServer() {
     m_server = std::make_unique<XvfbServer>(std::vector<XvfbScreen>{{640, 480}});
@@ -498,59 +346,53 @@ class ScreenFaultsTest : public LinkFaultsTest {
     setenv("DISPLAY", m_server->Name().c_str(), 1);  // the library opens the display named there
   }
   uint32_t CreateScreen(uint32_t component, uint32_t node = kScreenNode) {
-    tagTavoVideoComponentParam p = Zeroed();
-    p.screen.width = 640;
-    p.screen.height = 480;
-    p.screen.frameRate = 30;
-    return Create(TAVO_VIDEO_COMPONENT_SCREEN, component, node, p);
+    HostParam p = FakeHost::Zeroed();
+    p->screen.width = 640;
+    p->screen.height = 480;
+    p->screen.frameRate = 30;
+    return m_host.Create(kScreen, component, node, p.get());
   }
-  void ReleaseLoop() {
-    std::unique_lock<std::mutex> guard(m_host.lock);
-    while (!m_quit) {
-      m_host.wake.wait(guard, [&] { return m_quit || !m_host.encoded.empty(); });
-      std::vector<VencOutFrame*> frames;
-      frames.swap(m_host.encoded);
-      guard.unlock();
-      for (VencOutFrame* frame : frames) {
-        EXPECT_EQ(TavoVideoReleaseVEncFrame(frame), 0U);
-      }
-      guard.lock();
+  std::vector<uint32_t> WidthsSince(size_t first) {
+    std::vector<uint32_t> widths;
+    const std::vector<FakeHost::Encoded> frames = m_host.EncodedFrames();
+    for (size_t i = first; i < frames.size(); ++i) {
+      widths.push_back(frames[i].width);
     }
+    return widths;
   }
   // Waits for `count` more encoder frames and returns their widths.
   std::vector<uint32_t> NextWidths(int count) {
     const int first = m_host.offered.Get();
     EXPECT_TRUE(m_host.offered.WaitFor(first + count));
-    return m_host.WidthsSince(static_cast<size_t>(first));
+    return WidthsSince(static_cast<size_t>(first));
   }
 
   std::unique_ptr<XvfbServer> m_server;
-  std::thread m_releaser;
-  bool m_quit = false;  // guarded by m_host.lock
+  HostParam m_enc = EncoderParam(320, 240);
 };
 
 // The old link's capture fails on without a display; the host takes it down, and a screen
 // on the new server works. No shared-memory segment of the old display is left.
 TEST_F(ScreenFaultsTest, AKilledXServerAndANewOne) {
   ASSERT_EQ(CreateScreen(20), 0U);
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 20), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kScreen, 21, 20), 0U);
   NextWidths(3);
   m_server->Kill();
   ASSERT_TRUE(m_log.WaitFor("X display connection lost"));
   ASSERT_TRUE(m_log.WaitFor("ScreenCaptureProcess failed!"));
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 20), 0U);
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 20), 0U);
+  EXPECT_EQ(m_host.Unbind(kEnc, kScreen, 21, 20), 0U);
+  EXPECT_EQ(m_host.Destroy(kScreen, 20), 0U);
   EXPECT_EQ(VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(kScreenNode), nullptr);
   EXPECT_EQ(CountOwnShmSegments(), 0U);
 
   StartServer();
   ASSERT_EQ(CreateScreen(22), 0U);
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 22), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kScreen, 21, 22), 0U);
   for (uint32_t width : NextWidths(3)) {
     EXPECT_EQ(width, 320U);
   }
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 22), 0U);
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 22), 0U);
+  EXPECT_EQ(m_host.Unbind(kEnc, kScreen, 21, 22), 0U);
+  EXPECT_EQ(m_host.Destroy(kScreen, 22), 0U);
 }
 
 // The screen's second monitor moves while frames flow: every frame shows the monitor fully
@@ -563,15 +405,16 @@ TEST_F(ScreenFaultsTest, AMonitorMovedAndResizedMidStreamNeverGivesAMixedFrame) 
   m_server->WarpPointer(0, 5, 5);  // the cursor stays off the monitor, out of the frames
   const auto before = OracleI420(drawn, 640, 320, 320, 480);
   const auto after = OracleI420(drawn, 640, 200, 320, 480);
-  ASSERT_EQ(Update(TAVO_VIDEO_COMPONENT_ENCODER, 21, EncoderParam(320, 480)), 0U);
+  HostParam tall = EncoderParam(320, 480);
+  ASSERT_EQ(m_host.Update(kEnc, 21, tall.get()), 0U);
   m_host.keepPixels = true;
   ASSERT_EQ(CreateScreen(24, kScreenNode + 1), 0U);  // port 1: the second monitor
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 24), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kScreen, 21, 24), 0U);
   NextWidths(2);
   const auto lastIs = [&](const std::vector<uint8_t>& picture) {
     return m_host.offered.WaitUntil([&] {
-      std::lock_guard<std::mutex> guard(m_host.lock);
-      return !m_host.pixels.empty() && m_host.pixels.back() == picture;
+      const std::vector<FakeHost::Encoded> frames = m_host.EncodedFrames();
+      return !frames.empty() && frames.back().pixels == picture;
     });
   };
   EXPECT_TRUE(lastIs(before));
@@ -584,14 +427,12 @@ TEST_F(ScreenFaultsTest, AMonitorMovedAndResizedMidStreamNeverGivesAMixedFrame) 
   NextWidths(3);
   EXPECT_TRUE(lastIs(after));
 
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 24), 0U);
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 24), 0U);
-  std::lock_guard<std::mutex> guard(m_host.lock);
-  m_host.keepPixels = false;
-  ASSERT_EQ(m_host.pixels.size(), m_host.encodedWidths.size());
-  for (size_t i = 0; i < m_host.pixels.size(); ++i) {
-    EXPECT_EQ(m_host.encodedWidths[i], 320U) << "frame " << i;
-    EXPECT_TRUE(m_host.pixels[i] == before || m_host.pixels[i] == after) << "frame " << i;
+  EXPECT_EQ(m_host.Unbind(kEnc, kScreen, 21, 24), 0U);
+  EXPECT_EQ(m_host.Destroy(kScreen, 24), 0U);
+  const std::vector<FakeHost::Encoded> frames = m_host.EncodedFrames();
+  for (size_t i = 0; i < frames.size(); ++i) {
+    EXPECT_EQ(frames[i].width, 320U) << "frame " << i;
+    EXPECT_TRUE(frames[i].pixels == before || frames[i].pixels == after) << "frame " << i;
   }
 }
 
@@ -599,29 +440,29 @@ TEST_F(ScreenFaultsTest, AMonitorMovedAndResizedMidStreamNeverGivesAMixedFrame) 
 // old size, and the same request succeeds once memory is back.
 TEST_F(ScreenFaultsTest, ANewSizeWithoutMemoryKeepsTheOldSizeUntilMemoryIsBack) {
   ASSERT_EQ(CreateScreen(23), 0U);
-  ASSERT_EQ(Bind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 23), 0U);
+  ASSERT_EQ(m_host.Bind(kEnc, kScreen, 21, 23), 0U);
   NextWidths(2);
   {
     MemoryShort shortage;
-    Update(TAVO_VIDEO_COMPONENT_ENCODER, 21, EncoderParam(160, 120));
+    HostParam small = EncoderParam(160, 120);
+    m_host.Update(kEnc, 21, small.get());
     ASSERT_TRUE(m_log.WaitFor("create OsvGraphicBuffer fail!"));
     for (uint32_t width : NextWidths(4)) {
       EXPECT_EQ(width, 320U);
     }
   }
-  Update(TAVO_VIDEO_COMPONENT_ENCODER, 21, EncoderParam(160, 120));
-  const int first = m_host.offered.Get();
+  HostParam small = EncoderParam(160, 120);
+  m_host.Update(kEnc, 21, small.get());
   EXPECT_TRUE(m_host.offered.WaitUntil([&] {
-    std::lock_guard<std::mutex> guard(m_host.lock);
-    return m_host.encodedWidths.size() > static_cast<size_t>(first) &&
-           m_host.encodedWidths.back() == 160U;
+    const std::vector<FakeHost::Encoded> frames = m_host.EncodedFrames();
+    return !frames.empty() && frames.back().width == 160U;
   }));
   for (uint32_t width : NextWidths(3)) {
     EXPECT_EQ(width, 160U);
   }
   EXPECT_EQ(m_log.CountModule("create OsvGraphicBuffer fail!"), 1U);
-  EXPECT_EQ(Unbind(TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN, 21, 23), 0U);
-  EXPECT_EQ(Destroy(TAVO_VIDEO_COMPONENT_SCREEN, 23), 0U);
+  EXPECT_EQ(m_host.Unbind(kEnc, kScreen, 21, 23), 0U);
+  EXPECT_EQ(m_host.Destroy(kScreen, 23), 0U);
 }
 
 // The conversion node grows its pool a buffer at a time: a buffer it cannot have skips that

@@ -113,7 +113,6 @@ TEST_F(PreviewNodeTest, UpdateAddsAndRemovesWindows) {
   ASSERT_EQ(m_preview->StartProcess(), 0U);
   Send({160});
   ASSERT_EQ(m_preview->UpdateParam(Windows({{0xA, 160}, {0xC, 160}})), 0U);
-  EXPECT_TRUE(logs.HasModule("[VO_40] Delete old handle[0xb]", 3));
   EXPECT_EQ(m_preview->GetWindowCount(), 2U);
   Send({160});
   std::lock_guard<std::mutex> lock(m_screen.lock);
@@ -137,7 +136,6 @@ TEST_F(PreviewNodeTest, BadRecordsAndTextsAreRefused) {
   Link(m_source, m_preview);
   ASSERT_EQ(m_preview->StartProcess(), 0U);
   m_preview->SetWaterMarkParam(30, true, std::string(256, 'w'));
-  EXPECT_TRUE(logs.HasModule("[VO_40] strcpy_s failed, ret[", 1));
   m_preview->SetWaterMarkParam(30, true, std::string(255, 'w'));
   EXPECT_EQ(logs.CountModule("[VO_40] strcpy_s failed, ret[", 1), 1U);
   Send({30});

@@ -1,12 +1,16 @@
-// Collects module-log records and trace-channel texts for the length of a test.
+// Collects module-log records for the length of a test, with waits for a line to appear
+// (threads of the library write them on their own schedule).
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/adapt_common/om_log.h"
+#include "tests/support/wait.h"
 
 class LogCapture {
  public:
@@ -20,10 +24,16 @@ class LogCapture {
   bool HasModule(const std::string& text, uint32_t level = 0) {
     return CountModule(text, level) > 0;
   }
+  // True when `count` such records arrived within the limit.
+  bool WaitFor(const std::string& text, size_t count = 1, uint32_t level = 0,
+               std::chrono::seconds limit = kGenerousTimeout);
   std::vector<OmLogRecord> Records();
 
  private:
-  std::mutex m_lock;  // guards m_records
+  size_t CountLocked(const std::string& text, uint32_t level) const;
+
+  std::mutex m_lock;  // guards m_records; no code under test runs under it
+  std::condition_variable m_added;
   std::vector<OmLogRecord> m_records;
   OmLogSink m_previous;
 };

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <thread>
 
 #include "core/tavo_video_os_seams.h"
 
@@ -14,13 +15,17 @@ class StepClock final : public Clock {
   explicit StepClock(uint64_t startUs = 1000000000ULL) : m_nowUs(startUs) {}
   uint64_t NowUs() override { return m_nowUs.load(std::memory_order_acquire); }
   void SleepMs(uint32_t milliseconds) override { Advance(milliseconds); }
-  bool WaitFor(std::unique_lock<std::mutex>& /*lock*/, std::condition_variable& /*signal*/,
+  bool WaitFor(std::unique_lock<std::mutex>& lock, std::condition_variable& /*signal*/,
                uint32_t milliseconds, const std::function<bool()>& done) override {
-    if (done()) {
+    if (done && done()) {
       return true;
     }
+    // Let others at the lock, as a real wait would.
+    lock.unlock();
+    std::this_thread::yield();
     Advance(milliseconds);
-    return done();
+    lock.lock();
+    return done && done();
   }
   void Advance(uint32_t milliseconds) {
     m_nowUs.fetch_add(uint64_t{milliseconds} * 1000U, std::memory_order_acq_rel);

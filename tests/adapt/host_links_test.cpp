@@ -1,0 +1,480 @@
+// The component rows as a host drives them (dlopen only, through the fake host): their
+// limits and refusals, whole links from input to encoder and previews, host callbacks that
+// call back into the library from another thread, and host threads racing on one link.
+// The fake host checks at the end that every decoded frame came back exactly once and no
+// frame reference was dropped twice.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <future>
+#include <map>
+#include <thread>
+
+#include "tests/support/fake_host.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+constexpr auto kCallbackLimit = std::chrono::seconds(5);
+constexpr uint32_t kEnc = TAVO_VIDEO_COMPONENT_ENCODER;
+constexpr uint32_t kDec = TAVO_VIDEO_COMPONENT_DECODER;
+constexpr uint32_t kVo = TAVO_VIDEO_COMPONENT_PREVIEW;
+constexpr uint32_t kTest = TAVO_VIDEO_COMPONENT_TEST_IMAGE;
+constexpr uint32_t kCam = TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA;
+constexpr uint32_t kInput = TAVO_VIDEO_COMPONENT_INPUT;
+
+// Runs call on another thread and waits for it with a limit: false when it did not finish in
+// time (the thread then finishes by itself and bumps `finished`), so a deadlock fails the
+// test instead of hanging it.
+bool FinishesWhileWaiting(std::function<void()> call, CountLatch& finished) {
+  auto done = std::make_shared<std::promise<void>>();
+  std::future<void> result = done->get_future();
+  std::thread([done, call = std::move(call), &finished] {
+    call();
+    done->set_value();
+    finished.Add();
+  }).detach();
+  return result.wait_for(kCallbackLimit) == std::future_status::ready;
+}
+
+class HostLinksTest : public ::testing::Test {
+ protected:
+  FakeHost host{HostEntries::Load(VLINK_LIBRARY_PATH)};
+  TempDir dir;
+  std::string Image(uint32_t width = 16, uint32_t height = 16) {
+    return dir.Write("i" + std::to_string(width) + ".bmp", SolidBmp24(width, height, 1, 2, 3));
+  }
+};
+
+// The rows a host looks up; an encoder is never an input.
+TEST_F(HostLinksTest, TablesHoldTheRowsAHostLooksUp) {
+  constexpr uint32_t kCamera = TAVO_VIDEO_COMPONENT_CAMERA, kScreen = TAVO_VIDEO_COMPONENT_SCREEN;
+  for (uint32_t type : {kEnc, kCam, kCamera, kDec, kTest, kScreen, kVo}) {
+    EXPECT_TRUE(host.HasRow(0, type)) << type;
+    EXPECT_TRUE(host.HasRow(3, type)) << type;
+  }
+  const std::pair<uint32_t, uint32_t> binds[] = {
+      {kEnc, kCamera}, {kVo, kCamera},  {kCam, kDec}, {kCam, kTest},  {kEnc, kTest},
+      {kVo, kTest},    {kEnc, kScreen}, {kVo, kDec},  {kEnc, kInput}, {kVo, kInput}};
+  for (auto [sink, source] : binds) {
+    EXPECT_TRUE(host.HasRow(1, sink, source)) << sink << "<-" << source;
+    EXPECT_TRUE(host.HasRow(2, sink, source)) << sink << "<-" << source;
+  }
+  EXPECT_FALSE(host.HasRow(1, kVo, kEnc));
+}
+
+// Both sides of every limit a host can reach through the rows.
+TEST_F(HostLinksTest, LimitsAcceptTheLastValueAndRefuseTheNext) {
+  HostParam encoder = FakeHost::EncoderParam(1);
+  EXPECT_EQ(host.Create(kEnc, 1100, 225, encoder.get()), 0U);  // the node id is the imgNo
+  EXPECT_EQ(host.Create(kEnc, 1101, 226, encoder.get()), 1U);
+  HostParam decoder = FakeHost::DecoderParam(225);
+  EXPECT_EQ(host.Create(kDec, 1102, 120, decoder.get()), 0U);
+  decoder->vdec.imgNo = 226;
+  LogCapture logs;
+  EXPECT_EQ(host.Create(kDec, 1103, 121, decoder.get()), 1U);
+  EXPECT_EQ(logs.CountModule("[DEC_121] invalid imgNo[226]!", 1), 1U);
+
+  HostParam preview = FakeHost::PreviewParam({});
+  preview->vo.winNum = 40;
+  EXPECT_EQ(host.Create(kVo, 1104, 122, preview.get()), 0U);
+  preview->vo.winNum = 41;
+  EXPECT_EQ(host.Create(kVo, 1105, 123, preview.get()), 1U);
+  EXPECT_EQ(host.Update(kVo, 1104, preview.get()), 1U);
+  preview->vo.winNum = 40;
+  EXPECT_EQ(host.Update(kVo, 1104, preview.get()), 0U);
+
+  HostParam test = FakeHost::TestParam(Image());
+  std::memset(test->test.fileName, 'x', sizeof(test->test.fileName) - 1);  // 1023 fit
+  test->test.fileName[sizeof(test->test.fileName) - 1] = '\0';
+  EXPECT_EQ(host.Create(kTest, 1106, 61, test.get()), 0U);  // fits; the file is read at start
+  std::memset(test->test.fileName, 'x', sizeof(test->test.fileName));  // 1024 do not
+  EXPECT_EQ(host.Create(kTest, 1107, 62, test.get()), 1U);
+  EXPECT_EQ(logs.CountModule("strcpy_s fileName failed!", 1), 1U);
+
+  // Decoder ids run to 31.
+  HostParam decoder2 = FakeHost::DecoderParam(130);
+  HostParam preview2 = FakeHost::PreviewParam({{0x31, 130}});
+  ASSERT_EQ(host.Create(kDec, 1110, 124, decoder2.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 1111, 125, preview2.get()), 0U);
+  ASSERT_EQ(host.Bind(kVo, kDec, 1111, 1110), 0U);
+  EXPECT_EQ(host.Push(124, 31), 0U);
+  EXPECT_EQ(host.Push(124, 32), 1U);
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.Rendered(0x31), 1);
+}
+
+// Each refusal a host can run into: the code it gets, and the log line that names it.
+TEST_F(HostLinksTest, BadRecordsIdsAndCallOrderAreRefused) {
+  LogCapture logs;
+  HostParam encoder = FakeHost::EncoderParam(1);
+  EXPECT_EQ(host.Create(kEnc, 300, 9, nullptr), 1U);
+  EXPECT_EQ(logs.CountModule("null compParam! nodeId[300].", 1), 1U);
+  host.Store(301, 9, false);  // no "portId"
+  EXPECT_EQ(host.CreateStored(kEnc, 301, encoder.get()), 1U);
+  EXPECT_EQ(logs.CountModule("[Node[301]PresentParam]GetDataByString portId failed!", 1), 1U);
+  EXPECT_EQ(host.Create(kEnc, 302, 226, encoder.get()), 1U);
+  EXPECT_EQ(logs.CountModule("[ENC_226] invalid imgNo[226]!", 1), 1U);
+  // The same node id for a component of another class.
+  EXPECT_EQ(host.Create(kEnc, 303, 200, encoder.get()), 0U);
+  HostParam test = FakeHost::TestParam(Image(8, 8));
+  EXPECT_EQ(host.Create(kTest, 304, 200, test.get()), 1U);
+  EXPECT_EQ(logs.CountModule("nodePtr still null", 1), 1U);
+  // An encoder is no input: binding to it finds no builder.
+  host.Store(305, 229);
+  EXPECT_EQ(host.Bind(kEnc, kInput, 305, 303), 1U);
+  EXPECT_EQ(logs.CountModule("BuilderFac no supoort vi type[5]", 1), 1U);
+  EXPECT_EQ(logs.CountModule("builder is nullptr", 1), 1U);
+  EXPECT_EQ(host.CreateStored(kVo, 306, encoder.get()), 1U);  // nothing stored for it
+  EXPECT_EQ(host.Destroy(kEnc, 999), 0U);                     // unknown ids are ignored
+  EXPECT_EQ(host.entries().releaseEnc(nullptr), 1U);
+  EXPECT_EQ(logs.CountModule("data is nullptr", 1), 1U);
+  VencOutFrame foreign{};  // never issued by the library: refused, nothing freed
+  foreign.imgNo = 8;
+  EXPECT_EQ(host.entries().releaseEnc(&foreign), 1U);
+  EXPECT_EQ(host.entries().releaseEnc(&foreign), 1U);
+
+  // Decoded frames before the bind, to no decoder, or null: the host keeps them.
+  HostParam decoder = FakeHost::DecoderParam(150);
+  ASSERT_EQ(host.Create(kDec, 310, 90, decoder.get()), 0U);
+  tagOS_S_VIDEO_CODEC_IMG_INFO record{};
+  EXPECT_EQ(host.entries().receive(0, 90, &record), 1U);  // not started
+  EXPECT_EQ(host.entries().receive(0, 93, &record), 1U);  // no such decoder
+  EXPECT_EQ(host.entries().receive(0, 90, nullptr), 1U);
+  EXPECT_EQ(logs.CountModule("null pData! portId[90], decId[0].", 1), 1U);
+  HostParam marked = FakeHost::DecoderParam(150, "X");
+  EXPECT_EQ(host.Update(kDec, 319, marked.get()), 1U);  // no such decoder
+  EXPECT_EQ(host.Update(kDec, 310, nullptr), 1U);
+  EXPECT_EQ(host.entries().setReport(nullptr), 1U);
+  EXPECT_EQ(host.entries().stopRender(9999, 1), 1U);
+}
+
+TEST_F(HostLinksTest, TestImageReachesTheEncoderAtItsOwnSizeInOrder) {
+  HostParam encoder = FakeHost::EncoderParam(3, 64, 32);
+  HostParam test = FakeHost::TestParam(dir.Write("b.bmp", SolidBmp24(40, 24, 255, 0, 0)));
+  ASSERT_EQ(host.Create(kTest, 200, 60, test.get()), 0U);
+  ASSERT_EQ(host.Create(kEnc, 201, 8, encoder.get()), 0U);
+  LogCapture logs;
+  ASSERT_EQ(host.Bind(kEnc, kTest, 201, 200), 0U);
+  EXPECT_EQ(logs.CountModule("links: {TEST_60->(ENC_8) } ", 3), 1U);  // the link as printed
+  ASSERT_TRUE(host.offered.WaitFor(2));
+  const std::vector<FakeHost::Encoded> frames = host.EncodedFrames();
+  EXPECT_EQ(frames[0].imgNo, 8U);
+  EXPECT_EQ(frames[0].hostKey, 3U);
+  EXPECT_EQ(frames[0].sequence, 0U);
+  EXPECT_EQ(frames[1].sequence, 1U);
+  EXPECT_EQ(frames[0].width, 40U);  // the image's own size, not the encoder's
+  EXPECT_EQ(frames[0].height, 24U);
+  EXPECT_EQ(frames[0].srcImgNo, 60U);
+  host.SetEncoder(FakeHost::Encoder::kRefuse);
+  EXPECT_EQ(host.Unbind(kEnc, kTest, 201, 200), 0U);
+  host.GiveBack();
+  EXPECT_EQ(host.Destroy(kEnc, 201), 0U);
+  // Every frame came back, so the test node frees its whole cache; a second destroy is a
+  // no-op.
+  EXPECT_EQ(host.Destroy(kTest, 200), 0U);
+  EXPECT_EQ(host.Destroy(kTest, 200), 0U);
+  EXPECT_FALSE(logs.HasModule("The cache release is fail"));
+}
+
+TEST_F(HostLinksTest, DecodedFramesReachPreviewsAndVirtualCameraAndComeBackOnce) {
+  std::mutex lock;
+  std::vector<TavoVideoDisplayWinInfo> reports;
+  ASSERT_EQ(host.entries().setReport([&](TavoVideoDisplayWinInfo& info) {
+    std::lock_guard<std::mutex> guard(lock);
+    reports.push_back(info);
+    return 0;
+  }),
+            0U);
+  HostParam decoder = FakeHost::DecoderParam(150);
+  HostParam preview = FakeHost::PreviewParam({{0x71, 150}, {0x72, 150}});
+  HostParam camera = FakeHost::Zeroed();
+  camera->virCam.width = 64;
+  camera->virCam.height = 32;
+  camera->virCam.virtualOutFunc = [](uint32_t, void*, uint32_t, void*, uint32_t) -> uint32_t {
+    return 0;
+  };
+  ASSERT_EQ(host.Create(kDec, 500, 90, decoder.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 501, 91, preview.get()), 0U);
+  ASSERT_EQ(host.Create(kCam, 502, 92, camera.get()), 0U);
+  ASSERT_EQ(host.Bind(kVo, kDec, 501, 500), 0U);
+  ASSERT_EQ(host.Bind(kCam, kDec, 502, 500), 0U);
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_EQ(host.Push(90, 0, 64, 32), 0U);
+  }
+  ASSERT_TRUE(host.AllBack());
+  ASSERT_EQ(host.entries().stopRender(501, 0x72), 0U);  // its frames still come back
+  ASSERT_EQ(host.Push(90, 0, 64, 32), 0U);
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.Unbind(kVo, kDec, 501, 500), 0U);
+  EXPECT_EQ(host.Unbind(kCam, kDec, 502, 500), 0U);
+  ASSERT_EQ(host.Push(90), 0U);  // no sink left: straight back
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.Rendered(0x71), 5);
+  EXPECT_EQ(host.Rendered(0x72), 4);
+  std::lock_guard<std::mutex> guard(lock);
+  ASSERT_EQ(reports.size(), 2U);
+  EXPECT_EQ(reports[0].viPort, 62U);
+}
+
+TEST_F(HostLinksTest, FirstFrameIsReportedForImages150To177Only) {
+  std::mutex lock;
+  std::map<uint32_t, uint32_t> portByWindow;
+  ASSERT_EQ(host.entries().setReport([&](TavoVideoDisplayWinInfo& info) {
+    std::lock_guard<std::mutex> guard(lock);
+    portByWindow[info.winId] = info.viPort;
+    return 0;
+  }),
+            0U);
+  uint32_t component = 1140, node = 140;
+  std::vector<HostParam> params;
+  for (uint32_t imgNo : {149U, 150U, 177U, 178U}) {
+    params.push_back(FakeHost::DecoderParam(imgNo));
+    ASSERT_EQ(host.Create(kDec, component, node, params.back().get()), 0U);
+    params.push_back(FakeHost::PreviewParam({{imgNo, imgNo}}));
+    ASSERT_EQ(host.Create(kVo, component + 1, node + 1, params.back().get()), 0U);
+    ASSERT_EQ(host.Bind(kVo, kDec, component + 1, component), 0U);
+    ASSERT_EQ(host.Push(node), 0U);
+    ASSERT_EQ(host.Push(node), 0U);
+    component += 2;
+    node += 2;
+  }
+  ASSERT_TRUE(host.AllBack());
+  std::lock_guard<std::mutex> guard(lock);
+  EXPECT_EQ(portByWindow, (std::map<uint32_t, uint32_t>{{150, 62}, {177, 89}}));
+}
+
+// The release callback runs without the library's locks: a host thread started from it may
+// push the next frame and update the decoder while the callback still waits for it.
+TEST_F(HostLinksTest, ReleaseCallbackMayWaitForAnotherThreadUsingTheDecoder) {
+  HostParam decoder = FakeHost::DecoderParam(131);
+  HostParam preview = FakeHost::PreviewParam({{0x41, 131}});
+  ASSERT_EQ(host.Create(kDec, 1120, 126, decoder.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 1121, 127, preview.get()), 0U);
+  ASSERT_EQ(host.Bind(kVo, kDec, 1121, 1120), 0U);
+  std::atomic<int> rounds{0}, late{0};
+  HostParam update = FakeHost::DecoderParam(131, "MARK");
+  CountLatch finished;
+  host.onRelease = [&](tagOS_S_VIDEO_CODEC_IMG_INFO*) {
+    if (rounds.fetch_add(1) >= 3) {
+      return;
+    }
+    late += FinishesWhileWaiting(
+                [&] {
+                  EXPECT_EQ(host.Push(126), 0U);
+                  EXPECT_EQ(host.Update(kDec, 1120, update.get()), 0U);
+                },
+                finished)
+                ? 0
+                : 1;
+  };
+  ASSERT_EQ(host.Push(126), 0U);
+  ASSERT_TRUE(finished.WaitFor(3, 4 * kCallbackLimit));
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(late, 0) << "a call from another thread waited for the release callback";
+}
+
+// Like the release callback, the first-frame report runs without the library's locks.
+TEST_F(HostLinksTest, FirstFrameReportMayWaitForAnotherThreadUsingThePreview) {
+  HostParam decoder = FakeHost::DecoderParam(150);
+  HostParam preview = FakeHost::PreviewParam({{0x51, 150}});
+  ASSERT_EQ(host.Create(kDec, 1130, 128, decoder.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 1131, 129, preview.get()), 0U);
+  ASSERT_EQ(host.Bind(kVo, kDec, 1131, 1130), 0U);
+  std::atomic<int> late{0};
+  CountLatch finished;
+  ASSERT_EQ(host.entries().setReport([&](TavoVideoDisplayWinInfo&) {
+    late += FinishesWhileWaiting([&] { EXPECT_EQ(host.entries().stopRender(1131, 0x51), 0U); },
+                                 finished)
+                ? 0
+                : 1;
+    return 0;
+  }),
+            0U);
+  ASSERT_EQ(host.Push(128), 0U);
+  ASSERT_TRUE(finished.WaitFor(1));
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(late, 0) << "stopping a window waited for the first-frame report";
+}
+
+TEST_F(HostLinksTest, UpdatesChangeWindowsWatermarkAndEncoderWhileFramesFlow) {
+  HostParam decoder = FakeHost::DecoderParam(132);
+  ASSERT_EQ(host.Create(kDec, 1150, 160, decoder.get()), 0U);
+  HostParam preview = FakeHost::PreviewParam({{0x61, 132}});
+  ASSERT_EQ(host.Create(kVo, 1151, 161, preview.get()), 0U);
+  ASSERT_EQ(host.Bind(kVo, kDec, 1151, 1150), 0U);
+  ASSERT_EQ(host.Push(160), 0U);
+  ASSERT_TRUE(host.AllBack());
+  HostParam both = FakeHost::PreviewParam({{0x61, 132}, {0x62, 132}});
+  ASSERT_EQ(host.Update(kVo, 1151, both.get()), 0U);
+  ASSERT_EQ(host.Push(160), 0U);
+  ASSERT_TRUE(host.AllBack());
+  HostParam second = FakeHost::PreviewParam({{0x62, 132}});
+  ASSERT_EQ(host.Update(kVo, 1151, second.get()), 0U);
+  LogCapture logs;
+  HostParam marked = FakeHost::DecoderParam(132, "ROOM 7");
+  ASSERT_EQ(host.Update(kDec, 1150, marked.get()), 0U);
+  EXPECT_EQ(logs.CountModule("[VO_161] SetWaterMarkParam imgNo:132, content:ROOM 7", 3), 1U);
+  ASSERT_EQ(host.Push(160), 0U);
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.Rendered(0x61), 2);
+  EXPECT_EQ(host.Rendered(0x62), 2);
+  EXPECT_EQ(host.entries().stopRender(1151, 0x61), 1U);  // removed
+  EXPECT_EQ(host.entries().stopRender(1151, 0x62), 0U);
+
+  // An encoder refusing every frame does not starve a preview on the same test image; an
+  // encoder update reaches the next frames.
+  HostParam test = FakeHost::TestParam(Image());
+  HostParam encoder = FakeHost::EncoderParam(5);
+  HostParam preview2 = FakeHost::PreviewParam({{0x81, 164}});  // the test image's own id
+  ASSERT_EQ(host.Create(kTest, 1170, 164, test.get()), 0U);
+  ASSERT_EQ(host.Create(kEnc, 1171, 165, encoder.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 1172, 166, preview2.get()), 0U);
+  host.SetEncoder(FakeHost::Encoder::kRefuse);
+  ASSERT_EQ(host.Bind(kEnc, kTest, 1171, 1170), 0U);
+  ASSERT_EQ(host.Bind(kVo, kTest, 1172, 1170), 0U);
+  ASSERT_TRUE(host.offered.WaitFor(2));
+  ASSERT_TRUE(host.rendered.WaitUntil([&] { return host.Rendered(0x81) >= 2; }));
+  host.SetEncoder(FakeHost::Encoder::kGiveBack);
+  HostParam updated = FakeHost::EncoderParam(6);
+  ASSERT_EQ(host.Update(kEnc, 1171, updated.get()), 0U);
+  ASSERT_TRUE(host.offered.WaitUntil([&] {
+    int withNewKey = 0;
+    for (const FakeHost::Encoded& frame : host.EncodedFrames()) {
+      withNewKey += frame.hostKey == 6 ? 1 : 0;
+    }
+    return withNewKey >= 2;
+  }));
+  host.SetEncoder(FakeHost::Encoder::kRefuse);
+  EXPECT_EQ(host.Unbind(kEnc, kTest, 1171, 1170), 0U);
+  EXPECT_EQ(host.Unbind(kVo, kTest, 1172, 1170), 0U);
+  EXPECT_EQ(host.Destroy(kTest, 1170), 0U);
+  EXPECT_FALSE(logs.HasModule("The cache release is fail"));
+}
+
+// Destroy forgets the input's builder: the same id as another kind of input binds and starts.
+// Unbind and bind cycle, a second bind or unbind is refused, and a bound sink can be
+// destroyed.
+TEST_F(HostLinksTest, BindUnbindCyclesAndDestroyedInputsComingBackAsAnotherKind) {
+  HostParam test = FakeHost::TestParam(Image());
+  HostParam preview = FakeHost::PreviewParam({{0x91, 167}});
+  ASSERT_EQ(host.Create(kTest, 1180, 167, test.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 1181, 168, preview.get()), 0U);
+  ASSERT_EQ(host.Bind(kVo, kTest, 1181, 1180), 0U);
+  ASSERT_EQ(host.Unbind(kVo, kTest, 1181, 1180), 0U);
+  ASSERT_EQ(host.Destroy(kTest, 1180), 0U);
+  HostParam preview2 = FakeHost::PreviewParam({{0x91, 134}});
+  ASSERT_EQ(host.Update(kVo, 1181, preview2.get()), 0U);
+  const int before = host.Rendered(0x91);
+
+  HostParam decoder = FakeHost::DecoderParam(134);
+  ASSERT_EQ(host.Create(kDec, 1180, 167, decoder.get()), 0U);
+  ASSERT_EQ(host.Create(kDec, 1180, 167, decoder.get()), 0U);  // twice: the same node
+  constexpr int kCycles = 20;
+  for (int i = 0; i < kCycles; ++i) {
+    ASSERT_EQ(host.Bind(kVo, kDec, 1181, 1180), 0U);
+    ASSERT_EQ(host.Push(167), 0U);  // refused if the decoder was never started
+    ASSERT_EQ(host.Unbind(kVo, kDec, 1181, 1180), 0U);
+    EXPECT_EQ(host.Unbind(kVo, kDec, 1181, 1180), 1U);
+    ASSERT_EQ(host.Push(167), 0U);  // nobody bound: straight back
+  }
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.Rendered(0x91) - before, kCycles);
+  ASSERT_EQ(host.Bind(kVo, kDec, 1181, 1180), 0U);
+  EXPECT_EQ(host.Bind(kVo, kDec, 1181, 1180), 1U);  // already bound
+  EXPECT_EQ(host.Destroy(kVo, 1181), 0U);           // still bound
+  ASSERT_EQ(host.Push(167), 0U);
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.Rendered(0x91) - before, kCycles);
+}
+
+// A decoder destroyed while its frame is still being shown: the destroy does not wait for
+// the preview, and the frame still comes back once when the preview lets go. Destroying the
+// preview then waits for its running frame.
+TEST_F(HostLinksTest, DestroyWhileAFrameIsBeingShown) {
+  HostParam decoder = FakeHost::DecoderParam(138);
+  HostParam preview = FakeHost::PreviewParam({{0xD1, 138}});
+  ASSERT_EQ(host.Create(kDec, 1220, 176, decoder.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 1221, 177, preview.get()), 0U);
+  ASSERT_EQ(host.Bind(kVo, kDec, 1221, 1220), 0U);
+  Gate gate;
+  host.onRender = [&](uint32_t) { gate.Pass(); };
+  ASSERT_EQ(host.Push(176), 0U);
+  ASSERT_TRUE(host.renderEntered.WaitFor(1));
+  EXPECT_EQ(host.Destroy(kDec, 1220), 0U);
+  EXPECT_EQ(host.decodedBack.Get(), 0);
+  std::promise<void> destroyed;
+  std::future<void> previewGone = destroyed.get_future();
+  std::thread destroyer([&] {
+    EXPECT_EQ(host.Destroy(kVo, 1221), 0U);
+    destroyed.set_value();
+  });
+  EXPECT_EQ(previewGone.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  gate.Open();
+  destroyer.join();
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.Rendered(0xD1), 1);
+}
+
+// Two host threads on one link: only 0 or 1 comes back, nothing crashes or leaks, and every
+// accepted frame comes back once.
+TEST_F(HostLinksTest, HostThreadsRacingOnOneLink) {
+  HostParam decoder = FakeHost::DecoderParam(136);
+  HostParam preview = FakeHost::PreviewParam({{0xB1, 136}});
+  HostParam other = FakeHost::PreviewParam({{0xB1, 136}, {0xB2, 136}});
+  ASSERT_EQ(host.Create(kDec, 1200, 171, decoder.get()), 0U);
+  std::atomic<bool> flowing{true};
+  std::thread pusher([&] {
+    for (int i = 0; flowing && i < 3000; ++i) {
+      EXPECT_LE(host.Push(171), 1U);
+    }
+  });
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_EQ(host.Create(kVo, 1201, 172, preview.get()), 0U);
+    std::thread binder([&] { EXPECT_LE(host.Bind(kVo, kDec, 1201, 1200), 1U); });
+    std::thread destroyer([&] { EXPECT_EQ(host.Destroy(kVo, 1201), 0U); });
+    binder.join();
+    destroyer.join();
+    EXPECT_EQ(host.Create(kVo, 1201, 172, preview.get()), 0U);
+    host.Bind(kVo, kDec, 1201, 1200);  // 1 while a destroyed sink of this id is still linked
+    std::thread updater(
+        [&] { EXPECT_EQ(host.Update(kVo, 1201, (i % 2 ? other : preview).get()), 0U); });
+    std::thread unbinder([&] { EXPECT_LE(host.Unbind(kVo, kDec, 1201, 1200), 1U); });
+    updater.join();
+    unbinder.join();
+    EXPECT_EQ(host.Destroy(kVo, 1201), 0U);
+  }
+  // Destroy the input while frames still flow into it.
+  EXPECT_EQ(host.Create(kVo, 1202, 173, preview.get()), 0U);
+  EXPECT_EQ(host.Bind(kVo, kDec, 1202, 1200), 0U);
+  EXPECT_EQ(host.Destroy(kDec, 1200), 0U);
+  flowing = false;
+  pusher.join();
+  ASSERT_TRUE(host.AllBack());
+}
+
+// A host that destroys its encoder while it still holds frames gets 1 for each late give-back,
+// and the decoded frame behind it still comes back to the decoder's host exactly once.
+TEST_F(HostLinksTest, FrameGivenBackAfterItsEncoderWentStillReturnsToTheDecoder) {
+  HostParam decoder = FakeHost::DecoderParam(20);
+  HostParam encoder = FakeHost::EncoderParam(9);
+  ASSERT_EQ(host.Create(kDec, 1180, 20, decoder.get()), 0U);
+  ASSERT_EQ(host.Create(kEnc, 1181, 181, encoder.get()), 0U);
+  host.Store(1182, 20);  // the type-4 input names the decoder node
+  ASSERT_EQ(host.Bind(kEnc, kInput, 1181, 1182), 0U);
+  ASSERT_EQ(host.Push(20), 0U);
+  ASSERT_TRUE(host.offered.WaitFor(1));
+  EXPECT_EQ(host.Unbind(kEnc, kInput, 1181, 1182), 0U);
+  EXPECT_EQ(host.Destroy(kEnc, 1181), 0U);
+  EXPECT_EQ(host.decodedBack.Get(), 0);
+  ASSERT_EQ(host.Held(), 1U);
+  LogCapture logs;
+  host.GiveBack(1);
+  EXPECT_EQ(logs.CountModule("VirtualEncoderNode is nullptr", 1), 1U);
+  EXPECT_TRUE(host.AllBack());
+}
+
+}  // namespace

@@ -1,0 +1,346 @@
+#include "tests/support/fake_host.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "tests/support/table_rows.h"
+
+namespace {
+
+FakeHost* g_host = nullptr;  // the callbacks carry no user data; one host at a time
+
+template <class Row>
+auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t srcType) {
+  const Row* table = nullptr;
+  uint32_t count = 0;
+  return getter != nullptr && getter(&table, &count) == 0 ? Find(table, count, type, srcType)
+                                                          : decltype(table->func){};
+}
+
+}  // namespace
+
+HostEntries HostEntries::Load(const char* path) {
+  static void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  EXPECT_NE(library, nullptr) << dlerror();
+  HostEntries e;
+  if (library == nullptr) {
+    return e;
+  }
+  auto get = [](const char* name, auto& entry) {
+    entry = reinterpret_cast<std::remove_reference_t<decltype(entry)>>(dlsym(library, name));
+    EXPECT_NE(entry, nullptr) << name;
+  };
+  get("TavoVideoGetCreateNodeFuncMap", e.getCreate);
+  get("TavoVideoGetBindNodeFuncMap", e.getBind);
+  get("TavoVideoGetUnBindNodeFuncMap", e.getUnbind);
+  get("TavoVideoGetDestroyNodeFuncMap", e.getDestroy);
+  get("TavoVideoGetUpdateNodeFuncMap", e.getUpdate);
+  get("TavoVideoGetDataContainer", e.getContainer);
+  get("TavoVideoReceiveVDecFrame", e.receive);
+  get("TavoVideoReleaseVEncFrame", e.releaseEnc);
+  get("TavoVideoVlinkVoStopRender", e.stopRender);
+  get("TavoVideoSetWinReportCb", e.setReport);
+  e.library = library;
+  return e;
+}
+
+FakeHost::FakeHost(HostEntries entries) : m_entries(entries) {
+  EXPECT_EQ(g_host, nullptr) << "one fake host at a time";
+  g_host = this;
+  m_underflows = OsvGraphicBuffer::GetUnderflowCount();
+}
+
+FakeHost::~FakeHost() {
+  Finish();
+  g_host = nullptr;
+}
+
+HostParam FakeHost::Zeroed() {
+  HostParam param = std::make_unique<tagTavoVideoComponentParam>();
+  std::memset(param.get(), 0, sizeof(*param));
+  return param;
+}
+HostParam FakeHost::DecoderParam(uint32_t imgNo, const char* watermark) {
+  HostParam param = Zeroed();
+  param->vdec.imgNo = imgNo;
+  param->vdec.decReleaseFunc = OnDecRelease;
+  if (watermark != nullptr) {
+    param->vdec.watermarkEnable = 1;
+    std::snprintf(param->vdec.watermarkContent, sizeof(param->vdec.watermarkContent), "%s",
+                  watermark);
+  }
+  return param;
+}
+HostParam FakeHost::PreviewParam(const std::vector<std::pair<uint64_t, uint32_t>>& windows) {
+  HostParam param = Zeroed();
+  for (const auto& [handle, imgNo] : windows) {
+    param->vo.windows[param->vo.winNum].winHandle = handle;
+    param->vo.windows[param->vo.winNum].imgNo = imgNo;
+    ++param->vo.winNum;
+  }
+  param->vo.renderCb = OnRender;
+  return param;
+}
+HostParam FakeHost::EncoderParam(uint32_t hostKey, uint32_t width, uint32_t height) {
+  HostParam param = Zeroed();
+  param->venc.width = width;
+  param->venc.height = height;
+  param->venc.hostKey = hostKey;
+  param->venc.encOutFunc = OnEncFrame;
+  param->venc.encCreateFunc = OnEncCreate;
+  return param;
+}
+HostParam FakeHost::TestParam(const std::string& file, uint32_t frameRate) {
+  HostParam param = Zeroed();
+  param->test.frameRate = frameRate;
+  std::snprintf(param->test.fileName, sizeof(param->test.fileName), "%s", file.c_str());
+  return param;
+}
+
+void FakeHost::Store(uint32_t component, uint32_t node, bool withPort) {
+  DataContainer* container =
+      m_entries.getContainer(("Node[" + std::to_string(component) + "]PresentParam").c_str());
+  container->SetDataByString<uint32_t>("imgNo", node);
+  if (withPort) {
+    container->SetDataByString<uint32_t>("portId", 0);
+  }
+}
+uint32_t FakeHost::Create(uint32_t type, uint32_t component, uint32_t node,
+                          tagTavoVideoComponentParam* param) {
+  Store(component, node);
+  return CreateStored(type, component, param);
+}
+uint32_t FakeHost::CreateStored(uint32_t type, uint32_t component,
+                                tagTavoVideoComponentParam* param) {
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (std::find(m_components.begin(), m_components.end(), std::pair{type, component}) ==
+        m_components.end()) {
+      m_components.emplace_back(type, component);
+    }
+  }
+  auto row = RowOf(m_entries.getCreate, type, 0);
+  return row != nullptr ? row(component, param) : 0xDEAD;
+}
+uint32_t FakeHost::Destroy(uint32_t type, uint32_t component) {
+  auto row = RowOf(m_entries.getDestroy, type, 0);
+  return row != nullptr ? row(component) : 0xDEAD;
+}
+uint32_t FakeHost::Update(uint32_t type, uint32_t component, tagTavoVideoComponentParam* param) {
+  auto row = RowOf(m_entries.getUpdate, type, 0);
+  return row != nullptr ? row(component, param) : 0xDEAD;
+}
+uint32_t FakeHost::Bind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source) {
+  auto row = RowOf(m_entries.getBind, sinkType, srcType);
+  const uint32_t result = row != nullptr ? row(sink, source) : 0xDEAD;
+  if (result == 0) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    const Link link{sinkType, srcType, sink, source};
+    if (std::none_of(m_links.begin(), m_links.end(),
+                     [&](const Link& l) { return std::memcmp(&l, &link, sizeof(link)) == 0; })) {
+      m_links.push_back(link);
+    }
+  }
+  return result;
+}
+uint32_t FakeHost::Unbind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source) {
+  auto row = RowOf(m_entries.getUnbind, sinkType, srcType);
+  return row != nullptr ? row(sink, source) : 0xDEAD;
+}
+bool FakeHost::HasRow(uint32_t table, uint32_t type, uint32_t srcType) {
+  switch (table) {
+    case 0:
+      return RowOf(m_entries.getCreate, type, srcType) != nullptr;
+    case 1:
+      return RowOf(m_entries.getBind, type, srcType) != nullptr;
+    case 2:
+      return RowOf(m_entries.getUnbind, type, srcType) != nullptr;
+    case 3:
+      return RowOf(m_entries.getDestroy, type, srcType) != nullptr;
+    default:
+      return RowOf(m_entries.getUpdate, type, srcType) != nullptr;
+  }
+}
+
+uint32_t FakeHost::Push(uint32_t node, uint64_t decId, uint32_t width, uint32_t height) {
+  auto* record = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(
+      std::calloc(1, sizeof(tagOS_S_VIDEO_CODEC_IMG_INFO)));
+  record->pBuffer = new OsvGraphicBuffer(width, height, TAVO_VIDEO_VLINK_FORMAT_I420);
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_records.push_back(record);
+  }
+  const uint32_t result = m_entries.receive(decId, node, record);
+  std::lock_guard<std::mutex> lock(m_lock);
+  ++m_pushed;
+  if (result == 0) {
+    ++m_accepted;
+  } else {
+    delete record->pBuffer;  // still the host's; the small record is kept to the end
+    record->pBuffer = nullptr;
+  }
+  return result;
+}
+int FakeHost::Pushed() {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_pushed;
+}
+int FakeHost::Accepted() {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_accepted;
+}
+bool FakeHost::AllBack() { return decodedBack.WaitFor(Accepted()); }
+
+void FakeHost::SetEncoder(Encoder mode) {
+  std::lock_guard<std::mutex> lock(m_lock);
+  m_encoder = mode;
+}
+void FakeHost::GiveBack(uint32_t expected, size_t keep) {
+  std::vector<VencOutFrame*> frames;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    const size_t count = m_held.size() > keep ? m_held.size() - keep : 0;
+    frames.assign(m_held.begin(), m_held.begin() + static_cast<std::ptrdiff_t>(count));
+    m_held.erase(m_held.begin(), m_held.begin() + static_cast<std::ptrdiff_t>(count));
+  }
+  for (VencOutFrame* frame : frames) {
+    const uint32_t code = m_entries.releaseEnc(frame);
+    if (expected != kAnyCode) {
+      EXPECT_EQ(code, expected);
+    }
+  }
+}
+size_t FakeHost::Held() {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_held.size();
+}
+std::vector<FakeHost::Encoded> FakeHost::EncodedFrames() {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_encoded;
+}
+int FakeHost::Rendered(uint64_t window) {
+  std::lock_guard<std::mutex> lock(m_lock);
+  return m_renderedByWindow[window];
+}
+
+void FakeHost::Finish() {
+  if (m_finished) {
+    return;
+  }
+  m_finished = true;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    onRender = nullptr;  // the test's hooks may refer to what it already let go
+    onRelease = nullptr;
+  }
+  SetEncoder(Encoder::kRefuse);  // frames still on their way come back by themselves
+  encoderGate.Open();
+  std::vector<Link> links;
+  std::vector<std::pair<uint32_t, uint32_t>> components;
+  {
+    std::lock_guard<std::mutex> lock(m_lock);
+    links = m_links;
+    components = m_components;
+  }
+  for (const Link& link : links) {
+    Unbind(link.sinkType, link.srcType, link.sink, link.source);
+  }
+  GiveBack();  // while the encoders still exist, as a host must
+  for (auto it = components.rbegin(); it != components.rend(); ++it) {
+    Destroy(it->first, it->second);
+  }
+  m_entries.setReport([](TavoVideoDisplayWinInfo&) { return 0; });
+  GiveBack(1);  // frames still on their way to a destroyed encoder
+  EXPECT_TRUE(AllBack()) << "decoded frames not given back";
+  std::lock_guard<std::mutex> lock(m_lock);
+  EXPECT_EQ(m_returned.size(), static_cast<size_t>(m_accepted));
+  for (const auto& [record, count] : m_returned) {
+    EXPECT_EQ(count, 1) << "a decoded frame came back " << count << " times";
+  }
+  for (tagOS_S_VIDEO_CODEC_IMG_INFO* record : m_records) {
+    delete record->pBuffer;  // null once it came back
+    std::free(record);
+  }
+  m_records.clear();
+  EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame was released twice";
+}
+
+uint32_t FakeHost::OnEncCreate(uint32_t, uint32_t, uint32_t) { return 0; }
+
+uint32_t FakeHost::OnEncFrame(uint32_t, uint32_t hostKey, uint32_t, VencOutFrame* frame) {
+  FakeHost* host = g_host;
+  Encoder mode;
+  {
+    std::lock_guard<std::mutex> lock(host->m_lock);
+    mode = host->m_encoder;
+  }
+  if (mode == Encoder::kBlock) {
+    host->encoderGate.Pass();
+    mode = Encoder::kHold;
+  }
+  const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
+  Encoded seen{hostKey,    frame->imgNo, frame->sequence,
+               info.width, info.height,  frame->buffer->GetSrcImgNo(),
+               {}};
+  {
+    std::lock_guard<std::mutex> lock(host->m_lock);
+    if (host->keepPixels) {
+      const uint8_t* data = frame->buffer->GetImageAddr(0);
+      seen.pixels.assign(data, data + info.size);
+    }
+    host->m_encoded.push_back(std::move(seen));
+    if (mode == Encoder::kHold) {
+      host->m_held.push_back(frame);
+    }
+  }
+  host->offered.Add();
+  if (mode == Encoder::kGiveBack) {
+    EXPECT_EQ(host->m_entries.releaseEnc(frame), 0U);
+  }
+  return mode == Encoder::kRefuse ? 0U : 1U;
+}
+
+int FakeHost::OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* header) {
+  FakeHost* host = g_host;
+  EXPECT_EQ(header->headerSize, 48U);
+  host->renderEntered.Add();
+  std::function<void(uint32_t)> hook;
+  {
+    std::lock_guard<std::mutex> lock(host->m_lock);
+    hook = host->onRender;
+  }
+  if (hook) {
+    hook(winHandle);
+  }
+  {
+    std::lock_guard<std::mutex> lock(host->m_lock);
+    ++host->m_renderedByWindow[winHandle];
+  }
+  host->rendered.Add();
+  return 0;
+}
+
+uint32_t FakeHost::OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
+  FakeHost* host = g_host;
+  std::function<void(tagOS_S_VIDEO_CODEC_IMG_INFO*)> hook;
+  {
+    std::lock_guard<std::mutex> lock(host->m_lock);
+    if (++host->m_returned[frame] == 1) {
+      // The pixels go at once (long runs push many frames); the record stays to the end,
+      // so a second return is counted, not a use after free.
+      delete frame->pBuffer;
+      frame->pBuffer = nullptr;
+    }
+    hook = host->onRelease;
+  }
+  if (hook) {
+    hook(frame);
+  }
+  host->decodedBack.Add();
+  return 1;
+}
