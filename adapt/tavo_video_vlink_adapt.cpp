@@ -12,7 +12,6 @@
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "core/pelv_print_struct.h"
 #include "core/tavo_video_frame_ref.h"
-#include "core/tavo_video_node_link.h"
 #include "platform/adapt_common/os_time.h"
 #include "platform/adapt_common/safe_string.h"
 #include "trace/tavo_video_host_guard.h"
@@ -88,37 +87,10 @@ bool RefusedInsideLinkRow(const char* row) {
   return true;
 }
 
-// A sink about to be destroyed is unbound from each input it hangs off, through that input's
-// builder when there is one (so conversion nodes left without outputs go too), else straight
-// from its upstream node: a host that destroys a bound component leaves nothing holding it.
-void UnbindFromInputs(const VideoVlinkNode::NodePtr& sink) {
-  for (const VideoVlinkNode::NodePtr& prev : sink->GetPrevConnectListCopy()) {
-    VideoVlinkNode::NodePtr input = prev;
-    while (!input->GetIsViVoNode()) {
-      const VideoVlinkNode::NodeList above = input->GetPrevConnectListCopy();
-      if (above.empty()) {
-        break;
-      }
-      input = above.front();
-    }
-    std::shared_ptr<VlinkBuilder> builder =
-        t_linkRows != 0 ? nullptr
-                        : VlinkBuilderFactory::GetInstance().GetBuilderNoCreate(input->GetNodeId());
-    if (builder == nullptr || builder->UnBindVo(sink->GetNodeId()) != 0) {
-      prev->DisconnectFromNode(sink, true);
-    }
-  }
-}
-
-// Stops a component's node, takes it out of the registry and apart from its neighbours, and
-// forgets the builder registered under its id.
+// Takes a component's node apart; from inside a link row the builders' lock is this
+// thread's already, so the node is unhooked directly.
 void TakeApart(const VideoVlinkNode::NodePtr& node) {
-  UnbindFromInputs(node);
-  VideoVlinkNode::DeleteNode(node);  // stops and shuts the node down
-  // Sinks still bound to a destroyed input keep it until they go; it lets go of them now, so
-  // the two never hold each other for good.
-  vlink::DropNeighbours(node);
-  VlinkBuilderFactory::GetInstance().DeleteBuilder(node->GetNodeId());
+  VlinkBuilderFactory::GetInstance().TakeApart(node, t_linkRows == 0);
 }
 
 template <class Node>

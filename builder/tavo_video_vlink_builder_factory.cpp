@@ -4,10 +4,34 @@
 #include "builder/tavo_video_vlink_decode_builder.h"
 #include "builder/tavo_video_vlink_screen_builder.h"
 #include "builder/tavo_video_vlink_test_builder.h"
+#include "core/tavo_video_node_link.h"
 
 VlinkBuilderFactory& VlinkBuilderFactory::GetInstance() {
   static VlinkBuilderFactory factory;
   return factory;
+}
+
+void VlinkBuilderFactory::TakeApart(const VideoVlinkNode::NodePtr& node, bool throughBuilders) {
+  for (const VideoVlinkNode::NodePtr& prev : node->GetPrevConnectListCopy()) {
+    VideoVlinkNode::NodePtr input = prev;
+    while (!input->GetIsViVoNode()) {
+      const VideoVlinkNode::NodeList above = input->GetPrevConnectListCopy();
+      if (above.empty()) {
+        break;
+      }
+      input = above.front();
+    }
+    std::shared_ptr<VlinkBuilder> builder =
+        throughBuilders ? GetBuilderNoCreate(input->GetNodeId()) : nullptr;
+    if (builder == nullptr || builder->UnBindVo(node->GetNodeId()) != 0) {
+      prev->DisconnectFromNode(node, true);
+    }
+  }
+  VideoVlinkNode::DeleteNode(node);  // stops and shuts the node down
+  // Sinks still bound to a destroyed input keep it until they go; it lets go of them now, so
+  // the two never hold each other for good.
+  vlink::DropNeighbours(node);
+  DeleteBuilder(node->GetNodeId());
 }
 
 VlinkBuilderFactory::~VlinkBuilderFactory() {

@@ -22,6 +22,12 @@ class VlinkBuilderFactory {
   std::shared_ptr<VlinkBuilder> GetBuilder(uint32_t viNodeId);
   std::shared_ptr<VlinkBuilder> GetBuilderNoCreate(uint32_t viNodeId);
   void DeleteBuilder(uint32_t viNodeId);
+  // Stops a component's node, takes it out of the registry and apart from its neighbours,
+  // and forgets the builder registered under its id. A bound sink is first unbound from each
+  // input it hangs off, through that input's builder when `throughBuilders` and there is one
+  // (so conversion nodes left without outputs go too), else straight from its upstream node:
+  // a host that destroys a bound component leaves nothing holding it.
+  void TakeApart(const VideoVlinkNode::NodePtr& node, bool throughBuilders);
   // Logs every link, "links: {INPUT->(...) ...} ".
   void PrintLink();
   std::string GetLinksText();
