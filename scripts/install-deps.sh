@@ -6,7 +6,7 @@ if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update
 $SUDO apt-get install -y --no-install-recommends \
-  build-essential g++ cmake ninja-build pkg-config \
+  build-essential g++ cmake ninja-build pkg-config ccache \
   libgtest-dev libgmock-dev libbenchmark-dev \
   libboost1.81-dev libsafec-dev libyuv-dev \
   clang-14 libclang-rt-14-dev clang-format-14 \
