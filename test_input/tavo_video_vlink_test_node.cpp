@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <set>
 
 #include "core/tavo_video_scope_guard.h"
 #include "platform/adapt_common/os_thread.h"
@@ -22,7 +23,81 @@ constexpr uint32_t kReleaseAttempts = 3;
 
 }  // namespace
 
-TestInputInputNode::TestInputInputNode(uint32_t id) : VideoVlinkNode(id, OS_E_MPP_DEV_TEST) {
+class TestImageKeeper : public OsvReleaseBase<OsvGraphicBuffer> {
+ public:
+  TestImageKeeper() = default;
+  TestImageKeeper(const TestImageKeeper&) = delete;
+  TestImageKeeper& operator=(const TestImageKeeper&) = delete;
+  ~TestImageKeeper() override { FreeImages(); }
+
+  // While the input lives its buffers are a pool: a buffer nobody holds is simply free.
+  void ReleaseBufferDeal(OsvGraphicBuffer* buffer) override {
+    bool last = false;
+    {
+      std::lock_guard<std::mutex> lock(m_lock);
+      // Only the pointer is looked at: the buffer may already be gone.
+      if (!m_orphaned || m_held.erase(buffer) == 0) {
+        return;
+      }
+      last = m_held.empty();
+    }
+    delete buffer;
+    if (last) {
+      FreeImages();
+    }
+  }
+
+  // The input is going: buffers nobody holds go now, the rest (and the images under them)
+  // when their last holder lets go.
+  void Orphan(const std::vector<OsvGraphicBuffer*>& cache, std::vector<uint8_t*> images) {
+    std::vector<OsvGraphicBuffer*> freeNow;
+    bool noneHeld = false;
+    {
+      std::lock_guard<std::mutex> lock(m_lock);
+      m_images = std::move(images);
+      for (OsvGraphicBuffer* buffer : cache) {
+        // A buffer whose last holder is letting go right now finds the keeper not yet
+        // orphaned, or itself not held, and is left to this loop.
+        if (buffer == nullptr) {
+          continue;
+        }
+        if (buffer->IsAvailable()) {
+          freeNow.push_back(buffer);
+        } else {
+          m_held.insert(buffer);
+        }
+      }
+      m_orphaned = true;
+      noneHeld = m_held.empty();
+    }
+    for (OsvGraphicBuffer* buffer : freeNow) {
+      delete buffer;
+    }
+    if (noneHeld) {
+      FreeImages();
+    }
+  }
+
+ private:
+  void FreeImages() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    FreeImagesLocked();
+  }
+  void FreeImagesLocked() {
+    for (uint8_t* image : m_images) {
+      delete[] image;
+    }
+    m_images.clear();
+  }
+
+  std::mutex m_lock;  // guards everything below; no host callback runs under it
+  bool m_orphaned = false;
+  std::set<OsvGraphicBuffer*> m_held;
+  std::vector<uint8_t*> m_images;
+};
+
+TestInputInputNode::TestInputInputNode(uint32_t id)
+    : VideoVlinkNode(id, OS_E_MPP_DEV_TEST), m_keeper(std::make_shared<TestImageKeeper>()) {
   m_nodeName = "TEST_" + std::to_string(id);
   VLOG_INF_CH(1, "create m_nodeId[%u] success", m_nodeId);
 }
@@ -41,14 +116,13 @@ TestInputInputNode::~TestInputInputNode() {
       return;
     }
   }
-  // Frames still held downstream point into the image: leave it and them allocated, but
-  // free the buffers nobody holds.
-  for (OsvGraphicBuffer*& buffer : m_cache) {
-    if (buffer != nullptr && buffer->IsAvailable()) {
-      delete buffer;
-      buffer = nullptr;
-    }
-  }
+  // Frames still held downstream point into the image: the keeper frees each buffer as its
+  // last holder lets go, and the images with the last one.
+  std::vector<uint8_t*> images = std::move(m_oldImages);
+  images.push_back(m_imageData);
+  m_keeper->Orphan(m_cache, std::move(images));
+  m_cache.clear();
+  m_imageData = nullptr;
   VLOG_ERR_CH(2, "The cache release is fail");
   VLOG_INF_CH(2, "[%s] TestInputInputNode destory m_nodeId[%u] Ok.", m_nodeName.c_str(), m_nodeId);
 }
@@ -232,6 +306,7 @@ uint32_t TestInputInputNode::InitCache() {
     auto buffer = std::make_unique<OsvGraphicBuffer>(m_imageData);
     buffer->SetImageInfo(info);
     buffer->SetSrcImgNo(param.imgNo);
+    buffer->SetReleaseTarget(m_keeper);
     uint8_t* y = m_imageData;
     uint8_t* u = y + lumaSize;
     uint8_t* v = u + lumaSize / 4;

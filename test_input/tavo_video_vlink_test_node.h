@@ -24,6 +24,10 @@ struct TestDevInfo {
   std::array<char, 4096> fileName;  // NUL-terminated
 };
 
+// Takes over the buffers and images of a test input destroyed while frames are still held,
+// and frees each buffer as its last holder lets go, the images with the last one.
+class TestImageKeeper;
+
 class TestInputInputNode : public VideoVlinkNode {
  public:
   static constexpr uint32_t kCacheSize = 16;
@@ -61,4 +65,5 @@ class TestInputInputNode : public VideoVlinkNode {
   uint32_t m_cacheIndex = 0;
   // Touched by the sender thread while it runs, by the control thread only otherwise.
   std::vector<OsvGraphicBuffer*> m_cache;
+  std::shared_ptr<TestImageKeeper> m_keeper;  // every cached buffer's release target
 };
