@@ -35,6 +35,8 @@ struct HostEntries {
 
   // Loads `path` with dlopen (once per process) and looks every entry up with dlsym.
   static HostEntries Load(const char* path);
+  // The entries of a library the test loaded (and unloads) itself.
+  static HostEntries From(void* library);
   // The entries of the library linked into the test program.
   static HostEntries Linked() {
     return {&TavoVideoGetCreateNodeFuncMap,
@@ -112,6 +114,10 @@ class FakeHost {
   // Tears down what the test left: unbinds, destroys inputs last, gives frames back and
   // checks the frame accounting. Idempotent.
   void Finish();
+  // For a library unloaded under running links: nothing is undone, the records are freed.
+  void Abandon();
+  // The oldest held encoder frame, now the test's to give back.
+  VencOutFrame* TakeHeld();
 
   const HostEntries& entries() const { return m_entries; }
 
@@ -124,6 +130,8 @@ class FakeHost {
   // Run on the host's callback threads, outside the host's lock.
   std::function<void(uint32_t window)> onRender;
   std::function<void(tagOS_S_VIDEO_CODEC_IMG_INFO*)> onRelease;
+  std::function<void(VencOutFrame*)> onEncode;
+  std::function<void()> onCreate;  // in the encoder's create callback
 
  private:
   static uint32_t OnEncCreate(uint32_t, uint32_t, uint32_t);
