@@ -153,21 +153,6 @@ uint32_t FakeHost::Unbind(uint32_t sinkType, uint32_t srcType, uint32_t sink, ui
   auto row = RowOf(m_entries.getUnbind, sinkType, srcType);
   return row != nullptr ? row(sink, source) : 0xDEAD;
 }
-bool FakeHost::HasRow(uint32_t table, uint32_t type, uint32_t srcType) {
-  switch (table) {
-    case 0:
-      return RowOf(m_entries.getCreate, type, srcType) != nullptr;
-    case 1:
-      return RowOf(m_entries.getBind, type, srcType) != nullptr;
-    case 2:
-      return RowOf(m_entries.getUnbind, type, srcType) != nullptr;
-    case 3:
-      return RowOf(m_entries.getDestroy, type, srcType) != nullptr;
-    default:
-      return RowOf(m_entries.getUpdate, type, srcType) != nullptr;
-  }
-}
-
 uint32_t FakeHost::Push(uint32_t node, uint64_t decId, uint32_t width, uint32_t height) {
   auto* record = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(
       std::calloc(1, sizeof(tagOS_S_VIDEO_CODEC_IMG_INFO)));

@@ -94,7 +94,6 @@ class FakeHost {
   uint32_t Update(uint32_t type, uint32_t component, tagTavoVideoComponentParam* param);
   uint32_t Bind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source);
   uint32_t Unbind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source);
-  bool HasRow(uint32_t table, uint32_t type, uint32_t srcType = 0);  // table: 0 create..4 update
 
   // Decoded frames: a new 16x16 I420 frame pushed into decoder node `node`.
   uint32_t Push(uint32_t node, uint64_t decId = 0, uint32_t width = 16, uint32_t height = 16);
