@@ -14,9 +14,6 @@ set(VLINK_LAYER_core ${VLINK_LAYER_trace} core)
 foreach(node IN LISTS VLINK_NODE_FOLDERS)
   set(VLINK_LAYER_${node} ${VLINK_LAYER_core} ${node})
 endforeach()
-# The screen input still reaches the virtual input through codec's forwarding header; that
-# one file, not the folder, until screen/ includes core/ directly.
-list(APPEND VLINK_LAYER_screen codec/tavo_video_vlink_vi_node.h)
 set(VLINK_LAYER_builder ${VLINK_LAYER_core} ${VLINK_NODE_FOLDERS} builder)
 set(VLINK_LAYER_adapt ${VLINK_LAYER_builder} adapt)
 set(VLINK_LAYER_tools ${VLINK_LAYER_adapt} tools)

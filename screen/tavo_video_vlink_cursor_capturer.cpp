@@ -2,6 +2,7 @@
 
 #include <X11/extensions/Xfixes.h>
 
+#include "core/tavo_video_os_seams.h"
 #include "platform/adapt_common/os_platform_check.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_x11_seams.h"
@@ -138,6 +139,7 @@ void CursorCapturer::CursorCaptureThreadFunc() {
     if (!pacer.WaitForDeadline(m_cursorThread)) {
       break;
     }
+    FollowScreen();
     if (IndepedentCapture() != 0) {
       if (ShouldLog(kSample)) {
         VLOG_ERR("Cursor capture failed!");
@@ -151,6 +153,22 @@ void CursorCapturer::CursorCaptureThreadFunc() {
       pacer.SetRate(fps);
     }
   }
+  m_watch.Follow({}, 0);  // our connection closes with the loop
+}
+
+void CursorCapturer::FollowScreen() {
+  std::string name;
+  Window root = 0;
+  {
+    std::lock_guard<std::mutex> lock(m_cursorLock);
+    if (m_screenInfo.display != nullptr && !IsX11DisplayLost(m_screenInfo.display)) {
+      name = DisplayString(m_screenInfo.display);
+      root = m_screenInfo.root;
+    }
+  }
+  // Outside the lock: opening a connection may wait for the server.
+  m_watch.Follow(name, root);
+  m_watch.ReadNotifications();
 }
 
 void CursorCapturer::CalCursorPos(VlinkCursorSendData& record, int32_t rootX, int32_t rootY,
@@ -200,27 +218,37 @@ uint32_t CursorCapturer::IndepedentCapture() {
       }
       return 1;
     }
-    Window rootReturn = 0;
-    Window child = 0;
-    int rootX = 0;
-    int rootY = 0;
-    int winX = 0;
-    int winY = 0;
-    unsigned int mask = 0;
-    if (XQueryPointer(screen.display, screen.root, &rootReturn, &child, &rootX, &rootY, &winX,
-                      &winY, &mask) != True) {
-      if (ShouldLog(kQueryPointer)) {
-        VLOG_ERR("XQueryPointer failed");
+    if (m_watch.TakePointerDue(Seam<Clock>::Get().NowUs()) || !m_pointerKnown) {
+      m_serverAsks.fetch_add(1, std::memory_order_relaxed);
+      Window rootReturn = 0;
+      Window child = 0;
+      int rootX = 0;
+      int rootY = 0;
+      int winX = 0;
+      int winY = 0;
+      unsigned int mask = 0;
+      m_pointerKnown = XQueryPointer(screen.display, screen.root, &rootReturn, &child, &rootX,
+                                     &rootY, &winX, &winY, &mask) == True;
+      if (!m_pointerKnown) {
+        if (ShouldLog(kQueryPointer)) {
+          VLOG_ERR("XQueryPointer failed");
+        }
+        return 1;
       }
-      return 1;
+      m_rootX = rootX;
+      m_rootY = rootY;
     }
-    XFixesCursorImage* image = XFixesGetCursorImage(screen.display);
-    const bool transparent = IsTransparent(image);
-    if (image != nullptr) {
-      XFree(image);
+    if (m_watch.TakeImageDue() || !m_imageKnown) {
+      m_serverAsks.fetch_add(1, std::memory_order_relaxed);
+      XFixesCursorImage* image = XFixesGetCursorImage(screen.display);
+      m_transparent = IsTransparent(image);
+      m_imageKnown = image != nullptr;
+      if (image != nullptr) {
+        XFree(image);
+      }
     }
-    CalCursorPos(record, rootX, rootY, screen);
-    uint32_t cursorId = (m_cursorParam.isHide != 0 || transparent) ? 0 : m_cursorParam.shape;
+    CalCursorPos(record, m_rootX, m_rootY, screen);
+    uint32_t cursorId = (m_cursorParam.isHide != 0 || m_transparent) ? 0 : m_cursorParam.shape;
     if (m_hideFrames > 0) {
       cursorId = 0;
       --m_hideFrames;

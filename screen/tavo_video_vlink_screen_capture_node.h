@@ -13,7 +13,7 @@
 #include <memory>
 #include <mutex>
 
-#include "codec/tavo_video_vlink_vi_node.h"
+#include "core/tavo_video_vlink_vi_node.h"
 #include "screen/tavo_video_vlink_screen_capturer.h"
 
 class ScreenCaptureNode : public VirtualViNode {

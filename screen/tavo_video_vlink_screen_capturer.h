@@ -8,9 +8,9 @@
 #include <functional>
 #include <memory>
 
-#include "codec/tavo_video_vlink_vi_node.h"
 #include "core/tavo_video_frame_ref.h"
 #include "core/tavo_video_seam.h"
+#include "core/tavo_video_vlink_vi_node.h"
 #include "screen/tavo_video_vlink_screen_types.h"
 
 class ScreenCapturer {

@@ -190,6 +190,9 @@ uint32_t X11ScreenCapturer::InitLocked() {
     X11_ERR("InitShmImages failed!");
     return 1;
   }
+  s.monitorWatch.Start(s.target.connection->Get(), s.target.root);
+  s.cursorWatch.Select(s.target.connection->Get(), s.target.root);
+  s.cursorImage.reset();
   // Without DAMAGE every frame is grabbed whole.
   if (s.useDamage) {
     s.damage.Start(s.target.connection->Get(), s.target.root);
@@ -250,6 +253,9 @@ void X11ScreenCapturer::DestroyLocked(Session& s) {
   if (s.target.connection && !s.target.connection->Lost()) {
     s.damage.Stop(s.target.connection->Get());
   }
+  s.monitorWatch.Stop();
+  s.cursorWatch.Reset();
+  s.cursorImage.reset();
   s.previous = nullptr;
   s.fullNext = true;
   X11Target none;

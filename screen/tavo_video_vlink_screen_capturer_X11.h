@@ -111,6 +111,7 @@ class X11ScreenCapturer : public ScreenCapturer {
   bool ConnectionAnswers();
   static void CheckImageFormatOf(Session& session);  // session lock held
   static void DrawCursorOf(Session& session, const XFixesCursorImage* cursor);
+  static const XFixesCursorImage* CursorOf(Session& session, Display* display);
   static std::vector<RowBand> ChangedRows(Session& session, const XFixesCursorImage* cursor,
                                           bool drawn, bool* full);
   static int32_t Convert(Session& session, const std::vector<RowBand>& bands,

@@ -3,6 +3,7 @@
 // the previous output); a frame where nothing changed sends the previous output again.
 #include <X11/extensions/Xfixes.h>
 
+#include "core/tavo_video_os_seams.h"
 #include "platform/adapt_common/tavo_video_frame_convert.h"
 #include "screen/tavo_video_vlink_screen_band_convert.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
@@ -47,6 +48,17 @@ void X11ScreenCapturer::X11ImageDrawCursor() {
     CursorImage cursor(XFixesGetCursorImage(m_session->target.connection->Get()));
     DrawCursorOf(*m_session, cursor.get);
   }
+}
+
+// The cursor to draw in: the one last asked for, unless the server told of a motion or a
+// new cursor since (or the pointer's recheck is due).
+const XFixesCursorImage* X11ScreenCapturer::CursorOf(Session& s, Display* display) {
+  const bool moved = s.cursorWatch.TakePointerDue(Seam<Clock>::Get().NowUs());
+  const bool changed = s.cursorWatch.TakeImageDue();
+  if (moved || changed || !s.cursorImage) {
+    s.cursorImage.reset(XFixesGetCursorImage(display));
+  }
+  return s.cursorImage.get();
 }
 
 // The rows to grab this frame: none when nothing changed, `full` for the whole monitor.
@@ -104,9 +116,9 @@ uint32_t X11ScreenCapturer::FrameStep(Session& s) {
     const int32_t grabX = s.grabX.load();
     const int32_t grabY = s.grabY.load();
     const bool drawn = s.mouseParam.isHide == 0 && s.drawCursor && s.mouseParam.independent == 0;
-    CursorImage cursor(drawn ? XFixesGetCursorImage(display) : nullptr);
+    const XFixesCursorImage* cursor = drawn ? CursorOf(s, display) : nullptr;
     bool full = true;
-    const std::vector<RowBand> bands = ChangedRows(s, cursor.get, drawn, &full);
+    const std::vector<RowBand> bands = ChangedRows(s, cursor, drawn, &full);
     const bool still = !full && bands.empty();
     if (!still) {
       bool grabbed = full ? s.image.Grab(s.target.root, grabX, grabY) : true;
@@ -128,12 +140,12 @@ uint32_t X11ScreenCapturer::FrameStep(Session& s) {
       s.cursorDrawn = drawn;
       s.cursorRowsValid = false;
       if (drawn) {
-        DrawCursorOf(s, cursor.get);
-        if (cursor.get != nullptr) {
-          s.cursorX = cursor.get->x;
-          s.cursorY = cursor.get->y;
-          s.cursorSerial = cursor.get->cursor_serial;
-          s.cursorRowsValid = CursorRows(cursor.get, grabY, s.capability.height, &s.cursorRows);
+        DrawCursorOf(s, cursor);
+        if (cursor != nullptr) {
+          s.cursorX = cursor->x;
+          s.cursorY = cursor->y;
+          s.cursorSerial = cursor->cursor_serial;
+          s.cursorRowsValid = CursorRows(cursor, grabY, s.capability.height, &s.cursorRows);
         }
       }
     }

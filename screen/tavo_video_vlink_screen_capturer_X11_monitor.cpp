@@ -47,7 +47,16 @@ uint32_t X11ScreenCapturer::CheckMonitor(Session& s) {
   if (!s.target.connection || s.target.connection->Lost()) {
     return 1;
   }
-  const X11MonitorState state = CheckX11Monitor(s.target);
+  Display* display = s.target.connection->Get();
+  ReadArrivedX11Events(display, [&](const XEvent& event) {
+    s.monitorWatch.OnEvent(event);
+    s.damage.OnEvent(event);
+    s.cursorWatch.OnEvent(event);
+  });
+  if (s.monitorWatch.TakeChanged()) {
+    s.monitorState = CheckX11Monitor(s.target);
+  }
+  const X11MonitorState state = s.monitorState;
   if (state.kind == X11MonitorState::kResized) {
     if (s.monitorChangeCount % kRefusalLogEvery == 0) {
       X11_ERR("wait recreate link! count[%u] oldWidth[%u] oldHeight[%u] newWidth[%d] newHeight[%d]",
@@ -61,6 +70,7 @@ uint32_t X11ScreenCapturer::CheckMonitor(Session& s) {
     s.grabX = s.target.x = state.x;
     s.grabY = s.target.y = state.y;
     s.fullNext = true;  // rows recorded so far belong to the old place
+    s.monitorState.kind = X11MonitorState::kSame;
     TellCursorScreen(s);
     X11_INF("reset capturer MonitorInfo change! m_monitorIdx[%u] grabX[%u] grabY[%u]",
             s.target.monitorIdx, static_cast<uint32_t>(state.x), static_cast<uint32_t>(state.y));

@@ -3,6 +3,8 @@
 // outlets (frame callback, cursor capturer), which close for good when the capturer goes.
 #pragma once
 
+#include <X11/extensions/Xfixes.h>
+
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -14,6 +16,7 @@
 #include "platform/adapt_common/os_platform_check.h"
 #include "screen/tavo_video_vlink_screen_buffer_pool.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
+#include "screen/tavo_video_vlink_x11_cursor_watch.h"
 #include "screen/tavo_video_vlink_x11_damage.h"
 #include "screen/tavo_video_vlink_x11_display.h"
 #include "screen/tavo_video_vlink_x11_grabber.h"
@@ -30,6 +33,14 @@ enum X11LogSite : uint32_t {
   kSiteProcess,
   kSiteCursor,
   kSiteCount,
+};
+
+struct XFreeDeleter {
+  void operator()(void* memory) const {
+    if (memory != nullptr) {
+      XFree(memory);
+    }
+  }
 };
 
 struct X11ScreenCapturer::Session {
@@ -102,6 +113,8 @@ struct X11ScreenCapturer::Session {
   uint32_t scaleWidth = 0;
   uint32_t scaleHeight = 0;
   uint32_t monitorChangeCount = 0;
+  X11MonitorWatch monitorWatch;
+  X11MonitorState monitorState;  // as last read
   // Damage-driven capture: what the next frame may build on.
   X11DamageTracker damage;
   bool useDamage = true;
@@ -113,6 +126,10 @@ struct X11ScreenCapturer::Session {
   int16_t cursorX = 0;
   int16_t cursorY = 0;
   unsigned long cursorSerial = 0;
+  // The cursor image drawn in, asked for again only after the server told of a motion or a
+  // new cursor.
+  X11CursorWatch cursorWatch;
+  std::unique_ptr<XFixesCursorImage, XFreeDeleter> cursorImage;
   std::array<vlink::LogPacer, kSiteCount> logPacers;
 
   std::mutex outletLock;  // guards the four below; no callback runs under it

@@ -34,6 +34,7 @@ bool X11DamageTracker::Start(Display* display, Window root) {
   // Reported only when the damage goes from none to some: the events carry nothing the
   // capture needs, and at most one waits per frame.
   m_damage = XDamageCreate(display, root, XDamageReportNonEmpty);
+  m_announced = true;
   m_region = XFixesCreateRegion(display, nullptr, 0);
   return m_damage != 0;
 }
@@ -47,9 +48,21 @@ void X11DamageTracker::Stop(Display* display) {
   m_region = 0;
 }
 
+void X11DamageTracker::OnEvent(const XEvent& event) {
+  if (m_damage != 0 && event.type == m_eventBase + XDamageNotify) {
+    m_announced = true;
+  }
+}
+
 std::vector<RowBand> X11DamageTracker::TakeChangedRows(Display* display, int32_t x, int32_t y,
                                                        uint32_t width, uint32_t height) {
   std::vector<RowBand> bands;
+  if (!m_announced) {
+    return bands;
+  }
+  // Events that arrive from here on are kept: one may announce damage done after the
+  // subtraction, and no other would come for it.
+  m_announced = false;
   XDamageSubtract(display, m_damage, None, m_region);
   int count = 0;
   XRectangle* rects = XFixesFetchRegion(display, m_region, &count);
@@ -68,9 +81,6 @@ std::vector<RowBand> X11DamageTracker::TakeChangedRows(Display* display, int32_t
   }
   if (rects != nullptr) {
     XFree(rects);
-  }
-  XEvent event;
-  while (XCheckTypedEvent(display, m_eventBase + XDamageNotify, &event)) {
   }
   return MergeRowBands(std::move(bands), height);
 }

@@ -29,8 +29,11 @@ class X11DamageTracker {
   // Forgets the recording (the connection's end frees it in the server anyway).
   void Stop(Display* display);
   bool Active() const { return m_damage != 0; }
+  // An event read from the connection: the server's note that damage began to gather.
+  void OnEvent(const XEvent& event);
   // The rows of the monitor at (x, y), width x height, damaged since the last call (merged,
-  // even-aligned); the recording starts afresh. Damage outside the monitor is ignored.
+  // even-aligned); the recording starts afresh. Damage outside the monitor is ignored. Asks
+  // the server only after it announced damage: a still screen costs no round trip.
   std::vector<RowBand> TakeChangedRows(Display* display, int32_t x, int32_t y, uint32_t width,
                                        uint32_t height);
 
@@ -38,4 +41,5 @@ class X11DamageTracker {
   unsigned long m_damage = 0;  // Damage
   unsigned long m_region = 0;  // XserverRegion
   int m_eventBase = 0;
+  bool m_announced = true;  // damage was announced since the last take
 };

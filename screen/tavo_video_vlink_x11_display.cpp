@@ -46,7 +46,9 @@ void KeepProcessOnIoError(Display* display, void* /*data*/) {
   XUnlockDisplay(display);
 }
 
-void InstallErrorHandlers(Display* display) {
+}  // namespace
+
+void InstallX11ErrorHandlers(Display* display) {
   static std::once_flag once;
   std::call_once(once, [] {
     XSetErrorHandler(LogXError);
@@ -54,6 +56,8 @@ void InstallErrorHandlers(Display* display) {
   });
   XSetIOErrorExitHandler(display, KeepProcessOnIoError, nullptr);
 }
+
+namespace {
 
 Display* OpenDisplay() {
   X11DisplaySystem& system = Seam<X11DisplaySystem>::Get();
@@ -64,7 +68,7 @@ Display* OpenDisplay() {
     bool tryAgain = false;
     Display* display = system.Open(&tryAgain);
     if (display != nullptr) {
-      InstallErrorHandlers(display);
+      InstallX11ErrorHandlers(display);
       return display;
     }
     if (!tryAgain) {
@@ -212,4 +216,39 @@ X11MonitorState CheckX11Monitor(const X11Target& target) {
     state.kind = X11MonitorState::kSame;
   }
   return state;
+}
+
+bool X11MonitorWatch::Start(Display* display, Window root) {
+  m_changed = true;
+  int errorBase = 0;
+  m_active = XRRQueryExtension(display, &m_eventBase, &errorBase) == True;
+  if (m_active) {
+    XRRSelectInput(display, root,
+                   RRScreenChangeNotifyMask | RRCrtcChangeNotifyMask | RROutputChangeNotifyMask);
+    XSelectInput(display, root, StructureNotifyMask);
+  }
+  return m_active;
+}
+
+void X11MonitorWatch::Stop() {
+  m_active = false;
+  m_changed = true;
+}
+
+void X11MonitorWatch::OnEvent(const XEvent& event) {
+  if (!m_active) {
+    return;
+  }
+  if (event.type == ConfigureNotify) {
+    m_changed = true;
+  } else if (event.type >= m_eventBase && event.type <= m_eventBase + RRNotify) {
+    XRRUpdateConfiguration(const_cast<XEvent*>(&event));
+    m_changed = true;
+  }
+}
+
+bool X11MonitorWatch::TakeChanged() {
+  const bool changed = m_changed || !m_active;
+  m_changed = false;
+  return changed;
 }

@@ -77,6 +77,42 @@ struct X11MonitorState {
 };
 X11MonitorState CheckX11Monitor(const X11Target& target);
 
+// Monitor changes as the server announces them on the capture connection, so the monitors
+// are read again only after a change instead of once a frame.
+class X11MonitorWatch {
+ public:
+  // Asks for RandR screen, CRTC and output changes and for the root window's reconfiguration
+  // (a RandR 1.5 monitor set or deleted). False without RandR: the monitors are then read
+  // every frame.
+  bool Start(Display* display, Window root);
+  void Stop();
+  // An event read from the connection; RandR's own keep Xlib's idea of the screen current.
+  void OnEvent(const XEvent& event);
+  // Whether the monitors must be read now (always without notifications); forgets it.
+  bool TakeChanged();
+
+ private:
+  int m_eventBase = 0;
+  bool m_active = false;
+  bool m_changed = true;
+};
+
+// Reads the events that already reached the connection (flushing what waits to go out), in
+// order, without asking the server anything; hands each to `onEvent`.
+template <typename OnEvent>
+void ReadArrivedX11Events(Display* display, OnEvent&& onEvent) {
+  XEventsQueued(display, QueuedAfterFlush);
+  while (XEventsQueued(display, QueuedAlready) > 0) {
+    XEvent event;
+    XNextEvent(display, &event);
+    onEvent(event);
+  }
+}
+
+// Keeps the process alive on an X error or a lost connection of `display` (Xlib's own
+// handlers end the process): errors are logged, the connection is marked lost.
+void InstallX11ErrorHandlers(Display* display);
+
 // X errors seen so far (the error handler counts them; a request checked with XSync fails
 // when the count moved).
 uint32_t X11ErrorCount();

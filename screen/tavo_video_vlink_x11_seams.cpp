@@ -18,7 +18,15 @@
 namespace {
 
 std::mutex g_lostLock;  // guards g_lostDisplays; no callback runs under it
-std::set<Display*>* g_lostDisplays = new std::set<Display*>;  // parked, still reachable
+// On the heap so that capture threads still running at process exit never find it
+// destroyed; freed when the library is unloaded (or at exit, after which it reads as empty).
+std::set<Display*>* g_lostDisplays = new std::set<Display*>;
+
+__attribute__((destructor)) void FreeLostDisplays() {
+  std::lock_guard<std::mutex> lock(g_lostLock);
+  delete g_lostDisplays;
+  g_lostDisplays = nullptr;
+}
 
 enum class Answer { kAnswered, kRefused, kSilent, kNotLocal };
 
@@ -157,15 +165,19 @@ bool X11ServerAnswers(const char* name, uint32_t timeoutMs) {
 
 void ForgetX11DisplayLost(Display* display) {
   std::lock_guard<std::mutex> lock(g_lostLock);
-  g_lostDisplays->erase(display);
+  if (g_lostDisplays != nullptr) {
+    g_lostDisplays->erase(display);
+  }
 }
 
 void MarkX11DisplayLost(Display* display) {
   std::lock_guard<std::mutex> lock(g_lostLock);
-  g_lostDisplays->insert(display);
+  if (g_lostDisplays != nullptr) {
+    g_lostDisplays->insert(display);
+  }
 }
 
 bool IsX11DisplayLost(Display* display) {
   std::lock_guard<std::mutex> lock(g_lostLock);
-  return g_lostDisplays->count(display) != 0;
+  return g_lostDisplays != nullptr && g_lostDisplays->count(display) != 0;
 }

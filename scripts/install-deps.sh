@@ -12,7 +12,7 @@ $SUDO apt-get install -y --no-install-recommends \
   clang-14 libclang-rt-14-dev clang-format-14 \
   libx11-dev zlib1g-dev \
   libjpeg62-turbo-dev \
-  libxdamage-dev libxext-dev libxfixes-dev libxrandr-dev libxrender-dev xvfb x11-xserver-utils xdotool \
+  libxdamage-dev libxext-dev libxfixes-dev libxi-dev libxrandr-dev libxrender-dev libxtst-dev xvfb x11-xserver-utils xdotool \
   libopencv-dev opencv-doc python3-flatbuffers python3-onnx python3-numpy
 # The virtual background's segmentation models and test pictures.
 bash "$(dirname "$0")/install-models.sh"

@@ -1,5 +1,8 @@
 // GoogleTest before the X headers, whose None macro it cannot take.
+// clang-format off
 #include <gtest/gtest.h>
+#include <X11/extensions/XTest.h>
+// clang-format on
 
 #include <algorithm>
 
@@ -127,6 +130,50 @@ TEST_F(CursorCapturerTest, RecordsStartBlankedThenCarryTheShape) {
   EXPECT_EQ(records[20].reserved1 | records[20].reserved2 | records[20].reserved3, 0u);
   std::lock_guard<std::mutex> lock(m_records.lock);
   EXPECT_EQ(m_records.lengths[20], 28u);
+}
+
+// A record every period, but the server is asked again only for what it told changed.
+TEST_F(CursorCapturerTest, StillCursorsAskTheServerNothingAndChangesAreSeen) {
+  StartTwoMonitors();
+  m_capturer.SetEncodeResolution(80, 120);
+  ASSERT_EQ(m_capturer.SetCaptureParams(Independent(10)), 0u);
+  ASSERT_EQ(m_capturer.StartCapture(), 0u);
+  ASSERT_TRUE(m_records.count.WaitFor(21));
+  const uint64_t asks = m_capturer.GetServerAsks();
+  ASSERT_TRUE(m_records.count.WaitFor(m_records.count.Get() + 5));
+  EXPECT_LE(m_capturer.GetServerAsks() - asks, 1u);  // at most the pointer's recheck
+  EXPECT_EQ(Records().back().cursorId, 7u);
+  m_server->SetRootCursor(0, 4, 4, 0, 0, std::vector<uint32_t>(16, 0U));  // now clear
+  ASSERT_TRUE(WaitUntilTrue([&] { return Records().back().cursorId == 0; }));
+  m_server->SetRootCursor(0, 4, 4, 0, 0, std::vector<uint32_t>(16, 0xFF102030U));
+  ASSERT_TRUE(WaitUntilTrue([&] { return Records().back().cursorId == 7; }));
+  Stop();
+
+  // The watch itself, at one moment (no recheck due): a device's motion and a new cursor
+  // each make the next sample ask; a warp only after the recheck time.
+  X11CursorWatch watch;
+  Display* test = m_server->Connection();
+  watch.Follow(m_server->Name(), DefaultRootWindow(test));
+  const uint64_t now = 5000000;
+  EXPECT_TRUE(watch.TakePointerDue(now));
+  EXPECT_TRUE(watch.TakeImageDue());
+  watch.ReadNotifications();
+  EXPECT_FALSE(watch.TakePointerDue(now));
+  EXPECT_FALSE(watch.TakeImageDue());
+  XTestFakeMotionEvent(test, 0, 200, 60, CurrentTime);
+  XSync(test, False);
+  EXPECT_TRUE(WaitUntilTrue([&] {
+    watch.ReadNotifications();
+    return watch.TakePointerDue(now);
+  }));
+  m_server->SetRootCursor(0, 4, 4, 0, 0, std::vector<uint32_t>(16, 0U));
+  EXPECT_TRUE(WaitUntilTrue([&] {
+    watch.ReadNotifications();
+    return watch.TakeImageDue();
+  }));
+  m_server->WarpPointer(0, 10, 10);
+  watch.ReadNotifications();
+  EXPECT_TRUE(watch.TakePointerDue(now + X11CursorWatch::kPointerRecheckUs));
 }
 
 TEST_F(CursorCapturerTest, OffTheMonitorHiddenOrClearGivesIdZero) {

@@ -316,7 +316,9 @@ class Soak : public ::testing::Test {
               Unbind(raced);
               break;
             default:
-              Destroy(c);
+              // The image itself goes only at the end, once the host gave its frames back:
+              // a test image keeps the memory under frames held at its destruction.
+              Destroy(kRacedEnc);
           }
           m_calls.fetch_add(1);
           std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
