@@ -261,9 +261,9 @@ TEST_F(CarelessHostTest, CallsFromInsideCallbacksReturn) {
          t.TestIntoEncoder(500, 40, t.Picture());
          ASSERT_TRUE(host.offered.WaitFor(1));
          EXPECT_EQ(code.load(), 0U);
+         host.GiveBack(FakeHost::kAnyCode);        // its encoder is gone
          EXPECT_EQ(host.Destroy(kTest, 500), 0U);  // no frame left to come
          EXPECT_EQ(host.offered.Get(), 1);
-         host.GiveBack(FakeHost::kAnyCode);  // its encoder is gone
        }},
       {"destroy an encoder from its create callback",
        [](CarelessHostTest& t, FakeHost& host) {
@@ -372,6 +372,7 @@ TEST_F(CarelessHostTest, TestImageThatIsNotARegularFileGivesTheBlackPicture) {
     EXPECT_EQ(first.height, 1080U);
     EXPECT_TRUE(logs.HasModule("Failed to open file!", 1));
     EXPECT_EQ(Host().Unbind(kEnc, kTest, component + 1, component), 0U);
+    Host().GiveBack();
     EXPECT_EQ(Host().Destroy(kTest, component), 0U);
     component += 2;
   }
