@@ -49,35 +49,9 @@ class HostLinksTest : public ::testing::Test {
   }
 };
 
-// The rows a host looks up; an encoder is never an input.
-TEST_F(HostLinksTest, TablesHoldTheRowsAHostLooksUp) {
-  constexpr uint32_t kCamera = TAVO_VIDEO_COMPONENT_CAMERA, kScreen = TAVO_VIDEO_COMPONENT_SCREEN;
-  for (uint32_t type : {kEnc, kCam, kCamera, kDec, kTest, kScreen, kVo}) {
-    EXPECT_TRUE(host.HasRow(0, type)) << type;
-    EXPECT_TRUE(host.HasRow(3, type)) << type;
-  }
-  const std::pair<uint32_t, uint32_t> binds[] = {
-      {kEnc, kCamera}, {kVo, kCamera},  {kCam, kDec}, {kCam, kTest},  {kEnc, kTest},
-      {kVo, kTest},    {kEnc, kScreen}, {kVo, kDec},  {kEnc, kInput}, {kVo, kInput}};
-  for (auto [sink, source] : binds) {
-    EXPECT_TRUE(host.HasRow(1, sink, source)) << sink << "<-" << source;
-    EXPECT_TRUE(host.HasRow(2, sink, source)) << sink << "<-" << source;
-  }
-  EXPECT_FALSE(host.HasRow(1, kVo, kEnc));
-}
-
-// Both sides of every limit a host can reach through the rows.
+// Both sides of the limits only the rows check (the nodes' own limits are tested with them).
 TEST_F(HostLinksTest, LimitsAcceptTheLastValueAndRefuseTheNext) {
-  HostParam encoder = FakeHost::EncoderParam(1);
-  EXPECT_EQ(host.Create(kEnc, 1100, 225, encoder.get()), 0U);  // the node id is the imgNo
-  EXPECT_EQ(host.Create(kEnc, 1101, 226, encoder.get()), 1U);
-  HostParam decoder = FakeHost::DecoderParam(225);
-  EXPECT_EQ(host.Create(kDec, 1102, 120, decoder.get()), 0U);
-  decoder->vdec.imgNo = 226;
   LogCapture logs;
-  EXPECT_EQ(host.Create(kDec, 1103, 121, decoder.get()), 1U);
-  EXPECT_EQ(logs.CountModule("[DEC_121] invalid imgNo[226]!", 1), 1U);
-
   HostParam preview = FakeHost::PreviewParam({});
   preview->vo.winNum = 40;
   EXPECT_EQ(host.Create(kVo, 1104, 122, preview.get()), 0U);
@@ -94,17 +68,6 @@ TEST_F(HostLinksTest, LimitsAcceptTheLastValueAndRefuseTheNext) {
   std::memset(test->test.fileName, 'x', sizeof(test->test.fileName));  // 1024 do not
   EXPECT_EQ(host.Create(kTest, 1107, 62, test.get()), 1U);
   EXPECT_EQ(logs.CountModule("strcpy_s fileName failed!", 1), 1U);
-
-  // Decoder ids run to 31.
-  HostParam decoder2 = FakeHost::DecoderParam(130);
-  HostParam preview2 = FakeHost::PreviewParam({{0x31, 130}});
-  ASSERT_EQ(host.Create(kDec, 1110, 124, decoder2.get()), 0U);
-  ASSERT_EQ(host.Create(kVo, 1111, 125, preview2.get()), 0U);
-  ASSERT_EQ(host.Bind(kVo, kDec, 1111, 1110), 0U);
-  EXPECT_EQ(host.Push(124, 31), 0U);
-  EXPECT_EQ(host.Push(124, 32), 1U);
-  ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(host.Rendered(0x31), 1);
 }
 
 // Each refusal a host can run into: the code it gets, and the log line that names it.
@@ -218,33 +181,6 @@ TEST_F(HostLinksTest, DecodedFramesReachPreviewsAndVirtualCameraAndComeBackOnce)
   std::lock_guard<std::mutex> guard(lock);
   ASSERT_EQ(reports.size(), 2U);
   EXPECT_EQ(reports[0].viPort, 62U);
-}
-
-TEST_F(HostLinksTest, FirstFrameIsReportedForImages150To177Only) {
-  std::mutex lock;
-  std::map<uint32_t, uint32_t> portByWindow;
-  ASSERT_EQ(host.entries().setReport([&](TavoVideoDisplayWinInfo& info) {
-    std::lock_guard<std::mutex> guard(lock);
-    portByWindow[info.winId] = info.viPort;
-    return 0;
-  }),
-            0U);
-  uint32_t component = 1140, node = 140;
-  std::vector<HostParam> params;
-  for (uint32_t imgNo : {149U, 150U, 177U, 178U}) {
-    params.push_back(FakeHost::DecoderParam(imgNo));
-    ASSERT_EQ(host.Create(kDec, component, node, params.back().get()), 0U);
-    params.push_back(FakeHost::PreviewParam({{imgNo, imgNo}}));
-    ASSERT_EQ(host.Create(kVo, component + 1, node + 1, params.back().get()), 0U);
-    ASSERT_EQ(host.Bind(kVo, kDec, component + 1, component), 0U);
-    ASSERT_EQ(host.Push(node), 0U);
-    ASSERT_EQ(host.Push(node), 0U);
-    component += 2;
-    node += 2;
-  }
-  ASSERT_TRUE(host.AllBack());
-  std::lock_guard<std::mutex> guard(lock);
-  EXPECT_EQ(portByWindow, (std::map<uint32_t, uint32_t>{{150, 62}, {177, 89}}));
 }
 
 // The release callback runs without the library's locks: a host thread started from it may

@@ -46,6 +46,22 @@ void AddChangedCamera(FakeV4l2Device& device, const CameraChange& change) {
   device.Faults(0, [&](FakeCameraFaults& f) { f = faults; });
 }
 
+// A device of its own for one case of a table, with a capturer on it.
+struct FreshCamera {
+  explicit FreshCamera(const FakeCameraConfig& config) { device.AddCamera(0, config); }
+  explicit FreshCamera(const CameraChange& change) { AddChangedCamera(device, change); }
+  uint32_t Start(uint32_t width, uint32_t height, uint32_t fps) {
+    capturer.Init(kBus);
+    params = Params(width, height, fps);
+    return capturer.CaptureStart(&params);
+  }
+  FakeV4l2Device device;
+  ScopedSeamOverride<CaptureDevice> seam{device};
+  LogCapture log;
+  DevCaptureCameraLinux capturer;
+  tagCameraCaptureParams params{};
+};
+
 // Keeps what the capture thread hands over.
 struct FrameLog {
   CountLatch frames;
@@ -150,18 +166,13 @@ TEST_F(CapturerTest, FormatOrderDependsOnTheRequestedSize) {
                                    {320, 240, V4L2_PIX_FMT_YUV420}};
   for (const FormatOrderCase& c : cases) {
     SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
-    FakeV4l2Device fresh;
-    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
-    fresh.AddCamera(0, TypicalCamera(kBus));
-    DevCaptureCameraLinux one;
-    one.Init(kBus);
-    tagCameraCaptureParams p = Params(c.width, c.height, 30);
-    ASSERT_EQ(one.CaptureStart(&p), 0U);
-    ASSERT_FALSE(fresh.TriedFormats(0).empty());
-    EXPECT_EQ(fresh.TriedFormats(0)[0], c.firstTried);
-    EXPECT_EQ(fresh.CurrentFormat(0).pixelformat, c.firstTried);
-    one.CaptureStop();
-    EXPECT_EQ(fresh.OpenDescriptors(), 0U);
+    FreshCamera fresh(TypicalCamera(kBus));
+    ASSERT_EQ(fresh.Start(c.width, c.height, 30), 0U);
+    ASSERT_FALSE(fresh.device.TriedFormats(0).empty());
+    EXPECT_EQ(fresh.device.TriedFormats(0)[0], c.firstTried);
+    EXPECT_EQ(fresh.device.CurrentFormat(0).pixelformat, c.firstTried);
+    fresh.capturer.CaptureStop();
+    EXPECT_EQ(fresh.device.OpenDescriptors(), 0U);
   }
 }
 
@@ -213,27 +224,22 @@ TEST_F(CapturerTest, MjpegNeedsOneSideAMultipleOfEight) {
       {960, 540, true}, {962, 542, false}, {960, 542, true}, {962, 544, true}, {1280, 720, true}};
   for (const MjpegSizeCase& c : cases) {
     SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
-    FakeV4l2Device fresh;
-    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
     FakeCameraConfig config = TypicalCamera(kBus);
     config.formats = {DiscreteFormat(V4L2_PIX_FMT_MJPEG, {{c.width, c.height}}, {{1, 30}})};
-    fresh.AddCamera(0, config);
-    LogCapture sizes;
-    DevCaptureCameraLinux one;
-    one.Init(kBus);
-    tagCameraCaptureParams p = Params(c.width, c.height, 30);
-    EXPECT_EQ(one.CaptureStart(&p), c.accepted ? 0U : 1U);
-    EXPECT_EQ(sizes.HasModule("capture MJPEG format. width and height must be a multiple of 8. "),
-              !c.accepted);
+    FreshCamera fresh(config);
+    EXPECT_EQ(fresh.Start(c.width, c.height, 30), c.accepted ? 0U : 1U);
+    EXPECT_EQ(
+        fresh.log.HasModule("capture MJPEG format. width and height must be a multiple of 8. "),
+        !c.accepted);
     if (!c.accepted) {
-      EXPECT_TRUE(sizes.HasModule("set video formats failed, width[962], height[542]", 1));
-      EXPECT_FALSE(fresh.IsStreaming(0));
+      EXPECT_TRUE(fresh.log.HasModule("set video formats failed, width[962], height[542]", 1));
+      EXPECT_FALSE(fresh.device.IsStreaming(0));
     } else {
-      EXPECT_EQ(one.GetWidth(), c.width);
-      EXPECT_EQ(one.GetHeight(), c.height);
+      EXPECT_EQ(fresh.capturer.GetWidth(), c.width);
+      EXPECT_EQ(fresh.capturer.GetHeight(), c.height);
     }
-    one.CaptureStop();
-    EXPECT_EQ(fresh.OpenDescriptors(), 0U);
+    fresh.capturer.CaptureStop();
+    EXPECT_EQ(fresh.device.OpenDescriptors(), 0U);
   }
 }
 
@@ -266,25 +272,18 @@ TEST_F(CapturerTest, NegotiatesTheFrameInterval) {
   };
   for (const RateCase& c : cases) {
     SCOPED_TRACE(c.name);
-    FakeV4l2Device fresh;
-    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
     FakeCameraFormat format = DiscreteFormat(V4L2_PIX_FMT_YUV420, {{640, 480}}, c.discrete);
     format.stepMin = c.min;
     format.stepMax = c.max;
     format.step = c.step;
     FakeCameraConfig config = TypicalCamera(kBus);
     config.formats = {format};
-    fresh.AddCamera(0, config);
-    LogCapture rates;
-    DevCaptureCameraLinux one;
-    one.Init(kBus);
-    tagCameraCaptureParams p = Params(640, 480, c.target);
-    ASSERT_EQ(one.CaptureStart(&p), 0U);
-    const v4l2_fract agreed = fresh.CurrentInterval(0);
+    FreshCamera fresh(config);
+    ASSERT_EQ(fresh.Start(640, 480, c.target), 0U);
+    const v4l2_fract agreed = fresh.device.CurrentInterval(0);
     EXPECT_EQ(agreed.numerator, c.expected.numerator);
     EXPECT_EQ(agreed.denominator, c.expected.denominator);
-    EXPECT_EQ(one.GetFrameRate(), c.expected.denominator / c.expected.numerator);
-    one.CaptureStop();
+    EXPECT_EQ(fresh.capturer.GetFrameRate(), c.expected.denominator / c.expected.numerator);
   }
 }
 
@@ -334,20 +333,14 @@ TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    FakeV4l2Device fresh;
-    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
-    AddChangedCamera(fresh, c.setUp);
-    LogCapture rates;
-    DevCaptureCameraLinux one;
-    one.Init(kBus);
-    tagCameraCaptureParams p = Params(c.width, c.height, c.fps);
-    ASSERT_EQ(one.CaptureStart(&p), 0U);
-    EXPECT_TRUE(rates.HasModule(c.message, 1));
-    EXPECT_EQ(one.GetFrameRate(), 0U);
-    EXPECT_TRUE(fresh.IsStreaming(0));
-    EXPECT_EQ(one.GetWidth(), fresh.CurrentFormat(0).width);  // the driver's size, not asked
-    EXPECT_EQ(one.GetHeight(), fresh.CurrentFormat(0).height);
-    one.CaptureStop();
+    FreshCamera fresh(c.setUp);
+    ASSERT_EQ(fresh.Start(c.width, c.height, c.fps), 0U);
+    EXPECT_TRUE(fresh.log.HasModule(c.message, 1));
+    EXPECT_EQ(fresh.capturer.GetFrameRate(), 0U);
+    EXPECT_TRUE(fresh.device.IsStreaming(0));
+    // The driver's size, not the one asked for.
+    EXPECT_EQ(fresh.capturer.GetWidth(), fresh.device.CurrentFormat(0).width);
+    EXPECT_EQ(fresh.capturer.GetHeight(), fresh.device.CurrentFormat(0).height);
   }
 }
 
@@ -380,19 +373,13 @@ TEST_F(CapturerTest, FailedStartsLeaveNothingOpenOrMapped) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    FakeV4l2Device fresh;
-    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
-    AddChangedCamera(fresh, c.setUp);
-    LogCapture failures;
-    DevCaptureCameraLinux one;
-    one.Init(kBus);
-    tagCameraCaptureParams p = Params(640, 480, 30);
-    EXPECT_EQ(one.CaptureStart(&p), 1U);
-    EXPECT_TRUE(failures.HasModule(c.message, 1));
-    EXPECT_EQ(fresh.OpenDescriptors(), 0U);
-    EXPECT_EQ(fresh.Mappings(), 0U);
-    EXPECT_FALSE(one.IsCapturing());
-    EXPECT_EQ(one.GetFd(), -1);
+    FreshCamera fresh(c.setUp);
+    EXPECT_EQ(fresh.Start(640, 480, 30), 1U);
+    EXPECT_TRUE(fresh.log.HasModule(c.message, 1));
+    EXPECT_EQ(fresh.device.OpenDescriptors(), 0U);
+    EXPECT_EQ(fresh.device.Mappings(), 0U);
+    EXPECT_FALSE(fresh.capturer.IsCapturing());
+    EXPECT_EQ(fresh.capturer.GetFd(), -1);
   }
 }
 
@@ -421,19 +408,14 @@ TEST_F(CapturerTest, DeliversEachFormatWithItsBytes) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.fourcc);
-    FakeV4l2Device fresh;
-    ScopedSeamOverride<CaptureDevice> freshSeam(fresh);
     FakeCameraConfig config = TypicalCamera(kBus);
     config.formats = {DiscreteFormat(c.fourcc, {{c.width, c.height}}, {{1, 30}})};
-    fresh.AddCamera(0, config);
-    FrameLog got;
-    DevCaptureCameraLinux one;
-    one.Init(kBus);
-    one.SetCaptureCallback(got.Callback());
-    tagCameraCaptureParams p = Params(c.width, c.height, 30);
-    ASSERT_EQ(one.CaptureStart(&p), 0U);
+    FrameLog got;  // outlives the capturer
+    FreshCamera fresh(config);
+    fresh.capturer.SetCaptureCallback(got.Callback());
+    ASSERT_EQ(fresh.Start(c.width, c.height, 30), 0U);
     ASSERT_TRUE(got.frames.WaitFor(3));
-    one.CaptureStop();
+    fresh.capturer.CaptureStop();
     std::lock_guard<std::mutex> guard(got.lock);
     EXPECT_EQ(got.lastFrame.format, c.format);
     EXPECT_EQ(got.lastFrame.width, c.width);

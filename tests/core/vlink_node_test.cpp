@@ -249,16 +249,6 @@ TEST(VlinkNodeTest, StopRefusesFramesAndWaitsForTheQueuedOnes) {
   EXPECT_EQ(node->StopProcess(), 0U);  // a second stop does nothing
 }
 
-TEST(VlinkNodeTest, RegistryEntryPoints) {
-  NodePtr created = VideoVlinkNode::CreateNodeByUnique<CountingNode>(4242);
-  ASSERT_TRUE(created);
-  EXPECT_EQ(VideoVlinkNode::CreateNodeByUnique<CountingNode>(4242), created);
-  EXPECT_EQ(VideoVlinkNode::GetNodeByUnique<CountingNode>(4242), created);
-  EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(4242), 0);
-  EXPECT_EQ(VideoVlinkNode::GetNodeByUnique<VideoVlinkNode>(4242), nullptr);
-  EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(4242), 1);
-}
-
 }  // namespace
 
 // A sink stuck in its frame handling ties up one worker, not the pool: the other sink of the

@@ -111,10 +111,6 @@ class FakeComputingClient {
     std::lock_guard<std::mutex> lock(m_lock);
     return m_record;
   }
-  size_t PendingCount() {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_pending.size();
-  }
   CountLatch requests;  // bumped per accepted inference
   CountLatch answers;   // bumped per callback given
 

@@ -27,11 +27,12 @@ auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t s
 HostEntries HostEntries::Load(const char* path) {
   static void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
   EXPECT_NE(library, nullptr) << dlerror();
+  return library == nullptr ? HostEntries{} : From(library);
+}
+
+HostEntries HostEntries::From(void* library) {
   HostEntries e;
-  if (library == nullptr) {
-    return e;
-  }
-  auto get = [](const char* name, auto& entry) {
+  auto get = [library](const char* name, auto& entry) {
     entry = reinterpret_cast<std::remove_reference_t<decltype(entry)>>(dlsym(library, name));
     EXPECT_NE(entry, nullptr) << name;
   };
@@ -152,21 +153,6 @@ uint32_t FakeHost::Unbind(uint32_t sinkType, uint32_t srcType, uint32_t sink, ui
   auto row = RowOf(m_entries.getUnbind, sinkType, srcType);
   return row != nullptr ? row(sink, source) : 0xDEAD;
 }
-bool FakeHost::HasRow(uint32_t table, uint32_t type, uint32_t srcType) {
-  switch (table) {
-    case 0:
-      return RowOf(m_entries.getCreate, type, srcType) != nullptr;
-    case 1:
-      return RowOf(m_entries.getBind, type, srcType) != nullptr;
-    case 2:
-      return RowOf(m_entries.getUnbind, type, srcType) != nullptr;
-    case 3:
-      return RowOf(m_entries.getDestroy, type, srcType) != nullptr;
-    default:
-      return RowOf(m_entries.getUpdate, type, srcType) != nullptr;
-  }
-}
-
 uint32_t FakeHost::Push(uint32_t node, uint64_t decId, uint32_t width, uint32_t height) {
   auto* record = static_cast<tagOS_S_VIDEO_CODEC_IMG_INFO*>(
       std::calloc(1, sizeof(tagOS_S_VIDEO_CODEC_IMG_INFO)));
@@ -237,6 +223,8 @@ void FakeHost::Finish() {
     std::lock_guard<std::mutex> lock(m_lock);
     onRender = nullptr;  // the test's hooks may refer to what it already let go
     onRelease = nullptr;
+    onEncode = nullptr;
+    onCreate = nullptr;
   }
   SetEncoder(Encoder::kRefuse);  // frames still on their way come back by themselves
   encoderGate.Open();
@@ -270,14 +258,50 @@ void FakeHost::Finish() {
   EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame was released twice";
 }
 
-uint32_t FakeHost::OnEncCreate(uint32_t, uint32_t, uint32_t) { return 0; }
+void FakeHost::Abandon() {
+  m_finished = true;
+  std::lock_guard<std::mutex> lock(m_lock);
+  m_held.clear();
+  for (tagOS_S_VIDEO_CODEC_IMG_INFO* record : m_records) {
+    delete record->pBuffer;
+    std::free(record);
+  }
+  m_records.clear();
+}
+
+VencOutFrame* FakeHost::TakeHeld() {
+  std::lock_guard<std::mutex> lock(m_lock);
+  if (m_held.empty()) {
+    return nullptr;
+  }
+  VencOutFrame* frame = m_held.front();
+  m_held.erase(m_held.begin());
+  return frame;
+}
+
+uint32_t FakeHost::OnEncCreate(uint32_t, uint32_t, uint32_t) {
+  std::function<void()> hook;
+  {
+    std::lock_guard<std::mutex> lock(g_host->m_lock);
+    hook = g_host->onCreate;
+  }
+  if (hook) {
+    hook();
+  }
+  return 0;
+}
 
 uint32_t FakeHost::OnEncFrame(uint32_t, uint32_t hostKey, uint32_t, VencOutFrame* frame) {
   FakeHost* host = g_host;
   Encoder mode;
+  std::function<void(VencOutFrame*)> hook;
   {
     std::lock_guard<std::mutex> lock(host->m_lock);
     mode = host->m_encoder;
+    hook = host->onEncode;
+  }
+  if (hook) {
+    hook(frame);
   }
   if (mode == Encoder::kBlock) {
     host->encoderGate.Pass();

@@ -35,6 +35,8 @@ struct HostEntries {
 
   // Loads `path` with dlopen (once per process) and looks every entry up with dlsym.
   static HostEntries Load(const char* path);
+  // The entries of a library the test loaded (and unloads) itself.
+  static HostEntries From(void* library);
   // The entries of the library linked into the test program.
   static HostEntries Linked() {
     return {&TavoVideoGetCreateNodeFuncMap,
@@ -92,7 +94,6 @@ class FakeHost {
   uint32_t Update(uint32_t type, uint32_t component, tagTavoVideoComponentParam* param);
   uint32_t Bind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source);
   uint32_t Unbind(uint32_t sinkType, uint32_t srcType, uint32_t sink, uint32_t source);
-  bool HasRow(uint32_t table, uint32_t type, uint32_t srcType = 0);  // table: 0 create..4 update
 
   // Decoded frames: a new 16x16 I420 frame pushed into decoder node `node`.
   uint32_t Push(uint32_t node, uint64_t decId = 0, uint32_t width = 16, uint32_t height = 16);
@@ -112,6 +113,10 @@ class FakeHost {
   // Tears down what the test left: unbinds, destroys inputs last, gives frames back and
   // checks the frame accounting. Idempotent.
   void Finish();
+  // For a library unloaded under running links: nothing is undone, the records are freed.
+  void Abandon();
+  // The oldest held encoder frame, now the test's to give back.
+  VencOutFrame* TakeHeld();
 
   const HostEntries& entries() const { return m_entries; }
 
@@ -124,6 +129,8 @@ class FakeHost {
   // Run on the host's callback threads, outside the host's lock.
   std::function<void(uint32_t window)> onRender;
   std::function<void(tagOS_S_VIDEO_CODEC_IMG_INFO*)> onRelease;
+  std::function<void(VencOutFrame*)> onEncode;
+  std::function<void()> onCreate;  // in the encoder's create callback
 
  private:
   static uint32_t OnEncCreate(uint32_t, uint32_t, uint32_t);

@@ -1,5 +1,5 @@
 // Chooses the renderer previews get, instead of the environment: the Linux adapter as if
-// VANTOR_SOREN had a given value, or no renderer at all.
+// VANTOR_SOREN had a given value.
 #pragma once
 
 #include <memory>
@@ -14,15 +14,10 @@ class FakeRenderProxyFactory final : public RenderProxyFactory {
   // nullopt: as if VANTOR_SOREN were unset.
   explicit FakeRenderProxyFactory(std::optional<std::string> processor = std::nullopt)
       : m_processor(std::move(processor)) {}
-  void FailCreation(bool fail) { m_fail = fail; }
   std::unique_ptr<IDevRenderStreamProxy> Create(PelvRenderMode /*mode*/) override {
-    if (m_fail) {
-      return nullptr;
-    }
     return std::make_unique<DevRenderLinuxAdapter>(m_processor ? m_processor->c_str() : nullptr);
   }
 
  private:
   std::optional<std::string> m_processor;
-  bool m_fail = false;
 };
