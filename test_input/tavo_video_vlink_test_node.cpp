@@ -28,7 +28,7 @@ class TestImageKeeper : public OsvReleaseBase<OsvGraphicBuffer> {
   TestImageKeeper() = default;
   TestImageKeeper(const TestImageKeeper&) = delete;
   TestImageKeeper& operator=(const TestImageKeeper&) = delete;
-  ~TestImageKeeper() override { FreeImages(); }
+  ~TestImageKeeper() override { FreeImage(); }
 
   // While the input lives its buffers are a pool: a buffer nobody holds is simply free.
   void ReleaseBufferDeal(OsvGraphicBuffer* buffer) override {
@@ -43,18 +43,18 @@ class TestImageKeeper : public OsvReleaseBase<OsvGraphicBuffer> {
     }
     delete buffer;
     if (last) {
-      FreeImages();
+      FreeImage();
     }
   }
 
   // The input is going: buffers nobody holds go now, the rest (and the images under them)
   // when their last holder lets go.
-  void Orphan(const std::vector<OsvGraphicBuffer*>& cache, std::vector<uint8_t*> images) {
+  void Orphan(const std::vector<OsvGraphicBuffer*>& cache, uint8_t* image) {
     std::vector<OsvGraphicBuffer*> freeNow;
     bool noneHeld = false;
     {
       std::lock_guard<std::mutex> lock(m_lock);
-      m_images = std::move(images);
+      m_image = image;
       for (OsvGraphicBuffer* buffer : cache) {
         // A buffer whose last holder is letting go right now finds the keeper not yet
         // orphaned, or itself not held, and is left to this loop.
@@ -74,26 +74,24 @@ class TestImageKeeper : public OsvReleaseBase<OsvGraphicBuffer> {
       delete buffer;
     }
     if (noneHeld) {
-      FreeImages();
+      FreeImage();
     }
   }
 
  private:
-  void FreeImages() {
-    std::lock_guard<std::mutex> lock(m_lock);
-    FreeImagesLocked();
-  }
-  void FreeImagesLocked() {
-    for (uint8_t* image : m_images) {
-      delete[] image;
+  void FreeImage() {
+    uint8_t* image = nullptr;
+    {
+      std::lock_guard<std::mutex> lock(m_lock);
+      std::swap(image, m_image);
     }
-    m_images.clear();
+    delete[] image;
   }
 
   std::mutex m_lock;  // guards everything below; no host callback runs under it
   bool m_orphaned = false;
   std::set<OsvGraphicBuffer*> m_held;
-  std::vector<uint8_t*> m_images;
+  uint8_t* m_image = nullptr;  // new[] memory under the buffers, once orphaned
 };
 
 TestInputInputNode::TestInputInputNode(uint32_t id)
@@ -108,19 +106,14 @@ TestInputInputNode::~TestInputInputNode() {
   for (uint32_t attempt = 0; attempt < kReleaseAttempts; ++attempt) {
     if (ReleaseCache() == 0) {
       delete[] m_imageData;
-      for (uint8_t* image : m_oldImages) {
-        delete[] image;
-      }
       VLOG_INF_CH(2, "[%s] TestInputInputNode destory index = [%u] m_nodeId[%u] done.",
                   m_nodeName.c_str(), attempt, m_nodeId);
       return;
     }
   }
   // Frames still held downstream point into the image: the keeper frees each buffer as its
-  // last holder lets go, and the images with the last one.
-  std::vector<uint8_t*> images = std::move(m_oldImages);
-  images.push_back(m_imageData);
-  m_keeper->Orphan(m_cache, std::move(images));
+  // last holder lets go, and the image with the last one.
+  m_keeper->Orphan(m_cache, m_imageData);
   m_cache.clear();
   m_imageData = nullptr;
   VLOG_ERR_CH(2, "The cache release is fail");
@@ -202,9 +195,12 @@ uint32_t TestInputInputNode::ReadImage(const char* path) {
     delete[] data;
     return 1;
   }
-  // A restart keeps the earlier image while buffers of the earlier cache may point at it.
+  // A restart retires the earlier image and its cache: buffers still held downstream go,
+  // with the image under them, when their last holder lets go.
   if (m_imageData != nullptr) {
-    m_oldImages.push_back(m_imageData);
+    m_keeper->Orphan(m_cache, m_imageData);
+    m_cache.clear();
+    m_keeper = std::make_shared<TestImageKeeper>();
   }
   m_imageData = data;
   {

@@ -24,8 +24,9 @@ struct TestDevInfo {
   std::array<char, 4096> fileName;  // NUL-terminated
 };
 
-// Takes over the buffers and images of a test input destroyed while frames are still held,
-// and frees each buffer as its last holder lets go, the images with the last one.
+// Takes over the buffers and image of a test input's cache retired (by a restart or the
+// destruction) while frames are still held, and frees each buffer as its last holder lets
+// go, the image with the last one.
 class TestImageKeeper;
 
 class TestInputInputNode : public VideoVlinkNode {
@@ -60,10 +61,10 @@ class TestInputInputNode : public VideoVlinkNode {
  private:
   TestDevInfo m_param{};  // guarded by m_nodeLock
   NamedThread m_sendThread{"VLINK_TEST_SEND"};
-  uint8_t* m_imageData = nullptr;     // the image of the latest start; new[] memory
-  std::vector<uint8_t*> m_oldImages;  // images of earlier starts, still under their buffers
+  uint8_t* m_imageData = nullptr;  // the image of the latest start; new[] memory
   uint32_t m_cacheIndex = 0;
   // Touched by the sender thread while it runs, by the control thread only otherwise.
   std::vector<OsvGraphicBuffer*> m_cache;
-  std::shared_ptr<TestImageKeeper> m_keeper;  // every cached buffer's release target
+  // The release target of every buffer of the cache; a new one with each image.
+  std::shared_ptr<TestImageKeeper> m_keeper;
 };
