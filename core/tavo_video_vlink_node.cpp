@@ -319,8 +319,9 @@ void VideoVlinkNode::RunHandoff(FrameRef& frame) {
     m_arrivedWhileBusy = 0;
   }
   for (;;) {
-    // A node stopped meanwhile (perhaps by its own host callback) takes no further frame.
-    if (IsStarted() && !m_refusing.load(std::memory_order_acquire) && HandleBuffer(frame) != 0) {
+    // Every accepted frame reaches HandleBuffer, also after a stop; only a node being
+    // destroyed from inside its own host callback takes no further frame.
+    if (!m_refusing.load(std::memory_order_acquire) && HandleBuffer(frame) != 0) {
       VLOG_PACED(::vlink::kPerFrameLogEvery, VLOG_ERR_MODULE, "[%s] HandleBuffer error!",
                  m_nodeName.c_str());
     }
