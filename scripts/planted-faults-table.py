@@ -1,7 +1,7 @@
 # id, folder, file, old, new, description, [(binary, filter)]
 F = [
  ("core-backlog", "core", "core/tavo_video_vlink_node.cpp",
-  "if (m_backlog.size() > kMaxBacklog) {", "if (m_backlog.size() >= kMaxBacklog) {",
+  "m_backlog.size() > kMaxBacklog &&", "m_backlog.size() >= kMaxBacklog &&",
   "off-by-one: a stuck sink's backlog drops at 64 frames instead of above 64",
   [("core_test", "*")]),
  ("core-clone", "core", "core/tavo_video_vlink_node.cpp",
@@ -25,7 +25,7 @@ F = [
   "off-by-one: decoder id 31 refused",
   [("link_test", "*"), ("host_interface_test", "*")]),
  ("codec-detach", "codec", "codec/tavo_video_vlink_venc_node.cpp",
-  "(void)frame.Detach();  // the host's record", "(void)frame.Get();  // the host's record",
+  "OsvGraphicBuffer* held = frame.Detach();", "OsvGraphicBuffer* held = frame.Get();",
   "reference dropped twice: a frame the host accepted is also let go by the encoder",
   [("link_test", "*"), ("host_interface_test", "*")]),
  ("codec-vi-unit", "core", "core/tavo_video_vlink_vi_node.cpp",
@@ -109,7 +109,8 @@ F = [
   "off-by-one: an eleventh buffer is allocated",
   [("process_test", "*")]),
  ("builder-disconnect", "builder", "builder/tavo_video_vlink_builder.cpp",
-  "result = voNode->DisconnectFromNode(front, false);", "result = 0;",
+  "vlink::LinkResult unlink = vlink::UnlinkNodes(front, voNode);",
+  "vlink::LinkResult unlink{};",
   "missing disconnect: an unbound output keeps its link to its input",
   [("link_test", "*"), ("host_interface_test", "*")]),
  ("builder-genid", "builder", "builder/tavo_video_vlink_builder.cpp",
