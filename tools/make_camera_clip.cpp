@@ -88,7 +88,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   // Frame numbers have eight bits: at most 256 frames.
-  const int seconds = argc > 4 ? std::clamp(std::atoi(argv[4]), 1, 8) : 3;
+  const int seconds = argc > 4 ? std::clamp(std::atoi(argv[4]), 1, 8) : 6;
   const cv::Mat scene = Scene(argv[1]);
   std::ofstream out(argv[2], std::ios::binary | std::ios::trunc);
   if (!out) {

@@ -25,8 +25,10 @@
 namespace {
 
 // Requests a task holds at once; beyond that TavoComputingGetBuffer answers "busy", which
-// bounds the frames a caller has in flight.
-constexpr size_t kInputBuffers = 4;
+// bounds the frames a caller has in flight. One is inferred while the next waits: the single
+// inference thread gains nothing from more, and each more would add one inference time of
+// delay to every frame whenever the service is slower than the camera.
+constexpr size_t kInputBuffers = 2;
 // An idle inference thread looks at its queue at least this often (it is also woken).
 constexpr uint32_t kIdleWaitMs = 1000;
 
