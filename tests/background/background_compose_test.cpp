@@ -5,7 +5,18 @@
 
 namespace {
 
-class ComposeTest : public BackgroundLinkTest {};
+class ComposeTest : public BackgroundLinkTest {
+ protected:
+  // Blends `frame` in place with `mask` as the effect's thread does.
+  void Overlay(OsvGraphicBuffer* frame, uint8_t maskValue, size_t backgroundPixels = 0) {
+    std::vector<uint8_t> mask(BackgroundVirtualityNode::kMaskBytes, maskValue);
+    std::fill_n(mask.begin(), backgroundPixels, 0);
+    OsvGraphicBuffer* rgb = nullptr;
+    ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame, &rgb), 0U);
+    std::unique_ptr<OsvGraphicBuffer> copy(rgb);
+    ASSERT_EQ(m_node->DataOverlayer(frame, mask.data(), copy.get()), 0U);
+  }
+};
 
 struct BlendCase {
   uint8_t alpha, bg, fg, expected;
@@ -66,16 +77,11 @@ TEST_F(ComposeTest, BackgroundImageFailuresKeepThePreviousImage) {
   EXPECT_TRUE(m_log.HasModule("read image faild, file path[" + corrupt + "]"));
   EXPECT_TRUE(m_log.HasModule("bgImagePath has no terminator within 1024 bytes"));
   // The blue background is still there: an all-background mask shows it.
-  m_client.Set([] {
-    FakeComputingClient::Knobs k;
-    k.maskValue = 0;
-    return k;
-  }());
+  m_client.Change([](FakeComputingClient::Knobs& k) { k.maskValue = 0; });
   ASSERT_EQ(m_node->SetEnable(true), 0U);
   Submit(1);
   ASSERT_TRUE(AllReleased());
-  ASSERT_EQ(SeenLuma().size(), 1U);
-  EXPECT_EQ(SeenLuma()[0], LumaOf(255, 0, 0));
+  EXPECT_EQ(Seen(), (std::map<uint32_t, uint8_t>{{1, LumaOf(255, 0, 0)}}));
 }
 
 // A resize counted on its way to the real wrapper.
@@ -93,13 +99,9 @@ TEST_F(ComposeTest, BackgroundIsRescaledOnceWhenTheFrameSizeChanges) {
   g_resizes = 0;
   m_node->SetParam(Params(m_bgPath, 40, 20));
   EXPECT_EQ(g_resizes.load(), 1);
-  std::vector<uint8_t> mask(BackgroundVirtualityNode::kMaskBytes, 0);
   for (int i = 0; i < 3; ++i) {
     std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(32, 18, 90, 1));
-    OsvGraphicBuffer* rgb = nullptr;
-    ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 0U);
-    std::unique_ptr<OsvGraphicBuffer> copy(rgb);
-    ASSERT_EQ(m_node->DataOverlayer(frame.get(), mask.data(), copy.get()), 0U);
+    Overlay(frame.get(), 0);
     EXPECT_EQ(frame->GetImageAddr(0)[0], LumaOf(255, 0, 0));
   }
   EXPECT_EQ(g_resizes.load(), 2);  // load, then once for 32 x 18
@@ -109,11 +111,7 @@ TEST_F(ComposeTest, ImageLoadedBeforeTheFrameSizeIsKnownIsScaledByTheFirstFrame)
   const std::string red = m_dir.Write("red.bmp", SolidBmp24(8, 8, 0, 0, 255));
   ASSERT_EQ(m_node->SetParam(Params(red, 0, 0)), 0U);
   std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(32, 18, 90, 1));
-  std::vector<uint8_t> mask(BackgroundVirtualityNode::kMaskBytes, 0);
-  OsvGraphicBuffer* rgb = nullptr;
-  ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 0U);
-  std::unique_ptr<OsvGraphicBuffer> copy(rgb);
-  ASSERT_EQ(m_node->DataOverlayer(frame.get(), mask.data(), copy.get()), 0U);
+  Overlay(frame.get(), 0);
   EXPECT_EQ(frame->GetImageAddr(0)[0], LumaOf(0, 0, 255));
 }
 
@@ -154,12 +152,7 @@ TEST_F(ComposeTest, OtherFrameSizesAreBlendedWithinTheirBuffers) {
     SCOPED_TRACE(width);
     m_node->SetParam(Params(m_bgPath, width, height));
     std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(width, height, kFrameLuma, 1));
-    std::vector<uint8_t> mask(BackgroundVirtualityNode::kMaskBytes, 255);
-    std::fill(mask.begin(), mask.begin() + width * height / 2, 0);
-    OsvGraphicBuffer* rgb = nullptr;
-    ASSERT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 0U);
-    std::unique_ptr<OsvGraphicBuffer> copy(rgb);
-    ASSERT_EQ(m_node->DataOverlayer(frame.get(), mask.data(), copy.get()), 0U);
+    Overlay(frame.get(), 255, width * height / 2);
     const uint8_t* y = frame->GetImageAddr(0);
     const uint32_t stride = frame->GetImageInfo().stride[0];
     EXPECT_EQ(y[0], LumaOf(255, 0, 0));

@@ -68,8 +68,7 @@ class BackgroundLinkTest : public ::testing::Test {
     m_sink = std::make_shared<CountingNode>(2);
     m_sink->onFrame = [this](OsvGraphicBuffer* frame) {
       std::lock_guard<std::mutex> lock(m_seenLock);
-      m_seen.push_back(frame->GetSrcImgNo());
-      m_seenLuma.push_back(frame->GetImageAddr(0)[0]);
+      m_seen[frame->GetSrcImgNo()] = frame->GetImageAddr(0)[0];
     };
     m_node = std::make_shared<BackgroundVirtualityNode>(10001);
     Link(m_node, m_sink);
@@ -106,47 +105,36 @@ class BackgroundLinkTest : public ::testing::Test {
     return param;
   }
 
-  // Sends frame `number` from the producer to the node and lets go of the test's reference.
-  void Send(uint32_t number, uint32_t width = kWidth, uint32_t height = kHeight) {
-    OsvGraphicBuffer* frame = NewFrame(width, height, kFrameLuma, number);
-    frame->SetReleaseTarget(m_producer);
-    FrameRef mine = FrameRef::Share(frame);
-    m_producer->SendBuffer(m_node, frame);
-    ++m_sent;
-  }
-  // Hands frame `number` to the node's HandleBuffer on the test's thread, so that frames are
-  // submitted in the order of their numbers.
-  void Submit(uint32_t number, uint32_t width = kWidth, uint32_t height = kHeight) {
+  // Sends frame `number` from the producer to the node, or (direct) hands it to the node's
+  // HandleBuffer on the test's thread, so that frames are submitted in number order.
+  void Send(uint32_t number, uint32_t width = kWidth, uint32_t height = kHeight,
+            bool direct = false) {
     OsvGraphicBuffer* frame = NewFrame(width, height, kFrameLuma, number);
     frame->SetReleaseTarget(m_producer);
     FrameRef mine = FrameRef::Share(frame);
     ++m_sent;
-    ASSERT_EQ(m_node->HandleBuffer(mine), 0U);
-  }
-  // What reached the sink, by frame number (the pool may hand frames over in any order).
-  std::map<uint32_t, uint8_t> SeenByNumber() {
-    std::lock_guard<std::mutex> lock(m_seenLock);
-    std::map<uint32_t, uint8_t> seen;
-    for (size_t i = 0; i < m_seen.size(); ++i) {
-      seen[m_seen[i]] = m_seenLuma[i];
+    if (direct) {
+      ASSERT_EQ(m_node->HandleBuffer(mine), 0U);
+    } else {
+      m_producer->SendBuffer(m_node, frame);
     }
-    return seen;
   }
-  std::vector<uint32_t> SeenSorted() {
-    std::vector<uint32_t> seen = Seen();
-    std::sort(seen.begin(), seen.end());
-    return seen;
-  }
-  // Every frame sent came back to the producer.
-  bool AllReleased() { return m_producer->released.WaitFor(m_sent); }
-  std::vector<uint32_t> Seen() {
+  void Submit(uint32_t number) { Send(number, kWidth, kHeight, true); }
+  // The first luma byte of each frame that reached the sink, by frame number (the pool may
+  // hand frames over in any order).
+  std::map<uint32_t, uint8_t> Seen() {
     std::lock_guard<std::mutex> lock(m_seenLock);
     return m_seen;
   }
-  std::vector<uint8_t> SeenLuma() {
-    std::lock_guard<std::mutex> lock(m_seenLock);
-    return m_seenLuma;
+  std::vector<uint32_t> SeenNumbers() {
+    std::vector<uint32_t> numbers;
+    for (const auto& [number, luma] : Seen()) {
+      numbers.push_back(number);
+    }
+    return numbers;
   }
+  // Every frame sent came back to the producer.
+  bool AllReleased() { return m_producer->released.WaitFor(m_sent); }
 
   FakeDynamicLoader m_loader;
   FakeThreadSystem m_threads;
@@ -161,7 +149,6 @@ class BackgroundLinkTest : public ::testing::Test {
   std::shared_ptr<BackgroundVirtualityNode> m_node;
   int m_sent = 0;
   uint64_t m_underflows = 0;
-  std::mutex m_seenLock;  // guards m_seen, m_seenLuma
-  std::vector<uint32_t> m_seen;
-  std::vector<uint8_t> m_seenLuma;
+  std::mutex m_seenLock;  // guards m_seen
+  std::map<uint32_t, uint8_t> m_seen;
 };

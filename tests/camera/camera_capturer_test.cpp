@@ -176,41 +176,39 @@ TEST_F(CapturerTest, FormatOrderDependsOnTheRequestedSize) {
   }
 }
 
-TEST_F(CapturerTest, RefusedFormatsFallToTheNextCandidate) {
-  device.AddCamera(0, TypicalCamera(kBus));
-  device.Faults(0, [](FakeCameraFaults& f) {
-    f.refusedFormats = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420};
-  });
-  ASSERT_EQ(Start(1280, 720, 30), 0U);
-  EXPECT_EQ(device.TriedFormats(0),
-            (std::vector<uint32_t>{V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_YUYV}));
-  EXPECT_EQ(capturer->GetRawVideoType(), CAPTURE_FORMAT_YUYV);
-  ASSERT_TRUE(frames.frames.WaitFor(1));
-  std::lock_guard<std::mutex> guard(frames.lock);
-  EXPECT_EQ(frames.lastFrame.format, PELV_IMAGE_FORMAT_YUY2);
-  EXPECT_EQ(frames.lastFrame.dataSize, 1280U * 720U * 2U);
-}
-
-TEST_F(CapturerTest, NoAcceptedFormatFailsAndClosesTheDevice) {
-  FakeCameraConfig config = TypicalCamera(kBus);
-  config.substituteUnknownFormat = false;
-  config.formats = {DiscreteFormat(V4L2_PIX_FMT_NV12, {{640, 480}}, {{1, 30}})};
-  device.AddCamera(0, config);
-  EXPECT_EQ(Start(640, 480, 30), 1U);
-  EXPECT_TRUE(log.HasModule("not found suitable video formats", 1));
-  ExpectNothingLeft();
-}
-
-TEST_F(CapturerTest, DriverSubstitutedFormatDecidesTheRawType) {
-  FakeCameraConfig config = TypicalCamera(kBus);
-  config.formats = {DiscreteFormat(V4L2_PIX_FMT_YUYV, {{640, 480}}, {{1, 30}})};
-  device.AddCamera(0, config);
-  ASSERT_EQ(Start(640, 480, 30), 0U);
-  EXPECT_EQ(device.TriedFormats(0).size(), 1U);  // YU12 "accepted" as YUYV
-  EXPECT_EQ(capturer->GetRawVideoType(), CAPTURE_FORMAT_YUYV);
-  ASSERT_TRUE(frames.frames.WaitFor(1));
-  std::lock_guard<std::mutex> guard(frames.lock);
-  EXPECT_EQ(frames.lastFrame.format, PELV_IMAGE_FORMAT_YUY2);
+// The format the driver settles on decides the raw type, whether it refused the earlier
+// candidates or silently substituted its own.
+TEST_F(CapturerTest, AgreedFormatDecidesTheRawType) {
+  const struct {
+    const char* name;
+    CameraChange change;
+    std::vector<uint32_t> tried;
+  } cases[] = {
+      {"refused",
+       [](FakeCameraConfig&, FakeCameraFaults& f) {
+         f.refusedFormats = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420};
+       },
+       {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_YUYV}},
+      {"substituted",
+       [](FakeCameraConfig& c, FakeCameraFaults&) {
+         c.formats = {DiscreteFormat(V4L2_PIX_FMT_YUYV, {{1280, 720}}, {{1, 30}})};
+       },
+       {V4L2_PIX_FMT_MJPEG}},  // MJPEG "accepted" as YUYV
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    FrameLog got;  // outlives the capturer
+    FreshCamera fresh(c.change);
+    fresh.capturer.SetCaptureCallback(got.Callback());
+    ASSERT_EQ(fresh.Start(1280, 720, 30), 0U);
+    EXPECT_EQ(fresh.device.TriedFormats(0), c.tried);
+    EXPECT_EQ(fresh.capturer.GetRawVideoType(), CAPTURE_FORMAT_YUYV);
+    ASSERT_TRUE(got.frames.WaitFor(1));
+    fresh.capturer.CaptureStop();
+    std::lock_guard<std::mutex> guard(got.lock);
+    EXPECT_EQ(got.lastFrame.format, PELV_IMAGE_FORMAT_YUY2);
+    EXPECT_EQ(got.lastFrame.dataSize, 1280U * 720U * 2U);
+  }
 }
 
 struct MjpegSizeCase {
@@ -370,6 +368,12 @@ TEST_F(CapturerTest, FailedStartsLeaveNothingOpenOrMapped) {
       {"S_FMT refused",
        [](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[VIDIOC_S_FMT] = EBUSY; },
        "set video formats failed. rawVideoType:1, error:16"},
+      {"no accepted format",
+       [](FakeCameraConfig& c, FakeCameraFaults&) {
+         c.substituteUnknownFormat = false;
+         c.formats = {DiscreteFormat(V4L2_PIX_FMT_NV12, {{640, 480}}, {{1, 30}})};
+       },
+       "not found suitable video formats"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -14,7 +14,6 @@
 #include "background/tavo_video_opencv_binding.h"
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "tavo_video_vlink.h"
-#include "tests/support/build_tree_loader.h"
 #include "tests/support/fake_computing_client.h"
 #include "tests/support/fake_host.h"
 #include "tests/support/fake_os.h"
@@ -310,18 +309,6 @@ TEST_F(CameraLinkTest, CaptureSizeTakesEffectAtTheNextStart) {
   VideoVlinkNode::DeleteNodeByUnique(28);
 }
 
-TEST_F(CameraLinkTest, UnpluggedCameraIsDestroyedCleanly) {
-  ASSERT_EQ(CreateCamera(760, 13, 320, 240), 0U);
-  auto sink = AddSink(761, 29);
-  ASSERT_EQ(Bind(761, 760), 0U);
-  // Unplugged once frames reach the sink: the camera may start well before the sink does.
-  ASSERT_TRUE(sink->handled.WaitFor(1));
-  const uint32_t delivered = m_device.FramesDelivered(0);
-  m_device.Faults(0, [&](FakeCameraFaults& f) { f.unplugAfterFrames = delivered + 3; });
-  ASSERT_TRUE(m_log.WaitFor("could not sync on a buffer on device No such device"));
-  EXPECT_EQ(m_device.FramesDelivered(0), delivered + 3);
-}
-
 // Settings given before the camera exists reach the virtual-background node at bind.
 TEST_F(CameraEffectTest, OverlaySettingsStoredBeforeTheLinkApplyAtBind) {
   TempDir dir;
@@ -376,34 +363,6 @@ TEST_F(CameraLinkTest, TextOverlayChannelsAnswerAsWithoutAnOverlayProxy) {
     EXPECT_EQ(TavoVideoVlinkOverlayParamSet(channel, &overlay), 1U);
     EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(channel, 0), 1U);
     EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(channel), 0U);
-  }
-}
-
-// The real inference client and wrapper, where the model is installed.
-TEST_F(CameraLinkTest, EffectRunsWithTheRealInferenceClient) {
-  BuildTreeLoader loader(VLINK_LOADABLE_DIR);
-  ScopedSeamOverride<DynamicLoader> use(loader);
-  uint32_t queue = 0;
-  ASSERT_EQ(
-      TavoVideoVlinkOverlayParamCreate(16, 805, &queue, TAVO_VIDEO_OVERLAY_VIRTUAL_BACKGROUND), 0U);
-  TempDir dir;
-  tagTavoVideoOverlayParam overlay{};
-  std::strcpy(overlay.background.bgImagePath,
-              dir.Write("green.bmp", SolidBmp24(32, 18, 0, 255, 0)).c_str());
-  ASSERT_EQ(TavoVideoVlinkOverlayParamSet(805, &overlay), 0U);
-  ASSERT_EQ(TavoVideoVlinkOverlayParamEnable(805, 1), 0U);
-  ASSERT_EQ(CreateCamera(790, 16, 640, 480), 0U);
-  auto sink = AddSink(791, 32);
-  ASSERT_EQ(Bind(791, 790), 0U);
-  const bool running = BgNodeOf(16) && BgNodeOf(16)->IsRunning();
-  if (running) {
-    EXPECT_TRUE(sink->handled.WaitFor(5));
-  }
-  EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(805), 0U);
-  EXPECT_EQ(Destroy(790), 0U);  // while the real libraries are still the loader's
-  m_cameras.clear();
-  if (!running) {
-    GTEST_SKIP() << "no segmentation model installed (scripts/install-models.sh)";
   }
 }
 

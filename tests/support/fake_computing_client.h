@@ -63,12 +63,8 @@ class FakeComputingClient {
 
   // Knobs, set before frames flow (guarded by m_lock like everything else).
   struct Knobs {
-    int initResult = 0;
-    int createResult = 0;
     int startResult = 0;
     int stopResult = 0;
-    int destroyResult = 0;
-    int updateResult = 0;
     int inferenceResult = 0;
     int getBufferResult = 0;
     bool hold = false;                // answers wait for Release()
@@ -80,10 +76,6 @@ class FakeComputingClient {
     bool alternate = false;  // odd requests get an all-person mask, even ones all background
     bool inline_ = false;    // answers inside TavoComputingInference, on the caller's thread
   };
-  void Set(const Knobs& knobs) {
-    std::lock_guard<std::mutex> lock(m_lock);
-    m_knobs = knobs;
-  }
   template <class F>
   void Change(F&& change) {
     std::lock_guard<std::mutex> lock(m_lock);
@@ -99,7 +91,7 @@ class FakeComputingClient {
   }
 
   struct Record {
-    int creates = 0, destroys = 0, starts = 0, stops = 0, updates = 0, inferences = 0;
+    int creates = 0, destroys = 0, starts = 0, updates = 0;
     std::vector<std::vector<uint8_t>> createParams;  // the task record bytes
     std::vector<std::vector<uint8_t>> updateParams;
     std::vector<TavoComputingTaskConfig> configs;
@@ -130,7 +122,7 @@ class FakeComputingClient {
   static int Init(const char* name, uint32_t) {
     std::lock_guard<std::mutex> lock(s_current->m_lock);
     s_current->m_record.clientName = name == nullptr ? "" : name;
-    return s_current->m_knobs.initResult;
+    return 0;
   }
   static int CreateTask(TavoComputingTaskConfig config, TavoComputingTaskParams params,
                         uint32_t* taskId) {
@@ -139,9 +131,6 @@ class FakeComputingClient {
     ++r.creates;
     r.createParams.push_back(Bytes(params));
     r.configs.push_back(config);
-    if (s_current->m_knobs.createResult != 0) {
-      return s_current->m_knobs.createResult;
-    }
     s_current->m_frameBytes = size_t{params.width} * params.height * 3;
     *taskId = ++s_current->m_nextId + 100;
     r.taskIds.push_back(*taskId);
@@ -150,7 +139,7 @@ class FakeComputingClient {
   static int DestroyTask(uint32_t) {
     std::lock_guard<std::mutex> lock(s_current->m_lock);
     ++s_current->m_record.destroys;
-    return s_current->m_knobs.destroyResult;
+    return 0;
   }
   static int StartTask(uint32_t) {
     std::lock_guard<std::mutex> lock(s_current->m_lock);
@@ -162,7 +151,6 @@ class FakeComputingClient {
     FakeComputingClient* self = s_current;
     {
       std::lock_guard<std::mutex> lock(self->m_lock);
-      ++self->m_record.stops;
       if (self->m_knobs.stopResult != 0) {
         return self->m_knobs.stopResult;
       }
@@ -197,10 +185,8 @@ class FakeComputingClient {
     r.updateParams.push_back(Bytes(params));
     r.answersAtUpdate.push_back(s_current->m_answersBegun);
     r.configs.push_back(config);
-    if (s_current->m_knobs.updateResult == 0) {
-      s_current->m_frameBytes = size_t{params.width} * params.height * 3;
-    }
-    return s_current->m_knobs.updateResult;
+    s_current->m_frameBytes = size_t{params.width} * params.height * 3;
+    return 0;
   }
   static int GetBuffer(uint32_t, TavoComputingBufferParams* buffer) {
     std::lock_guard<std::mutex> lock(s_current->m_lock);
@@ -228,7 +214,6 @@ class FakeComputingClient {
     size_t frameBytes = 0;
     {
       std::lock_guard<std::mutex> lock(self->m_lock);
-      ++self->m_record.inferences;
       if (self->m_lent.erase(input.data) == 0) {
         return TAVO_COMPUTING_ERR_ARGUMENT;
       }
