@@ -33,9 +33,6 @@ TEST(OsThreadSafeQueueTest, TimeoutsOrderAndHandOver) {
     EXPECT_EQ(item, i);
   }
   EXPECT_TRUE(queue.empty());
-  queue.enqueue(4);
-  EXPECT_TRUE(queue.dequeue(nullptr, 0));  // taken without being read
-  EXPECT_TRUE(queue.empty());
   // An enqueue during a long wait ends it with that item.
   std::thread producer([&] { queue.enqueue(42); });
   EXPECT_TRUE(queue.dequeue(&item, 20000));
@@ -92,18 +89,11 @@ TEST_F(BindingTest, MissingLibraryOrFunctionFallsBackWithoutJumping) {
 }
 
 // The real wrapper through the real loader, as the node uses it.
-TEST(WrapperTest, RealWrapperReadsScalesAndReportsOpencvsConstants) {
+TEST(WrapperTest, RealWrapperReadsAndScales) {
   BuildTreeLoader loader(VLINK_LOADABLE_DIR);
   ScopedSeamOverride<DynamicLoader> use(loader);
   ResetOpencvBinding();
   ASSERT_TRUE(OpencvWrapperUsable());
-  EXPECT_EQ(cvbind::C_IMREAD_COLOR(), cv::IMREAD_COLOR);
-  EXPECT_EQ(cvbind::C_CV_8UC1(), CV_8UC1);
-  EXPECT_EQ(cvbind::C_CV_8UC3(), CV_8UC3);
-  EXPECT_EQ(cvbind::C_CV_8UC4(), CV_8UC4);
-  EXPECT_EQ(cvbind::C_CV_32F(), CV_32F);
-  EXPECT_EQ(cvbind::C_CV_32FC1(), CV_32FC1);
-  EXPECT_EQ(cvbind::C_INTER_LINEAR(), cv::INTER_LINEAR);
   TempDir dir;
   const std::string path = dir.Write("red.bmp", SolidBmp24(6, 4, 0, 0, 255));
   CMat* image = cvbind::CImread(path.c_str(), cvbind::C_IMREAD_COLOR());

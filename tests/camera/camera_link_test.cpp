@@ -56,6 +56,7 @@ class CameraLinkTest : public ::testing::Test {
   void Present(uint32_t component, uint32_t nodeId) { m_host.Store(component, nodeId); }
 
   void TearDown() override {
+    LetGo();
     for (uint32_t component : m_cameras) {
       EXPECT_EQ(Destroy(component), 0U);
     }
@@ -104,6 +105,29 @@ class CameraLinkTest : public ::testing::Test {
     return sink;
   }
 
+  // A camera bound to a sink that keeps up to `keep` of its frames until LetGo, once frames
+  // flow.
+  std::pair<std::shared_ptr<CameraCaptureNode>, std::shared_ptr<CountingNode>>
+  CameraWithHoldingSink(uint32_t component, uint32_t nodeId, uint32_t sinkComponent,
+                        uint32_t sinkId, size_t keep) {
+    EXPECT_EQ(CreateCamera(component, nodeId, 320, 240), 0U);
+    auto sink = AddSink(sinkComponent, sinkId);
+    sink->keep = [this, keep](FrameRef frame) {
+      std::lock_guard<std::mutex> lock(m_seenLock);
+      if (m_held.size() < keep) {
+        m_held.push_back(std::move(frame));
+      }
+    };
+    EXPECT_EQ(Bind(sinkComponent, component), 0U);
+    EXPECT_TRUE(sink->handled.WaitFor(5));
+    return {m_cameraNodes.back(), sink};
+  }
+  void LetGo() {
+    std::vector<FrameRef> dropped;
+    std::lock_guard<std::mutex> lock(m_seenLock);
+    dropped.swap(m_held);
+  }
+
   uint32_t LastWidth() {
     std::lock_guard<std::mutex> lock(m_seenLock);
     return m_lastWidth;
@@ -116,10 +140,11 @@ class CameraLinkTest : public ::testing::Test {
   std::vector<uint32_t> m_cameras;
   std::vector<std::shared_ptr<CameraCaptureNode>> m_cameraNodes;
   std::map<uint32_t, std::shared_ptr<CountingNode>> m_sinks;
-  std::mutex m_seenLock;  // guards m_stamp, m_lastWidth, m_wrongStamps
+  std::mutex m_seenLock;  // guards m_stamp, m_lastWidth, m_wrongStamps, m_held
   uint32_t m_stamp = 0;   // the image number of the last camera made
   uint32_t m_lastWidth = 0;
   int m_wrongStamps = 0;
+  std::vector<FrameRef> m_held;
 };
 
 // The inference client and the image wrapper behind a fake loader.
@@ -229,52 +254,28 @@ TEST_F(CameraLinkTest, UnknownComponentsAndMissingMiddleNodesFailTheBind) {
 
 // The stop gives up after its bounded wait; held frames are freed once when let go.
 TEST_F(CameraLinkTest, StopWithFramesHeldReturnsAfterTheBoundedWait) {
-  ASSERT_EQ(CreateCamera(740, 8, 320, 240), 0U);
-  auto sink = AddSink(741, 25);
-  std::mutex heldLock;
-  std::vector<FrameRef> held;
-  sink->keep = [&](FrameRef frame) {
-    std::lock_guard<std::mutex> lock(heldLock);
-    if (held.size() < 3) {
-      held.push_back(std::move(frame));
-    }
-  };
-  ASSERT_EQ(Bind(741, 740), 0U);
-  ASSERT_TRUE(sink->handled.WaitFor(5));
-  std::shared_ptr<CameraCaptureNode> camera = m_cameraNodes.back();
+  auto [camera, sink] = CameraWithHoldingSink(740, 8, 741, 25, 3);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(camera->StopProcess(), 0U);
   EXPECT_GE(std::chrono::steady_clock::now() - begin,
             std::chrono::milliseconds(CameraCaptureNode::kReleaseWaitMs));
   EXPECT_TRUE(m_log.HasModule("m_bufferCnt:3 not release!", 1));
   EXPECT_FALSE(camera->IsOpened());
-  std::lock_guard<std::mutex> lock(heldLock);
-  held.clear();
+  LetGo();
   camera->DealTaskHandler(true);
   EXPECT_EQ(camera->GetBufferCount(), 0U);
 }
 
 // Frames that come back while the stop waits end the wait at once, not at its limit.
 TEST_F(CameraLinkTest, StopEndsAsSoonAsTheHeldFramesComeBack) {
-  ASSERT_EQ(CreateCamera(745, 10, 320, 240), 0U);
-  auto sink = AddSink(746, 33);
-  std::mutex heldLock;
-  std::vector<FrameRef> held;
-  sink->keep = [&](FrameRef frame) {
-    std::lock_guard<std::mutex> lock(heldLock);
-    held.push_back(std::move(frame));
-  };
-  ASSERT_EQ(Bind(746, 745), 0U);
-  ASSERT_TRUE(sink->handled.WaitFor(3));
-  std::shared_ptr<CameraCaptureNode> camera = m_cameraNodes.back();
+  auto [camera, sink] = CameraWithHoldingSink(745, 10, 746, 33, 1000);
   // Let go of the frames once capture has stopped, i.e. while the stop waits for them.
-  std::thread host([&] {
+  std::thread host([&, sink = sink] {
     for (int i = 0; i < 20000 && m_device.IsStreaming(0); ++i) {
       std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
     sink->DealTaskHandler(true);
-    std::lock_guard<std::mutex> lock(heldLock);
-    held.clear();
+    LetGo();
   });
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(camera->StopProcess(), 0U);

@@ -106,89 +106,68 @@ class ImageProcessNodeTest : public ::testing::Test {
   std::vector<OsvGraphicBuffer*> m_sources;
 };
 
-TEST_F(ImageProcessNodeTest, SinksWithOneRequirementShareOneConversionPerFrame) {
-  Sink pass(1, false);
-  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
-  Sink b(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
-  Sink c(4, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
-  Sink full(5, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);
-  for (Sink* sink : {&pass, &a, &b, &c, &full}) {
-    Insert(*sink);
-  }
-  EXPECT_EQ(m_node->GetFormatTaskCount(), 1U);
-  EXPECT_EQ(m_node->GetSizeTaskCount(), 2U);
-  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  constexpr int kFrames = 4;
-  for (int i = 0; i < kFrames; ++i) {
-    Push(source, {&pass, &a, &b, &c, &full});
-  }
-  for (size_t i = 0; i < kFrames; ++i) {
-    EXPECT_EQ(pass.Frame(i), source);  // taken as it comes
-    // One scaled buffer per frame for the three, and the full-size sink gets the conversion.
-    EXPECT_EQ(a.Frame(i), b.Frame(i));
-    EXPECT_EQ(a.Frame(i), c.Frame(i));
-    EXPECT_NE(a.Frame(i), full.Frame(i));
-    EXPECT_NE(full.Frame(i), source);
-    EXPECT_EQ(a.Info(i).width, 32U);
-    EXPECT_EQ(a.Info(i).height, 24U);
-    EXPECT_EQ(a.Info(i).format, static_cast<uint32_t>(TAVO_VIDEO_VLINK_FORMAT_I420));
-    EXPECT_EQ(full.Info(i).width, 64U);
-    EXPECT_EQ(full.Info(i).format, static_cast<uint32_t>(TAVO_VIDEO_VLINK_FORMAT_I420));
-  }
-  for (Sink* sink : {&pass, &a, &full}) {
-    EXPECT_EQ(sink->imgNos, std::vector<uint32_t>(kFrames, kSrcImgNo));
-  }
-  // One pool per conversion step, each allocating only while its buffers are all out.
-  EXPECT_EQ(m_logs.CountModule("[IMG_20001] new buffer: width[32] height[24] format[0]"),
-            std::set<OsvGraphicBuffer*>(a.frames.begin(), a.frames.end()).size());
-  EXPECT_GE(m_logs.CountModule("[IMG_20001] new buffer: width[64] height[48] format[0]"), 1U);
-}
-
 // Every branch of the size decision: a sink gets the converted frame itself only when both
-// sides match, a scaled copy (libyuv's box filter) when either differs, and sinks whose
-// wanted sizes share one side still get tasks of their own.
-TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSize) {
+// sides match, a scaled copy (libyuv's box filter) when either differs; sinks with one
+// requirement share one buffer per frame, and sinks whose wanted sizes share only one side
+// get tasks of their own. Each pool allocates only while its buffers are all out.
+TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt) {
   struct Case {
     uint32_t width, height;
   };
-  const Case cases[] = {{64, 48}, {64, 24}, {32, 48}, {32, 24}};
+  const Case cases[] = {{64, 48}, {64, 24}, {32, 48}, {32, 24}, {32, 24}};
   std::vector<std::unique_ptr<Sink>> sinks;
+  sinks.push_back(std::make_unique<Sink>(9, false));  // takes the frame as it comes
   for (const Case& c : cases) {
     sinks.push_back(std::make_unique<Sink>(static_cast<uint32_t>(10 + sinks.size()), true, c.width,
                                            c.height, TAVO_VIDEO_VLINK_FORMAT_I420));
-    Insert(*sinks.back());
   }
+  for (auto& sink : sinks) {
+    Insert(*sink);
+  }
+  EXPECT_EQ(m_node->GetFormatTaskCount(), 1U);
   EXPECT_EQ(m_node->GetSizeTaskCount(), 4U);
   OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   auto* argb = reinterpret_cast<uint32_t*>(source->GetImageAddr(0));
   for (uint32_t i = 0; i < 64 * 48; ++i) {
     argb[i] = 0xFF000000U | (i * 2654435761U >> 8);
   }
-  Push(source, {sinks[0].get(), sinks[1].get(), sinks[2].get(), sinks[3].get()});
+  constexpr size_t kFrames = 4;
+  for (size_t i = 0; i < kFrames; ++i) {
+    Push(source, {sinks[0].get(), sinks[1].get(), sinks[2].get(), sinks[3].get(), sinks[4].get(),
+                  sinks[5].get()});
+  }
   std::vector<uint8_t> full(64 * 48 * 3 / 2);
   libyuv::ARGBToI420(reinterpret_cast<uint8_t*>(argb), 64 * 4, full.data(), 64,
                      full.data() + 64 * 48, 32, full.data() + 64 * 48 * 5 / 4, 32, 64, 48);
-  for (size_t i = 0; i < sinks.size(); ++i) {
+  for (size_t i = 0; i < std::size(cases); ++i) {
     const int w = static_cast<int>(cases[i].width), h = static_cast<int>(cases[i].height);
     SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
-    const OsvGraphicBufferInfo info = sinks[i]->Info(0);
+    Sink& sink = *sinks[i + 1];
+    const OsvGraphicBufferInfo info = sink.Info(0);
     ASSERT_EQ(info.width, cases[i].width);
     ASSERT_EQ(info.height, cases[i].height);
+    EXPECT_EQ(info.format, static_cast<uint32_t>(TAVO_VIDEO_VLINK_FORMAT_I420));
     std::vector<uint8_t> want(size_t(w) * h * 3 / 2);
     libyuv::I420Scale(full.data(), 64, full.data() + 64 * 48, 32, full.data() + 64 * 48 * 5 / 4, 32,
                       64, 48, want.data(), w, want.data() + w * h, w / 2,
                       want.data() + w * h * 5 / 4, w / 2, w, h, libyuv::kFilterBox);
-    const uint8_t* got = sinks[i]->Frame(0)->GetImageAddr(0);
-    EXPECT_TRUE(std::equal(want.begin(), want.end(), got));
+    EXPECT_TRUE(std::equal(want.begin(), want.end(), sink.Frame(0)->GetImageAddr(0)));
+    EXPECT_EQ(sink.imgNos, std::vector<uint32_t>(kFrames, kSrcImgNo));
   }
-  EXPECT_NE(sinks[0]->Frame(0), source);
+  for (size_t i = 0; i < kFrames; ++i) {
+    EXPECT_EQ(sinks[0]->Frame(i), source);
+    EXPECT_NE(sinks[1]->Frame(i), source);
+    EXPECT_EQ(sinks[4]->Frame(i), sinks[5]->Frame(i));
+  }
+  EXPECT_EQ(m_logs.CountModule("[IMG_20001] new buffer: width[32] height[24] format[0]"),
+            std::set<OsvGraphicBuffer*>(sinks[4]->frames.begin(), sinks[4]->frames.end()).size());
 }
 
 // Per-frame failure lines are paced per process (the first, then every hundredth): a run
 // repeated in one process sees them the first time only.
 bool FirstRun() {
-  static int runs = 0;
-  return runs++ == 0;
+  static std::set<std::string> ran;
+  return ran.insert(::testing::UnitTest::GetInstance()->current_test_info()->name()).second;
 }
 
 TEST_F(ImageProcessNodeTest, UnsupportedStepsSkipOnlyTheirBranch) {
@@ -212,8 +191,7 @@ TEST_F(ImageProcessNodeTest, UnsupportedStepsSkipOnlyTheirBranch) {
 }
 
 TEST_F(ImageProcessNodeTest, TenHeldBuffersRefuseTheBranchUntilOneComesBack) {
-  static int runs = 0;
-  const bool first = runs++ == 0;
+  const bool first = FirstRun();
   Sink pass(1, false);
   Sink slow(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);  // the conversion's own buffers
   slow.holding = true;
@@ -298,8 +276,6 @@ TEST(ScreenBuilderProcessNodeTest, PlacesAndRemovesAConversionNode) {
   auto process = VideoVlinkNode::GetNodeByUnique<ImageProcessNode>(processId);
   ASSERT_TRUE(process);
   EXPECT_EQ(process->GetNodeType(), OS_E_MPP_DEV_IMAGE_PROCESS);
-  EXPECT_EQ(process->GetNodeName(), "IMG_" + std::to_string(processId));
-  EXPECT_FALSE(process->GetIsViVoNode());
   EXPECT_TRUE(process->IsStarted());
   EXPECT_EQ(process->GetSizeTaskCount(), 1U);
   VideoNodeRequirement requirement{};
