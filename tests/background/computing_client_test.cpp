@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -174,16 +175,10 @@ TEST_F(ComputingClientTest, BuffersAreBoundedAndEveryRequestIsAnsweredOnce) {
 TEST_F(ComputingClientTest, BadModelsAndRecordsAreRefused) {
   TempDir dir;
   const std::string corrupt = dir.Write("corrupt", {8, 7, 0x12, 0xFF, 1, 2, 3});
-  const std::string truncated = [&] {
-    std::vector<uint8_t> head(4096);
-    FILE* file = std::fopen(Model(kLandscape).c_str(), "rb");
-    EXPECT_NE(file, nullptr);
-    if (file != nullptr) {
-      EXPECT_EQ(std::fread(head.data(), 1, head.size(), file), head.size());
-      std::fclose(file);
-    }
-    return dir.Write("truncated", head);
-  }();
+  std::vector<uint8_t> head(4096);
+  std::ifstream(Model(kLandscape), std::ios::binary)
+      .read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(head.size()));
+  const std::string truncated = dir.Write("truncated", head);
   uint32_t id = 0;
   EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(dir.Path() / "none", 64, 36), &id),
             TAVO_COMPUTING_ERR_MODEL);

@@ -423,9 +423,7 @@ TEST_F(ManagerFramePathTest, CapturerFailuresArePassedUp) {
   EXPECT_EQ(manager.CaptureStart(nullptr), 1U);
 }
 
-TEST(CaptureManagerWithoutCapturerTest, StartAndStopNeedInit) {
-  LogCapture log;
-  DevCaptureManager manager;
+TEST_F(CaptureManagerTest, StartAndStopNeedACapturer) {
   tagCameraCaptureParams params{};
   EXPECT_EQ(manager.CaptureStart(&params), 1U);
   EXPECT_EQ(manager.CaptureStop(), 1U);

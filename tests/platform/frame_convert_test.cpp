@@ -39,23 +39,6 @@ std::vector<uint8_t> Planes(const OsvGraphicBuffer& frame) {
   return {data, data + info.size};
 }
 
-TEST(FrameConvertTest, ArgbToI420MatchesLibyuv) {
-  for (const auto& [width, height] : {std::pair{64u, 48u}, {33u, 17u}}) {
-    auto argb = Random(size_t{width} * height * 4, width);
-    auto source = WrapArgb(argb, width, height);
-    OsvGraphicBuffer target(width, height, TAVO_VIDEO_VLINK_FORMAT_I420);
-    ASSERT_EQ(ConvertToI420(source.get(), &target), 0);
-    OsvGraphicBuffer oracle(width, height, TAVO_VIDEO_VLINK_FORMAT_I420);
-    const OsvGraphicBufferInfo o = oracle.GetImageInfo();
-    libyuv::ARGBToI420(argb.data(), static_cast<int>(width * 4), oracle.GetImageAddr(0),
-                       static_cast<int>(o.stride[0]), oracle.GetImageAddr(1),
-                       static_cast<int>(o.stride[1]), oracle.GetImageAddr(2),
-                       static_cast<int>(o.stride[2]), static_cast<int>(width),
-                       static_cast<int>(height));
-    EXPECT_EQ(Planes(target), Planes(oracle)) << width << "x" << height;
-  }
-}
-
 TEST(FrameConvertTest, RefusesWhatDoesNotFitAndLeavesTargetAlone) {
   auto argb = Random(64 * 48 * 4, 1);
   auto source = WrapArgb(argb, 64, 48);
@@ -73,24 +56,6 @@ TEST(FrameConvertTest, RefusesWhatDoesNotFitAndLeavesTargetAlone) {
   OsvGraphicBuffer empty(0, 0, TAVO_VIDEO_VLINK_FORMAT_I420);
   EXPECT_EQ(ConvertToI420(source.get(), &empty), -1);
   EXPECT_EQ(I420Scale(&target, &empty), -1);
-}
-
-TEST(FrameConvertTest, I420ScaleMatchesLibyuvBox) {
-  OsvGraphicBuffer source(96, 64, TAVO_VIDEO_VLINK_FORMAT_I420);
-  const auto bytes = Random(source.GetImageInfo().size, 7);
-  std::memcpy(source.GetBufHandle(), bytes.data(), bytes.size());
-  OsvGraphicBuffer target(40, 30, TAVO_VIDEO_VLINK_FORMAT_I420);
-  ASSERT_EQ(I420Scale(&source, &target), 0);
-  OsvGraphicBuffer oracle(40, 30, TAVO_VIDEO_VLINK_FORMAT_I420);
-  const OsvGraphicBufferInfo s = source.GetImageInfo();
-  const OsvGraphicBufferInfo o = oracle.GetImageInfo();
-  libyuv::I420Scale(source.GetImageAddr(0), static_cast<int>(s.stride[0]), source.GetImageAddr(1),
-                    static_cast<int>(s.stride[1]), source.GetImageAddr(2),
-                    static_cast<int>(s.stride[2]), 96, 64, oracle.GetImageAddr(0),
-                    static_cast<int>(o.stride[0]), oracle.GetImageAddr(1),
-                    static_cast<int>(o.stride[1]), oracle.GetImageAddr(2),
-                    static_cast<int>(o.stride[2]), 40, 30, libyuv::kFilterBox);
-  EXPECT_EQ(Planes(target), Planes(oracle));
 }
 
 TEST(FrameConvertTest, ArgbScalePlacesTheRegionAndTouchesNothingElse) {

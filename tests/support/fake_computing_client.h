@@ -95,7 +95,6 @@ class FakeComputingClient {
     std::vector<std::vector<uint8_t>> createParams;  // the task record bytes
     std::vector<std::vector<uint8_t>> updateParams;
     std::vector<TavoComputingTaskConfig> configs;
-    std::vector<uint32_t> taskIds;     // as created
     std::vector<int> answersAtUpdate;  // answers begun when each update came
     std::string clientName;
   };
@@ -133,7 +132,6 @@ class FakeComputingClient {
     r.configs.push_back(config);
     s_current->m_frameBytes = size_t{params.width} * params.height * 3;
     *taskId = ++s_current->m_nextId + 100;
-    r.taskIds.push_back(*taskId);
     return 0;
   }
   static int DestroyTask(uint32_t) {
