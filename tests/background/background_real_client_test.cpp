@@ -46,11 +46,8 @@ TEST(BackgroundRealClientTest, ReplacesTheBackgroundOfAPersonPhoto) {
   Link(node, sink);
   ASSERT_EQ(sink->StartProcess(), 0U);
   ASSERT_EQ(node->StartProcess(), 0U);
-  BackgroundVirtualityParams param{};
+  BackgroundVirtualityParams param{{}, 1280, 720, 30};
   std::strncpy(param.bgImagePath, green.c_str(), sizeof param.bgImagePath - 1);
-  param.width = 1280;
-  param.height = 720;
-  param.frameRate = 30;
   ASSERT_EQ(node->SetParam(param), 0U);
   ASSERT_EQ(node->SetEnable(true), 0U);
   ASSERT_TRUE(node->IsRunning()) << "the client or the wrapper did not load";
@@ -68,13 +65,9 @@ TEST(BackgroundRealClientTest, ReplacesTheBackgroundOfAPersonPhoto) {
   ResetOpencvBinding();
 
   std::lock_guard<std::mutex> hold(lock);
-  uint8_t greenLuma[4];
-  {
-    uint8_t rgb[12] = {0, 255, 0, 0, 255, 0, 0, 255, 0, 0, 255, 0};
-    uint8_t u = 0;
-    uint8_t v = 0;
-    libyuv::RGB24ToI420(rgb, 6, greenLuma, 2, &u, 1, &v, 1, 2, 2);
-  }
+  const uint8_t rgb[12] = {0, 255, 0, 0, 255, 0, 0, 255, 0, 0, 255, 0};
+  uint8_t greenLuma[4], u = 0, v = 0;
+  libyuv::RGB24ToI420(rgb, 6, greenLuma, 2, &u, 1, &v, 1, 2, 2);
   // The face (about x 420..700, y 0..330 of the frame) stays; the wall top right goes green.
   const cv::Rect face(470, 60, 180, 220);
   const cv::Rect wall(1100, 0, 180, 120);
