@@ -85,13 +85,17 @@ class BackgroundLinkTest : public ::testing::Test {
     m_producer->Shutdown();
     EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame was released twice";
     EXPECT_EQ(m_producer->released.Get(), m_sent) << "a frame was not given back";
-    // A worker may still be letting go of a finished task's hold on the node; the node's
-    // images go back to the wrapper bound through this test's loader, before it is unbound.
-    for (int i = 0; i < 2000 && m_node.use_count() > 1; ++i) {
+    Drop(m_node);
+  }
+
+  // A worker may still be letting go of a finished task's hold on the node; the node's
+  // images go back to the wrapper bound through this test's loader, before it is unbound.
+  static void Drop(std::shared_ptr<BackgroundVirtualityNode>& node) {
+    for (int i = 0; i < 2000 && node.use_count() > 1; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    EXPECT_EQ(m_node.use_count(), 1);
-    m_node.reset();
+    EXPECT_EQ(node.use_count(), 1);
+    node.reset();
     ResetOpencvBinding();
   }
 
@@ -108,7 +112,7 @@ class BackgroundLinkTest : public ::testing::Test {
   // Sends frame `number` from the producer to the node, or (direct) hands it to the node's
   // HandleBuffer on the test's thread, so that frames are submitted in number order.
   void Send(uint32_t number, uint32_t width = kWidth, uint32_t height = kHeight,
-            bool direct = false) {
+            bool direct = false, std::shared_ptr<VideoVlinkNode> to = nullptr) {
     OsvGraphicBuffer* frame = NewFrame(width, height, kFrameLuma, number);
     frame->SetReleaseTarget(m_producer);
     FrameRef mine = FrameRef::Share(frame);
@@ -116,7 +120,7 @@ class BackgroundLinkTest : public ::testing::Test {
     if (direct) {
       ASSERT_EQ(m_node->HandleBuffer(mine), 0U);
     } else {
-      m_producer->SendBuffer(m_node, frame);
+      m_producer->SendBuffer(to ? to : m_node, frame);
     }
   }
   void Submit(uint32_t number) { Send(number, kWidth, kHeight, true); }

@@ -103,13 +103,7 @@ TEST_F(BackgroundNodeTest, MissingLibraryOrFunctionKeepsPassThrough) {
     EXPECT_EQ(node->SetEnable(true), 0U);
     EXPECT_FALSE(node->IsRunning());
     const int before = m_sink->handled.Get();
-    OsvGraphicBuffer* frame = NewFrame(kWidth, kHeight, kFrameLuma, ++number);
-    frame->SetReleaseTarget(m_producer);
-    {
-      FrameRef mine = FrameRef::Share(frame);
-      m_producer->SendBuffer(node, frame);
-    }
-    ++m_sent;
+    Send(++number, kWidth, kHeight, false, node);
     ASSERT_TRUE(m_sink->handled.WaitFor(before + 1));
     EXPECT_EQ(Seen()[number], kFrameLuma);  // untouched
     node->Shutdown();
@@ -118,14 +112,7 @@ TEST_F(BackgroundNodeTest, MissingLibraryOrFunctionKeepsPassThrough) {
     const bool completeClient = library != "client";
     const bool wrapperThere = library != "wrapper" || !missing.empty();
     EXPECT_EQ(loader.OpenCount(), (completeClient ? 1 : 0) + (wrapperThere ? 1 : 0));
-    // A worker may still be letting go of its finished task's hold on the node: the node
-    // must go before the binding its destructor frees its images with.
-    for (int i = 0; i < 2000 && node.use_count() > 1; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ASSERT_EQ(node.use_count(), 1);
-    node.reset();
-    ResetOpencvBinding();
+    Drop(node);  // before the binding its destructor frees its images with goes
   }
   ASSERT_TRUE(AllReleased());
 }

@@ -107,7 +107,7 @@ class ImageProcessNodeTest : public ::testing::Test {
 };
 
 // Every branch of the size decision: a sink gets the converted frame itself only when both
-// sides match, a scaled copy (libyuv's box filter, which shows at these uneven ratios) when
+// sides match, a scaled copy (libyuv's box filter, which shows below half size) when
 // either differs; sinks with one requirement share one buffer per frame, and sinks whose
 // wanted sizes share only one side get tasks of their own. Each pool allocates only while
 // its buffers are all out.
@@ -115,7 +115,7 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
   struct Case {
     uint32_t width, height;
   };
-  const Case cases[] = {{64, 48}, {64, 30}, {40, 48}, {40, 30}, {40, 30}};
+  const Case cases[] = {{64, 48}, {64, 18}, {24, 48}, {24, 18}, {24, 18}};
   std::vector<std::unique_ptr<Sink>> sinks;
   sinks.push_back(std::make_unique<Sink>(9, false));  // takes the frame as it comes
   for (const Case& c : cases) {
@@ -160,7 +160,7 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
     EXPECT_NE(sinks[1]->Frame(i), source);
     EXPECT_EQ(sinks[4]->Frame(i), sinks[5]->Frame(i));
   }
-  EXPECT_EQ(m_logs.CountModule("[IMG_20001] new buffer: width[40] height[30] format[0]"),
+  EXPECT_EQ(m_logs.CountModule("[IMG_20001] new buffer: width[24] height[18] format[0]"),
             std::set<OsvGraphicBuffer*>(sinks[4]->frames.begin(), sinks[4]->frames.end()).size());
 }
 
