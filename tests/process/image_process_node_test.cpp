@@ -107,7 +107,7 @@ class ImageProcessNodeTest : public ::testing::Test {
 };
 
 // Every branch of the size decision: a sink gets the converted frame itself only when both
-// sides match, a scaled copy (libyuv's box filter, which shows below half size) when
+// sides match, a scaled copy (libyuv's box filter, which shows at these ratios) when
 // either differs; sinks with one requirement share one buffer per frame, and sinks whose
 // wanted sizes share only one side get tasks of their own. Each pool allocates only while
 // its buffers are all out.
@@ -115,7 +115,7 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
   struct Case {
     uint32_t width, height;
   };
-  const Case cases[] = {{64, 48}, {64, 18}, {24, 48}, {24, 18}, {24, 18}};
+  const Case cases[] = {{96, 64}, {96, 30}, {40, 64}, {40, 30}, {40, 30}};
   std::vector<std::unique_ptr<Sink>> sinks;
   sinks.push_back(std::make_unique<Sink>(9, false));  // takes the frame as it comes
   for (const Case& c : cases) {
@@ -127,9 +127,9 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
   }
   EXPECT_EQ(m_node->GetFormatTaskCount(), 1U);
   EXPECT_EQ(m_node->GetSizeTaskCount(), 4U);
-  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  OsvGraphicBuffer* source = Source(96, 64, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   auto* argb = reinterpret_cast<uint32_t*>(source->GetImageAddr(0));
-  for (uint32_t i = 0; i < 64 * 48; ++i) {
+  for (uint32_t i = 0; i < 96 * 64; ++i) {
     argb[i] = 0xFF000000U | (i * 2654435761U >> 8);
   }
   constexpr size_t kFrames = 4;
@@ -137,9 +137,9 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
     Push(source, {sinks[0].get(), sinks[1].get(), sinks[2].get(), sinks[3].get(), sinks[4].get(),
                   sinks[5].get()});
   }
-  std::vector<uint8_t> full(64 * 48 * 3 / 2);
-  libyuv::ARGBToI420(reinterpret_cast<uint8_t*>(argb), 64 * 4, full.data(), 64,
-                     full.data() + 64 * 48, 32, full.data() + 64 * 48 * 5 / 4, 32, 64, 48);
+  std::vector<uint8_t> full(96 * 64 * 3 / 2);
+  libyuv::ARGBToI420(reinterpret_cast<uint8_t*>(argb), 96 * 4, full.data(), 96,
+                     full.data() + 96 * 64, 48, full.data() + 96 * 64 * 5 / 4, 48, 96, 64);
   for (size_t i = 0; i < std::size(cases); ++i) {
     const int w = static_cast<int>(cases[i].width), h = static_cast<int>(cases[i].height);
     SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
@@ -149,8 +149,8 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
     ASSERT_EQ(info.height, cases[i].height);
     EXPECT_EQ(info.format, static_cast<uint32_t>(TAVO_VIDEO_VLINK_FORMAT_I420));
     std::vector<uint8_t> want(size_t(w) * h * 3 / 2);
-    libyuv::I420Scale(full.data(), 64, full.data() + 64 * 48, 32, full.data() + 64 * 48 * 5 / 4, 32,
-                      64, 48, want.data(), w, want.data() + w * h, w / 2,
+    libyuv::I420Scale(full.data(), 96, full.data() + 96 * 64, 48, full.data() + 96 * 64 * 5 / 4, 48,
+                      96, 64, want.data(), w, want.data() + w * h, w / 2,
                       want.data() + w * h * 5 / 4, w / 2, w, h, libyuv::kFilterBox);
     EXPECT_TRUE(std::equal(want.begin(), want.end(), sink.Frame(0)->GetImageAddr(0)));
     EXPECT_EQ(sink.imgNos, std::vector<uint32_t>(kFrames, kSrcImgNo));
@@ -160,7 +160,7 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
     EXPECT_NE(sinks[1]->Frame(i), source);
     EXPECT_EQ(sinks[4]->Frame(i), sinks[5]->Frame(i));
   }
-  EXPECT_EQ(m_logs.CountModule("[IMG_20001] new buffer: width[24] height[18] format[0]"),
+  EXPECT_EQ(m_logs.CountModule("[IMG_20001] new buffer: width[40] height[30] format[0]"),
             std::set<OsvGraphicBuffer*>(sinks[4]->frames.begin(), sinks[4]->frames.end()).size());
 }
 
