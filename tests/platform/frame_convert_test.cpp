@@ -39,7 +39,18 @@ std::vector<uint8_t> Planes(const OsvGraphicBuffer& frame) {
   return {data, data + info.size};
 }
 
-TEST(FrameConvertTest, RefusesWhatDoesNotFitAndLeavesTargetAlone) {
+// The conversion node's test covers even sizes; an odd one shows libyuv's chroma rounding.
+TEST(FrameConvertTest, ArgbToI420MatchesLibyuvAndRefusesWhatDoesNotFit) {
+  auto odd = Random(33 * 17 * 4, 2);
+  auto oddSource = WrapArgb(odd, 33, 17);
+  OsvGraphicBuffer got(33, 17, TAVO_VIDEO_VLINK_FORMAT_I420);
+  OsvGraphicBuffer want(33, 17, TAVO_VIDEO_VLINK_FORMAT_I420);
+  ASSERT_EQ(ConvertToI420(oddSource.get(), &got), 0);
+  const OsvGraphicBufferInfo o = want.GetImageInfo();
+  libyuv::ARGBToI420(odd.data(), 33 * 4, want.GetImageAddr(0), static_cast<int>(o.stride[0]),
+                     want.GetImageAddr(1), static_cast<int>(o.stride[1]), want.GetImageAddr(2),
+                     static_cast<int>(o.stride[2]), 33, 17);
+  EXPECT_EQ(Planes(got), Planes(want));
   auto argb = Random(64 * 48 * 4, 1);
   auto source = WrapArgb(argb, 64, 48);
   OsvGraphicBuffer wrongSize(32, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);
