@@ -52,10 +52,16 @@ CameraChange Stepwise(v4l2_fract FakeCameraFormat::*bound, v4l2_fract value) {
   };
 }
 
-// A device of its own for one case of a table, with a capturer on it.
+// A device of its own for one case of a table, with a capturer on it; nothing may stay open
+// or mapped once it stops.
 struct FreshCamera {
   explicit FreshCamera(const FakeCameraConfig& config) { device.AddCamera(0, config); }
   explicit FreshCamera(const CameraChange& change) { AddChangedCamera(device, change); }
+  ~FreshCamera() {
+    capturer.CaptureStop();
+    EXPECT_EQ(device.OpenDescriptors(), 0U);
+    EXPECT_EQ(device.Mappings(), 0U);
+  }
   uint32_t Start(uint32_t width, uint32_t height, uint32_t fps) {
     capturer.Init(kBus);
     params = Params(width, height, fps);
@@ -170,8 +176,6 @@ TEST_F(CapturerTest, FormatOrderDependsOnTheRequestedSize) {
     FreshCamera fresh(TypicalCamera(kBus));
     ASSERT_EQ(fresh.Start(c.width, c.height, 30), 0U);
     EXPECT_EQ(fresh.device.CurrentFormat(0).pixelformat, c.firstTried);
-    fresh.capturer.CaptureStop();
-    EXPECT_EQ(fresh.device.OpenDescriptors(), 0U);
   }
 }
 
@@ -235,8 +239,6 @@ TEST_F(CapturerTest, MjpegNeedsOneSideAMultipleOfEight) {
       EXPECT_EQ(fresh.capturer.GetWidth(), c.width);
       EXPECT_EQ(fresh.capturer.GetHeight(), c.height);
     }
-    fresh.capturer.CaptureStop();
-    EXPECT_EQ(fresh.device.OpenDescriptors(), 0U);
   }
 }
 
@@ -351,7 +353,7 @@ TEST_F(CapturerTest, FailedStartsLeaveNothingOpenOrMapped) {
     FreshCamera fresh(c.setUp);
     EXPECT_EQ(fresh.Start(640, 480, 30), 1U);
     EXPECT_TRUE(fresh.log.HasModule(c.message, 1));
-    EXPECT_EQ(fresh.device.OpenDescriptors(), 0U);
+    EXPECT_EQ(fresh.device.OpenDescriptors(), 0U);  // at once, not only after a stop
     EXPECT_EQ(fresh.device.Mappings(), 0U);
     EXPECT_FALSE(fresh.capturer.IsCapturing());
     EXPECT_EQ(fresh.capturer.GetFd(), -1);
