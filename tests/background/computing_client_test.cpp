@@ -1,5 +1,5 @@
-// The real inference client on the real model: a person photo must come
-// out with the person covered and the background left. Needs the set-up of
+// The real inference client and segmenter on the real model: the client's buffers, answers
+// and refusals, and what the segmenter's aids do to a person photo. Needs the set-up of
 // scripts/install-models.sh (models and astronaut.png).
 #include <gtest/gtest.h>
 
@@ -91,39 +91,13 @@ class ComputingClientTest : public ::testing::Test {
     uint8_t output[16];
     return TavoComputingInference(output, &OnAnswer, nullptr, id, buffer);
   }
-  cv::Mat Mask(size_t index, int width, int height) {
-    std::lock_guard<std::mutex> lock(m_answers.lock);
-    return cv::Mat(height, width, CV_8U, m_answers.masks.at(index).data()).clone();
-  }
 
   Answers m_answers;
   std::vector<uint32_t> m_tasks;
 };
 
-// Share of a region's mask bytes that say "person" (128 or more).
-double PersonShare(const cv::Mat& mask, const cv::Rect& region) {
-  const cv::Mat part = mask(region);
-  return static_cast<double>(cv::countNonZero(part >= 128)) / static_cast<double>(part.total());
-}
-
-// The face and chest of the 512 x 512 astronaut, and the wall away from her; measured 0.969
-// person and 0.000 background.
-TEST_F(ComputingClientTest, MaskCoversThePersonAndLeavesTheBackground) {
-  const cv::Mat bgr = cv::imread(VLINK_TESTDATA_DIR "/astronaut.png", cv::IMREAD_COLOR);
-  ASSERT_FALSE(bgr.empty()) << "run scripts/install-models.sh";
-  const uint32_t id = Create(Model(kLandscape), bgr.cols, bgr.rows);
-  ASSERT_EQ(Submit(id, bgr), 0);
-  ASSERT_TRUE(m_answers.count.WaitFor(1));
-  ASSERT_EQ(m_answers.statuses[0], 0U);
-  const cv::Mat mask = Mask(0, bgr.cols, bgr.rows);
-  const double person = PersonShare(mask, {170, 60, 110, 340});
-  const double background = PersonShare(mask, {400, 0, 100, 80});
-  std::printf("person %.3f background %.3f\n", person, background);
-  EXPECT_GE(person, 0.9);
-  EXPECT_LE(background, 0.05);
-  EXPECT_NE(m_answers.threads[0], std::this_thread::get_id());  // its own thread
-}
-
+// Whether the mask covers the person and leaves the background is checked on the whole
+// effect (background_real_client_test); here, the client's contract.
 TEST_F(ComputingClientTest, BuffersAreBoundedAndEveryRequestIsAnsweredOnce) {
   const cv::Mat frame(72, 128, CV_8UC3, cv::Scalar(40, 90, 200));
   const uint32_t id = Create(Model(kLandscape), 128, 72);
@@ -157,6 +131,7 @@ TEST_F(ComputingClientTest, BuffersAreBoundedAndEveryRequestIsAnsweredOnce) {
   ASSERT_EQ(Submit(id, frame), 0);
   ASSERT_TRUE(m_answers.count.WaitFor(3));
   EXPECT_EQ(m_answers.statuses.back(), 0U);
+  EXPECT_NE(m_answers.threads.back(), std::this_thread::get_id());  // on its own thread
   EXPECT_EQ(m_answers.masks.back().size(), 128U * 72U);
   ASSERT_EQ(TavoComputingStopTask(id), 0);  // returns once the last answer is booked
   TavoComputingResourceUsage usage{};
