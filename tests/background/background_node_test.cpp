@@ -191,7 +191,7 @@ TEST_F(BackgroundNodeTest, SwitchingOffReleasesFramesInFlightAndOnAgainReusesThe
   ASSERT_TRUE(m_sink->handled.WaitFor(2));
   ASSERT_TRUE(AllReleased());
   const FakeComputingClient::Record record = m_client.Get();
-  EXPECT_EQ(record.creates, 1);
+  EXPECT_EQ(record.createParams.size(), 1U);
   EXPECT_EQ(record.starts, 2);
   EXPECT_EQ(SeenNumbers(), (std::vector<uint32_t>{5, 6}));
 }
@@ -250,12 +250,12 @@ TEST_F(BackgroundNodeTest, FrameSizeChangeWaitsForFramesInFlight) {
   Send(3, 32, 48);  // portrait now
   m_client.Release(1);
   ASSERT_TRUE(m_sink->handled.WaitFor(1));
-  EXPECT_EQ(m_client.Get().updates, 0);  // frame 2 is still in flight
+  EXPECT_TRUE(m_client.Get().updateParams.empty());  // frame 2 is still in flight
   m_client.Release();
   ASSERT_TRUE(m_client.requests.WaitFor(3));
   ASSERT_TRUE(AllReleased());
   const FakeComputingClient::Record record = m_client.Get();
-  ASSERT_EQ(record.updates, 1);
+  ASSERT_EQ(record.updateParams.size(), 1U);
   EXPECT_EQ(record.answersAtUpdate[0], 2);
   const auto& update = record.updateParams[0];
   EXPECT_EQ(update[3072] | (update[3073] << 8), 32);
@@ -278,7 +278,7 @@ TEST_F(BackgroundNodeTest, StopProcessDestroysTheTaskAndAStartMakesANewOne) {
   ASSERT_EQ(m_node->SetEnable(false), 0U);
   ASSERT_EQ(m_node->SetEnable(true), 0U);
   EXPECT_NE(m_node->GetTaskId(), first);
-  EXPECT_EQ(m_client.Get().creates, 2);
+  EXPECT_EQ(m_client.Get().createParams.size(), 2U);
 }
 
 TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {

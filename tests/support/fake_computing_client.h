@@ -91,9 +91,9 @@ class FakeComputingClient {
   }
 
   struct Record {
-    int creates = 0, destroys = 0, starts = 0, updates = 0;
-    std::vector<std::vector<uint8_t>> createParams;  // the task record bytes
-    std::vector<std::vector<uint8_t>> updateParams;
+    int destroys = 0, starts = 0;
+    std::vector<std::vector<uint8_t>> createParams;  // the task record bytes, per create
+    std::vector<std::vector<uint8_t>> updateParams;  // per update
     std::vector<TavoComputingTaskConfig> configs;
     std::vector<int> answersAtUpdate;  // answers begun when each update came
     std::string clientName;
@@ -127,7 +127,6 @@ class FakeComputingClient {
                         uint32_t* taskId) {
     std::lock_guard<std::mutex> lock(s_current->m_lock);
     Record& r = s_current->m_record;
-    ++r.creates;
     r.createParams.push_back(Bytes(params));
     r.configs.push_back(config);
     s_current->m_frameBytes = size_t{params.width} * params.height * 3;
@@ -179,7 +178,6 @@ class FakeComputingClient {
                               uint32_t) {
     std::lock_guard<std::mutex> lock(s_current->m_lock);
     Record& r = s_current->m_record;
-    ++r.updates;
     r.updateParams.push_back(Bytes(params));
     r.answersAtUpdate.push_back(s_current->m_answersBegun);
     r.configs.push_back(config);
