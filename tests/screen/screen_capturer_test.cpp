@@ -7,11 +7,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
-#include <ostream>
 #include <string>
 
 #include "core/tavo_video_os_seams.h"
@@ -29,40 +27,26 @@ class ScreenCapturerTest : public ScreenTest {};
 
 // ---- pixels -------------------------------------------------------------------------
 
-struct ScaleCase {
-  uint32_t encWidth;
-  uint32_t encHeight;
-};
-
-void PrintTo(const ScaleCase& c, std::ostream* os) { *os << c.encWidth << "x" << c.encHeight; }
-
-class CapturedPixelsTest : public ScreenCapturerTest,
-                           public ::testing::WithParamInterface<ScaleCase> {};
-
-TEST_P(CapturedPixelsTest, EqualLibyuvOfWhatWasDrawn) {
+// Frames equal libyuv's conversion of what was drawn, unscaled, scaled down and up, and at
+// the capture size when no encoder size was given.
+TEST_F(ScreenCapturerTest, CapturedPixelsEqualLibyuvOfWhatWasDrawn) {
   StartServer({{kWidth, kHeight}});
   const auto drawn = PatternPixels(kWidth, kHeight, 11);
   m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 0, GetParam().encWidth, GetParam().encHeight);
-  ASSERT_EQ(capturer->Init(), 0u);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(2));
-  EXPECT_EQ(capturer->StopCapture(), 0u);
-  const uint32_t outWidth = GetParam().encWidth != 0 ? GetParam().encWidth : kWidth;
-  const uint32_t outHeight = GetParam().encHeight != 0 ? GetParam().encHeight : kHeight;
-  EXPECT_EQ(sink.Info(1).width, outWidth);
-  EXPECT_EQ(sink.Info(1).height, outHeight);
-  EXPECT_EQ(sink.Frame(1), OracleI420(drawn, kWidth, kHeight, outWidth, outHeight));
+  for (const auto& [encWidth, encHeight] : {std::pair{kWidth, kHeight}, std::pair{160u, 120u},
+                                            std::pair{480u, 360u}, std::pair{0u, 0u}}) {
+    SCOPED_TRACE(std::to_string(encWidth) + "x" + std::to_string(encHeight));
+    FrameSink sink;
+    auto capturer = MakeCapturer(sink, 0, encWidth, encHeight);
+    ASSERT_EQ(capturer->Init(), 0u);
+    ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+    const uint32_t outWidth = encWidth != 0 ? encWidth : kWidth;
+    const uint32_t outHeight = encHeight != 0 ? encHeight : kHeight;
+    EXPECT_EQ(sink.Info(0).width, outWidth);
+    EXPECT_EQ(sink.Info(0).height, outHeight);
+    EXPECT_EQ(sink.Frame(0), OracleI420(drawn, kWidth, kHeight, outWidth, outHeight));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Sizes, CapturedPixelsTest,
-                         ::testing::Values(ScaleCase{kWidth, kHeight}, ScaleCase{160, 120},
-                                           ScaleCase{480, 360}, ScaleCase{0, 0}),
-                         [](const auto& param) {
-                           return std::to_string(param.param.encWidth) + "x" +
-                                  std::to_string(param.param.encHeight);
-                         });
 
 // ---- monitor choice -----------------------------------------------------------------
 
@@ -107,23 +91,36 @@ TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
               OracleI420(Crop(source, stride, static_cast<uint32_t>(c.grabX), 0, c.width, c.height),
                          c.width, c.height, c.width, c.height));
   }
-}
-
-TEST_F(ScreenCapturerTest, PortNamingNoMonitorFailsAndClosesTheDisplay) {
-  StartServer({{kWidth, kHeight}, {200, 150}});
-  ASSERT_TRUE(m_server->SplitScreen(0, 2));
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 3);
+  // A port that names no monitor fails the start and closes the display; a loop started
+  // anyway refuses every frame.
+  m_displaySystem->SetName(m_server->Name(0));
+  FrameSink none;
+  auto capturer = MakeCapturer(none, 3);
   EXPECT_EQ(capturer->Init(), 1u);
   EXPECT_EQ(m_logs.CountModule("not find the screen[3]!", 1), 1u);
   EXPECT_EQ(m_logs.CountModule("InitWindowImage failed!", 1), 1u);
-  EXPECT_FALSE(capturer->IsInited());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-  // The loop of a capture started anyway keeps running and refuses every frame.
   ASSERT_EQ(capturer->StartCapture(), 0u);
   EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
   EXPECT_EQ(capturer->StopCapture(), 0u);
-  EXPECT_EQ(sink.Count(), 0);
+  EXPECT_EQ(none.Count(), 0);
+
+  // A port change while running moves the capture; to a port naming nothing it stops it,
+  // and the result is 0 all the same.
+  FrameSink sink;
+  capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  EXPECT_EQ(capturer->SetCaptureScreenPort(2), 0u);
+  EXPECT_TRUE(m_logs.HasModule("change screen capture port [0] -> [2]", 3));
+  EXPECT_TRUE(m_logs.HasModule("X11 Capturer[90] reset sucessful!", 3));
+  const int seen = sink.Count();
+  ASSERT_TRUE(sink.WaitFrames(seen + 1));
+  EXPECT_EQ(sink.Frame(static_cast<size_t>(seen)), OracleI420(other, 200, 150, 200, 150));
+  EXPECT_EQ(capturer->SetCaptureScreenPort(7), 0u);
+  EXPECT_TRUE(m_logs.HasModule("ResetCapture failed!", 1));
+  EXPECT_FALSE(capturer->IsStarted());
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 
 TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
@@ -146,10 +143,14 @@ TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
 
 // ---- following the monitor ----------------------------------------------------------
 
-TEST_F(ScreenCapturerTest, AResizedMonitorRefusesFramesWithAPacedLine) {
+// Resized, the monitor's frames are refused with a line every hundred refusals; back to its
+// size it is captured again. Moved, it is followed with one line.
+TEST_F(ScreenCapturerTest, AResizedMonitorIsRefusedAMovedOneFollowed) {
   TraceCapture traces;
   StartServer({{kWidth, kHeight}});
   ASSERT_TRUE(m_server->SplitScreen(0, 2));
+  const auto drawn = PatternPixels(kWidth, kHeight, 5);
+  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 1);
   ASSERT_EQ(capturer->Init(), 0u);
@@ -158,16 +159,15 @@ TEST_F(ScreenCapturerTest, AResizedMonitorRefusesFramesWithAPacedLine) {
   // The server's notice of the change may come a frame later.
   ASSERT_TRUE(WaitUntilTrue([&] { return capturer->ScreenCaptureProcess() == 1; }));
   const int sent = sink.Count();
-  for (int i = 1; i < 100; ++i) {
+  for (int i = 1; i <= 100; ++i) {
     ASSERT_EQ(capturer->ScreenCaptureProcess(), 1u);
   }
   EXPECT_EQ(m_logs.CountModule("wait recreate link! count[0] oldWidth[160] oldHeight[240] "
                                "newWidth[100] newHeight[240]",
                                1),
             1u);
-  EXPECT_EQ(m_logs.CountModule("wait recreate link!"), 1u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);  // the 101st refusal
   EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
+  EXPECT_EQ(m_logs.CountModule("wait recreate link!"), 2u);
   EXPECT_EQ(capturer->GetMonitorChangeCount(), 101u);
   EXPECT_EQ(sink.Count(), sent);
   // The capturer's lines go to trace channel 2, under its module file name.
@@ -178,23 +178,11 @@ TEST_F(ScreenCapturerTest, AResizedMonitorRefusesFramesWithAPacedLine) {
       EXPECT_EQ(record.file, "tavo_video_vlink_screen_capturer_X11.cpp");
     }
   }
-  // Back to its size, frames flow again; the count is never reset.
   ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 160, 0));
   EXPECT_TRUE(WaitUntilTrue([&] { return capturer->ScreenCaptureProcess() == 0; }));
-  EXPECT_GE(capturer->GetMonitorChangeCount(), 101u);
-}
+  EXPECT_GE(capturer->GetMonitorChangeCount(), 101u);  // never reset
 
-TEST_F(ScreenCapturerTest, AMovedMonitorIsFollowed) {
-  StartServer({{kWidth, kHeight}});
-  ASSERT_TRUE(m_server->SplitScreen(0, 2));
-  const auto drawn = PatternPixels(kWidth, kHeight, 5);
-  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 1);
-  ASSERT_EQ(capturer->Init(), 0u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
   ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 100, 0));
-  // The server's notice of the change may come a frame later.
   ASSERT_TRUE(WaitUntilTrue([&] {
     EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
     return capturer->GetGrabX() == 100;
@@ -253,46 +241,45 @@ std::vector<uint32_t> Blend(std::vector<uint32_t> screen, const std::vector<uint
   return screen;
 }
 
-struct CursorCase {
-  const char* name;
-  int x;
-  int y;
-};
-
-void PrintTo(const CursorCase& c, std::ostream* os) { *os << c.name; }
-
-class CursorDrawingTest : public ScreenCapturerTest,
-                          public ::testing::WithParamInterface<CursorCase> {};
-
-TEST_P(CursorDrawingTest, BlendsExactlyAndClipsAtTheEdges) {
+// The cursor is blended exactly and clipped at the edges where it is drawn; clear, hidden
+// or sent apart it is not drawn. Moved as a device moves it: the next frames follow (the
+// server's notice may come a frame later).
+TEST_F(ScreenCapturerTest, CursorIsBlendedExactlyClippedAndOnlyWhereDrawn) {
   StartServer({{kWidth, kHeight}});
   const auto drawn = PatternPixels(kWidth, kHeight, 9);
   m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
   const auto cursor = CursorPixels();
-  m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, cursor);
-  m_server->WarpPointer(0, 160, 120);
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 0, 0, 0, /*hideCursor=*/false);
-  ASSERT_EQ(capturer->Init(), 0u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  // Moved as a device moves it: the next frames follow (the server's notice may come a
-  // frame later).
-  XTestFakeMotionEvent(m_server->Connection(), 0, GetParam().x, GetParam().y, CurrentTime);
-  XSync(m_server->Connection(), False);
-  const auto expected = OracleI420(Blend(drawn, cursor, GetParam().x, GetParam().y), kWidth,
-                                   kHeight, kWidth, kHeight);
-  EXPECT_TRUE(WaitUntilTrue([&] {
-    EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
-    return sink.Frame(static_cast<size_t>(sink.Count() - 1)) == expected;
-  }));
+  struct Case {
+    const char* name;
+    int x, y;
+    bool clear, hide, independent;
+  };
+  for (const Case& c :
+       {Case{"inside", 100, 77, false, false, false}, Case{"topLeft", 2, 1, false, false, false},
+        Case{"bottomRight", 318, 239, false, false, false},
+        Case{"right", 315, 100, false, false, false}, Case{"clear", 50, 50, true, false, false},
+        Case{"hidden", 50, 50, false, true, false},
+        Case{"independent", 50, 50, false, false, true}}) {
+    SCOPED_TRACE(c.name);
+    m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot,
+                            c.clear ? std::vector<uint32_t>(cursor.size(), 0) : cursor);
+    m_server->WarpPointer(0, 160, 120);
+    FrameSink sink;
+    auto capturer = MakeCapturer(sink);
+    ASSERT_EQ(capturer->SetCaptureCursorParams(Cursor(c.hide, c.independent)), 0u);
+    ASSERT_EQ(capturer->Init(), 0u);
+    ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+    XTestFakeMotionEvent(m_server->Connection(), 0, c.x, c.y, CurrentTime);
+    XSync(m_server->Connection(), False);
+    const bool shown = !c.clear && !c.hide && !c.independent;
+    const auto expected = OracleI420(shown ? Blend(drawn, cursor, c.x, c.y) : drawn, kWidth,
+                                     kHeight, kWidth, kHeight);
+    EXPECT_TRUE(WaitUntilTrue([&] {
+      EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
+      return sink.Frame(static_cast<size_t>(sink.Count() - 1)) == expected;
+    }));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Positions, CursorDrawingTest,
-                         ::testing::Values(CursorCase{"inside", 100, 77},
-                                           CursorCase{"topLeft", 2, 1},
-                                           CursorCase{"bottomRight", 318, 239},
-                                           CursorCase{"right", 315, 100}),
-                         [](const auto& param) { return std::string(param.param.name); });
 
 // Frames built from the rows the server reported damaged equal whole grabs, pixel for
 // pixel: windows drawn inside and outside the captured monitor, the pointer moving with
@@ -345,57 +332,6 @@ TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabs) {
   damaged.ReleaseHeld();
 }
 
-TEST_F(ScreenCapturerTest, CursorIsNotDrawnWhenClearHiddenOrIndependent) {
-  StartServer({{kWidth, kHeight}});
-  const auto drawn = PatternPixels(kWidth, kHeight, 13);
-  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
-  m_server->WarpPointer(0, 50, 50);
-  const auto plain = OracleI420(drawn, kWidth, kHeight, kWidth, kHeight);
-  struct Case {
-    const char* name;
-    bool clearCursor;
-    bool hide;
-    bool independent;
-  };
-  for (const Case& c : {Case{"clear", true, false, false}, Case{"hidden", false, true, false},
-                        Case{"independent", false, false, true}}) {
-    SCOPED_TRACE(c.name);
-    m_server->SetRootCursor(
-        0, kCursorSide, kCursorSide, kHot, kHot,
-        c.clearCursor ? std::vector<uint32_t>(kCursorSide * kCursorSide, 0) : CursorPixels());
-    FrameSink sink;
-    auto capturer = MakeCapturer(sink);
-    ASSERT_EQ(capturer->SetCaptureCursorParams(Cursor(c.hide, c.independent)), 0u);
-    ASSERT_EQ(capturer->Init(), 0u);
-    ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-    EXPECT_EQ(sink.Frame(0), plain);
-  }
-}
-
-// ---- pixel layouts ------------------------------------------------------------------
-
-TEST(PixelLayoutTest, KnownLayoutsGiveTheirByteOffsets) {
-  struct Case {
-    uint32_t bits;
-    unsigned long red, green, blue;
-    bool known;
-    std::array<uint32_t, 4> layout;
-  };
-  const Case cases[] = {
-      {24, 0xff0000, 0xff00, 0xff, true, {3, 2, 1, 0}},
-      {32, 0xff00, 0xff0000, 0xff000000, true, {4, 1, 2, 3}},
-      {16, 0xf800, 0x7e0, 0x1f, false, {9, 9, 9, 9}},
-      {24, 0xff0000, 0xff00, 0xfe, false, {9, 9, 9, 9}},
-      {32, 0xff00, 0xff, 0xff0000, false, {9, 9, 9, 9}},
-  };
-  for (const Case& c : cases) {
-    std::array<uint32_t, 4> layout{9, 9, 9, 9};
-    EXPECT_EQ(X11ScreenCapturer::FindPixelLayout(c.bits, c.red, c.green, c.blue, &layout), c.known)
-        << c.bits << " " << std::hex << c.red;
-    EXPECT_EQ(layout, c.layout) << c.bits << " " << std::hex << c.red;
-  }
-}
-
 TEST_F(ScreenCapturerTest, AnUnknownLayoutIsReportedAndNothingIsSent) {
   StartServer({{kWidth, kHeight, 16}});
   m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, CursorPixels());
@@ -422,61 +358,42 @@ TEST(CapturePacerTest, CarriesTheRemainderAsOneNanosecond) {
     EXPECT_EQ(pacer.Deadline(), 1000000000ULL + frame * 33333333ULL + expected[frame - 1])
         << "frame " << frame;
   }
-  CapturePacer fixed(X11ScreenCapturer::kOrdinaryPeriodNs, 30, 5000000000ULL);
-  for (int frame = 0; frame < 3; ++frame) {
-    fixed.Advance();
-  }
-  EXPECT_EQ(fixed.Deadline(), 5000000000ULL + 3 * 50000000ULL + 1);
 }
 
-struct PeriodCase {
-  const char* cpu;
-  uint32_t fps;
-  uint64_t periodUs;
-};
-
-void PrintTo(const PeriodCase& c, std::ostream* os) { *os << c.cpu << " " << c.fps << " fps"; }
-
-class CapturePeriodTest : public ScreenCapturerTest,
-                          public ::testing::WithParamInterface<PeriodCase> {};
-
-TEST_P(CapturePeriodTest, FramesComeAtThePeriodOverManyFrames) {
-  OsPlatformSetIdentity(GetParam().cpu, "Debian");
+// Soren processors take the asked rate, others a fixed 20 a second whatever was asked.
+TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
   StartServer({{64, 48}});
-  StepClock clock;
-  ScopedSeamOverride<Clock> clockSeam(clock);
-  FrameSink sink;
-  auto capturer = std::make_unique<X11ScreenCapturer>(90);
-  ASSERT_EQ(capturer->SetCaptureParams(Params(64, 48, GetParam().fps)), 0u);
-  ASSERT_EQ(capturer->SetSendFrameCallback(sink.Callback()), 0u);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  constexpr int kFrames = 31;
-  ASSERT_TRUE(sink.WaitFrames(kFrames));
-  capturer->StopCapture();
-  const auto times = sink.TimesUs();
-  // Ticks of the clock are whole milliseconds: each frame comes at the first tick at or
-  // after its deadline, so 30 periods span 30 x period to within a millisecond.
-  const uint64_t span = times[kFrames - 1] - times[0];
-  EXPECT_GE(span, 30 * GetParam().periodUs);
-  EXPECT_LE(span, 30 * GetParam().periodUs + 1000);
-  for (int i = 1; i < kFrames; ++i) {
-    EXPECT_LE(times[i] - times[i - 1], GetParam().periodUs + 1000) << i;
+  struct Case {
+    const char* cpu;
+    uint32_t fps;
+    uint64_t periodUs;
+  };
+  for (const Case& c :
+       {Case{"Intel(R) Core(TM)", 30, 50000}, Case{"Intel", 5, 50000}, Case{"Soren 7A", 30, 33333},
+        Case{"Soren 8C", 25, 40000}, Case{"Soren 7A", 60, 16666}}) {
+    SCOPED_TRACE(std::string(c.cpu) + " " + std::to_string(c.fps));
+    OsPlatformSetIdentity(c.cpu, "Debian");
+    StepClock clock;
+    ScopedSeamOverride<Clock> clockSeam(clock);
+    FrameSink sink;
+    X11ScreenCapturer capturer(90);
+    ASSERT_EQ(capturer.SetCaptureParams(Params(64, 48, c.fps)), 0u);
+    ASSERT_EQ(capturer.SetSendFrameCallback(sink.Callback()), 0u);
+    ASSERT_EQ(capturer.StartCapture(), 0u);
+    constexpr int kFrames = 31;
+    ASSERT_TRUE(sink.WaitFrames(kFrames));
+    capturer.StopCapture();
+    const auto times = sink.TimesUs();
+    // Ticks of the clock are whole milliseconds: each frame comes at the first tick at or
+    // after its deadline, so 30 periods span 30 x period to within a millisecond.
+    const uint64_t span = times[kFrames - 1] - times[0];
+    EXPECT_GE(span, 30 * c.periodUs);
+    EXPECT_LE(span, 30 * c.periodUs + 1000);
+    for (int i = 1; i < kFrames; ++i) {
+      EXPECT_LE(times[i] - times[i - 1], c.periodUs + 1000) << i;
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Processors, CapturePeriodTest,
-    ::testing::Values(PeriodCase{"Intel(R) Core(TM)", 30, 50000}, PeriodCase{"Intel", 60, 50000},
-                      PeriodCase{"Intel", 5, 50000}, PeriodCase{"Soren 7A", 30, 33333},
-                      PeriodCase{"Soren 8C", 25, 40000}, PeriodCase{"Soren 7A", 60, 16666}),
-    [](const auto& param) {
-      std::string name =
-          std::string(param.param.cpu).substr(0, 5) + "_fps" + std::to_string(param.param.fps);
-      for (char& c : name) {
-        if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-      }
-      return name;
-    });
 
 // ---- output buffers -----------------------------------------------------------------
 
@@ -526,35 +443,15 @@ TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
   EXPECT_EQ(PackI420(*kept[0].Get()).size(), 160u * 120u * 3u / 2u);
 }
 
-TEST_F(ScreenCapturerTest, AllFiveBuffersHeldDownstreamDropFramesUntilOneReturns) {
-  StartServer({{kWidth, kHeight}});
-  StepClock clock;
-  ScopedSeamOverride<Clock> clockSeam(clock);
-  FrameSink sink;
-  sink.holdFrames = true;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(5));
-  ASSERT_TRUE(WaitUntilTrue([&] { return m_logs.HasModule("no available buffer!", 1); }));
-  EXPECT_EQ(sink.Count(), 5);
-  sink.ReleaseHeld();
-  ASSERT_TRUE(sink.WaitFrames(10));
-  capturer->StopCapture();
-  sink.ReleaseHeld();
-}
-
 TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
   StartServer({{kWidth, kHeight}});
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 160, 120);
   ASSERT_EQ(capturer->Init(), 0u);
   EXPECT_EQ(capturer->SetEncodeResolution(100000, 100000), 0u);
-  EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 1u);
   EXPECT_EQ(capturer->SetEncodeResolution(0, 0), 0u);
   EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 2u);
-  const size_t resets = m_logs.CountModule("ResetScaleSize size");
   EXPECT_EQ(capturer->SetEncodeResolution(160, 120), 0u);  // unchanged: nothing replaced
-  EXPECT_EQ(m_logs.CountModule("ResetScaleSize size"), resets);
   EXPECT_EQ(capturer->GetUnusedBufferCount(), 0u);
   ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
   EXPECT_EQ(sink.Info(0).width, 160u);
@@ -569,31 +466,13 @@ TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
     EXPECT_EQ(capturer->SetEncodeResolution(i % 2 == 0 ? 160 : 96, 64), 0u);
   }
   EXPECT_EQ(capturer->GetUnusedBufferCount(), 10u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  EXPECT_EQ(sink.Info(2).width, 96u);
 }
 
 // ---- shared memory ------------------------------------------------------------------
 
-TEST_F(ScreenCapturerTest, StopStartAndDestroyLeaveNoSegmentBehind) {
-  StartServer({{kWidth, kHeight}});
-  const size_t before = CountOwnShmSegments();
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  EXPECT_EQ(CountOwnShmSegments(), before + 1);
-  ASSERT_TRUE(sink.WaitFrames(1));
-  capturer->StopCapture();
-  EXPECT_EQ(CountOwnShmSegments(), before);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(2));
-  EXPECT_EQ(CountOwnShmSegments(), before + 1);
-  capturer.reset();
-  EXPECT_EQ(CountOwnShmSegments(), before);
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-}
-
-TEST_F(ScreenCapturerTest, SharedMemoryThatCannotBeHadFailsInitCleanly) {
+// A segment lives while the capture runs, goes at every stop and destruction, and one got
+// before a failing attach is given back.
+TEST_F(ScreenCapturerTest, SharedMemoryIsGivenBackOnEveryPath) {
   StartServer({{kWidth, kHeight}});
   FakeSharedMemory memory;
   ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
@@ -608,12 +487,23 @@ TEST_F(ScreenCapturerTest, SharedMemoryThatCannotBeHadFailsInitCleanly) {
   memory.attachError = EACCES;
   EXPECT_EQ(capturer->Init(), 1u);
   EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
-  EXPECT_EQ(memory.removes.load(), 1);  // the segment got is given back
+  EXPECT_EQ(memory.removes.load(), 1);
   EXPECT_EQ(CountOwnShmSegments(), before);
   EXPECT_FALSE(capturer->IsInited());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
   memory.attachError = 0;
-  EXPECT_EQ(capturer->Init(), 0u);  // and a later try works
+  for (int run = 1; run <= 2; ++run) {
+    ASSERT_EQ(capturer->StartCapture(), 0u);
+    EXPECT_EQ(CountOwnShmSegments(), before + 1);
+    ASSERT_TRUE(sink.WaitFrames(run));
+    if (run == 1) {
+      capturer->StopCapture();
+      EXPECT_EQ(CountOwnShmSegments(), before);
+    }
+  }
+  capturer.reset();
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 
 // ---- bad input and failures ---------------------------------------------------------
@@ -671,13 +561,11 @@ TEST_F(ScreenCapturerTest, ARefusingSinkIsReportedAndTheLoopGoesOn) {
   sink.answer = 5;
   auto capturer = MakeCapturer(sink);
   ASSERT_EQ(capturer->Init(), 0u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  // Frame after frame, past the five buffers: every refused one came back.
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  }
   EXPECT_TRUE(m_logs.HasModule("SendFrame to Encoder failed!", 1));
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);  // and the buffer came back
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
   EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
 }
 
@@ -765,29 +653,6 @@ TEST_F(ScreenCapturerTest, AStopOnAServerThatStoppedAnsweringEndsAndLetsGo) {
   ASSERT_EQ(capturer->StartCapture(), 0u);
   ASSERT_TRUE(sink.WaitFrames(seen + 2));
   EXPECT_EQ(capturer->StopCapture(), 0u);
-}
-
-// ---- ports while running ------------------------------------------------------------
-
-TEST_F(ScreenCapturerTest, APortChangeWhileRunningMovesTheCapture) {
-  StartServer({{kWidth, kHeight}, {200, 150}});
-  const auto other = PatternPixels(200, 150, 21);
-  m_server->PutPixels(1, 0, 0, 200, 150, other);
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(1));
-  EXPECT_EQ(capturer->SetCaptureScreenPort(1), 0u);
-  EXPECT_TRUE(m_logs.HasModule("change screen capture port [0] -> [1]", 3));
-  EXPECT_TRUE(m_logs.HasModule("X11 Capturer[90] reset sucessful!", 3));
-  const int seen = sink.Count();
-  ASSERT_TRUE(sink.WaitFrames(seen + 1));
-  EXPECT_EQ(sink.Frame(static_cast<size_t>(seen)), OracleI420(other, 200, 150, 200, 150));
-  // A port that names nothing: the reset fails, the result is still 0.
-  EXPECT_EQ(capturer->SetCaptureScreenPort(7), 0u);
-  EXPECT_TRUE(m_logs.HasModule("ResetCapture failed!", 1));
-  EXPECT_FALSE(capturer->IsStarted());
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 
 }  // namespace
