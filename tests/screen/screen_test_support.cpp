@@ -15,46 +15,6 @@
 
 #include "core/tavo_video_os_seams.h"
 
-namespace {
-std::mutex g_traceLock;                                  // guards g_traces and g_traceActive
-std::vector<std::pair<uint32_t, std::string>> g_traces;  // (channel, text)
-bool g_traceActive = false;
-}  // namespace
-
-TraceCapture::TraceCapture() {
-  {
-    std::lock_guard<std::mutex> lock(g_traceLock);
-    g_traces.clear();
-    g_traceActive = true;
-  }
-  OS_VLink_Debug_TraceRegister(0, &TraceCapture::Receive<0>);
-  OS_VLink_Debug_TraceRegister(1, &TraceCapture::Receive<1>);
-  OS_VLink_Debug_TraceRegister(2, &TraceCapture::Receive<2>);
-  OS_VLink_Debug_SetTraceLevel(4);
-}
-
-TraceCapture::~TraceCapture() {
-  OS_VLink_Debug_SetTraceLevel(0);
-  std::lock_guard<std::mutex> lock(g_traceLock);
-  g_traceActive = false;
-  g_traces.clear();
-}
-
-void TraceCapture::Store(uint32_t channel, const char* text) {
-  std::lock_guard<std::mutex> lock(g_traceLock);
-  if (g_traceActive) {
-    g_traces.emplace_back(channel, text);
-  }
-}
-
-size_t TraceCapture::Count(const std::string& text, int channel) {
-  std::lock_guard<std::mutex> lock(g_traceLock);
-  return static_cast<size_t>(std::count_if(g_traces.begin(), g_traces.end(), [&](const auto& t) {
-    return (channel < 0 || t.first == static_cast<uint32_t>(channel)) &&
-           t.second.find(text) != std::string::npos;
-  }));
-}
-
 std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame) {
   const OsvGraphicBufferInfo info = frame.GetImageInfo();
   std::vector<uint8_t> out;
