@@ -210,10 +210,6 @@ void FreezableXProxy::Pump() {
   }
 }
 
-int32_t AcceptCursor(VlinkCursorSendData* /*data*/, uint32_t /*length*/, uint32_t /*userData*/) {
-  return 0;
-}
-
 void ScreenTest::StartServer(const std::vector<XvfbScreen>& screens, int defaultScreen) {
   m_server = std::make_unique<XvfbServer>(screens);
   ASSERT_TRUE(m_server->Ok()) << m_server->Error();
@@ -237,7 +233,7 @@ VlinkCursorParams ScreenTest::Cursor(bool hide, bool independent, uint32_t frame
   params.independent = independent ? 1 : 0;
   params.framerate = framerate;
   params.shape = 7;
-  params.cursorCallback = &AcceptCursor;
+  params.cursorCallback = [](VlinkCursorSendData*, uint32_t, uint32_t) { return int32_t{0}; };
   return params;
 }
 

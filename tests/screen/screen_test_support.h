@@ -90,8 +90,6 @@ class FreezableXProxy {
   std::thread m_thread;
 };
 
-int32_t AcceptCursor(VlinkCursorSendData* data, uint32_t length, uint32_t userData);
-
 // A private X server with the display seam pointed at it.
 class ScreenTest : public ::testing::Test {
  protected:
