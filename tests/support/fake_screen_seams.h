@@ -90,7 +90,7 @@ class FakeHostShmQueue final : public HostShmQueue {
       return nullptr;
     }
     std::lock_guard<std::mutex> lock(m_lock);
-    m_hidden[buffer] = {buffer->mem, buffer->capacity, buffer->queueId};
+    m_hidden[buffer] = *buffer;
     buffer->capacity = 0;
     buffer->queueId = 0;
     if (nullMemory) {
@@ -119,11 +119,6 @@ class FakeHostShmQueue final : public HostShmQueue {
   std::atomic<int> frees{0};
 
  private:
-  struct Hidden {
-    void* mem;
-    uint32_t capacity;
-    uint32_t queueId;
-  };
   void Restore(OsShmAdvancedBuffer* buffer) {
     std::lock_guard<std::mutex> lock(m_lock);
     auto it = m_hidden.find(buffer);
@@ -135,6 +130,6 @@ class FakeHostShmQueue final : public HostShmQueue {
     buffer->queueId = it->second.queueId;
     m_hidden.erase(it);
   }
-  std::mutex m_lock;  // guards m_hidden
-  std::map<OsShmAdvancedBuffer*, Hidden> m_hidden;
+  std::mutex m_lock;                                             // guards m_hidden
+  std::map<OsShmAdvancedBuffer*, OsShmAdvancedBuffer> m_hidden;  // as handed out
 };
