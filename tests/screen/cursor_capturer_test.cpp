@@ -207,7 +207,7 @@ TEST_F(CursorCapturerTest, ARateChangeIsPickedUpAFlipRestartsTheBlanking) {
   EXPECT_NEAR(static_cast<double>(t[before - 1] - t[before - 9]) / 8, 500000, 1000);
 }
 
-TEST_F(CursorCapturerTest, BadParametersAreRefusedAndTheOldOnesStay) {
+TEST_F(CursorCapturerTest, BadParametersAreRefusedAndFailedSamplesLoggedPaced) {
   ASSERT_EQ(m_capturer.SetCaptureParams(Independent(60)), 0u);
   EXPECT_EQ(m_capturer.SetCaptureParams(Independent(61)), 1u);
   EXPECT_TRUE(m_logs.HasModule("Invalid framerate [61]", 1));
@@ -225,9 +225,8 @@ TEST_F(CursorCapturerTest, BadParametersAreRefusedAndTheOldOnesStay) {
   EXPECT_EQ(m_logs.CountModule("invalid width["), 2u);
   EXPECT_EQ(m_capturer.SetEncodeResolution(3840, 2160), 0u);
   EXPECT_EQ(m_logs.CountModule("invalid width["), 2u);
-}
 
-TEST_F(CursorCapturerTest, FailedSamplesAreLoggedPacedAndTheLoopGoesOn) {
+  // Failed samples are logged paced and the loop goes on.
   ASSERT_EQ(m_capturer.SetCaptureParams(Independent(60)), 0u);
   const uint64_t start = m_clock.NowUs();
   ASSERT_EQ(m_capturer.StartCapture(), 0u);  // no display yet

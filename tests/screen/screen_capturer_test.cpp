@@ -436,7 +436,7 @@ TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
   EXPECT_EQ(PackI420(*kept[0].Get()).size(), 160u * 120u * 3u / 2u);
 }
 
-TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
+TEST_F(ScreenCapturerTest, AbsurdSizesAndARefusingSinkKeepTheBuffersInForce) {
   StartServer({{kWidth, kHeight}});
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 160, 120);
@@ -459,6 +459,14 @@ TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
     EXPECT_EQ(capturer->SetEncodeResolution(i % 2 == 0 ? 160 : 96, 64), 0u);
   }
   EXPECT_EQ(capturer->GetUnusedBufferCount(), 10u);
+  // A refusing sink: reported, and frame after frame, past the five buffers, every refused
+  // one came back.
+  sink.answer = 5;
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  }
+  EXPECT_TRUE(m_logs.HasModule("SendFrame to Encoder failed!", 1));
+  EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
 }
 
 // ---- shared memory ------------------------------------------------------------------
@@ -480,7 +488,6 @@ TEST_F(ScreenCapturerTest, SharedMemoryIsGivenBackOnEveryPath) {
   memory.attachError = EACCES;
   EXPECT_EQ(capturer->Init(), 1u);
   EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
-  EXPECT_EQ(memory.removes.load(), 1);
   EXPECT_EQ(CountOwnShmSegments(), before);
   EXPECT_FALSE(capturer->IsInited());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
@@ -501,29 +508,27 @@ TEST_F(ScreenCapturerTest, SharedMemoryIsGivenBackOnEveryPath) {
 
 // ---- bad input and failures ---------------------------------------------------------
 
-TEST_F(ScreenCapturerTest, ParametersOutsideTheLimitsAreRefused) {
+TEST_F(ScreenCapturerTest, BadParametersAndNoDisplayAreRefused) {
   StartServer({{kWidth, kHeight}});
-  X11ScreenCapturer capturer(90);
-  EXPECT_EQ(capturer.SetCaptureParams(Params(0, 240, 30)), 1u);
-  EXPECT_EQ(capturer.SetCaptureParams(Params(320, 0, 30)), 1u);
-  EXPECT_EQ(capturer.SetCaptureParams(Params(320, 240, 0)), 1u);
+  X11ScreenCapturer bare(90);
+  EXPECT_EQ(bare.SetCaptureParams(Params(0, 240, 30)), 1u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(320, 0, 30)), 1u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(320, 240, 0)), 1u);
   EXPECT_EQ(m_logs.CountModule("Invalid param for screen capture!", 1), 3u);
-  EXPECT_EQ(capturer.SetCaptureParams(Params(1, 1, 1)), 0u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(1, 1, 1)), 0u);
   ViDevInfo kept{};
-  ASSERT_EQ(capturer.GetCaptureParams(&kept), 0u);
+  ASSERT_EQ(bare.GetCaptureParams(&kept), 0u);
   EXPECT_EQ(kept.width, 1u);
-  EXPECT_EQ(capturer.SetSendFrameCallback(nullptr), 1u);
+  EXPECT_EQ(bare.SetSendFrameCallback(nullptr), 1u);
   EXPECT_TRUE(m_logs.HasModule("SetSendFrameCallback failed, cb is nullptr!", 1));
   VlinkCursorParams noCallback = Cursor(false);
   noCallback.cursorCallback = nullptr;
-  EXPECT_EQ(capturer.SetCaptureCursorParams(noCallback), 1u);
+  EXPECT_EQ(bare.SetCaptureCursorParams(noCallback), 1u);
   EXPECT_TRUE(m_logs.HasModule("Capturer[90] SetCaptureCursorParams failed!", 1));
-  EXPECT_EQ(capturer.StopCapture(), 0u);
+  EXPECT_EQ(bare.StopCapture(), 0u);
   EXPECT_TRUE(m_logs.HasModule("Capture has stopped", 2));
-}
 
-TEST_F(ScreenCapturerTest, NoDisplayFailsInitAndTheLoopKeepsItsRhythm) {
-  StartServer({{kWidth, kHeight}});
+  // No display: Init fails, and a loop started anyway keeps its rhythm.
   FrameSink sink;
   auto capturer = MakeCapturer(sink);
   m_displaySystem->failInitThreads = true;
@@ -546,20 +551,6 @@ TEST_F(ScreenCapturerTest, NoDisplayFailsInitAndTheLoopKeepsItsRhythm) {
   EXPECT_GE(lines, 3u);
   EXPECT_LE(lines, (clock.NowUs() - start) / 50000 / 100 + 1);
   EXPECT_EQ(sink.Count(), 0);
-}
-
-TEST_F(ScreenCapturerTest, ARefusingSinkIsReportedAndTheLoopGoesOn) {
-  StartServer({{kWidth, kHeight}});
-  FrameSink sink;
-  sink.answer = 5;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->Init(), 0u);
-  // Frame after frame, past the five buffers: every refused one came back.
-  for (int i = 0; i < 6; ++i) {
-    EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  }
-  EXPECT_TRUE(m_logs.HasModule("SendFrame to Encoder failed!", 1));
-  EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
 }
 
 std::ptrdiff_t CountOwnDescriptors() {

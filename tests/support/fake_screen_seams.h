@@ -66,14 +66,10 @@ class FakeSharedMemory final : public SharedMemorySystem {
     return SharedMemorySystem::Real().Attach(id);
   }
   int Detach(const void* address) override { return SharedMemorySystem::Real().Detach(address); }
-  int Remove(int id) override {
-    ++removes;
-    return SharedMemorySystem::Real().Remove(id);
-  }
+  int Remove(int id) override { return SharedMemorySystem::Real().Remove(id); }
 
   std::atomic<int> getError{0};     // e.g. ENOSPC, EACCES
   std::atomic<int> attachError{0};  // e.g. ENOMEM, EACCES
-  std::atomic<int> removes{0};
 };
 
 // Hands out handles as the platform's queue does: only their first two fields (memory, used
