@@ -93,14 +93,11 @@ TEST_F(HostInterfaceTest, TraceControlsAndContainersWorkThroughTheExports) {
   EXPECT_EQ(init(0, 0, [] {}), 0U);
   EXPECT_TRUE(logs.HasModule("TavoVideoVlinkInit OK", 3));
 
+  // Refused values are the trace's own tests; here the exported codes and the level the
+  // host reads.
   EXPECT_EQ(registerTrace(0, RememberTrace), 0U);
   EXPECT_EQ(registerTrace(3, RememberTrace), 0xFFFFFFFFU);
-  EXPECT_TRUE(logs.HasModule("VLink_Debug_TraceRegister failed! type[3].", 1));
-  EXPECT_EQ(setLevel(3), 0U);
-  EXPECT_EQ(*level, 3);
   EXPECT_EQ(setLevel(5), 0xFFFFFFFFU);
-  EXPECT_EQ(*level, 3);
-  EXPECT_TRUE(logs.HasModule("VLink_Debug_SetTraceLevel failed!", 1));
   EXPECT_EQ(setLevel(0x104), 0U);  // only the low 8 bits count
   EXPECT_EQ(*level, 4);
 

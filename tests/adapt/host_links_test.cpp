@@ -95,10 +95,6 @@ TEST_F(HostLinksTest, BadRecordsIdsAndCallOrderAreRefused) {
   EXPECT_EQ(host.Destroy(kEnc, 999), 0U);                     // unknown ids are ignored
   EXPECT_EQ(host.entries().releaseEnc(nullptr), 1U);
   EXPECT_EQ(logs.CountModule("data is nullptr", 1), 1U);
-  VencOutFrame foreign{};  // never issued by the library: refused, nothing freed
-  foreign.imgNo = 8;
-  EXPECT_EQ(host.entries().releaseEnc(&foreign), 1U);
-  EXPECT_EQ(host.entries().releaseEnc(&foreign), 1U);
 
   // Decoded frames before the bind, to no decoder, or null: the host keeps them.
   HostParam decoder = FakeHost::DecoderParam(150);

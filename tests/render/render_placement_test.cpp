@@ -75,6 +75,9 @@ TEST(RenderPlacementLimitsTest, HugeCropSaturatesTheSize) {
             0U);
   EXPECT_EQ(rect.width, INT32_MAX);
   EXPECT_EQ(rect.height, INT32_MAX);
+  // Exactly 2^31 is one past the largest int as well.
+  EXPECT_EQ(RenderGetRenderPos({2147483648U, 1, 1, 1}, rect, PELV_ASPECT_IMAGE_SIZE), 0U);
+  EXPECT_EQ(rect.width, INT32_MAX);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/tavo_video_os_seams.h"
@@ -15,13 +16,24 @@
 // Time stands still until the test advances it. Waits on the clock end when their
 // condition holds or virtual time has passed their deadline; WaitForWaiters lets a test
 // advance only once a thread is known to be waiting.
+// A stepping clock instead moves only when a thread waits or sleeps on it: a wait of N ms
+// advances it by N ms and returns at once (sooner when its condition holds), so a loop paced
+// on the clock runs its exact schedule as fast as the machine allows. Every waiter moves the
+// shared time: meant for one pacing thread at a time.
 class FakeClock final : public Clock {
  public:
+  enum Mode { kStill, kStepping };
+  explicit FakeClock(Mode mode = kStill) : m_stepping(mode == kStepping) {}
+
   uint64_t NowUs() override {
     std::lock_guard<std::mutex> lock(m_lock);
     return m_nowUs;
   }
   void SleepMs(uint32_t milliseconds) override {
+    if (m_stepping) {
+      AdvanceMs(milliseconds);
+      return;
+    }
     std::unique_lock<std::mutex> lock(m_lock);
     const uint64_t deadline = m_nowUs + milliseconds * 1000ULL;
     ++m_waiters;
@@ -31,6 +43,16 @@ class FakeClock final : public Clock {
   }
   bool WaitFor(std::unique_lock<std::mutex>& lock, std::condition_variable& signal,
                uint32_t milliseconds, const std::function<bool()>& done) override {
+    if (m_stepping) {
+      if (done && done()) {
+        return true;
+      }
+      lock.unlock();  // others get at the lock, as during a real wait
+      std::this_thread::yield();
+      AdvanceMs(milliseconds);
+      lock.lock();
+      return done && done();
+    }
     const uint64_t deadline = NowUs() + milliseconds * 1000ULL;
     Announce(+1);
     // The caller's signal is notified by whoever changes its condition; virtual time is
@@ -78,9 +100,10 @@ class FakeClock final : public Clock {
     m_changed.notify_all();
   }
 
+  const bool m_stepping;
   std::mutex m_lock;  // guards m_nowUs and m_waiters
   std::condition_variable m_changed;
-  uint64_t m_nowUs = 1000000;
+  uint64_t m_nowUs = 1000000000;
   int m_waiters = 0;
   uint64_t m_waitsEnded = 0;
 };
