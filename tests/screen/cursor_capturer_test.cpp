@@ -9,7 +9,6 @@
 #include "screen/tavo_video_vlink_cursor_capturer.h"
 #include "tests/screen/screen_test_support.h"
 #include "tests/support/fake_os.h"
-#include "tests/support/step_clock.h"
 
 namespace {
 
@@ -74,7 +73,7 @@ class CursorCapturerTest : public ScreenTest {
   }
 
   CursorRecords m_records;
-  StepClock m_clock;
+  FakeClock m_clock{FakeClock::kStepping};
   ScopedSeamOverride<Clock> m_clockSeam{m_clock};
   Display* m_display = nullptr;
   CursorCapturer m_capturer;

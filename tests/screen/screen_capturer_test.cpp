@@ -13,7 +13,7 @@
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
 #include "tests/screen/screen_test_support.h"
-#include "tests/support/step_clock.h"
+#include "tests/support/fake_os.h"
 
 namespace {
 
@@ -367,7 +367,7 @@ TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
         Case{"Soren 8C", 25, 40000}, Case{"Soren 7A", 60, 16666}}) {
     SCOPED_TRACE(std::string(c.cpu) + " " + std::to_string(c.fps));
     OsPlatformSetIdentity(c.cpu, "Debian");
-    StepClock clock;
+    FakeClock clock(FakeClock::kStepping);
     ScopedSeamOverride<Clock> clockSeam(clock);
     FrameSink sink;
     X11ScreenCapturer capturer(90);
@@ -393,7 +393,7 @@ TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
 
 TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
   StartServer({{kWidth, kHeight}});
-  StepClock clock;
+  FakeClock clock(FakeClock::kStepping);
   ScopedSeamOverride<Clock> clockSeam(clock);
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 160, 120);
@@ -538,7 +538,7 @@ TEST_F(ScreenCapturerTest, BadParametersAndNoDisplayAreRefused) {
   m_displaySystem->refuseOpen = true;
   EXPECT_EQ(capturer->Init(), 1u);
   EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
-  StepClock clock;
+  FakeClock clock(FakeClock::kStepping);
   ScopedSeamOverride<Clock> clockSeam(clock);
   const uint64_t start = clock.NowUs();
   ASSERT_EQ(capturer->StartCapture(), 0u);
