@@ -190,5 +190,5 @@ F = [
  ("screen-first-imgno", "screen", "screen/tavo_video_vlink_screen_capture_node.cpp",
   "    if (param.imgNo < kFirstScreenImgNo) {", "    if (param.imgNo <= kFirstScreenImgNo) {",
   "off-by-one: screen 90 (port 0) refused at start",
-  [("screen_test", "*"), ("screen_link_test", "*")]),
+  [("screen_node_test", "*"), ("screen_link_test", "*")]),
 ]
