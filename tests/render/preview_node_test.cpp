@@ -54,12 +54,20 @@ class PreviewNodeTest : public ::testing::Test {
     m_preview = std::make_shared<VideoPreviewNode>(40);
   }
   void TearDown() override {
+    for (const auto& frame : m_frames) {
+      EXPECT_TRUE(frame->IsAvailable()) << "a frame was not given back";
+    }
     Unlink(m_source, m_preview);
     m_preview->StopProcess();
     VideoPreviewNode::SetWinReportCb(nullptr);
     g_screen = nullptr;
   }
 
+  void Start(const tagTavoVideoVoChnParam& param) {
+    ASSERT_EQ(m_preview->SetParam(param), 0U);
+    Link(m_source, m_preview);
+    ASSERT_EQ(m_preview->StartProcess(), 0U);
+  }
   // Sends one frame of each image number and waits until the preview handled them.
   void Send(std::initializer_list<uint32_t> imgNos) {
     for (uint32_t imgNo : imgNos) {
@@ -78,19 +86,15 @@ class PreviewNodeTest : public ::testing::Test {
 };
 
 TEST_F(PreviewNodeTest, WindowsShowTheirImageAndReportTheirFirstFrame) {
-  ASSERT_EQ(m_preview->SetParam(Windows(
-                {{0x1001, 150}, {0x1002, 150}, {0x1003, 177}, {0x1004, 178}, {0x1005, 149}})),
-            0U);
-  Link(m_source, m_preview);
-  ASSERT_EQ(m_preview->StartProcess(), 0U);
+  Start(Windows({{0x1001, 150}, {0x1002, 150}, {0x1003, 177}, {0x1004, 178}, {0x1005, 149}}));
   EXPECT_EQ(m_preview->GetWindowCount(), 5U);
   Send({150, 150, 177, 178, 149, 12});  // 12 matches no window: dropped quietly
 
   std::lock_guard<std::mutex> lock(m_screen.lock);
-  EXPECT_EQ(m_screen.framesByWindow[0x1001], 2);  // two windows share image 150
-  EXPECT_EQ(m_screen.framesByWindow[0x1002], 2);
-  EXPECT_EQ(m_screen.framesByWindow[0x1003], 1);
-  EXPECT_EQ(m_screen.framesByWindow[0x1004], 1);
+  // Two windows share image 150.
+  EXPECT_EQ(
+      m_screen.framesByWindow,
+      (std::map<uint32_t, int>{{0x1001, 2}, {0x1002, 2}, {0x1003, 1}, {0x1004, 1}, {0x1005, 1}}));
   // Only 150..177 are reported, once per window, as ports 62..89.
   ASSERT_EQ(m_screen.reports.size(), 3U);
   std::map<uint32_t, uint32_t> portByWindow;
@@ -98,27 +102,17 @@ TEST_F(PreviewNodeTest, WindowsShowTheirImageAndReportTheirFirstFrame) {
     EXPECT_EQ(report.firstFrameFlag, 1);
     portByWindow[report.winId] = report.viPort;
   }
-  EXPECT_EQ(portByWindow[0x1001], 62U);
-  EXPECT_EQ(portByWindow[0x1002], 62U);
-  EXPECT_EQ(portByWindow[0x1003], 89U);
-  for (const auto& frame : m_frames) {
-    EXPECT_TRUE(frame->IsAvailable());
-  }
+  EXPECT_EQ(portByWindow, (std::map<uint32_t, uint32_t>{{0x1001, 62}, {0x1002, 62}, {0x1003, 89}}));
 }
 
 TEST_F(PreviewNodeTest, UpdateAddsAndRemovesWindows) {
-  LogCapture logs;
-  ASSERT_EQ(m_preview->SetParam(Windows({{0xA, 160}, {0xB, 160}})), 0U);
-  Link(m_source, m_preview);
-  ASSERT_EQ(m_preview->StartProcess(), 0U);
+  Start(Windows({{0xA, 160}, {0xB, 160}}));
   Send({160});
   ASSERT_EQ(m_preview->UpdateParam(Windows({{0xA, 160}, {0xC, 160}})), 0U);
   EXPECT_EQ(m_preview->GetWindowCount(), 2U);
   Send({160});
   std::lock_guard<std::mutex> lock(m_screen.lock);
-  EXPECT_EQ(m_screen.framesByWindow[0xA], 2);
-  EXPECT_EQ(m_screen.framesByWindow[0xB], 1);
-  EXPECT_EQ(m_screen.framesByWindow[0xC], 1);
+  EXPECT_EQ(m_screen.framesByWindow, (std::map<uint32_t, int>{{0xA, 2}, {0xB, 1}, {0xC, 1}}));
   // The window that stayed keeps its count: no second report for it.
   EXPECT_EQ(m_screen.reports.size(), 3U);
 }
@@ -132,9 +126,7 @@ TEST_F(PreviewNodeTest, BadRecordsAndTextsAreRefused) {
   EXPECT_TRUE(logs.HasModule("[VO_40] invalid winNum[41]!", 1));
 
   // A watermark of 256 characters does not fit: the window keeps rendering without it.
-  ASSERT_EQ(m_preview->SetParam(Windows({{0xF, 30}})), 0U);
-  Link(m_source, m_preview);
-  ASSERT_EQ(m_preview->StartProcess(), 0U);
+  Start(Windows({{0xF, 30}}));
   m_preview->SetWaterMarkParam(30, true, std::string(256, 'w'));
   m_preview->SetWaterMarkParam(30, true, std::string(255, 'w'));
   EXPECT_EQ(logs.CountModule("[VO_40] strcpy_s failed, ret[", 1), 1U);
@@ -143,16 +135,11 @@ TEST_F(PreviewNodeTest, BadRecordsAndTextsAreRefused) {
 }
 
 TEST_F(PreviewNodeTest, StoppedWindowDropsFrames) {
-  ASSERT_EQ(m_preview->SetParam(Windows({{0xD, 20}})), 0U);
-  Link(m_source, m_preview);
-  ASSERT_EQ(m_preview->StartProcess(), 0U);
+  Start(Windows({{0xD, 20}}));
   EXPECT_EQ(m_preview->RenderStop(0xD), 0U);
   EXPECT_EQ(m_preview->RenderStop(0xE), 1U);
   Send({20, 20});
   EXPECT_EQ(m_screen.rendered.Get(), 0);
-  for (const auto& frame : m_frames) {
-    EXPECT_TRUE(frame->IsAvailable());
-  }
 }
 
 }  // namespace

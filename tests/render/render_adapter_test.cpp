@@ -192,8 +192,17 @@ TEST_F(RenderAdapterTest, LoggingHostFailuresAndStop) {
   EXPECT_TRUE(Deliveries().empty());
 }
 
-// Frames without pixels, or a renderer without a callback, never reach the host.
-TEST_F(RenderAdapterTest, HostCalledOnlyWithPixelsAndCallback) {
+// Frames without pixels, or a renderer without a callback or manager, never reach the host.
+TEST_F(RenderAdapterTest, HostCalledOnlyWithPixelsCallbackAndManager) {
+  tagOS_S_SOFT_VO_CHN_PARAM param = Channel();
+  DevRenderManager* out = nullptr;
+  EXPECT_EQ(TavoVideoRenderCreate(nullptr, &out), kFailure);
+  EXPECT_EQ(TavoVideoRenderCreate(&param, nullptr), kFailure);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(TavoVideoRenderFrame(nullptr, nullptr), 0U);
+  EXPECT_EQ(TavoVideoRenderSetParams(nullptr, param.params), 0U);
+  EXPECT_EQ(TavoVideoRenderStop(nullptr), 0U);
+  EXPECT_EQ(TavoVideoRenderDelete(nullptr), 0U);
   OsvGraphicBuffer empty(nullptr);  // no memory, no size
   auto frame = MakeFrame(16, 16, 9);
   Manager yuv = Create(nullptr);
@@ -215,18 +224,6 @@ TEST_F(RenderAdapterTest, HostCalledOnlyWithPixelsAndCallback) {
   const auto got = Deliveries();
   ASSERT_EQ(got.size(), 1U);
   EXPECT_EQ(got[0].pixels, Bytes(16 * 16 * 3, 0));
-}
-
-TEST_F(RenderAdapterTest, NullManager) {
-  tagOS_S_SOFT_VO_CHN_PARAM param = Channel();
-  DevRenderManager* out = nullptr;
-  EXPECT_EQ(TavoVideoRenderCreate(nullptr, &out), kFailure);
-  EXPECT_EQ(TavoVideoRenderCreate(&param, nullptr), kFailure);
-  EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(TavoVideoRenderFrame(nullptr, nullptr), 0U);
-  EXPECT_EQ(TavoVideoRenderSetParams(nullptr, param.params), 0U);
-  EXPECT_EQ(TavoVideoRenderStop(nullptr), 0U);
-  EXPECT_EQ(TavoVideoRenderDelete(nullptr), 0U);
 }
 
 // Host threads: one renders while another changes parameters, stops and deletes; the

@@ -76,26 +76,11 @@ class FakeClock final : public Clock {
     std::unique_lock<std::mutex> lock(m_lock);
     return m_changed.wait_for(lock, limit, [&] { return m_waiters >= count; });
   }
-  // Advances, then returns once a waiter has woken, looked at its condition and waits again:
-  // what that waiter does at the new time is done.
-  bool AdvanceAndSettle(uint64_t milliseconds) {
-    uint64_t ended = 0;
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      ended = m_waitsEnded;
-    }
-    AdvanceMs(milliseconds);
-    std::unique_lock<std::mutex> lock(m_lock);
-    return m_changed.wait_for(lock, std::chrono::seconds(20),
-                              [&] { return m_waitsEnded > ended && m_waiters >= 1; });
-  }
-
  private:
   void Announce(int delta) {
     {
       std::lock_guard<std::mutex> lock(m_lock);
       m_waiters += delta;
-      m_waitsEnded += delta < 0 ? 1 : 0;
     }
     m_changed.notify_all();
   }
@@ -105,7 +90,6 @@ class FakeClock final : public Clock {
   std::condition_variable m_changed;
   uint64_t m_nowUs = 1000000000;
   int m_waiters = 0;
-  uint64_t m_waitsEnded = 0;
 };
 
 // Real threads, with creation failures on demand and the names threads gave themselves.
