@@ -57,9 +57,7 @@ TEST_F(BackgroundNodeTest, TaskRecordAndModelChoiceFollowTheOrientation) {
     std::memcpy(&expected[3072], size, sizeof size);  // little-endian, as the host reads it
     expected[3076] = 1;
     const auto* bytes = reinterpret_cast<const uint8_t*>(&params);
-    for (size_t i = 0; i < expected.size(); ++i) {
-      ASSERT_EQ(bytes[i], expected[i]) << "byte " << i;
-    }
+    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + expected.size()), expected);
   }
   // What Start hands the client: the same record and the configuration 1, 1, frame rate.
   m_node->SetParam(Params(m_bgPath, 1280, 720, 25));
@@ -279,6 +277,14 @@ TEST_F(BackgroundNodeTest, StopProcessDestroysTheTaskAndAStartMakesANewOne) {
   ASSERT_EQ(m_node->SetEnable(true), 0U);
   EXPECT_NE(m_node->GetTaskId(), first);
   EXPECT_EQ(m_client.Get().createParams.size(), 2U);
+  // Call order: switched on but never started, a node's shutdown still stops the effect.
+  auto node = std::make_shared<BackgroundVirtualityNode>(30000);
+  node->SetParam(Params(m_bgPath, kWidth, kHeight));
+  ASSERT_EQ(node->SetEnable(true), 0U);
+  EXPECT_TRUE(node->IsRunning());
+  node->Shutdown();
+  EXPECT_FALSE(node->IsRunning());
+  EXPECT_EQ(m_client.Get().destroys, 2);
 }
 
 TEST_F(BackgroundNodeTest, FailedStartsReportAndLeaveFramesPassing) {
@@ -318,17 +324,6 @@ TEST_F(BackgroundNodeTest, FailedStopIsReportedAndNothingLeaks) {
   m_node.reset();  // the destructor empties the queues
   ASSERT_TRUE(AllReleased());
   m_node = std::make_shared<BackgroundVirtualityNode>(10001);  // for TearDown
-}
-
-// Call order: switched on but never started, the node's shutdown still stops the effect.
-TEST_F(BackgroundNodeTest, ShutdownOfANodeSwitchedOnButNeverStartedStopsItsThread) {
-  auto node = std::make_shared<BackgroundVirtualityNode>(30000);
-  node->SetParam(Params(m_bgPath, kWidth, kHeight));
-  ASSERT_EQ(node->SetEnable(true), 0U);
-  EXPECT_TRUE(node->IsRunning());
-  node->Shutdown();
-  EXPECT_FALSE(node->IsRunning());
-  EXPECT_EQ(m_client.Get().destroys, 1);
 }
 
 }  // namespace

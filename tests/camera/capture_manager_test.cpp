@@ -234,8 +234,9 @@ TEST_F(CaptureManagerTest, RotateAndMirrorMatchLibyuv) {
 }
 
 // Frames too large, empty, short by one byte or damaged: refused, and their bytes stay the
-// caller's. A short frame sits in a block of exactly its size, so an over-read trips ASan.
-TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCaller) {
+// caller's; a manager without capturer refuses start and stop. A short frame sits in a block of
+// exactly its size, so an over-read trips ASan.
+TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCallerAndNoCapturerNoStart) {
   auto convert = [&](std::vector<uint8_t> bytes, uint32_t format, uint32_t w, uint32_t h) {
     _PEL_V_FRAME frame = FrameOver(bytes, format, w, h);
     const uint32_t rc = manager.ConvertToI420(frame);
@@ -283,6 +284,11 @@ TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCaller) {
   }
   EXPECT_EQ(convert(jpeg, PELV_IMAGE_FORMAT_MJPEG, 640, 480), 1U);  // another size than the frame
   EXPECT_TRUE(log.HasModule("ConvertToI420 fail. ret = ", 1));
+  // Start and stop need a capturer.
+  tagCameraCaptureParams params{};
+  EXPECT_EQ(manager.CaptureStart(&params), 1U);
+  EXPECT_EQ(manager.CaptureStop(), 1U);
+  EXPECT_EQ(log.CountModule("m_devCaptureProxy is null", 1), 2U);
 }
 
 // A capturer whose start and stop the test controls.
@@ -348,7 +354,7 @@ class ManagerFramePathTest : public CaptureManagerTest {
   tagCameraCaptureParams params{};
 };
 
-TEST_F(ManagerFramePathTest, ConvertsReportsAndHandsOn) {
+TEST_F(ManagerFramePathTest, ConvertsReportsAndHandsOnAndPassesCapturerFailuresUp) {
   EXPECT_EQ(capturer->id, "usb-1");
   std::vector<uint8_t> input = RandomBytes(64 * 48 * 2, 4);
   EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);  // not started: dropped
@@ -372,6 +378,14 @@ TEST_F(ManagerFramePathTest, ConvertsReportsAndHandsOn) {
   EXPECT_EQ(manager.CaptureStop(), 0U);
   EXPECT_FALSE(manager.IsCapturing());
   EXPECT_EQ(Push(PELV_IMAGE_FORMAT_YUY2, 64, 48, input), 1);
+  // The capturer's failures are passed up.
+  capturer->startResult = 1;
+  EXPECT_EQ(manager.CaptureStart(&params), 1U);
+  EXPECT_TRUE(manager.IsCapturing());  // stays set until stop
+  capturer->initResult = 1;
+  EXPECT_EQ(manager.Init("usb-2"), 1U);
+  EXPECT_TRUE(log.HasModule("m_devCaptureProxy Init fail", 1));
+  EXPECT_EQ(manager.CaptureStart(nullptr), 1U);
 }
 
 TEST_F(ManagerFramePathTest, FailingFramesArePacedAndCountedAgainAfterAGoodOne) {
@@ -409,23 +423,6 @@ TEST_F(ManagerFramePathTest, FramesDuringStopAreDroppedAndStopCompletes) {
   capturer->stopGate.Open();
   stopper.join();
   EXPECT_EQ(sink.frames.Get(), 0);
-}
-
-TEST_F(ManagerFramePathTest, CapturerFailuresArePassedUp) {
-  capturer->startResult = 1;
-  EXPECT_EQ(manager.CaptureStart(&params), 1U);
-  EXPECT_TRUE(manager.IsCapturing());  // stays set until stop
-  capturer->initResult = 1;
-  EXPECT_EQ(manager.Init("usb-2"), 1U);
-  EXPECT_TRUE(log.HasModule("m_devCaptureProxy Init fail", 1));
-  EXPECT_EQ(manager.CaptureStart(nullptr), 1U);
-}
-
-TEST_F(CaptureManagerTest, StartAndStopNeedACapturer) {
-  tagCameraCaptureParams params{};
-  EXPECT_EQ(manager.CaptureStart(&params), 1U);
-  EXPECT_EQ(manager.CaptureStop(), 1U);
-  EXPECT_EQ(log.CountModule("m_devCaptureProxy is null", 1), 2U);
 }
 
 }  // namespace
