@@ -18,12 +18,10 @@ class ComposeTest : public BackgroundLinkTest {
   }
 };
 
-struct BlendCase {
-  uint8_t alpha, bg, fg, expected;
-};
-
 TEST_F(ComposeTest, Compose32AtTheThresholdsAndInTheBlendRange) {
-  const BlendCase cases[] = {
+  const struct {
+    uint8_t alpha, bg, fg, expected;
+  } cases[] = {
       {0, 200, 100, 200},
       {69, 200, 100, 200},                          // background only
       {70, 200, 100, (200 * 185 + 100 * 70) >> 8},  // 171
@@ -39,7 +37,7 @@ TEST_F(ComposeTest, Compose32AtTheThresholdsAndInTheBlendRange) {
   std::vector<uint8_t> fg((pixels + 1) * 3);
   std::vector<uint8_t> alpha(pixels + 1);
   for (size_t i = 0; i <= pixels; ++i) {
-    const BlendCase& c = cases[i % std::size(cases)];
+    const auto& c = cases[i % std::size(cases)];
     alpha[i] = c.alpha;
     for (size_t k = 0; k < 3; ++k) {
       bg[i * 3 + k] = c.bg;
@@ -49,7 +47,7 @@ TEST_F(ComposeTest, Compose32AtTheThresholdsAndInTheBlendRange) {
   std::vector<uint8_t> out(fg);
   ASSERT_EQ(m_node->Compose32(out.data(), bg.data(), alpha.data(), out.data()), 0U);
   for (size_t i = 0; i < pixels; ++i) {
-    const BlendCase& c = cases[i % std::size(cases)];
+    const auto& c = cases[i % std::size(cases)];
     for (size_t k = 0; k < 3; ++k) {
       ASSERT_EQ(out[i * 3 + k], c.expected) << "pixel " << i << " alpha " << int{c.alpha};
     }
@@ -91,7 +89,7 @@ void CountingResize(CMat* src, CMat* dst, CSize* size) {
   ::CResize(src, dst, size);
 }
 
-TEST_F(ComposeTest, BackgroundIsRescaledOnceWhenTheFrameSizeChanges) {
+TEST_F(ComposeTest, BackgroundIsRescaledOnceWhenTheFrameSizeChangesOrByTheFirstFrame) {
   std::map<std::string, void*> symbols = WrapperSymbols();
   symbols["CResize"] = reinterpret_cast<void*>(&CountingResize);
   m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", symbols);
@@ -105,9 +103,7 @@ TEST_F(ComposeTest, BackgroundIsRescaledOnceWhenTheFrameSizeChanges) {
     EXPECT_EQ(frame->GetImageAddr(0)[0], LumaOf(255, 0, 0));
   }
   EXPECT_EQ(g_resizes.load(), 2);  // load, then once for 32 x 18
-}
-
-TEST_F(ComposeTest, ImageLoadedBeforeTheFrameSizeIsKnownIsScaledByTheFirstFrame) {
+  // An image loaded before the frame size is known is scaled by the first frame.
   const std::string red = m_dir.Write("red.bmp", SolidBmp24(8, 8, 0, 0, 255));
   ASSERT_EQ(m_node->SetParam(Params(red, 0, 0)), 0U);
   std::unique_ptr<OsvGraphicBuffer> frame(NewFrame(32, 18, 90, 1));
