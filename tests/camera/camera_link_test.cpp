@@ -3,6 +3,7 @@
 // Every frame the camera wraps must come back exactly once.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -53,7 +54,6 @@ class CameraLinkTest : public ::testing::Test {
     return bind ? m_host.Bind(kEnc, kCamera, sink, source)
                 : m_host.Unbind(kEnc, kCamera, sink, source);
   }
-  void Present(uint32_t component, uint32_t nodeId) { m_host.Store(component, nodeId); }
 
   void TearDown() override {
     LetGo();
@@ -85,20 +85,17 @@ class CameraLinkTest : public ::testing::Test {
     if (auto node = VideoVlinkNode::GetNodeByUnique<CameraCaptureNode>(nodeId)) {
       m_cameraNodes.push_back(node);
     }
-    std::lock_guard<std::mutex> lock(m_seenLock);
     m_stamp = nodeId;
     return result;
   }
 
   // A sink that checks every frame against the expected stamp and size.
   std::shared_ptr<CountingNode> AddSink(uint32_t component, uint32_t nodeId) {
-    Present(component, nodeId);
+    m_host.Store(component, nodeId);
     VideoVlinkNode::CreateNodeByUnique<CountingNode>(nodeId);
     auto sink = VideoVlinkNode::GetNodeByUnique<CountingNode>(nodeId);
     sink->onFrame = [this](OsvGraphicBuffer* frame) {
-      const OsvGraphicBufferInfo info = frame->GetImageInfo();
-      std::lock_guard<std::mutex> lock(m_seenLock);
-      m_lastWidth = info.width;
+      m_lastWidth = frame->GetImageInfo().width;
       m_wrongStamps += frame->GetSrcImgNo() != m_stamp ? 1 : 0;
     };
     m_sinks[nodeId] = sink;
@@ -128,11 +125,6 @@ class CameraLinkTest : public ::testing::Test {
     dropped.swap(m_held);
   }
 
-  uint32_t LastWidth() {
-    std::lock_guard<std::mutex> lock(m_seenLock);
-    return m_lastWidth;
-  }
-
   FakeHost m_host{HostEntries::Linked()};  // checks no frame reference is dropped twice
   FakeV4l2Device m_device;
   ScopedSeamOverride<CaptureDevice> m_deviceOverride;
@@ -140,10 +132,10 @@ class CameraLinkTest : public ::testing::Test {
   std::vector<uint32_t> m_cameras;
   std::vector<std::shared_ptr<CameraCaptureNode>> m_cameraNodes;
   std::map<uint32_t, std::shared_ptr<CountingNode>> m_sinks;
-  std::mutex m_seenLock;  // guards m_stamp, m_lastWidth, m_wrongStamps, m_held
-  uint32_t m_stamp = 0;   // the image number of the last camera made
-  uint32_t m_lastWidth = 0;
-  int m_wrongStamps = 0;
+  std::mutex m_seenLock;             // guards m_held
+  std::atomic<uint32_t> m_stamp{0};  // the image number of the last camera made
+  std::atomic<uint32_t> m_lastWidth{0};
+  std::atomic<int> m_wrongStamps{0};
   std::vector<FrameRef> m_held;
 };
 
@@ -186,15 +178,6 @@ TEST(CameraCaptureNodeTest, ParametersAreCheckedAgainstTheCaptureLimits) {
   EXPECT_EQ(fresh->CloseIvr(), 1U);
 }
 
-TEST_F(CameraLinkTest, CreateRowRefusesAnIdentityWithoutTerminator) {
-  const std::string full(192, 'a');
-  EXPECT_EQ(CreateCamera(711, 11, 640, 480, full.c_str()), 1U);
-  EXPECT_TRUE(m_log.HasModule("cameraId is null", 1));
-  EXPECT_EQ(CreateCamera(711, 11, 640, 480, full.substr(0, 191).c_str()), 0U);
-  EXPECT_EQ(std::strlen(m_cameraNodes.back()->GetParam().cameraId), 191U);
-  EXPECT_EQ(m_cameraNodes.back()->GetParam().imgNo, 11U);
-}
-
 // Two sinks share one virtual-background node and the camera starts once; unbinding one
 // leaves the other receiving; destroying the camera removes the middle node.
 TEST_F(CameraLinkTest, SinksShareTheBackgroundNodeAndComeAndGo) {
@@ -219,11 +202,8 @@ TEST_F(CameraLinkTest, SinksShareTheBackgroundNodeAndComeAndGo) {
   const int firstCount = first->handled.Get();
   ASSERT_TRUE(second->handled.WaitFor(second->handled.Get() + 5));
   EXPECT_EQ(first->handled.Get(), firstCount);
-  {
-    std::lock_guard<std::mutex> lock(m_seenLock);
-    EXPECT_EQ(m_lastWidth, 320U);
-    EXPECT_EQ(m_wrongStamps, 0);
-  }
+  EXPECT_EQ(m_lastWidth, 320U);
+  EXPECT_EQ(m_wrongStamps, 0);
 
   EXPECT_EQ(Destroy(700), 0U);
   m_cameras.clear();
@@ -234,12 +214,19 @@ TEST_F(CameraLinkTest, SinksShareTheBackgroundNodeAndComeAndGo) {
   EXPECT_EQ(Destroy(700), 0U);
 }
 
-TEST_F(CameraLinkTest, UnknownComponentsAndMissingMiddleNodesFailTheBind) {
+// Ids without terminator, unknown components and missing middle nodes are refused.
+TEST_F(CameraLinkTest, BadIdsUnknownComponentsAndMissingMiddleNodesAreRefused) {
+  const std::string full(192, 'a');
+  EXPECT_EQ(CreateCamera(711, 11, 640, 480, full.c_str()), 1U);
+  EXPECT_TRUE(m_log.HasModule("cameraId is null", 1));
+  EXPECT_EQ(CreateCamera(711, 11, 640, 480, full.substr(0, 191).c_str()), 0U);
+  EXPECT_EQ(std::strlen(m_cameraNodes.back()->GetParam().cameraId), 191U);
+  EXPECT_EQ(m_cameraNodes.back()->GetParam().imgNo, 11U);
   auto sink = AddSink(730, 23);
-  Present(731, 6);  // a camera component never created
+  m_host.Store(731, 6);  // a camera component never created
   EXPECT_EQ(Bind(730, 731), 1U);
   ASSERT_EQ(CreateCamera(732, 7, 320, 240), 0U);
-  Present(733, 999);  // a sink that does not exist
+  m_host.Store(733, 999);  // a sink that does not exist
   EXPECT_EQ(Bind(733, 732), 1U);
   EXPECT_FALSE(m_cameraNodes.back()->IsStarted());
   EXPECT_EQ(Bind(730, 732, false), 1U);  // no link yet, so no middle node
@@ -293,7 +280,7 @@ TEST_F(CameraLinkTest, CaptureSizeTakesEffectAtTheNextStart) {
   auto sink = AddSink(751, 26);
   ASSERT_EQ(Bind(751, 750), 0U);
   ASSERT_TRUE(sink->handled.WaitFor(2));
-  EXPECT_EQ(LastWidth(), 640U);
+  EXPECT_EQ(m_lastWidth, 640U);
   EXPECT_EQ(TavoVideoSetCapResolution(9, 3841, 100), 1U);
   EXPECT_EQ(TavoVideoSetCapResolution(9, 320, 240), 0U);
   EXPECT_EQ(m_device.CurrentFormat(0).width, 640U);  // still the old size
