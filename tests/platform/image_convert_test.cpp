@@ -23,37 +23,6 @@ Bytes Random(size_t size, uint32_t seed) {
   return out;
 }
 
-void Put(Bytes& b, size_t at, uint64_t value, size_t bytes) {
-  for (size_t i = 0; i < bytes; ++i) {
-    b[at + i] = static_cast<uint8_t>(value >> (8 * i));
-  }
-}
-
-// A BMP holding `pixels` (memory order, rows top to bottom, unpadded); a positive height
-// stores the rows bottom-up as usual.
-Bytes MakeBmp(int32_t width, int32_t height, uint32_t bitCount, uint32_t compression,
-              const Bytes& pixels) {
-  const size_t rowBytes = static_cast<size_t>(width) * bitCount / 8;
-  const size_t stride = (rowBytes + 3) / 4 * 4;
-  const size_t rows = static_cast<size_t>(std::abs(height));
-  Bytes bmp(54 + stride * rows, 0);
-  Put(bmp, 0, 'B' | 'M' << 8, 2);
-  Put(bmp, 2, bmp.size(), 4);
-  Put(bmp, 10, 54, 4);
-  Put(bmp, 14, 40, 4);
-  Put(bmp, 18, static_cast<uint32_t>(width), 4);
-  Put(bmp, 22, static_cast<uint32_t>(height), 4);
-  Put(bmp, 26, 1, 2);
-  Put(bmp, 28, bitCount, 2);
-  Put(bmp, 30, compression, 4);
-  for (size_t r = 0; r < rows; ++r) {
-    const size_t fileRow = height > 0 ? rows - 1 - r : r;
-    std::copy_n(pixels.begin() + static_cast<ptrdiff_t>(r * rowBytes), rowBytes,
-                bmp.begin() + static_cast<ptrdiff_t>(54 + fileRow * stride));
-  }
-  return bmp;
-}
-
 // libyuv's own conversion (`convert`: one of its ...ToI420) of the top-left w x h of a
 // top-down image.
 template <typename Convert>
@@ -98,7 +67,7 @@ TEST(ImageConvertTest, BmpMatchesLibyuvOrIsRefused) {
   const auto cut = [&](size_t size) { return BmpCase{Bytes(good.begin(), good.begin() + size)}; };
   const auto put = [&](size_t at, uint64_t value, size_t bytes = 4) {
     BmpCase c{good};
-    Put(c.file, at, value, bytes);
+    PutLe(c.file, at, value, bytes);
     return c;
   };
   const std::pair<const char*, BmpCase> cases[] = {

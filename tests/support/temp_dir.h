@@ -3,6 +3,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -36,30 +39,47 @@ class TempDir {
   std::filesystem::path m_path;
 };
 
-// A bottom-up 24-bit BMP of one colour (B, G, R).
+// Writes `value` little-endian into `bytes` bytes at `at`.
+inline void PutLe(std::vector<uint8_t>& file, size_t at, uint64_t value, size_t bytes) {
+  for (size_t i = 0; i < bytes; ++i) {
+    file[at + i] = static_cast<uint8_t>(value >> (8 * i));
+  }
+}
+
+// A BMP holding `pixels` (memory order, rows top to bottom, unpadded; none: zero pixels); a
+// positive height stores the rows bottom-up as usual.
+inline std::vector<uint8_t> MakeBmp(int32_t width, int32_t height, uint32_t bitCount,
+                                    uint32_t compression = 0,
+                                    const std::vector<uint8_t>& pixels = {}) {
+  const size_t rowBytes = static_cast<size_t>(width) * bitCount / 8;
+  const size_t stride = (rowBytes + 3) / 4 * 4;
+  const size_t rows = static_cast<size_t>(std::abs(height));
+  std::vector<uint8_t> bmp(54 + stride * rows, 0);
+  PutLe(bmp, 0, 'B' | 'M' << 8, 2);
+  PutLe(bmp, 2, bmp.size(), 4);
+  PutLe(bmp, 10, 54, 4);
+  PutLe(bmp, 14, 40, 4);
+  PutLe(bmp, 18, static_cast<uint32_t>(width), 4);
+  PutLe(bmp, 22, static_cast<uint32_t>(height), 4);
+  PutLe(bmp, 26, 1, 2);
+  PutLe(bmp, 28, bitCount, 2);
+  PutLe(bmp, 30, compression, 4);
+  for (size_t r = 0; r < rows && !pixels.empty(); ++r) {
+    const size_t fileRow = height > 0 ? rows - 1 - r : r;
+    std::copy_n(pixels.begin() + static_cast<ptrdiff_t>(r * rowBytes), rowBytes,
+                bmp.begin() + static_cast<ptrdiff_t>(54 + fileRow * stride));
+  }
+  return bmp;
+}
+
+// A 24-bit BMP of one colour (B, G, R).
 inline std::vector<uint8_t> SolidBmp24(uint32_t width, uint32_t height, uint8_t b, uint8_t g,
                                        uint8_t r) {
-  const uint32_t rowBytes = (width * 3 + 3) & ~3U;
-  std::vector<uint8_t> file(54 + size_t{rowBytes} * height, 0);
-  auto put32 = [&](size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) file[at + i] = static_cast<uint8_t>(v >> (8 * i));
-  };
-  file[0] = 'B';
-  file[1] = 'M';
-  put32(2, static_cast<uint32_t>(file.size()));
-  put32(10, 54);
-  put32(14, 40);
-  put32(18, width);
-  put32(22, height);
-  file[26] = 1;
-  file[28] = 24;
-  for (uint32_t y = 0; y < height; ++y) {
-    for (uint32_t x = 0; x < width; ++x) {
-      uint8_t* p = &file[54 + size_t{rowBytes} * y + size_t{x} * 3];
-      p[0] = b;
-      p[1] = g;
-      p[2] = r;
-    }
+  std::vector<uint8_t> pixels(size_t{width} * height * 3);
+  for (size_t i = 0; i < pixels.size(); i += 3) {
+    pixels[i] = b;
+    pixels[i + 1] = g;
+    pixels[i + 2] = r;
   }
-  return file;
+  return MakeBmp(static_cast<int32_t>(width), static_cast<int32_t>(height), 24, 0, pixels);
 }

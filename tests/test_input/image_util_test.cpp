@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <string>
 #include <vector>
@@ -33,12 +32,6 @@ Bytes Be(uint32_t value, int bytes) {
   return out;
 }
 
-Bytes Le(uint32_t value, int bytes) {
-  Bytes out = Be(value, bytes);
-  std::reverse(out.begin(), out.end());
-  return out;
-}
-
 Bytes Cut(Bytes b, size_t size) {
   b.resize(size);
   return b;
@@ -59,12 +52,6 @@ Bytes Chunk(const char* type, const Bytes& data) {
 
 Bytes Ihdr(uint32_t width, uint32_t height, uint8_t depth, uint8_t colorType) {
   return Chunk("IHDR", Be(width, 4) + Be(height, 4) + Bytes{depth, colorType, 0, 0, 0});
-}
-
-// The 54-byte headers of a BMP; nothing here reads further.
-Bytes Bmp(uint32_t width, uint32_t height, uint16_t bitCount) {
-  return Bytes{'B', 'M'} + Bytes(16, 0) + Le(width, 4) + Le(height, 4) + Bytes(2, 0) +
-         Le(bitCount, 2) + Bytes(24, 0);
 }
 
 TEST(ImageUtilTest, SignaturesNeedTheirFullLength) {
@@ -113,9 +100,9 @@ TEST(ImageUtilTest, HeaderWalkers) {
        kPngSig + Be(0xFFFFFFF0U, 4) + Bytes{'I', 'D', 'A', 'T'} + Ihdr(8, 6, 8, 2), 1},
       {"png ihdr cut", png, Cut(kPngSig + Ihdr(8, 6, 8, 2), 17), 1},
       {"png not png", png, kSoi, 1},
-      {"bmp", bmp, Bmp(641, 480, 24), 0, {641, 480, 24}},
-      {"bmp top-down", bmp, Bmp(8, 0xFFFFFFFAU, 32), 0, {8, 0xFFFFFFFAU, 32}},
-      {"bmp cut", bmp, Cut(Bmp(8, 6, 24), 29), 1},
+      {"bmp", bmp, MakeBmp(641, 480, 24), 0, {641, 480, 24}},
+      {"bmp top-down", bmp, MakeBmp(8, -6, 32), 0, {8, 0xFFFFFFFAU, 32}},
+      {"bmp cut", bmp, Cut(MakeBmp(8, 6, 24), 29), 1},
       {"bmp not bmp", bmp, kSoi, 1},
   };
   for (const auto& c : cases) {
@@ -142,16 +129,24 @@ TEST(ImageUtilTest, VerifyImage) {
     uint32_t rc;
     const char* log;
   } cases[] = {
-      {"bmp after png", Bmp(640, 480, 24), formats(6), 0, "The file format[2] is invalid."},
+      {"bmp after png", MakeBmp(640, 480, 24), formats(6), 0, "The file format[2] is invalid."},
       {"jpeg decides", kSoi + Sof(0xC0, 640, 480, 3), any, 0, "The file format is 1."},
-      {"odd width", Bmp(641, 480, 24), any, 1,
+      {"odd width", MakeBmp(641, 480, 24), any, 1,
        "The resolution cannot be converted to YUV format! width[641], height[480]"},
       {"limits inclusive", kPngSig + Ihdr(640, 480, 8, 2), {640, 640, 480, 480, 24, 24, 2}, 0, ""},
-      {"width above", Bmp(642, 480, 24), {2, 640, 2, 480, 1, 64, 4}, 1, "resolution is invalid"},
-      {"height below", Bmp(640, 478, 24), {2, 640, 480, 480, 1, 64, 4}, 1, "resolution is invalid"},
-      {"top-down height", Bmp(640, 0xFFFFFE20U, 24), any, 1, "resolution is invalid"},
-      {"depth above", Bmp(640, 480, 32), {2, 640, 2, 480, 1, 24, 4}, 1, "depth is invalid"},
-      {"depth below", Bmp(640, 480, 8), {2, 640, 2, 480, 16, 32, 4}, 1, "depth is invalid"},
+      {"width above",
+       MakeBmp(642, 480, 24),
+       {2, 640, 2, 480, 1, 64, 4},
+       1,
+       "resolution is invalid"},
+      {"height below",
+       MakeBmp(640, 478, 24),
+       {2, 640, 480, 480, 1, 64, 4},
+       1,
+       "resolution is invalid"},
+      {"top-down height", MakeBmp(640, -480, 24), any, 1, "resolution is invalid"},
+      {"depth above", MakeBmp(640, 480, 32), {2, 640, 2, 480, 1, 24, 4}, 1, "depth is invalid"},
+      {"depth below", MakeBmp(640, 480, 8), {2, 640, 2, 480, 16, 32, 4}, 1, "depth is invalid"},
       {"not in set", kPngSig + Ihdr(640, 480, 8, 2), formats(5), 1, "image format is invalid"},
   };
   for (const auto& c : cases) {
@@ -161,7 +156,7 @@ TEST(ImageUtilTest, VerifyImage) {
     EXPECT_TRUE(log.HasModule(c.log, c.rc == 0 ? kInfo : kError));
   }
   EXPECT_EQ(ImageUtils::VerifyImage(nullptr, &any), 1U);
-  EXPECT_EQ(ImageUtils::VerifyImage(dir.Write("bmp", Bmp(8, 6, 24)).c_str(), nullptr), 1U);
+  EXPECT_EQ(ImageUtils::VerifyImage(dir.Write("bmp", MakeBmp(8, 6, 24)).c_str(), nullptr), 1U);
 }
 
 }  // namespace
