@@ -134,12 +134,4 @@ TEST_F(PreviewNodeTest, BadRecordsAndTextsAreRefused) {
   EXPECT_EQ(m_screen.rendered.Get(), 1);
 }
 
-TEST_F(PreviewNodeTest, StoppedWindowDropsFrames) {
-  Start(Windows({{0xD, 20}}));
-  EXPECT_EQ(m_preview->RenderStop(0xD), 0U);
-  EXPECT_EQ(m_preview->RenderStop(0xE), 1U);
-  Send({20, 20});
-  EXPECT_EQ(m_screen.rendered.Get(), 0);
-}
-
 }  // namespace
