@@ -155,12 +155,10 @@ TEST_F(ComputingClientTest, BadModelsAndRecordsAreRefused) {
       .read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(head.size()));
   const std::string truncated = dir.Write("truncated", head);
   uint32_t id = 0;
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(dir.Path() / "none", 64, 36), &id),
-            TAVO_COMPUTING_ERR_MODEL);
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(corrupt, 64, 36), &id),
-            TAVO_COMPUTING_ERR_MODEL);
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(truncated, 64, 36), &id),
-            TAVO_COMPUTING_ERR_MODEL);
+  for (const std::string& model : {(dir.Path() / "none").string(), corrupt, truncated}) {
+    EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(model, 64, 36), &id),
+              TAVO_COMPUTING_ERR_MODEL);
+  }
   TavoComputingTaskParams unterminated = TaskParams(Model(kLandscape), 64, 36);
   std::memset(unterminated.modelPath, 'a', sizeof unterminated.modelPath);
   EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, unterminated, &id), TAVO_COMPUTING_ERR_ARGUMENT);

@@ -207,7 +207,6 @@ class FakeComputingClient {
     FakeComputingClient* self = s_current;
     bool answerInline = false;
     uint8_t maskValue = 0;
-    size_t frameBytes = 0;
     {
       std::lock_guard<std::mutex> lock(self->m_lock);
       if (self->m_lent.erase(input.data) == 0) {
@@ -220,21 +219,14 @@ class FakeComputingClient {
       }
       answerInline = self->m_knobs.inline_;
       maskValue = self->m_knobs.maskValue;
-      frameBytes = self->m_frameBytes;
       if (!answerInline) {
         self->m_pending.push_back(Pending{++self->m_submitted, taskId, input.data, callback});
       }
     }
     self->requests.Add();
-    if (answerInline) {
+    if (answerInline) {  // the caller's thread is the one that changes the frame size
       std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, maskValue);
-      std::free(input.data);
-      TavoComputingBufferParams result{};
-      result.data = mask.data();
-      result.size = static_cast<uint32_t>(frameBytes / 3);
-      result.filled = 1;
-      callback(0, static_cast<int>(taskId), result);
-      self->answers.Add();
+      self->Deliver(Pending{0, taskId, input.data, callback}, 0, 1, mask);
       return 0;
     }
     self->m_thread.Wake();
@@ -281,20 +273,25 @@ class FakeComputingClient {
         m_answersBegun += times;
         m_answering = true;
       }
-      std::free(p.data);
-      TavoComputingBufferParams result{};
-      result.data = status == 0 ? m_mask.data() : nullptr;
-      result.size = status == 0 ? static_cast<uint32_t>(m_frameBytes / 3) : 0;
-      result.filled = status == 0 ? 1 : 0;
-      for (int i = 0; i < times; ++i) {
-        p.callback(status, static_cast<int>(p.taskId), result);
-        answers.Add();
-      }
+      Deliver(p, status, times, m_mask);
       {
         std::lock_guard<std::mutex> lock(m_lock);
         m_answering = false;
       }
       m_idle.notify_all();
+    }
+  }
+
+  // Gives request `p` its answer `times` times, and its buffer back.
+  void Deliver(const Pending& p, unsigned int status, int times, std::vector<uint8_t>& mask) {
+    std::free(p.data);
+    TavoComputingBufferParams result{};
+    result.data = status == 0 ? mask.data() : nullptr;
+    result.size = status == 0 ? static_cast<uint32_t>(m_frameBytes / 3) : 0;
+    result.filled = status == 0 ? 1 : 0;
+    for (int i = 0; i < times; ++i) {
+      p.callback(status, static_cast<int>(p.taskId), result);
+      answers.Add();
     }
   }
 
