@@ -36,17 +36,10 @@ inline OsvGraphicBuffer* NewFrame(uint32_t width, uint32_t height, uint8_t luma,
 
 // The luma libyuv gives a frame of one packed B, G, R colour.
 inline uint8_t LumaOf(uint8_t b, uint8_t g, uint8_t r) {
-  uint8_t rgb[2 * 2 * 3];
-  for (int i = 0; i < 4; ++i) {
-    rgb[i * 3] = b;
-    rgb[i * 3 + 1] = g;
-    rgb[i * 3 + 2] = r;
-  }
-  uint8_t y[4];
-  uint8_t u[1];
-  uint8_t v[1];
-  libyuv::RGB24ToI420(rgb, 6, y, 2, u, 1, v, 1, 2, 2);
-  return y[0];
+  const uint8_t rgb[2 * 2 * 3] = {b, g, r, b, g, r, b, g, r, b, g, r};
+  uint8_t yuv[4 + 1 + 1];
+  libyuv::RGB24ToI420(rgb, 6, yuv, 2, yuv + 4, 1, yuv + 5, 1, 2, 2);
+  return yuv[0];
 }
 
 class BackgroundLinkTest : public ::testing::Test {
