@@ -16,24 +16,17 @@
 
 namespace {
 
-class PlatformCheckTest : public ::testing::Test {
- protected:
-  void TearDown() override { OsPlatformSetIdentity(nullptr, nullptr); }
-};
-
-TEST_F(PlatformCheckTest, PredicatesFollowTheIdentity) {
-  struct Case {
+TEST(PlatformCheckTest, PredicatesFollowTheIdentity) {
+  const struct {
     const char* cpu;
     const char* os;
-    int32_t kos;
-    int32_t uos;
-  };
-  const Case cases[] = {
+    int32_t kos, uos;
+  } cases[] = {
       {"Soren 7A 4 cores", "Kylin V10", 1, 0}, {"Soren 8C", "UOS Desktop", 0, 1},
       {"Soren 7A", "Debian GNU/Linux", 0, 0},  {"Soren 9X", "Kylin", 0, 0},
       {"Intel(R) Xeon(R)", "Uos", 0, 0},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     OsPlatformSetIdentity(c.cpu, c.os);
     EXPECT_EQ(IsSorenKOS(), c.kos) << c.cpu << " / " << c.os;
     EXPECT_EQ(IsSorenUOS(), c.uos) << c.cpu << " / " << c.os;

@@ -30,7 +30,6 @@ class Sink {
     node->onFrame = [this](OsvGraphicBuffer* frame) {
       std::lock_guard<std::mutex> lock(m_lock);
       frames.push_back(frame);
-      infos.push_back(frame->GetImageInfo());
       imgNos.push_back(frame->GetSrcImgNo());
     };
     node->keep = [this](FrameRef frame) {
@@ -50,15 +49,10 @@ class Sink {
     std::lock_guard<std::mutex> lock(m_lock);
     return frames.at(i);
   }
-  OsvGraphicBufferInfo Info(size_t i) {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return infos.at(i);
-  }
 
   std::shared_ptr<CountingNode> node;
   std::mutex m_lock;  // guards the vectors
   std::vector<OsvGraphicBuffer*> frames;
-  std::vector<OsvGraphicBufferInfo> infos;
   std::vector<uint32_t> imgNos;
   std::vector<FrameRef> held;
   bool holding = false;
@@ -144,7 +138,7 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
     const int w = static_cast<int>(cases[i].width), h = static_cast<int>(cases[i].height);
     SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
     Sink& sink = *sinks[i + 1];
-    const OsvGraphicBufferInfo info = sink.Info(0);
+    const OsvGraphicBufferInfo info = sink.Frame(0)->GetImageInfo();
     ASSERT_EQ(info.width, cases[i].width);
     ASSERT_EQ(info.height, cases[i].height);
     EXPECT_EQ(info.format, static_cast<uint32_t>(TAVO_VIDEO_VLINK_FORMAT_I420));
@@ -255,7 +249,7 @@ TEST_F(ImageProcessNodeTest, ResetMovesASinkToItsNewRequirement) {
   EXPECT_EQ(m_node->GetReleaseBufferCount(), 1U);  // its old scaled buffer is still out
   a.holding = false;
   Push(source, {&a});
-  EXPECT_EQ(a.Info(1).width, 16U);
+  EXPECT_EQ(a.Frame(1)->GetImageInfo().width, 16U);
   a.ReleaseHeld();
   EXPECT_EQ(m_node->GetReleaseBufferCount(), 0U);
 }
