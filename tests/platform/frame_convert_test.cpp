@@ -69,7 +69,7 @@ TEST(FrameConvertTest, ArgbToI420MatchesLibyuvAndRefusesWhatDoesNotFit) {
   EXPECT_EQ(I420Scale(&target, &empty), -1);
 }
 
-TEST(FrameConvertTest, ArgbScalePlacesTheRegionAndTouchesNothingElse) {
+TEST(FrameConvertTest, ArgbScalePlacesTheRegionAndCompareTellsUniformFromContent) {
   auto source = Random(60 * 100 * 4, 3);
   std::vector<uint8_t> picture(80 * 45 * 4, 0xEE);
   const ArgbPlane from{source.data(), 60, 100, 240};
@@ -96,9 +96,7 @@ TEST(FrameConvertTest, ArgbScalePlacesTheRegionAndTouchesNothingElse) {
   EXPECT_EQ(ARGBScale(from, to, 25, 45, 56), -1);
   EXPECT_EQ(ARGBScale(from, to, 0, 45, 0), -1);
   EXPECT_EQ(ARGBScale(from, to, 25, 46, 0), -1);
-}
-
-TEST(FrameConvertTest, CompareArgbPixelTellsUniformFromContent) {
+  // The uniform-picture check.
   std::vector<uint8_t> black(16 * 4, 0);
   EXPECT_EQ(CompareArgbPixel(black.data(), 64), 1);
   black[60] = 1;  // the last pixel differs
