@@ -4,6 +4,7 @@
 #include <chrono>
 #include <mutex>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "core/tavo_video_vlink_vi_node.h"
@@ -95,9 +96,8 @@ TEST_F(VirtualViNodeTest, NoFrameIsReportedOnceAfterFiveSecondsToTheMillisecond)
   m_clock.AdvanceMs(20000);  // nobody waits any more: no second report
   const auto reports = Reports();
   ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0].nodeId, 91u);
-  EXPECT_EQ(reports[0].status, 3u);
-  EXPECT_EQ(reports[0].atMs - created, 5000u);
+  EXPECT_EQ(std::make_tuple(reports[0].nodeId, reports[0].status, reports[0].atMs - created),
+            std::make_tuple(91u, 3u, uint64_t{5000}));
   EXPECT_TRUE(m_logs.HasModule("Report no frame error!", 1));
 }
 

@@ -76,6 +76,7 @@ class FakeClock final : public Clock {
     std::unique_lock<std::mutex> lock(m_lock);
     return m_changed.wait_for(lock, limit, [&] { return m_waiters >= count; });
   }
+
  private:
   void Announce(int delta) {
     {
@@ -104,7 +105,6 @@ class FakeThreadSystem final : public ThreadSystem {
   int32_t Create(pthread_t* thread, void* (*routine)(void*), void* arg) override {
     {
       std::lock_guard<std::mutex> lock(m_lock);
-      ++m_creates;
       if (m_failures > 0) {
         --m_failures;
         return m_failureCode;
@@ -128,10 +128,6 @@ class FakeThreadSystem final : public ThreadSystem {
     std::lock_guard<std::mutex> lock(m_lock);
     return m_names;
   }
-  int Creates() {
-    std::lock_guard<std::mutex> lock(m_lock);
-    return m_creates;
-  }
   int Joins() {
     std::lock_guard<std::mutex> lock(m_lock);
     return m_joins;
@@ -141,7 +137,6 @@ class FakeThreadSystem final : public ThreadSystem {
   std::mutex m_lock;  // guards everything below
   int m_failures = 0;
   int32_t m_failureCode = EAGAIN;
-  int m_creates = 0;
   int m_joins = 0;
   std::vector<std::string> m_names;
 };
