@@ -51,14 +51,6 @@ CameraChange Stepwise(v4l2_fract FakeCameraFormat::*bound, v4l2_fract value) {
   };
 }
 
-// Keeps what the capture thread hands over.
-struct FrameLog {
-  CountLatch frames;
-  std::mutex lock;  // guards last, lastFrame
-  std::vector<uint8_t> last;
-  _PEL_V_FRAME lastFrame{};
-};
-
 // A device with a capturer on it (a table case makes one of its own); nothing may stay open
 // or mapped once it stops.
 struct FreshCamera {
@@ -73,11 +65,11 @@ struct FreshCamera {
     capturer.Init(kBus);
     capturer.SetCaptureCallback([this](_PEL_V_FRAME& frame) {
       {
-        std::lock_guard<std::mutex> guard(got.lock);
-        got.lastFrame = frame;
-        got.last.assign(frame.data, frame.data + frame.dataSize);
+        std::lock_guard<std::mutex> guard(frameLock);
+        lastFrame = frame;
+        last.assign(frame.data, frame.data + frame.dataSize);
       }
-      got.frames.Add();
+      frames.Add();
       return 0;
     });
     params = Params(width, height, fps);
@@ -89,7 +81,11 @@ struct FreshCamera {
     EXPECT_EQ(capturer.GetFd(), -1);
     EXPECT_FALSE(capturer.IsCapturing());
   }
-  FrameLog got;  // outlives the capturer
+  // What the capture thread handed over; outlives the capturer.
+  CountLatch frames;
+  std::mutex frameLock;  // guards last, lastFrame
+  std::vector<uint8_t> last;
+  _PEL_V_FRAME lastFrame{};
   FakeV4l2Device device;
   ScopedSeamOverride<CaptureDevice> seam{device};
   LogCapture log;
@@ -121,7 +117,7 @@ TEST_F(CapturerTest, FindsTheWantedCameraBehindOthers) {
   EXPECT_TRUE(device.IsStreaming(5));
   EXPECT_FALSE(device.IsStreaming(6));
   EXPECT_EQ(device.OpenDescriptors(), 1U);
-  ASSERT_TRUE(got.frames.WaitFor(2));
+  ASSERT_TRUE(frames.WaitFor(2));
 }
 
 TEST_F(CapturerTest, ProbesAllSixtyFourPathsWhenNoCameraMatchesAndReadsTheIdWithinItsField) {
@@ -185,15 +181,14 @@ TEST_F(CapturerTest, AgreedFormatDecidesTheRawType) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     FreshCamera fresh(c.change);
-    FrameLog& seen = fresh.got;
     ASSERT_EQ(fresh.Start(1280, 720, 30), 0U);
     EXPECT_EQ(fresh.device.TriedFormats(0), c.tried);
     EXPECT_EQ(fresh.capturer.GetRawVideoType(), CAPTURE_FORMAT_YUYV);
-    ASSERT_TRUE(seen.frames.WaitFor(1));
+    ASSERT_TRUE(fresh.frames.WaitFor(1));
     fresh.capturer.CaptureStop();
-    std::lock_guard<std::mutex> guard(seen.lock);
-    EXPECT_EQ(seen.lastFrame.format, PELV_IMAGE_FORMAT_YUY2);
-    EXPECT_EQ(seen.lastFrame.dataSize, 1280U * 720U * 2U);
+    std::lock_guard<std::mutex> guard(fresh.frameLock);
+    EXPECT_EQ(fresh.lastFrame.format, PELV_IMAGE_FORMAT_YUY2);
+    EXPECT_EQ(fresh.lastFrame.dataSize, 1280U * 720U * 2U);
   }
 }
 
@@ -349,7 +344,7 @@ TEST_F(CapturerTest, CallsOutOfOrderAndAThreadThatCannotStartLeaveNothingBehind)
   EXPECT_FALSE(device.IsStreaming(0));
   ExpectNothingLeft();
   ASSERT_EQ(capturer.CaptureStart(&params), 0U);  // the next start works
-  ASSERT_TRUE(got.frames.WaitFor(1));
+  ASSERT_TRUE(frames.WaitFor(1));
   capturer.CaptureStop();
 }
 
@@ -367,27 +362,26 @@ TEST_F(CapturerTest, DeliversEachFormatWithItsBytes) {
     FakeCameraConfig config = TypicalCamera(kBus);
     config.formats = {DiscreteFormat(c.fourcc, {{c.width, c.height}}, {{1, 30}})};
     FreshCamera fresh(config);
-    FrameLog& seen = fresh.got;
     ASSERT_EQ(fresh.Start(c.width, c.height, 30), 0U);
-    ASSERT_TRUE(seen.frames.WaitFor(3));
+    ASSERT_TRUE(fresh.frames.WaitFor(3));
     fresh.capturer.CaptureStop();
-    std::lock_guard<std::mutex> guard(seen.lock);
-    EXPECT_EQ(seen.lastFrame.format, c.format);
-    EXPECT_EQ(seen.lastFrame.width, c.width);
-    EXPECT_EQ(seen.lastFrame.height, c.height);
+    std::lock_guard<std::mutex> guard(fresh.frameLock);
+    EXPECT_EQ(fresh.lastFrame.format, c.format);
+    EXPECT_EQ(fresh.lastFrame.width, c.width);
+    EXPECT_EQ(fresh.lastFrame.height, c.height);
     PatternFrameSource pattern;
     // Sequence numbers start at 0; frames of one camera differ, so the bytes name the frame.
     bool matched = false;
     for (uint32_t sequence = 0; sequence < 64 && !matched; ++sequence) {
-      matched = pattern.MakeFrame(c.fourcc, c.width, c.height, sequence) == seen.last;
+      matched = pattern.MakeFrame(c.fourcc, c.width, c.height, sequence) == fresh.last;
     }
     EXPECT_TRUE(matched);
     if (c.size != 0) {
-      EXPECT_EQ(seen.lastFrame.dataSize, c.size);
+      EXPECT_EQ(fresh.lastFrame.dataSize, c.size);
     } else {
       int w = 0;
       int h = 0;
-      EXPECT_EQ(libyuv::MJPGSize(seen.last.data(), seen.last.size(), &w, &h), 0);
+      EXPECT_EQ(libyuv::MJPGSize(fresh.last.data(), fresh.last.size(), &w, &h), 0);
       EXPECT_EQ(w, 1280);
     }
   }
@@ -397,11 +391,11 @@ TEST_F(CapturerTest, UnpluggedCameraKeepsTheLoopUntilStopped) {
   device.AddCamera(0, TypicalCamera(kBus));
   device.Faults(0, [](FakeCameraFaults& f) { f.unplugAfterFrames = 5; });
   ASSERT_EQ(Start(640, 480, 30), 0U);
-  ASSERT_TRUE(got.frames.WaitFor(5));
+  ASSERT_TRUE(frames.WaitFor(5));
   ASSERT_TRUE(log.WaitFor("could not sync on a buffer on device No such device", 1, 1));
   EXPECT_TRUE(capturer.IsCapturing());
   EXPECT_EQ(capturer.CaptureStop(), 0U);
-  EXPECT_EQ(got.frames.Get(), 5);
+  EXPECT_EQ(frames.Get(), 5);
   ExpectNothingLeft();
 }
 
@@ -434,7 +428,7 @@ TEST_F(CapturerTest, SilentCameraIsReportedOncePerHundredAndOneTimeouts) {
     EXPECT_EQ(reports[i].first, "StatusAbnormalCnt failed cnt:0 100 0");
     EXPECT_EQ(reports[i].second, 100U + 101U * i);
   }
-  EXPECT_EQ(got.frames.Get(), 0);
+  EXPECT_EQ(frames.Get(), 0);
 }
 
 TEST_F(CapturerTest, StopWaitsForTheFrameInFlight) {
