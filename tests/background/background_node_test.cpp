@@ -23,19 +23,17 @@ void LateAnswer(int handle) {
   BackgroundVirtualityNode::ComputingCallback(0, handle, result);
 }
 
-struct ModelCase {
-  uint32_t width, height;
-  const char* model;
-  int modelWidth, modelHeight;
-};
-
 TEST_F(BackgroundNodeTest, TaskRecordAndModelChoiceFollowTheOrientation) {
-  const ModelCase cases[] = {
+  const struct {
+    uint32_t width, height;
+    const char* model;
+    int modelWidth, modelHeight;
+  } cases[] = {
       {1280, 720, "output_ppsegv2_224_398_mask", 398, 224},
       {720, 1280, "output_ppsegv2_398_224_mask", 224, 398},
       {640, 640, "output_ppsegv2_224_398_mask", 398, 224},
   };
-  for (const ModelCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
     m_node->SetParam(Params(m_bgPath, c.width, c.height, 25));
     TavoComputingTaskParams params;

@@ -260,7 +260,7 @@ TEST_F(CapturerTest, NegotiatesTheFrameInterval) {
 }
 
 TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
-  const struct Case {
+  const struct {
     const char* name;
     CameraChange setUp;
     uint32_t width, height, fps;
@@ -285,7 +285,7 @@ TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
        },
        640, 480, 15, "Failed to enum framerate."},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     FreshCamera fresh(c.setUp);
     ASSERT_EQ(fresh.Start(c.width, c.height, c.fps), 0U);
@@ -299,7 +299,7 @@ TEST_F(CapturerTest, FrameRateFailuresLeaveCaptureAtTheDriverRate) {
 }
 
 TEST_F(CapturerTest, FailedStartsLeaveNothingOpenOrMapped) {
-  const struct Case {
+  const struct {
     const char* name;
     CameraChange setUp;
     const char* message;
@@ -321,7 +321,7 @@ TEST_F(CapturerTest, FailedStartsLeaveNothingOpenOrMapped) {
        },
        "not found suitable video formats"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     FreshCamera fresh(c.setUp);
     EXPECT_EQ(fresh.Start(640, 480, 30), 1U);
@@ -349,15 +349,14 @@ TEST_F(CapturerTest, CallsOutOfOrderAndAThreadThatCannotStartLeaveNothingBehind)
 }
 
 TEST_F(CapturerTest, DeliversEachFormatWithItsBytes) {
-  struct Case {
+  const struct {
     uint32_t width, height, fourcc, format, size;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {640, 480, V4L2_PIX_FMT_YUV420, PELV_IMAGE_FORMAT_I420, 640 * 480 * 3 / 2},
       {640, 480, V4L2_PIX_FMT_YUYV, PELV_IMAGE_FORMAT_YUY2, 640 * 480 * 2},
       {1280, 720, V4L2_PIX_FMT_MJPEG, PELV_IMAGE_FORMAT_MJPEG, 0},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.fourcc);
     FakeCameraConfig config = TypicalCamera(kBus);
     config.formats = {DiscreteFormat(c.fourcc, {{c.width, c.height}}, {{1, 30}})};

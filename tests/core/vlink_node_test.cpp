@@ -149,14 +149,13 @@ TEST(VlinkNodeTest, ConnectAndDisconnectMatchNeighboursByIdAndRefuseLoops) {
 // Each step of a link can fail; the caller learns which, and either keeps what was made
 // (a host's bind) or has it taken off again.
 TEST(VlinkNodeTest, LinkReportsTheFailedStepAndKeepsOrUndoesWhatWasMade) {
-  struct Case {
+  const struct {
     const char* name;
     std::function<void(CountingNode& sender, CountingNode& receiver)> arrange;
     vlink::LinkStep failed;
     size_t keptNext;  // sender's next list after a kept failure
     size_t keptPrev;  // receiver's previous list after a kept failure
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"sender half refused",
        [](CountingNode& s, CountingNode& r) { r.ConnectToNode(s.shared_from_this()); },
        vlink::LinkStep::kSenderSide, 0, 0},
@@ -166,7 +165,7 @@ TEST(VlinkNodeTest, LinkReportsTheFailedStepAndKeepsOrUndoesWhatWasMade) {
       {"start refused", [](CountingNode&, CountingNode& r) { r.startResult = 7; },
        vlink::LinkStep::kStart, 1, 1},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     for (const vlink::OnLinkFailure policy :
          {vlink::OnLinkFailure::kKeep, vlink::OnLinkFailure::kUndo}) {
       SCOPED_TRACE(c.name);

@@ -106,13 +106,12 @@ class ImageProcessNodeTest : public ::testing::Test {
 // wanted sizes share only one side get tasks of their own. Each pool allocates only while
 // its buffers are all out.
 TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt) {
-  struct Case {
+  const struct {
     uint32_t width, height;
-  };
-  const Case cases[] = {{96, 64}, {96, 30}, {40, 64}, {40, 30}, {40, 30}};
+  } cases[] = {{96, 64}, {96, 30}, {40, 64}, {40, 30}, {40, 30}};
   std::vector<std::unique_ptr<Sink>> sinks;
   sinks.push_back(std::make_unique<Sink>(9, false));  // takes the frame as it comes
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     sinks.push_back(std::make_unique<Sink>(static_cast<uint32_t>(10 + sinks.size()), true, c.width,
                                            c.height, TAVO_VIDEO_VLINK_FORMAT_I420));
   }
