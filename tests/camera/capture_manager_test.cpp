@@ -6,26 +6,17 @@
 #include <libyuv.h>
 
 #include <cstring>
-#include <random>
 #include <thread>
 
 #include "camera/tavo_video_vlink_camera_capturer_linux.h"
 #include "camera/tavo_video_vlink_capture_manager.h"
 #include "platform/adapt_common/stream_qi.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 #include "tools/common/fake_v4l2_device.h"
 #include "tools/common/jpeg_util.h"
 
 namespace {
-
-std::vector<uint8_t> RandomBytes(size_t size, uint32_t seed) {
-  std::mt19937 generator(seed);
-  std::vector<uint8_t> bytes(size);
-  for (uint8_t& byte : bytes) {
-    byte = static_cast<uint8_t>(generator());
-  }
-  return bytes;
-}
 
 // Packed I420 of width x height with strides width and width/2, as the manager lays it out.
 struct RefI420 {

@@ -3,20 +3,13 @@
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <vector>
 
 #include "platform/adapt_common/tavo_video_frame_convert.h"
 #include "platform/adapt_common/tavo_video_rgb_convert.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
-
-std::vector<uint8_t> Random(size_t size, uint32_t seed) {
-  std::mt19937 gen(seed);
-  std::vector<uint8_t> out(size);
-  for (auto& byte : out) byte = static_cast<uint8_t>(gen());
-  return out;
-}
 
 // An ARGB frame over `pixels` (width x height, rows of 4 x width bytes).
 std::unique_ptr<OsvGraphicBuffer> WrapArgb(std::vector<uint8_t>& pixels, uint32_t width,
@@ -41,7 +34,7 @@ std::vector<uint8_t> Planes(const OsvGraphicBuffer& frame) {
 
 // The conversion node's test covers even sizes; an odd one shows libyuv's chroma rounding.
 TEST(FrameConvertTest, ArgbToI420MatchesLibyuvAndRefusesWhatDoesNotFit) {
-  auto odd = Random(33 * 17 * 4, 2);
+  auto odd = RandomBytes(33 * 17 * 4, 2);
   auto oddSource = WrapArgb(odd, 33, 17);
   OsvGraphicBuffer got(33, 17, TAVO_VIDEO_VLINK_FORMAT_I420);
   OsvGraphicBuffer want(33, 17, TAVO_VIDEO_VLINK_FORMAT_I420);
@@ -51,7 +44,7 @@ TEST(FrameConvertTest, ArgbToI420MatchesLibyuvAndRefusesWhatDoesNotFit) {
                      want.GetImageAddr(1), static_cast<int>(o.stride[1]), want.GetImageAddr(2),
                      static_cast<int>(o.stride[2]), 33, 17);
   EXPECT_EQ(Planes(got), Planes(want));
-  auto argb = Random(64 * 48 * 4, 1);
+  auto argb = RandomBytes(64 * 48 * 4, 1);
   auto source = WrapArgb(argb, 64, 48);
   OsvGraphicBuffer wrongSize(32, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);
   EXPECT_EQ(ConvertToI420(source.get(), &wrongSize), -1);
@@ -70,7 +63,7 @@ TEST(FrameConvertTest, ArgbToI420MatchesLibyuvAndRefusesWhatDoesNotFit) {
 }
 
 TEST(FrameConvertTest, ArgbScalePlacesTheRegionAndCompareTellsUniformFromContent) {
-  auto source = Random(60 * 100 * 4, 3);
+  auto source = RandomBytes(60 * 100 * 4, 3);
   std::vector<uint8_t> picture(80 * 45 * 4, 0xEE);
   const ArgbPlane from{source.data(), 60, 100, 240};
   const ArgbPlane to{picture.data(), 80, 45, 320};

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,13 +14,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-Bytes Random(size_t size, uint32_t seed) {
-  std::mt19937 gen(seed);
-  Bytes out(size);
-  std::generate(out.begin(), out.end(), [&] { return static_cast<uint8_t>(gen()); });
-  return out;
-}
 
 // libyuv's own conversion (`convert`: one of its ...ToI420) of the top-left w x h of a
 // top-down image.
@@ -54,7 +46,7 @@ BmpCase Readable(int32_t width, int32_t height, uint32_t bitCount, uint32_t comp
   const int rows = std::abs(height);
   const int w = width & ~1;  // odd sizes lose their last column and row
   const int h = rows & ~1;
-  const Bytes pixels = Random(static_cast<size_t>(width * bpp * rows), 7);
+  const Bytes pixels = RandomBytes(static_cast<size_t>(width * bpp * rows), 7);
   return {MakeBmp(width, height, bitCount, compression, pixels), static_cast<uint32_t>(w),
           static_cast<uint32_t>(h),
           Oracle(bpp == 3 ? libyuv::RGB24ToI420 : libyuv::ARGBToI420, pixels.data(), width * bpp, w,
@@ -124,7 +116,7 @@ TEST(ImageConvertTest, BmpMatchesLibyuvOrIsRefused) {
 
 TEST(ImageConvertTest, DatReadsI420AndRefusesShortFiles) {
   TempDir dir;
-  Bytes longer = Random(8 * 6 * 3 / 2 + 1, 3);
+  Bytes longer = RandomBytes(8 * 6 * 3 / 2 + 1, 3);
   const Bytes frame(longer.begin(), longer.end() - 1);
   uint8_t* image = nullptr;
   ASSERT_EQ(TransDat2Yuv(dir.Write("longer", longer).c_str(), &image, 8, 6), 0);
@@ -141,7 +133,7 @@ TEST(ImageConvertTest, DatReadsI420AndRefusesShortFiles) {
 }
 
 TEST(ImageConvertTest, RgbMatchesLibyuvInBothByteOrders) {
-  Bytes rgb = Random(34 * 6 * 3, 5);
+  Bytes rgb = RandomBytes(34 * 6 * 3, 5);
   for (const bool bgr : {true, false}) {
     SCOPED_TRACE(bgr ? "BGR" : "RGB");
     uint8_t* image = nullptr;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,16 @@ class TempDir {
   static inline int s_counter = 0;
   std::filesystem::path m_path;
 };
+
+// `size` bytes of noise, the same for the same seed.
+inline std::vector<uint8_t> RandomBytes(size_t size, uint32_t seed) {
+  std::mt19937 generator(seed);
+  std::vector<uint8_t> bytes(size);
+  for (uint8_t& byte : bytes) {
+    byte = static_cast<uint8_t>(generator());
+  }
+  return bytes;
+}
 
 // Writes `value` little-endian into `bytes` bytes at `at`.
 inline void PutLe(std::vector<uint8_t>& file, size_t at, uint64_t value, size_t bytes) {
