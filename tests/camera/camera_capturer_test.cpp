@@ -479,10 +479,9 @@ TEST_F(CapturerTest, RestartKeepsTheSameSizeAndReopensForAnother) {
   EXPECT_EQ(device.CurrentInterval(0).denominator, 15U);
   EXPECT_EQ(device.OpenDescriptors(), 1U);
   EXPECT_EQ(device.Mappings(), 4U);
-  tagCameraCaptureParams sameWidth = Params(1280, 480, 30);
-  tagCameraCaptureParams sameHeight = Params(640, 720, 30);
-  EXPECT_FALSE(capturer.IsCaptrueParamSame(&sameWidth));
-  EXPECT_FALSE(capturer.IsCaptrueParamSame(&sameHeight));
+  for (tagCameraCaptureParams other : {Params(1280, 480, 30), Params(640, 720, 30)}) {
+    EXPECT_FALSE(capturer.IsCaptrueParamSame(&other));  // one side the same is not enough
+  }
 }
 
 }  // namespace

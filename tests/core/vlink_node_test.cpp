@@ -12,8 +12,6 @@
 
 namespace {
 
-using NodePtr = VideoVlinkNode::NodePtr;
-
 std::shared_ptr<CountingNode> MakeNode(uint32_t id, bool start) {
   auto node = std::make_shared<CountingNode>(id);
   if (start) {
@@ -195,7 +193,7 @@ TEST(VlinkNodeTest, LinkReportsTheFailedStepAndKeepsOrUndoesWhatWasMade) {
   receiver->StopProcess();
 }
 
-TEST(VlinkNodeTest, QueuedTasksKeepTheirNodeAlive) {
+TEST(VlinkNodeTest, QueuedTasksKeepTheirNodeAliveAndAStopWaitsForThem) {
   auto source = MakeNode(1, true);
   auto sink = MakeNode(2, true);
   Link(source, sink);
@@ -214,14 +212,12 @@ TEST(VlinkNodeTest, QueuedTasksKeepTheirNodeAlive) {
   gate.Open();
   ASSERT_TRUE(destroyed.WaitFor(1));
   EXPECT_TRUE(frame.IsAvailable());  // every task ran and dropped its reference
-}
-
-TEST(VlinkNodeTest, StopRefusesFramesAndWaitsForTheQueuedOnes) {
+  // A stop refuses new frames and waits for the queued ones.
   auto node = MakeNode(1, true);
-  Gate gate;
-  node->onFrame = [&](OsvGraphicBuffer*) { gate.Pass(); };
-  OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
-  FrameRef first = FrameRef::Share(&frame);
+  Gate stopGate;
+  node->onFrame = [&](OsvGraphicBuffer*) { stopGate.Pass(); };
+  OsvGraphicBuffer held(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
+  FrameRef first = FrameRef::Share(&held);
   ASSERT_EQ(node->QueueBuffer(first), 0U);
   EXPECT_FALSE(first);  // the task took it
   std::atomic<bool> stopped{false};
@@ -231,14 +227,14 @@ TEST(VlinkNodeTest, StopRefusesFramesAndWaitsForTheQueuedOnes) {
   });
   // The stop clears the started flag before it waits, so new frames are refused at once.
   ASSERT_TRUE(node->stopping.WaitFor(1));
-  FrameRef late = FrameRef::Share(&frame);
+  FrameRef late = FrameRef::Share(&held);
   EXPECT_EQ(node->QueueBuffer(late), 1U);
   EXPECT_TRUE(late);  // left with the caller
   late.Reset();
   EXPECT_FALSE(stopped);
-  gate.Open();
+  stopGate.Open();
   stopper.join();
-  EXPECT_TRUE(frame.IsAvailable());
+  EXPECT_TRUE(held.IsAvailable());
   EXPECT_EQ(node->StopProcess(), 0U);  // a second stop does nothing
 }
 

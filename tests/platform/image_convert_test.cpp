@@ -114,7 +114,7 @@ TEST(ImageConvertTest, BmpMatchesLibyuvOrIsRefused) {
   EXPECT_EQ(image, nullptr);
 }
 
-TEST(ImageConvertTest, DatReadsI420AndRefusesShortFiles) {
+TEST(ImageConvertTest, DatAndRgbMatchLibyuvAndShortFilesAreRefused) {
   TempDir dir;
   Bytes longer = RandomBytes(8 * 6 * 3 / 2 + 1, 3);
   const Bytes frame(longer.begin(), longer.end() - 1);
@@ -130,18 +130,15 @@ TEST(ImageConvertTest, DatReadsI420AndRefusesShortFiles) {
   EXPECT_NE(TransDat2Yuv(exact.c_str(), &image, 8, 0), 0);
   EXPECT_NE(TransDat2Yuv(exact.c_str(), &image, 16386, 2), 0);
   EXPECT_EQ(image, nullptr);
-}
-
-TEST(ImageConvertTest, RgbMatchesLibyuvInBothByteOrders) {
+  // Packed RGB in both byte orders.
   Bytes rgb = RandomBytes(34 * 6 * 3, 5);
   for (const bool bgr : {true, false}) {
     SCOPED_TRACE(bgr ? "BGR" : "RGB");
-    uint8_t* image = nullptr;
     ASSERT_EQ(Trans2Yuv(rgb.data(), 34, 6, bgr, &image), 0);
     EXPECT_EQ(Take(image, 34 * 6 * 3 / 2),
               Oracle(bgr ? libyuv::RGB24ToI420 : libyuv::RAWToI420, rgb.data(), 34 * 3, 34, 6));
   }
-  uint8_t* image = nullptr;
+  image = nullptr;
   EXPECT_NE(Trans2Yuv(rgb.data(), 33, 6, true, &image), 0);
   EXPECT_NE(Trans2Yuv(nullptr, 34, 6, true, &image), 0);
   EXPECT_EQ(image, nullptr);
