@@ -239,10 +239,11 @@ TEST_F(CameraLinkTest, BadIdsUnknownComponentsAndMissingMiddleNodesAreRefused) {
   EXPECT_TRUE(m_log.HasModule("Vi[7] mid[0] GetBgVirtualNodeId failed!", 1));
 }
 
-// The stop gives up after its bounded wait; held frames are freed once when let go.
-TEST_F(CameraLinkTest, StopWithFramesHeldReturnsAfterTheBoundedWait) {
+// The stop gives up after its bounded wait; held frames are freed once when let go. Frames
+// that come back while the stop waits end the wait at once, not at its limit.
+TEST_F(CameraLinkTest, StopWithFramesHeldWaitsUntilTheyComeBackOrItsLimit) {
   auto [camera, sink] = CameraWithHoldingSink(740, 8, 741, 25, 3);
-  const auto begin = std::chrono::steady_clock::now();
+  auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(camera->StopProcess(), 0U);
   EXPECT_GE(std::chrono::steady_clock::now() - begin,
             std::chrono::milliseconds(CameraCaptureNode::kReleaseWaitMs));
@@ -251,26 +252,23 @@ TEST_F(CameraLinkTest, StopWithFramesHeldReturnsAfterTheBoundedWait) {
   LetGo();
   camera->DealTaskHandler(true);
   EXPECT_EQ(camera->GetBufferCount(), 0U);
-}
 
-// Frames that come back while the stop waits end the wait at once, not at its limit.
-TEST_F(CameraLinkTest, StopEndsAsSoonAsTheHeldFramesComeBack) {
-  auto [camera, sink] = CameraWithHoldingSink(745, 10, 746, 33, 1000);
+  auto [quick, quickSink] = CameraWithHoldingSink(745, 10, 746, 33, 1000);
   // Let go of the frames once capture has stopped, i.e. while the stop waits for them.
-  std::thread host([&, sink = sink] {
+  std::thread host([&, quickSink = quickSink] {
     for (int i = 0; i < 20000 && m_device.IsStreaming(0); ++i) {
       std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
-    sink->DealTaskHandler(true);
+    quickSink->DealTaskHandler(true);
     LetGo();
   });
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(camera->StopProcess(), 0U);
+  begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(quick->StopProcess(), 0U);
   const auto took = std::chrono::steady_clock::now() - begin;
   host.join();
   EXPECT_LT(took, std::chrono::milliseconds(CameraCaptureNode::kReleaseWaitMs));
-  EXPECT_EQ(camera->GetBufferCount(), 0U);
-  EXPECT_FALSE(m_log.HasModule("not release!"));
+  EXPECT_EQ(quick->GetBufferCount(), 0U);
+  EXPECT_EQ(m_log.CountModule("not release!"), 1U);  // the first stop's only
 }
 
 // Kept at once, captured from the next start; other kinds of node are left alone.
