@@ -98,7 +98,7 @@ class ComputingClientTest : public ::testing::Test {
 
 // Whether the mask covers the person and leaves the background is checked on the whole
 // effect (background_real_client_test); here, the client's contract.
-TEST_F(ComputingClientTest, BuffersAreBoundedAndEveryRequestIsAnsweredOnce) {
+TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadModelsAreRefused) {
   const cv::Mat frame(72, 128, CV_8UC3, cv::Scalar(40, 90, 200));
   const uint32_t id = Create(Model(kLandscape), 128, 72);
   std::vector<TavoComputingBufferParams> lent(2);
@@ -109,7 +109,7 @@ TEST_F(ComputingClientTest, BuffersAreBoundedAndEveryRequestIsAnsweredOnce) {
   EXPECT_EQ(TavoComputingGetBuffer(id, &extra), TAVO_COMPUTING_ERR_BUSY);
   EXPECT_EQ(TavoComputingReturnBuffer(id, lent[0]), 0);
   EXPECT_EQ(TavoComputingReturnBuffer(id, lent[0]), TAVO_COMPUTING_ERR_ARGUMENT);  // not lent
-  lent[1].filled = 0;  // refused: not filled; the buffer goes back all the same
+  lent[1].filled = 0;  // task: not filled; the buffer goes back all the same
   EXPECT_EQ(TavoComputingInference(nullptr, &OnAnswer, nullptr, id, lent[1]),
             TAVO_COMPUTING_ERR_ARGUMENT);
   TavoComputingBufferParams wrongSize{};
@@ -145,27 +145,26 @@ TEST_F(ComputingClientTest, BuffersAreBoundedAndEveryRequestIsAnsweredOnce) {
   ASSERT_EQ(Submit(id, cv::Mat(36, 64, CV_8UC3, cv::Scalar(1, 2, 3))), 0);
   ASSERT_TRUE(m_answers.count.WaitFor(4));
   EXPECT_EQ(m_answers.masks.back().size(), 64U * 36U);
-}
-
-TEST_F(ComputingClientTest, BadModelsAndRecordsAreRefused) {
+  // Bad models and records are task.
   TempDir dir;
   const std::string corrupt = dir.Write("corrupt", {8, 7, 0x12, 0xFF, 1, 2, 3});
   std::vector<uint8_t> head(4096);
   std::ifstream(Model(kLandscape), std::ios::binary)
       .read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(head.size()));
   const std::string truncated = dir.Write("truncated", head);
-  uint32_t id = 0;
+  uint32_t task = 0;
   for (const std::string& model : {(dir.Path() / "none").string(), corrupt, truncated}) {
-    EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(model, 64, 36), &id),
+    EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(model, 64, 36), &task),
               TAVO_COMPUTING_ERR_MODEL);
   }
   TavoComputingTaskParams unterminated = TaskParams(Model(kLandscape), 64, 36);
   std::memset(unterminated.modelPath, 'a', sizeof unterminated.modelPath);
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, unterminated, &id), TAVO_COMPUTING_ERR_ARGUMENT);
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(Model(kLandscape), 2561, 1440), &id),
+  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, unterminated, &task), TAVO_COMPUTING_ERR_ARGUMENT);
+  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(Model(kLandscape), 2561, 1440), &task),
             TAVO_COMPUTING_ERR_ARGUMENT);  // mask would not fit 3,686,400 bytes
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(Model(kLandscape), 2560, 1440), &id), 0);
-  m_tasks.push_back(id);
+  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(Model(kLandscape), 2560, 1440), &task),
+            0);
+  m_tasks.push_back(task);
   EXPECT_EQ(TavoComputingStartTask(999999), TAVO_COMPUTING_ERR_ARGUMENT);
 }
 
