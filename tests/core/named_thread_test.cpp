@@ -18,8 +18,8 @@ class NamedThreadTest : public ::testing::Test {
 };
 
 // A creation failure is reported and the thread can start later; it runs named, keeps its
-// period and stops at once.
-TEST_F(NamedThreadTest, RunsNamedKeepsItsPeriodAndStopsAtOnce) {
+// period, a wake ends its wait, and it stops at once.
+TEST_F(NamedThreadTest, RunsNamedKeepsItsPeriodWakesAndStopsAtOnce) {
   LogCapture logs;
   NamedThread thread("VLINK_PERIODIC");
   CountLatch rounds;
@@ -44,6 +44,10 @@ TEST_F(NamedThreadTest, RunsNamedKeepsItsPeriodAndStopsAtOnce) {
   m_clock.AdvanceMs(1);
   ASSERT_TRUE(rounds.WaitFor(2));
   ASSERT_TRUE(m_clock.WaitForWaiters(1));
+  // Virtual time stands still: only a wake can end this wait, and it must.
+  thread.Wake();
+  EXPECT_TRUE(rounds.WaitFor(3, std::chrono::seconds(5)));
+  ASSERT_TRUE(m_clock.WaitForWaiters(1));
   // Virtual time stands still: only the stop can end this wait.
   thread.Stop();
   EXPECT_FALSE(thread.IsRunning());
@@ -52,23 +56,6 @@ TEST_F(NamedThreadTest, RunsNamedKeepsItsPeriodAndStopsAtOnce) {
   EXPECT_EQ(m_threads.Names().back(), "VLINK_PERIODIC");
   thread.Stop();  // a second stop joins nothing
   EXPECT_EQ(m_threads.Joins(), 1);
-}
-
-// Virtual time stands still: only the wake can end this wait, and it must.
-TEST_F(NamedThreadTest, WakeEndsAWaitWithoutACondition) {
-  NamedThread thread("VLINK_WOKEN");
-  CountLatch rounds;
-  ASSERT_EQ(thread.Start([&] {
-    do {
-      rounds.Add();
-    } while (thread.WaitFor(60000));
-  }),
-            0);
-  ASSERT_TRUE(rounds.WaitFor(1));
-  ASSERT_TRUE(m_clock.WaitForWaiters(1));
-  thread.Wake();
-  EXPECT_TRUE(rounds.WaitFor(2, std::chrono::seconds(5)));
-  thread.Stop();
 }
 
 // A producer that changes the condition and wakes the thread is never missed, however the

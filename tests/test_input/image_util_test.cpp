@@ -54,23 +54,6 @@ Bytes Ihdr(uint32_t width, uint32_t height, uint8_t depth, uint8_t colorType) {
   return Chunk("IHDR", Be(width, 4) + Be(height, 4) + Bytes{depth, colorType, 0, 0, 0});
 }
 
-TEST(ImageUtilTest, SignaturesNeedTheirFullLength) {
-  Bytes png = kPngSig;
-  Bytes jpeg = kSoi;
-  Bytes bmp = {'B', 'M'};
-  Bytes other = {0xFF, 0xD9, 'B', 'A'};
-  EXPECT_TRUE(ImageUtils::isPngFormat(png.data(), 8));
-  EXPECT_FALSE(ImageUtils::isPngFormat(png.data(), 7));
-  EXPECT_TRUE(ImageUtils::isJpegFormat(jpeg.data(), 2));
-  EXPECT_FALSE(ImageUtils::isJpegFormat(jpeg.data(), 1));
-  EXPECT_FALSE(ImageUtils::isJpegFormat(other.data(), 4));
-  EXPECT_TRUE(ImageUtils::isBmpFormat(bmp.data(), 2));
-  EXPECT_FALSE(ImageUtils::isBmpFormat(bmp.data(), 1));
-  EXPECT_FALSE(ImageUtils::isBmpFormat(nullptr, 2));
-  EXPECT_FALSE(ImageUtils::isBmpFormat(other.data() + 2, 2));
-  EXPECT_EQ(ImageUtils::GetRealValue(0x11223344U), 0x44332211U);
-}
-
 TEST(ImageUtilTest, HeaderWalkers) {
   TempDir dir;
   const InfoReader jpg = ImageUtils::GetJpegInfo;
@@ -116,7 +99,7 @@ TEST(ImageUtilTest, HeaderWalkers) {
   }
 }
 
-TEST(ImageUtilTest, VerifyImage) {
+TEST(ImageUtilTest, VerifyImageAndSignaturesOfFullLength) {
   TempDir dir;
   const auto formats = [](uint32_t set) {
     return ImageVerifyRequirement{2, 4096, 2, 4096, 1, 64, set};
@@ -157,6 +140,21 @@ TEST(ImageUtilTest, VerifyImage) {
   }
   EXPECT_EQ(ImageUtils::VerifyImage(nullptr, &any), 1U);
   EXPECT_EQ(ImageUtils::VerifyImage(dir.Write("bmp", MakeBmp(8, 6, 24)).c_str(), nullptr), 1U);
+  // Signatures need their full length.
+  Bytes png = kPngSig;
+  Bytes jpeg = kSoi;
+  Bytes bmp = {'B', 'M'};
+  Bytes other = {0xFF, 0xD9, 'B', 'A'};
+  EXPECT_TRUE(ImageUtils::isPngFormat(png.data(), 8));
+  EXPECT_FALSE(ImageUtils::isPngFormat(png.data(), 7));
+  EXPECT_TRUE(ImageUtils::isJpegFormat(jpeg.data(), 2));
+  EXPECT_FALSE(ImageUtils::isJpegFormat(jpeg.data(), 1));
+  EXPECT_FALSE(ImageUtils::isJpegFormat(other.data(), 4));
+  EXPECT_TRUE(ImageUtils::isBmpFormat(bmp.data(), 2));
+  EXPECT_FALSE(ImageUtils::isBmpFormat(bmp.data(), 1));
+  EXPECT_FALSE(ImageUtils::isBmpFormat(nullptr, 2));
+  EXPECT_FALSE(ImageUtils::isBmpFormat(other.data() + 2, 2));
+  EXPECT_EQ(ImageUtils::GetRealValue(0x11223344U), 0x44332211U);
 }
 
 }  // namespace
