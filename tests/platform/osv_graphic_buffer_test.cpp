@@ -58,7 +58,7 @@ TEST(OsvGraphicBufferTest, LastHolderReleasesExactlyOnceAlsoAmongConcurrentHolde
   }
 }
 
-TEST(OsvGraphicBufferTest, OwnMemoryIsDescribedPerFormat) {
+TEST(OsvGraphicBufferTest, MemoryIsDescribedPerFormatAndPlanesLieInsideIt) {
   OsvGraphicBuffer i420(65, 33, TAVO_VIDEO_VLINK_FORMAT_I420);
   OsvGraphicBufferInfo info = i420.GetImageInfo();
   ASSERT_NE(i420.GetBufHandle(), nullptr);
@@ -77,16 +77,10 @@ TEST(OsvGraphicBufferTest, OwnMemoryIsDescribedPerFormat) {
 
   EXPECT_EQ(OsvGraphicBuffer(0, 10, TAVO_VIDEO_VLINK_FORMAT_I420).GetBufHandle(), nullptr);
   EXPECT_EQ(OsvGraphicBuffer(10, 10, 7).GetBufHandle(), nullptr);
-}
-
-TEST(OsvGraphicBufferTest, PlaneAddressesMustLieInsideKnownMemory) {
+  // Plane addresses given from outside must lie inside the known memory.
   std::vector<uint8_t> memory(96);
   OsvGraphicBuffer buffer(memory.data());
-  OsvGraphicBufferInfo info{};
-  info.width = 8;
-  info.height = 8;
-  info.size = 96;
-  buffer.SetImageInfo(info);
+  buffer.SetImageInfo({8, 8, {}, 96, 0, 0, 0});
   EXPECT_EQ(buffer.SetImageAddr(nullptr, nullptr, nullptr), -1);
   EXPECT_EQ(buffer.SetImageAddr(memory.data(), memory.data() + 64, memory.data() + 96), -1);
   EXPECT_EQ(buffer.GetImageAddr(0), nullptr);
