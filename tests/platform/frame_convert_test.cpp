@@ -32,36 +32,6 @@ std::vector<uint8_t> Planes(const OsvGraphicBuffer& frame) {
   return {data, data + info.size};
 }
 
-// The conversion node's test covers even sizes; an odd one shows libyuv's chroma rounding.
-TEST(FrameConvertTest, ArgbToI420MatchesLibyuvAndRefusesWhatDoesNotFit) {
-  auto odd = RandomBytes(33 * 17 * 4, 2);
-  auto oddSource = WrapArgb(odd, 33, 17);
-  OsvGraphicBuffer got(33, 17, TAVO_VIDEO_VLINK_FORMAT_I420);
-  OsvGraphicBuffer want(33, 17, TAVO_VIDEO_VLINK_FORMAT_I420);
-  ASSERT_EQ(ConvertToI420(oddSource.get(), &got), 0);
-  const OsvGraphicBufferInfo o = want.GetImageInfo();
-  libyuv::ARGBToI420(odd.data(), 33 * 4, want.GetImageAddr(0), static_cast<int>(o.stride[0]),
-                     want.GetImageAddr(1), static_cast<int>(o.stride[1]), want.GetImageAddr(2),
-                     static_cast<int>(o.stride[2]), 33, 17);
-  EXPECT_EQ(Planes(got), Planes(want));
-  auto argb = RandomBytes(64 * 48 * 4, 1);
-  auto source = WrapArgb(argb, 64, 48);
-  OsvGraphicBuffer wrongSize(32, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);
-  EXPECT_EQ(ConvertToI420(source.get(), &wrongSize), -1);
-  EXPECT_EQ(ConvertToI420(nullptr, &wrongSize), -1);
-  EXPECT_EQ(ConvertToI420(source.get(), nullptr), -1);
-  // Memory one row short of what the description claims: no over-read.
-  std::vector<uint8_t> shortPixels(64 * 47 * 4);
-  auto shortSource = WrapArgb(shortPixels, 64, 48);
-  OsvGraphicBuffer target(64, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);
-  EXPECT_EQ(ConvertToI420(shortSource.get(), &target), -1);
-  EXPECT_EQ(Planes(target), std::vector<uint8_t>(target.GetImageInfo().size, 0));
-  // A zero-size target.
-  OsvGraphicBuffer empty(0, 0, TAVO_VIDEO_VLINK_FORMAT_I420);
-  EXPECT_EQ(ConvertToI420(source.get(), &empty), -1);
-  EXPECT_EQ(I420Scale(&target, &empty), -1);
-}
-
 TEST(FrameConvertTest, ArgbScalePlacesTheRegionAndCompareTellsUniformFromContent) {
   auto source = RandomBytes(60 * 100 * 4, 3);
   std::vector<uint8_t> picture(80 * 45 * 4, 0xEE);
@@ -146,6 +116,34 @@ TEST(FrameConvertTest, ConversionsMatchLibyuvAndRefuseMismatchedFrames) {
   EXPECT_NE(RGBToYUV420(&small, &back), 0);
   EXPECT_NE(RGBToYUV420(&rgb, &argb), 0);  // not I420
   EXPECT_NE(ConvertToARGB(nullptr, &argb, PELV_ROTATION_0), 0);
+  // ARGB to I420: the conversion node's test covers even sizes; an odd one shows libyuv's
+  // chroma rounding.
+  auto odd = RandomBytes(33 * 17 * 4, 2);
+  auto oddSource = WrapArgb(odd, 33, 17);
+  OsvGraphicBuffer got(33, 17, TAVO_VIDEO_VLINK_FORMAT_I420);
+  OsvGraphicBuffer want(33, 17, TAVO_VIDEO_VLINK_FORMAT_I420);
+  ASSERT_EQ(ConvertToI420(oddSource.get(), &got), 0);
+  const OsvGraphicBufferInfo o = want.GetImageInfo();
+  libyuv::ARGBToI420(odd.data(), 33 * 4, want.GetImageAddr(0), static_cast<int>(o.stride[0]),
+                     want.GetImageAddr(1), static_cast<int>(o.stride[1]), want.GetImageAddr(2),
+                     static_cast<int>(o.stride[2]), 33, 17);
+  EXPECT_EQ(Planes(got), Planes(want));
+  auto pixels = RandomBytes(64 * 48 * 4, 1);
+  auto source = WrapArgb(pixels, 64, 48);
+  OsvGraphicBuffer wrongSize(32, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);
+  EXPECT_EQ(ConvertToI420(source.get(), &wrongSize), -1);
+  EXPECT_EQ(ConvertToI420(nullptr, &wrongSize), -1);
+  EXPECT_EQ(ConvertToI420(source.get(), nullptr), -1);
+  // Memory one row short of what the description claims: no over-read.
+  std::vector<uint8_t> shortPixels(64 * 47 * 4);
+  auto shortSource = WrapArgb(shortPixels, 64, 48);
+  OsvGraphicBuffer target(64, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);
+  EXPECT_EQ(ConvertToI420(shortSource.get(), &target), -1);
+  EXPECT_EQ(Planes(target), std::vector<uint8_t>(target.GetImageInfo().size, 0));
+  // A zero-size target.
+  OsvGraphicBuffer empty(0, 0, TAVO_VIDEO_VLINK_FORMAT_I420);
+  EXPECT_EQ(ConvertToI420(source.get(), &empty), -1);
+  EXPECT_EQ(I420Scale(&target, &empty), -1);
 }
 
 }  // namespace
