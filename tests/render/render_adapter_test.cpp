@@ -224,6 +224,20 @@ TEST_F(RenderAdapterTest, HostCalledOnlyWithPixelsCallbackAndManager) {
   const auto got = Deliveries();
   ASSERT_EQ(got.size(), 1U);
   EXPECT_EQ(got[0].pixels, Bytes(16 * 16 * 3, 0));
+  // The conversion the RGB path rests on refuses frames that do not describe their pixels.
+  Bytes memory(100, 0);
+  OsvGraphicBuffer shortMemory(memory.data());  // 16x16 claims 384 bytes, holds 100
+  shortMemory.SetImageInfo({16, 16, {16, 8, 8}, 100, TAVO_VIDEO_VLINK_FORMAT_I420, 0, 0});
+  ASSERT_EQ(shortMemory.SetImageAddr(memory.data(), memory.data() + 50, memory.data() + 60), 0);
+  OsvGraphicBuffer noChroma(nullptr);
+  noChroma.SetImageInfo({16, 16, {16, 8, 8}, 384, TAVO_VIDEO_VLINK_FORMAT_I420, 0, 0});
+  ASSERT_EQ(noChroma.SetImageAddr(memory.data(), nullptr, nullptr), 0);
+  auto good = MakeFrame(16, 16, 12);
+  Bytes target(16 * 16 * 3, 0xAB);
+  EXPECT_NE(ChangeI420ToRGB(good.get(), target.data(), 16, 8), 0);
+  EXPECT_NE(ChangeI420ToRGB(&noChroma, target.data(), 16, 16), 0);
+  EXPECT_NE(ChangeI420ToRGB(&shortMemory, target.data(), 16, 16), 0);
+  EXPECT_EQ(target, Bytes(target.size(), 0xAB));
 }
 
 // Host threads: one renders while another changes parameters, stops and deletes; the
@@ -249,23 +263,6 @@ TEST_F(RenderAdapterTest, FramesRaceParamsStopAndDelete) {
   EXPECT_EQ(manager.RenderFrame(frame.get()), kFailure);
   EXPECT_EQ(manager.RenderSetParams(param.params), kFailure);
   EXPECT_EQ(manager.RenderStop(), 0U);
-}
-
-// The conversion the RGB path rests on, fed frames that do not describe their pixels.
-TEST(ChangeI420ToRGBTest, RefusesFramesItCannotReadSafely) {
-  Bytes memory(100, 0);
-  OsvGraphicBuffer shortMemory(memory.data());  // 16x16 claims 384 bytes, holds 100
-  shortMemory.SetImageInfo({16, 16, {16, 8, 8}, 100, TAVO_VIDEO_VLINK_FORMAT_I420, 0, 0});
-  ASSERT_EQ(shortMemory.SetImageAddr(memory.data(), memory.data() + 50, memory.data() + 60), 0);
-  OsvGraphicBuffer noChroma(nullptr);
-  noChroma.SetImageInfo({16, 16, {16, 8, 8}, 384, TAVO_VIDEO_VLINK_FORMAT_I420, 0, 0});
-  ASSERT_EQ(noChroma.SetImageAddr(memory.data(), nullptr, nullptr), 0);
-  auto good = MakeFrame(16, 16, 12);
-  Bytes target(16 * 16 * 3, 0xAB);
-  EXPECT_NE(ChangeI420ToRGB(good.get(), target.data(), 16, 8), 0);
-  EXPECT_NE(ChangeI420ToRGB(&noChroma, target.data(), 16, 16), 0);
-  EXPECT_NE(ChangeI420ToRGB(&shortMemory, target.data(), 16, 16), 0);
-  EXPECT_EQ(target, Bytes(target.size(), 0xAB));
 }
 
 }  // namespace
