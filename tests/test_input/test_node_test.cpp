@@ -22,7 +22,7 @@ TestDevInfo Info(const std::string& path, uint32_t width = 0, uint32_t height = 
 
 // Which reader a file gets: BMP by signature (at its own size), raw I420 when the path has a
 // d, a or t, the black picture otherwise.
-TEST(TestNodeTest, PicksTheReaderFromTheHeaderAndThePath) {
+TEST(TestNodeTest, PicksTheReaderFromTheHeaderAndThePathAndRefusesBadInput) {
   const struct {
     const char* name;  // file name inside the scratch directory
     bool bmp;          // write a BMP (else raw bytes)
@@ -51,9 +51,7 @@ TEST(TestNodeTest, PicksTheReaderFromTheHeaderAndThePath) {
     EXPECT_EQ(node.GetParam().height, c.height);
     EXPECT_EQ(node.GetCacheSize(), TestInputInputNode::kCacheSize);
   }
-}
-
-TEST(TestNodeTest, StartFailsForAMissingFileAndAZeroFrameRate) {
+  // A zero frame rate is refused and a missing file fails the start.
   LogCapture logs;
   TestInputInputNode node(51);
   TestDevInfo info = Info("/nonexistent/image.bmp");
