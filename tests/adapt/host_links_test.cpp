@@ -111,31 +111,46 @@ TEST_F(HostLinksTest, BadRecordsIdsAndCallOrderAreRefused) {
   EXPECT_EQ(host.entries().stopRender(9999, 1), 1U);
 }
 
-TEST_F(HostLinksTest, TestImageReachesTheEncoderAtItsOwnSizeInOrder) {
+// A test image reaches its encoder at its own size; an encoder refusing every frame does not
+// starve a preview on the same image, and an encoder update reaches the next frames. Every
+// frame came back, so the test node frees its whole cache; a second destroy is a no-op.
+TEST_F(HostLinksTest, TestImageReachesEncoderAndPreviewAsTheEncoderChanges) {
   HostParam encoder = FakeHost::EncoderParam(3, 64, 32);
   HostParam test = FakeHost::TestParam(dir.Write("b.bmp", SolidBmp24(40, 24, 255, 0, 0)));
+  HostParam preview = FakeHost::PreviewParam({{0x81, 60}});  // the test image's own id
   ASSERT_EQ(host.Create(kTest, 200, 60, test.get()), 0U);
   ASSERT_EQ(host.Create(kEnc, 201, 8, encoder.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 202, 166, preview.get()), 0U);
+  host.SetEncoder(FakeHost::Encoder::kRefuse);
   LogCapture logs;
   ASSERT_EQ(host.Bind(kEnc, kTest, 201, 200), 0U);
   EXPECT_EQ(logs.CountModule("links: {TEST_60->(ENC_8) } ", 3), 1U);  // the link as printed
+  ASSERT_EQ(host.Bind(kVo, kTest, 202, 200), 0U);
   ASSERT_TRUE(host.offered.WaitFor(2));
-  // The image's own size, not the encoder's.
+  ASSERT_TRUE(host.rendered.WaitUntil([&] { return host.Rendered(0x81) >= 2; }));
   const FakeHost::Encoded f = host.EncodedFrames()[0];
   EXPECT_EQ(std::tuple(f.imgNo, f.hostKey, f.width, f.height, f.srcImgNo),
             std::tuple(8U, 3U, 40U, 24U, 60U));
+  host.SetEncoder(FakeHost::Encoder::kGiveBack);
+  HostParam updated = FakeHost::EncoderParam(6);
+  ASSERT_EQ(host.Update(kEnc, 201, updated.get()), 0U);
+  ASSERT_TRUE(host.offered.WaitUntil([&] {
+    int withNewKey = 0;
+    for (const FakeHost::Encoded& frame : host.EncodedFrames()) {
+      withNewKey += frame.hostKey == 6 ? 1 : 0;
+    }
+    return withNewKey >= 2;
+  }));
   host.SetEncoder(FakeHost::Encoder::kRefuse);
   EXPECT_EQ(host.Unbind(kEnc, kTest, 201, 200), 0U);
-  host.GiveBack();
+  EXPECT_EQ(host.Unbind(kVo, kTest, 202, 200), 0U);
   EXPECT_EQ(host.Destroy(kEnc, 201), 0U);
-  // Every frame came back, so the test node frees its whole cache; a second destroy is a
-  // no-op.
   EXPECT_EQ(host.Destroy(kTest, 200), 0U);
   EXPECT_EQ(host.Destroy(kTest, 200), 0U);
   EXPECT_FALSE(logs.HasModule("The cache release is fail"));
 }
 
-TEST_F(HostLinksTest, DecodedFramesReachPreviewsAndVirtualCameraAndComeBackOnce) {
+TEST_F(HostLinksTest, DecodedFramesReachWindowsAndVirtualCameraAsWindowsChange) {
   std::mutex lock;
   std::vector<TavoVideoDisplayWinInfo> reports;
   ASSERT_EQ(host.entries().setReport([&](TavoVideoDisplayWinInfo& info) {
@@ -164,15 +179,23 @@ TEST_F(HostLinksTest, DecodedFramesReachPreviewsAndVirtualCameraAndComeBackOnce)
   ASSERT_EQ(host.entries().stopRender(501, 0x72), 0U);  // its frames still come back
   ASSERT_EQ(host.Push(90, 0, 64, 32), 0U);
   ASSERT_TRUE(host.AllBack());
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    ASSERT_EQ(reports.size(), 2U);
+    EXPECT_EQ(reports[0].viPort, 62U);
+  }
+  // An update replaces the windows.
+  HostParam moved = FakeHost::PreviewParam({{0x73, 150}});
+  ASSERT_EQ(host.Update(kVo, 501, moved.get()), 0U);
+  ASSERT_EQ(host.Push(90, 0, 64, 32), 0U);
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.entries().stopRender(501, 0x71), 1U);  // removed
   EXPECT_EQ(host.Unbind(kVo, kDec, 501, 500), 0U);
   EXPECT_EQ(host.Unbind(kCam, kDec, 502, 500), 0U);
   ASSERT_EQ(host.Push(90), 0U);  // no sink left: straight back
   ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(host.Rendered(0x71), 5);
-  EXPECT_EQ(host.Rendered(0x72), 4);
-  std::lock_guard<std::mutex> guard(lock);
-  ASSERT_EQ(reports.size(), 2U);
-  EXPECT_EQ(reports[0].viPort, 62U);
+  EXPECT_EQ(std::tuple(host.Rendered(0x71), host.Rendered(0x72), host.Rendered(0x73)),
+            std::tuple(5, 4, 1));
 }
 
 // The release callback and the first-frame report run without the library's locks: a host
@@ -207,58 +230,6 @@ TEST_F(HostLinksTest, CallbacksMayWaitForAnotherThreadUsingTheLink) {
   ASSERT_TRUE(finished.WaitFor(4, 4 * kCallbackLimit));
   ASSERT_TRUE(host.AllBack());
   EXPECT_EQ(late, 0) << "a call from another thread waited for a host callback";
-}
-
-TEST_F(HostLinksTest, UpdatesChangeWindowsAndEncoderWhileFramesFlow) {
-  HostParam decoder = FakeHost::DecoderParam(132);
-  ASSERT_EQ(host.Create(kDec, 1150, 160, decoder.get()), 0U);
-  HostParam preview = FakeHost::PreviewParam({{0x61, 132}});
-  ASSERT_EQ(host.Create(kVo, 1151, 161, preview.get()), 0U);
-  ASSERT_EQ(host.Bind(kVo, kDec, 1151, 1150), 0U);
-  ASSERT_EQ(host.Push(160), 0U);
-  ASSERT_TRUE(host.AllBack());
-  HostParam both = FakeHost::PreviewParam({{0x61, 132}, {0x62, 132}});
-  ASSERT_EQ(host.Update(kVo, 1151, both.get()), 0U);
-  ASSERT_EQ(host.Push(160), 0U);
-  ASSERT_TRUE(host.AllBack());
-  HostParam second = FakeHost::PreviewParam({{0x62, 132}});
-  ASSERT_EQ(host.Update(kVo, 1151, second.get()), 0U);
-  LogCapture logs;
-  ASSERT_EQ(host.Push(160), 0U);
-  ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(host.Rendered(0x61), 2);
-  EXPECT_EQ(host.Rendered(0x62), 2);
-  EXPECT_EQ(host.entries().stopRender(1151, 0x61), 1U);  // removed
-  EXPECT_EQ(host.entries().stopRender(1151, 0x62), 0U);
-
-  // An encoder refusing every frame does not starve a preview on the same test image; an
-  // encoder update reaches the next frames.
-  HostParam test = FakeHost::TestParam(Image());
-  HostParam encoder = FakeHost::EncoderParam(5);
-  HostParam preview2 = FakeHost::PreviewParam({{0x81, 164}});  // the test image's own id
-  ASSERT_EQ(host.Create(kTest, 1170, 164, test.get()), 0U);
-  ASSERT_EQ(host.Create(kEnc, 1171, 165, encoder.get()), 0U);
-  ASSERT_EQ(host.Create(kVo, 1172, 166, preview2.get()), 0U);
-  host.SetEncoder(FakeHost::Encoder::kRefuse);
-  ASSERT_EQ(host.Bind(kEnc, kTest, 1171, 1170), 0U);
-  ASSERT_EQ(host.Bind(kVo, kTest, 1172, 1170), 0U);
-  ASSERT_TRUE(host.offered.WaitFor(2));
-  ASSERT_TRUE(host.rendered.WaitUntil([&] { return host.Rendered(0x81) >= 2; }));
-  host.SetEncoder(FakeHost::Encoder::kGiveBack);
-  HostParam updated = FakeHost::EncoderParam(6);
-  ASSERT_EQ(host.Update(kEnc, 1171, updated.get()), 0U);
-  ASSERT_TRUE(host.offered.WaitUntil([&] {
-    int withNewKey = 0;
-    for (const FakeHost::Encoded& frame : host.EncodedFrames()) {
-      withNewKey += frame.hostKey == 6 ? 1 : 0;
-    }
-    return withNewKey >= 2;
-  }));
-  host.SetEncoder(FakeHost::Encoder::kRefuse);
-  EXPECT_EQ(host.Unbind(kEnc, kTest, 1171, 1170), 0U);
-  EXPECT_EQ(host.Unbind(kVo, kTest, 1172, 1170), 0U);
-  EXPECT_EQ(host.Destroy(kTest, 1170), 0U);
-  EXPECT_FALSE(logs.HasModule("The cache release is fail"));
 }
 
 // Destroy forgets the input's builder: the same id as another kind of input binds and starts.

@@ -82,18 +82,7 @@ TEST(BuilderTest, TearDownClimbsOnlyThroughNodesLeftWithoutOutputs) {
   }
 }
 
-TEST(BuilderTest, ConnectRefusesAnExistingLink) {
-  LogCapture logs;
-  NodePtr input = Register(2);
-  NodePtr output = Register(22);
-  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, nullptr), 1U);
-  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, output), 0U);
-  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, output), 1U);
-  EXPECT_TRUE(logs.HasModule("ConnectToNode failed!", 1));
-  Unlink(input, output);
-  VideoVlinkNode::DeleteNodeByUnique(2);
-  VideoVlinkNode::DeleteNodeByUnique(22);
-}
+// A second bind of one link is refused: the host rows' test.
 
 // A sink that takes no upstream link.
 class RefusingSink : public NamedNode {

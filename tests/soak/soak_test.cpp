@@ -230,7 +230,8 @@ class Soak : public ::testing::Test {
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 30));
       }
     });
-    // Parameters: encoder updates, capture size, the background on and off.
+    // Settings: encoder updates, capture size, the background on and off, the screen's
+    // mouse and snapshots.
     threads.emplace_back([&] {
       std::minstd_rand random(2);
       const std::pair<uint32_t, uint32_t> sizes[] = {{640, 480}, {320, 240}};
@@ -244,13 +245,6 @@ class Soak : public ::testing::Test {
         const auto& [w, h] = sizes[random() % 2];
         EXPECT_EQ(TavoVideoSetCapResolution(kCameraNode, w, h), 0U);
         EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(kBackgroundChannel, random() % 2), 0U);
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 40));
-      }
-    });
-    // The screen's mouse and snapshots.
-    threads.emplace_back([&] {
-      std::minstd_rand random(3);
-      while (!stop) {
         tagTavoVideoMouseParam mouse{};
         mouse.screenComponentId = kScreen.id;
         mouse.independent = static_cast<uint8_t>(random() % 2);
