@@ -4,6 +4,7 @@
 // the careless host's and the soak's tests).
 // The fake host checks at the end that every decoded frame came back exactly once and no
 // frame reference was dropped twice.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -44,7 +45,7 @@ bool FinishesWhileWaiting(std::function<void()> call, CountLatch& finished) {
 
 class HostLinksTest : public ::testing::Test {
  protected:
-  FakeHost host{HostEntries::Load(VLINK_LIBRARY_PATH)};
+  FakeHost host{HostEntries::From(dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL))};
   TempDir dir;
   std::string Image(uint32_t width = 16, uint32_t height = 16) {
     return dir.Write("i" + std::to_string(width) + ".bmp", SolidBmp24(width, height, 1, 2, 3));
@@ -269,9 +270,9 @@ TEST_F(HostLinksTest, BindUnbindCyclesAndDestroyedInputsComingBackAsAnotherKind)
 }
 
 // A decoder destroyed while its frame is still being shown: the destroy does not wait for
-// the preview, and the frame still comes back once when the preview lets go. Destroying the
-// preview then waits for its running frame.
-TEST_F(HostLinksTest, DestroyWhileAFrameIsBeingShown) {
+// the preview, and the frame still comes back once when the preview lets go (that a preview's
+// own destroy or unbind waits for its frames is the reliability suite's test).
+TEST_F(HostLinksTest, DecoderDestroyedWhileItsFrameIsBeingShown) {
   HostParam decoder = FakeHost::DecoderParam(138);
   HostParam preview = FakeHost::PreviewParam({{0xD1, 138}});
   ASSERT_EQ(host.Create(kDec, 1220, 176, decoder.get()), 0U);
@@ -283,15 +284,7 @@ TEST_F(HostLinksTest, DestroyWhileAFrameIsBeingShown) {
   ASSERT_TRUE(host.renderEntered.WaitFor(1));
   EXPECT_EQ(host.Destroy(kDec, 1220), 0U);
   EXPECT_EQ(host.decodedBack.Get(), 0);
-  std::promise<void> destroyed;
-  std::future<void> previewGone = destroyed.get_future();
-  std::thread destroyer([&] {
-    EXPECT_EQ(host.Destroy(kVo, 1221), 0U);
-    destroyed.set_value();
-  });
-  EXPECT_EQ(previewGone.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   gate.Open();
-  destroyer.join();
   ASSERT_TRUE(host.AllBack());
   EXPECT_EQ(host.Rendered(0xD1), 1);
 }
@@ -310,7 +303,6 @@ TEST_F(HostLinksTest, FrameGivenBackAfterItsEncoderWentStillReturnsToTheDecoder)
   EXPECT_EQ(host.Unbind(kEnc, kInput, 1181, 1182), 0U);
   EXPECT_EQ(host.Destroy(kEnc, 1181), 0U);
   EXPECT_EQ(host.decodedBack.Get(), 0);
-  ASSERT_EQ(host.Held(), 1U);
   LogCapture logs;
   host.GiveBack(1);
   EXPECT_EQ(logs.CountModule("VirtualEncoderNode is nullptr", 1), 1U);

@@ -24,12 +24,6 @@ auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t s
 
 }  // namespace
 
-HostEntries HostEntries::Load(const char* path) {
-  static void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-  EXPECT_NE(library, nullptr) << dlerror();
-  return library == nullptr ? HostEntries{} : From(library);
-}
-
 HostEntries HostEntries::From(void* library) {
   HostEntries e;
   auto get = [library](const char* name, auto& entry) {
@@ -196,10 +190,6 @@ void FakeHost::GiveBack(uint32_t expected, size_t keep) {
     }
   }
 }
-size_t FakeHost::Held() {
-  std::lock_guard<std::mutex> lock(m_lock);
-  return m_held.size();
-}
 std::vector<FakeHost::Encoded> FakeHost::EncodedFrames() {
   std::lock_guard<std::mutex> lock(m_lock);
   return m_encoded;
@@ -298,9 +288,7 @@ uint32_t FakeHost::OnEncFrame(uint32_t, uint32_t hostKey, uint32_t, VencOutFrame
     hook(frame);
   }
   const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
-  Encoded seen{hostKey,    frame->imgNo, frame->sequence,
-               info.width, info.height,  frame->buffer->GetSrcImgNo(),
-               {}};
+  Encoded seen{hostKey, frame->imgNo, info.width, info.height, frame->buffer->GetSrcImgNo(), {}};
   {
     std::lock_guard<std::mutex> lock(host->m_lock);
     if (host->keepPixels) {

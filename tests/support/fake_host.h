@@ -33,9 +33,7 @@ struct HostEntries {
   decltype(&TavoVideoSetWinReportCb) setReport = nullptr;
   void* library = nullptr;  // the dlopen handle; null when linked in
 
-  // Loads `path` with dlopen (once per process) and looks every entry up with dlsym.
-  static HostEntries Load(const char* path);
-  // The entries of a library the test loaded (and unloads) itself.
+  // The entries of a library the test loaded with dlopen, looked up with dlsym.
   static HostEntries From(void* library);
   // The entries of the library linked into the test program.
   static HostEntries Linked() {
@@ -64,9 +62,7 @@ class FakeHost {
     kRefuse,    // answers 0: the library takes it back
   };
   struct Encoded {
-    uint32_t hostKey, imgNo;
-    uint64_t sequence;
-    uint32_t width, height, srcImgNo;
+    uint32_t hostKey, imgNo, width, height, srcImgNo;
     std::vector<uint8_t> pixels;  // packed planes, when keepPixels
   };
 
@@ -104,7 +100,6 @@ class FakeHost {
   // Every held frame but the last `keep`, outside the host's lock; kAnyCode checks no code.
   static constexpr uint32_t kAnyCode = 0xFFFFFFFFU;
   void GiveBack(uint32_t expected = 0, size_t keep = 0);
-  size_t Held();
   std::vector<Encoded> EncodedFrames();
   int Rendered(uint64_t window);
 
