@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <tuple>
 #include <vector>
 
 #include "codec/tavo_video_vlink_venc_node.h"
@@ -127,12 +128,9 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
 
   ASSERT_EQ(m_host.copies.size(), 2U);
   const VencOutFrame& first = m_host.copies[0];
-  EXPECT_EQ(first.imgNo, 5U);
-  EXPECT_EQ(first.hostSubKey, 12U);
-  EXPECT_EQ(first.hostKey, 11U);
-  EXPECT_EQ(first.hostTag, 0x7A6U);
-  EXPECT_EQ(first.buffer, &frame);
-  EXPECT_EQ(first.sequence, 0U);
+  EXPECT_EQ(std::tuple(first.imgNo, first.hostKey, first.hostSubKey, first.hostTag, first.buffer,
+                       first.sequence),
+            std::tuple(5U, 11U, 12U, 0x7A6U, &frame, uint64_t{0}));
   EXPECT_EQ(m_host.copies[1].sequence, 1U);
   EXPECT_GE(m_host.copies[1].timestampUs, first.timestampUs);
 

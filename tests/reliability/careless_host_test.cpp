@@ -386,7 +386,7 @@ TEST_F(CarelessHostTest, EncoderRecordsGivenBackWronglyAreRefused) {
   auto release = Host().entries().releaseEnc;
   EXPECT_EQ(release(record), 0U);
   EXPECT_EQ(release(record), 1U);  // already given back
-  VencOutFrame foreign{};  // freeing it would abort: still the host's
+  VencOutFrame foreign{};          // freeing it would abort: still the host's
   foreign.imgNo = 5;
   EXPECT_EQ(release(&foreign), 1U);
 }

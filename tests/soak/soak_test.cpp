@@ -5,8 +5,8 @@
 // encoders, move the mouse settings, take snapshots, change the capture size and switch the
 // background; render callbacks update their preview from inside, and the host gives back
 // records the library never issued (host threads racing on one link without any order are
-// the careless host's test). At the end every host frame must have come back exactly once, and no thread,
-// descriptor, shared-memory segment or frame may be left; resident memory must stay flat.
+// the careless host's test). At the end every host frame must have come back exactly once, and no
+// thread, descriptor, shared-memory segment or frame may be left; resident memory must stay flat.
 //
 // VLINK_SOAK_SECONDS sets the run's length (default 30; the long run is documented in the
 // README).
@@ -376,9 +376,10 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
   const size_t third = resident.size() / 3;
   const size_t warm = median(resident.size() - 2 * third, resident.size() - third);
   const size_t last = median(resident.size() - third, resident.size());
-  std::printf("soak: %d s, %d encoder frames, %d decoded accepted, %d rendered; resident %zu kB in the "
-              "middle third, %zu kB in the last (medians)\n",
-              seconds, m_host.offered.Get(), m_host.Accepted(), m_host.rendered.Get(), warm, last);
+  std::printf(
+      "soak: %d s, %d encoder frames, %d decoded accepted, %d rendered; resident %zu kB in the "
+      "middle third, %zu kB in the last (medians)\n",
+      seconds, m_host.offered.Get(), m_host.Accepted(), m_host.rendered.Get(), warm, last);
   RecordProperty("resident_growth_kb", static_cast<int>(last) - static_cast<int>(warm));
   // Flat: a sanitizer's quarantine and shadow fill up for a while; a plain build must not
   // grow by more than noise.
