@@ -3,22 +3,17 @@
 #include <gtest/gtest.h>
 #include <X11/extensions/XTest.h>
 // clang-format on
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cctype>
-#include <cstddef>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
-#include <ostream>
 #include <string>
 
 #include "core/tavo_video_os_seams.h"
 #include "screen/tavo_video_vlink_capture_pacer.h"
 #include "screen/tavo_video_vlink_screen_capturer_X11.h"
 #include "tests/screen/screen_test_support.h"
-#include "tests/support/step_clock.h"
+#include "tests/support/fake_os.h"
 
 namespace {
 
@@ -27,44 +22,17 @@ constexpr uint32_t kHeight = 240;
 
 class ScreenCapturerTest : public ScreenTest {};
 
-// ---- pixels -------------------------------------------------------------------------
-
-struct ScaleCase {
-  uint32_t encWidth;
-  uint32_t encHeight;
-};
-
-void PrintTo(const ScaleCase& c, std::ostream* os) { *os << c.encWidth << "x" << c.encHeight; }
-
-class CapturedPixelsTest : public ScreenCapturerTest,
-                           public ::testing::WithParamInterface<ScaleCase> {};
-
-TEST_P(CapturedPixelsTest, EqualLibyuvOfWhatWasDrawn) {
-  StartServer({{kWidth, kHeight}});
-  const auto drawn = PatternPixels(kWidth, kHeight, 11);
-  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 0, GetParam().encWidth, GetParam().encHeight);
-  ASSERT_EQ(capturer->Init(), 0u);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(2));
-  EXPECT_EQ(capturer->StopCapture(), 0u);
-  const uint32_t outWidth = GetParam().encWidth != 0 ? GetParam().encWidth : kWidth;
-  const uint32_t outHeight = GetParam().encHeight != 0 ? GetParam().encHeight : kHeight;
-  EXPECT_EQ(sink.Info(1).width, outWidth);
-  EXPECT_EQ(sink.Info(1).height, outHeight);
-  EXPECT_EQ(sink.Frame(1), OracleI420(drawn, kWidth, kHeight, outWidth, outHeight));
+// "wait recreate link!" lines per trace channel. A channel's callback cannot be removed
+// again; these stay registered and count only that line.
+std::atomic<int> g_recreateLines[3];
+template <int channel>
+void CountRecreateLines(uint32_t /*level*/, const char* text) {
+  if (std::strstr(text, "wait recreate link!") != nullptr) {
+    ++g_recreateLines[channel];
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, CapturedPixelsTest,
-                         ::testing::Values(ScaleCase{kWidth, kHeight}, ScaleCase{160, 120},
-                                           ScaleCase{480, 360}, ScaleCase{0, 0}),
-                         [](const auto& param) {
-                           return std::to_string(param.param.encWidth) + "x" +
-                                  std::to_string(param.param.encHeight);
-                         });
-
-// ---- monitor choice -----------------------------------------------------------------
+// ---- monitor choice and pixels -------------------------------------------------------
 
 struct PortCase {
   int defaultScreen;
@@ -72,10 +40,12 @@ struct PortCase {
   uint32_t screenNum;
   uint32_t monitorIdx;
   int32_t grabX;
-  uint32_t width;
-  uint32_t height;
+  uint32_t width, height;
+  uint32_t encWidth, encHeight;  // 0: the capture size
 };
 
+// Ports number the monitors across screens, default screen first; each frame equals libyuv's
+// conversion of the monitor's pixels, unscaled, scaled down and up.
 TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
   // Screen 0 split in two monitors of 160x240, screen 1 one monitor of 200x150.
   StartServer({{kWidth, kHeight}, {200, 150}});
@@ -85,15 +55,16 @@ TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
   m_server->PutPixels(0, 0, 0, kWidth, kHeight, left);
   m_server->PutPixels(1, 0, 0, 200, 150, other);
   const PortCase cases[] = {
-      {0, 0, 0, 0, 0, 160, 240}, {0, 1, 0, 1, 160, 160, 240}, {0, 2, 1, 0, 0, 200, 150},
-      {1, 0, 1, 0, 0, 200, 150}, {1, 1, 0, 0, 0, 160, 240},   {1, 2, 0, 1, 160, 160, 240},
+      {0, 0, 0, 0, 0, 160, 240, 0, 0},     {0, 1, 0, 1, 160, 160, 240, 80, 120},
+      {0, 2, 1, 0, 0, 200, 150, 400, 300}, {1, 0, 1, 0, 0, 200, 150, 200, 150},
+      {1, 1, 0, 0, 0, 160, 240, 96, 64},   {1, 2, 0, 1, 160, 160, 240, 0, 0},
   };
   for (const PortCase& c : cases) {
     SCOPED_TRACE("default screen " + std::to_string(c.defaultScreen) + " port " +
                  std::to_string(c.port));
     m_displaySystem->SetName(m_server->Name(c.defaultScreen));
     FrameSink sink;
-    auto capturer = MakeCapturer(sink, c.port);
+    auto capturer = MakeCapturer(sink, c.port, c.encWidth, c.encHeight);
     ASSERT_EQ(capturer->Init(), 0u);
     EXPECT_EQ(capturer->GetScreenNum(), c.screenNum);
     EXPECT_EQ(capturer->GetMonitorIdx(), c.monitorIdx);
@@ -103,27 +74,44 @@ TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
     ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
     const auto& source = c.screenNum == 0 ? left : other;
     const uint32_t stride = c.screenNum == 0 ? kWidth : 200;
+    const uint32_t outWidth = c.encWidth != 0 ? c.encWidth : c.width;
+    const uint32_t outHeight = c.encHeight != 0 ? c.encHeight : c.height;
+    EXPECT_EQ(sink.Info(0).width, outWidth);
+    EXPECT_EQ(sink.Info(0).height, outHeight);
     EXPECT_EQ(sink.Frame(0),
               OracleI420(Crop(source, stride, static_cast<uint32_t>(c.grabX), 0, c.width, c.height),
-                         c.width, c.height, c.width, c.height));
+                         c.width, c.height, outWidth, outHeight));
   }
-}
-
-TEST_F(ScreenCapturerTest, PortNamingNoMonitorFailsAndClosesTheDisplay) {
-  StartServer({{kWidth, kHeight}, {200, 150}});
-  ASSERT_TRUE(m_server->SplitScreen(0, 2));
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 3);
+  // A port that names no monitor fails the start and closes the display; a loop started
+  // anyway refuses every frame.
+  m_displaySystem->SetName(m_server->Name(0));
+  FrameSink none;
+  auto capturer = MakeCapturer(none, 3);
   EXPECT_EQ(capturer->Init(), 1u);
   EXPECT_EQ(m_logs.CountModule("not find the screen[3]!", 1), 1u);
   EXPECT_EQ(m_logs.CountModule("InitWindowImage failed!", 1), 1u);
-  EXPECT_FALSE(capturer->IsInited());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-  // The loop of a capture started anyway keeps running and refuses every frame.
   ASSERT_EQ(capturer->StartCapture(), 0u);
   EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
   EXPECT_EQ(capturer->StopCapture(), 0u);
-  EXPECT_EQ(sink.Count(), 0);
+  EXPECT_EQ(none.Count(), 0);
+
+  // A port change while running moves the capture; to a port naming nothing it stops it,
+  // and the result is 0 all the same.
+  FrameSink sink;
+  capturer = MakeCapturer(sink);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  EXPECT_EQ(capturer->SetCaptureScreenPort(2), 0u);
+  EXPECT_TRUE(m_logs.HasModule("change screen capture port [0] -> [2]", 3));
+  EXPECT_TRUE(m_logs.HasModule("X11 Capturer[90] reset sucessful!", 3));
+  const int seen = sink.Count();
+  ASSERT_TRUE(sink.WaitFrames(seen + 1));
+  EXPECT_EQ(sink.Frame(static_cast<size_t>(seen)), OracleI420(other, 200, 150, 200, 150));
+  EXPECT_EQ(capturer->SetCaptureScreenPort(7), 0u);
+  EXPECT_TRUE(m_logs.HasModule("ResetCapture failed!", 1));
+  EXPECT_FALSE(capturer->IsStarted());
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 
 TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
@@ -146,45 +134,12 @@ TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
 
 // ---- following the monitor ----------------------------------------------------------
 
-TEST_F(ScreenCapturerTest, AResizedMonitorRefusesFramesWithAPacedLine) {
-  TraceCapture traces;
-  StartServer({{kWidth, kHeight}});
-  ASSERT_TRUE(m_server->SplitScreen(0, 2));
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 1);
-  ASSERT_EQ(capturer->Init(), 0u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 100, 240, 160, 0));
-  // The server's notice of the change may come a frame later.
-  ASSERT_TRUE(WaitUntilTrue([&] { return capturer->ScreenCaptureProcess() == 1; }));
-  const int sent = sink.Count();
-  for (int i = 1; i < 100; ++i) {
-    ASSERT_EQ(capturer->ScreenCaptureProcess(), 1u);
-  }
-  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[0] oldWidth[160] oldHeight[240] "
-                               "newWidth[100] newHeight[240]",
-                               1),
-            1u);
-  EXPECT_EQ(m_logs.CountModule("wait recreate link!"), 1u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);  // the 101st refusal
-  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
-  EXPECT_EQ(capturer->GetMonitorChangeCount(), 101u);
-  EXPECT_EQ(sink.Count(), sent);
-  // The capturer's lines go to trace channel 2, under its module file name.
-  EXPECT_EQ(traces.Count("wait recreate link!", 2), 2u);
-  EXPECT_EQ(traces.Count("wait recreate link!", 0), 0u);
-  for (const OmLogRecord& record : m_logs.Records()) {
-    if (record.text.find("wait recreate link!") != std::string::npos) {
-      EXPECT_EQ(record.file, "tavo_video_vlink_screen_capturer_X11.cpp");
-    }
-  }
-  // Back to its size, frames flow again; the count is never reset.
-  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 160, 0));
-  EXPECT_TRUE(WaitUntilTrue([&] { return capturer->ScreenCaptureProcess() == 0; }));
-  EXPECT_GE(capturer->GetMonitorChangeCount(), 101u);
-}
-
-TEST_F(ScreenCapturerTest, AMovedMonitorIsFollowed) {
+// Resized, the monitor's frames are refused with a line every hundred refusals; back to its
+// size it is captured again. Moved, it is followed with one line.
+TEST_F(ScreenCapturerTest, AResizedMonitorIsRefusedAMovedOneFollowed) {
+  OS_VLink_Debug_TraceRegister(0, &CountRecreateLines<0>);
+  OS_VLink_Debug_TraceRegister(2, &CountRecreateLines<2>);
+  OS_VLink_Debug_SetTraceLevel(4);
   StartServer({{kWidth, kHeight}});
   ASSERT_TRUE(m_server->SplitScreen(0, 2));
   const auto drawn = PatternPixels(kWidth, kHeight, 5);
@@ -193,8 +148,35 @@ TEST_F(ScreenCapturerTest, AMovedMonitorIsFollowed) {
   auto capturer = MakeCapturer(sink, 1);
   ASSERT_EQ(capturer->Init(), 0u);
   ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 100, 0));
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 100, 240, 160, 0));
   // The server's notice of the change may come a frame later.
+  ASSERT_TRUE(WaitUntilTrue([&] { return capturer->ScreenCaptureProcess() == 1; }));
+  const int sent = sink.Count();
+  for (int i = 1; i <= 100; ++i) {
+    ASSERT_EQ(capturer->ScreenCaptureProcess(), 1u);
+  }
+  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[0] oldWidth[160] oldHeight[240] "
+                               "newWidth[100] newHeight[240]",
+                               1),
+            1u);
+  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
+  EXPECT_EQ(m_logs.CountModule("wait recreate link!"), 2u);
+  EXPECT_EQ(capturer->GetMonitorChangeCount(), 101u);
+  EXPECT_EQ(sink.Count(), sent);
+  // The capturer's lines go to trace channel 2, under its module file name.
+  OS_VLink_Debug_SetTraceLevel(0);
+  EXPECT_EQ(g_recreateLines[2].load(), 2);
+  EXPECT_EQ(g_recreateLines[0].load(), 0);
+  for (const OmLogRecord& record : m_logs.Records()) {
+    if (record.text.find("wait recreate link!") != std::string::npos) {
+      EXPECT_EQ(record.file, "tavo_video_vlink_screen_capturer_X11.cpp");
+    }
+  }
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 160, 0));
+  EXPECT_TRUE(WaitUntilTrue([&] { return capturer->ScreenCaptureProcess() == 0; }));
+  EXPECT_GE(capturer->GetMonitorChangeCount(), 101u);  // never reset
+
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 100, 0));
   ASSERT_TRUE(WaitUntilTrue([&] {
     EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
     return capturer->GetGrabX() == 100;
@@ -253,46 +235,45 @@ std::vector<uint32_t> Blend(std::vector<uint32_t> screen, const std::vector<uint
   return screen;
 }
 
-struct CursorCase {
-  const char* name;
-  int x;
-  int y;
-};
-
-void PrintTo(const CursorCase& c, std::ostream* os) { *os << c.name; }
-
-class CursorDrawingTest : public ScreenCapturerTest,
-                          public ::testing::WithParamInterface<CursorCase> {};
-
-TEST_P(CursorDrawingTest, BlendsExactlyAndClipsAtTheEdges) {
+// The cursor is blended exactly and clipped at the edges where it is drawn; clear, hidden
+// or sent apart it is not drawn. Moved as a device moves it: the next frames follow (the
+// server's notice may come a frame later).
+TEST_F(ScreenCapturerTest, CursorIsBlendedExactlyClippedAndOnlyWhereDrawn) {
   StartServer({{kWidth, kHeight}});
   const auto drawn = PatternPixels(kWidth, kHeight, 9);
   m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
   const auto cursor = CursorPixels();
-  m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, cursor);
-  m_server->WarpPointer(0, 160, 120);
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 0, 0, 0, /*hideCursor=*/false);
-  ASSERT_EQ(capturer->Init(), 0u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  // Moved as a device moves it: the next frames follow (the server's notice may come a
-  // frame later).
-  XTestFakeMotionEvent(m_server->Connection(), 0, GetParam().x, GetParam().y, CurrentTime);
-  XSync(m_server->Connection(), False);
-  const auto expected = OracleI420(Blend(drawn, cursor, GetParam().x, GetParam().y), kWidth,
-                                   kHeight, kWidth, kHeight);
-  EXPECT_TRUE(WaitUntilTrue([&] {
-    EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
-    return sink.Frame(static_cast<size_t>(sink.Count() - 1)) == expected;
-  }));
+  struct Case {
+    const char* name;
+    int x, y;
+    bool clear, hide, independent;
+  };
+  for (const Case& c :
+       {Case{"inside", 100, 77, false, false, false}, Case{"topLeft", 2, 1, false, false, false},
+        Case{"bottomRight", 318, 239, false, false, false},
+        Case{"right", 315, 100, false, false, false}, Case{"clear", 50, 50, true, false, false},
+        Case{"hidden", 50, 50, false, true, false},
+        Case{"independent", 50, 50, false, false, true}}) {
+    SCOPED_TRACE(c.name);
+    m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot,
+                            c.clear ? std::vector<uint32_t>(cursor.size(), 0) : cursor);
+    m_server->WarpPointer(0, 160, 120);
+    FrameSink sink;
+    auto capturer = MakeCapturer(sink);
+    ASSERT_EQ(capturer->SetCaptureCursorParams(Cursor(c.hide, c.independent)), 0u);
+    ASSERT_EQ(capturer->Init(), 0u);
+    ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
+    XTestFakeMotionEvent(m_server->Connection(), 0, c.x, c.y, CurrentTime);
+    XSync(m_server->Connection(), False);
+    const bool shown = !c.clear && !c.hide && !c.independent;
+    const auto expected = OracleI420(shown ? Blend(drawn, cursor, c.x, c.y) : drawn, kWidth,
+                                     kHeight, kWidth, kHeight);
+    EXPECT_TRUE(WaitUntilTrue([&] {
+      EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
+      return sink.Frame(static_cast<size_t>(sink.Count() - 1)) == expected;
+    }));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Positions, CursorDrawingTest,
-                         ::testing::Values(CursorCase{"inside", 100, 77},
-                                           CursorCase{"topLeft", 2, 1},
-                                           CursorCase{"bottomRight", 318, 239},
-                                           CursorCase{"right", 315, 100}),
-                         [](const auto& param) { return std::string(param.param.name); });
 
 // Frames built from the rows the server reported damaged equal whole grabs, pixel for
 // pixel: windows drawn inside and outside the captured monitor, the pointer moving with
@@ -345,57 +326,6 @@ TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabs) {
   damaged.ReleaseHeld();
 }
 
-TEST_F(ScreenCapturerTest, CursorIsNotDrawnWhenClearHiddenOrIndependent) {
-  StartServer({{kWidth, kHeight}});
-  const auto drawn = PatternPixels(kWidth, kHeight, 13);
-  m_server->PutPixels(0, 0, 0, kWidth, kHeight, drawn);
-  m_server->WarpPointer(0, 50, 50);
-  const auto plain = OracleI420(drawn, kWidth, kHeight, kWidth, kHeight);
-  struct Case {
-    const char* name;
-    bool clearCursor;
-    bool hide;
-    bool independent;
-  };
-  for (const Case& c : {Case{"clear", true, false, false}, Case{"hidden", false, true, false},
-                        Case{"independent", false, false, true}}) {
-    SCOPED_TRACE(c.name);
-    m_server->SetRootCursor(
-        0, kCursorSide, kCursorSide, kHot, kHot,
-        c.clearCursor ? std::vector<uint32_t>(kCursorSide * kCursorSide, 0) : CursorPixels());
-    FrameSink sink;
-    auto capturer = MakeCapturer(sink);
-    ASSERT_EQ(capturer->SetCaptureCursorParams(Cursor(c.hide, c.independent)), 0u);
-    ASSERT_EQ(capturer->Init(), 0u);
-    ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-    EXPECT_EQ(sink.Frame(0), plain);
-  }
-}
-
-// ---- pixel layouts ------------------------------------------------------------------
-
-TEST(PixelLayoutTest, KnownLayoutsGiveTheirByteOffsets) {
-  struct Case {
-    uint32_t bits;
-    unsigned long red, green, blue;
-    bool known;
-    std::array<uint32_t, 4> layout;
-  };
-  const Case cases[] = {
-      {24, 0xff0000, 0xff00, 0xff, true, {3, 2, 1, 0}},
-      {32, 0xff00, 0xff0000, 0xff000000, true, {4, 1, 2, 3}},
-      {16, 0xf800, 0x7e0, 0x1f, false, {9, 9, 9, 9}},
-      {24, 0xff0000, 0xff00, 0xfe, false, {9, 9, 9, 9}},
-      {32, 0xff00, 0xff, 0xff0000, false, {9, 9, 9, 9}},
-  };
-  for (const Case& c : cases) {
-    std::array<uint32_t, 4> layout{9, 9, 9, 9};
-    EXPECT_EQ(X11ScreenCapturer::FindPixelLayout(c.bits, c.red, c.green, c.blue, &layout), c.known)
-        << c.bits << " " << std::hex << c.red;
-    EXPECT_EQ(layout, c.layout) << c.bits << " " << std::hex << c.red;
-  }
-}
-
 TEST_F(ScreenCapturerTest, AnUnknownLayoutIsReportedAndNothingIsSent) {
   StartServer({{kWidth, kHeight, 16}});
   m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, CursorPixels());
@@ -422,67 +352,48 @@ TEST(CapturePacerTest, CarriesTheRemainderAsOneNanosecond) {
     EXPECT_EQ(pacer.Deadline(), 1000000000ULL + frame * 33333333ULL + expected[frame - 1])
         << "frame " << frame;
   }
-  CapturePacer fixed(X11ScreenCapturer::kOrdinaryPeriodNs, 30, 5000000000ULL);
-  for (int frame = 0; frame < 3; ++frame) {
-    fixed.Advance();
-  }
-  EXPECT_EQ(fixed.Deadline(), 5000000000ULL + 3 * 50000000ULL + 1);
 }
 
-struct PeriodCase {
-  const char* cpu;
-  uint32_t fps;
-  uint64_t periodUs;
-};
-
-void PrintTo(const PeriodCase& c, std::ostream* os) { *os << c.cpu << " " << c.fps << " fps"; }
-
-class CapturePeriodTest : public ScreenCapturerTest,
-                          public ::testing::WithParamInterface<PeriodCase> {};
-
-TEST_P(CapturePeriodTest, FramesComeAtThePeriodOverManyFrames) {
-  OsPlatformSetIdentity(GetParam().cpu, "Debian");
+// Soren processors take the asked rate, others a fixed 20 a second whatever was asked.
+TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
   StartServer({{64, 48}});
-  StepClock clock;
-  ScopedSeamOverride<Clock> clockSeam(clock);
-  FrameSink sink;
-  auto capturer = std::make_unique<X11ScreenCapturer>(90);
-  ASSERT_EQ(capturer->SetCaptureParams(Params(64, 48, GetParam().fps)), 0u);
-  ASSERT_EQ(capturer->SetSendFrameCallback(sink.Callback()), 0u);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  constexpr int kFrames = 31;
-  ASSERT_TRUE(sink.WaitFrames(kFrames));
-  capturer->StopCapture();
-  const auto times = sink.TimesUs();
-  // Ticks of the clock are whole milliseconds: each frame comes at the first tick at or
-  // after its deadline, so 30 periods span 30 x period to within a millisecond.
-  const uint64_t span = times[kFrames - 1] - times[0];
-  EXPECT_GE(span, 30 * GetParam().periodUs);
-  EXPECT_LE(span, 30 * GetParam().periodUs + 1000);
-  for (int i = 1; i < kFrames; ++i) {
-    EXPECT_LE(times[i] - times[i - 1], GetParam().periodUs + 1000) << i;
+  struct Case {
+    const char* cpu;
+    uint32_t fps;
+    uint64_t periodUs;
+  };
+  for (const Case& c :
+       {Case{"Intel(R) Core(TM)", 30, 50000}, Case{"Intel", 5, 50000}, Case{"Soren 7A", 30, 33333},
+        Case{"Soren 8C", 25, 40000}, Case{"Soren 7A", 60, 16666}}) {
+    SCOPED_TRACE(std::string(c.cpu) + " " + std::to_string(c.fps));
+    OsPlatformSetIdentity(c.cpu, "Debian");
+    FakeClock clock(FakeClock::kStepping);
+    ScopedSeamOverride<Clock> clockSeam(clock);
+    FrameSink sink;
+    X11ScreenCapturer capturer(90);
+    ASSERT_EQ(capturer.SetCaptureParams(Params(64, 48, c.fps)), 0u);
+    ASSERT_EQ(capturer.SetSendFrameCallback(sink.Callback()), 0u);
+    ASSERT_EQ(capturer.StartCapture(), 0u);
+    constexpr int kFrames = 31;
+    ASSERT_TRUE(sink.WaitFrames(kFrames));
+    capturer.StopCapture();
+    const auto times = sink.TimesUs();
+    // Ticks of the clock are whole milliseconds: each frame comes at the first tick at or
+    // after its deadline, so 30 periods span 30 x period to within a millisecond.
+    const uint64_t span = times[kFrames - 1] - times[0];
+    EXPECT_GE(span, 30 * c.periodUs);
+    EXPECT_LE(span, 30 * c.periodUs + 1000);
+    for (int i = 1; i < kFrames; ++i) {
+      EXPECT_LE(times[i] - times[i - 1], c.periodUs + 1000) << i;
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Processors, CapturePeriodTest,
-    ::testing::Values(PeriodCase{"Intel(R) Core(TM)", 30, 50000}, PeriodCase{"Intel", 60, 50000},
-                      PeriodCase{"Intel", 5, 50000}, PeriodCase{"Soren 7A", 30, 33333},
-                      PeriodCase{"Soren 8C", 25, 40000}, PeriodCase{"Soren 7A", 60, 16666}),
-    [](const auto& param) {
-      std::string name =
-          std::string(param.param.cpu).substr(0, 5) + "_fps" + std::to_string(param.param.fps);
-      for (char& c : name) {
-        if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-      }
-      return name;
-    });
 
 // ---- output buffers -----------------------------------------------------------------
 
 TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
   StartServer({{kWidth, kHeight}});
-  StepClock clock;
+  FakeClock clock(FakeClock::kStepping);
   ScopedSeamOverride<Clock> clockSeam(clock);
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 160, 120);
@@ -512,49 +423,28 @@ TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
   EXPECT_EQ(sink.Frame(kChangeAt + 1).size(), 80u * 60u * 3u / 2u);
   ASSERT_GE(unusedSeen.size(), 72u);
   // unusedSeen[j - 1]: seen by the j-th frame after the change, after j turns of the loop.
-  for (size_t j = 1; j <= 60; ++j) {
-    EXPECT_EQ(unusedSeen[j - 1], 5u) << j;
+  // Freed from the 61st turn, one a turn and only once free: two stay held downstream
+  // until one comes back.
+  for (const auto& [j, count] :
+       {std::pair{1u, 5u}, std::pair{60u, 5u}, std::pair{61u, 4u}, std::pair{62u, 3u},
+        std::pair{63u, 2u}, std::pair{70u, 2u}, std::pair{72u, 1u}}) {
+    EXPECT_EQ(unusedSeen[j - 1], count) << j;
   }
-  EXPECT_EQ(unusedSeen[60], 4u);  // freed by the 61st turn
-  EXPECT_EQ(unusedSeen[61], 3u);
-  EXPECT_EQ(unusedSeen[62], 2u);
-  EXPECT_EQ(unusedSeen[69], 2u);  // the two held downstream stay
-  EXPECT_EQ(unusedSeen[71], 1u);  // freed the turn after it came back
   // The one still held outlives the stop and stays readable.
   ASSERT_EQ(kept.size(), 1u);
   EXPECT_EQ(kept[0]->GetImageInfo().width, 160u);
   EXPECT_EQ(PackI420(*kept[0].Get()).size(), 160u * 120u * 3u / 2u);
 }
 
-TEST_F(ScreenCapturerTest, AllFiveBuffersHeldDownstreamDropFramesUntilOneReturns) {
-  StartServer({{kWidth, kHeight}});
-  StepClock clock;
-  ScopedSeamOverride<Clock> clockSeam(clock);
-  FrameSink sink;
-  sink.holdFrames = true;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(5));
-  ASSERT_TRUE(WaitUntilTrue([&] { return m_logs.HasModule("no available buffer!", 1); }));
-  EXPECT_EQ(sink.Count(), 5);
-  sink.ReleaseHeld();
-  ASSERT_TRUE(sink.WaitFrames(10));
-  capturer->StopCapture();
-  sink.ReleaseHeld();
-}
-
-TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
+TEST_F(ScreenCapturerTest, AbsurdSizesAndARefusingSinkKeepTheBuffersInForce) {
   StartServer({{kWidth, kHeight}});
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 160, 120);
   ASSERT_EQ(capturer->Init(), 0u);
   EXPECT_EQ(capturer->SetEncodeResolution(100000, 100000), 0u);
-  EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 1u);
   EXPECT_EQ(capturer->SetEncodeResolution(0, 0), 0u);
   EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 2u);
-  const size_t resets = m_logs.CountModule("ResetScaleSize size");
   EXPECT_EQ(capturer->SetEncodeResolution(160, 120), 0u);  // unchanged: nothing replaced
-  EXPECT_EQ(m_logs.CountModule("ResetScaleSize size"), resets);
   EXPECT_EQ(capturer->GetUnusedBufferCount(), 0u);
   ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
   EXPECT_EQ(sink.Info(0).width, 160u);
@@ -569,31 +459,21 @@ TEST_F(ScreenCapturerTest, AnAbsurdOrZeroOutputSizeKeepsTheBuffersInForce) {
     EXPECT_EQ(capturer->SetEncodeResolution(i % 2 == 0 ? 160 : 96, 64), 0u);
   }
   EXPECT_EQ(capturer->GetUnusedBufferCount(), 10u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  EXPECT_EQ(sink.Info(2).width, 96u);
+  // A refusing sink: reported, and frame after frame, past the five buffers, every refused
+  // one came back.
+  sink.answer = 5;
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+  }
+  EXPECT_TRUE(m_logs.HasModule("SendFrame to Encoder failed!", 1));
+  EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
 }
 
 // ---- shared memory ------------------------------------------------------------------
 
-TEST_F(ScreenCapturerTest, StopStartAndDestroyLeaveNoSegmentBehind) {
-  StartServer({{kWidth, kHeight}});
-  const size_t before = CountOwnShmSegments();
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  EXPECT_EQ(CountOwnShmSegments(), before + 1);
-  ASSERT_TRUE(sink.WaitFrames(1));
-  capturer->StopCapture();
-  EXPECT_EQ(CountOwnShmSegments(), before);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(2));
-  EXPECT_EQ(CountOwnShmSegments(), before + 1);
-  capturer.reset();
-  EXPECT_EQ(CountOwnShmSegments(), before);
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-}
-
-TEST_F(ScreenCapturerTest, SharedMemoryThatCannotBeHadFailsInitCleanly) {
+// A segment lives while the capture runs, goes at every stop and destruction, and one got
+// before a failing attach is given back.
+TEST_F(ScreenCapturerTest, SharedMemoryIsGivenBackOnEveryPath) {
   StartServer({{kWidth, kHeight}});
   FakeSharedMemory memory;
   ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
@@ -608,39 +488,47 @@ TEST_F(ScreenCapturerTest, SharedMemoryThatCannotBeHadFailsInitCleanly) {
   memory.attachError = EACCES;
   EXPECT_EQ(capturer->Init(), 1u);
   EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
-  EXPECT_EQ(memory.removes.load(), 1);  // the segment got is given back
   EXPECT_EQ(CountOwnShmSegments(), before);
   EXPECT_FALSE(capturer->IsInited());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
   memory.attachError = 0;
-  EXPECT_EQ(capturer->Init(), 0u);  // and a later try works
+  for (int run = 1; run <= 2; ++run) {
+    ASSERT_EQ(capturer->StartCapture(), 0u);
+    EXPECT_EQ(CountOwnShmSegments(), before + 1);
+    ASSERT_TRUE(sink.WaitFrames(run));
+    if (run == 1) {
+      capturer->StopCapture();
+      EXPECT_EQ(CountOwnShmSegments(), before);
+    }
+  }
+  capturer.reset();
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 
 // ---- bad input and failures ---------------------------------------------------------
 
-TEST_F(ScreenCapturerTest, ParametersOutsideTheLimitsAreRefused) {
+TEST_F(ScreenCapturerTest, BadParametersAndNoDisplayAreRefused) {
   StartServer({{kWidth, kHeight}});
-  X11ScreenCapturer capturer(90);
-  EXPECT_EQ(capturer.SetCaptureParams(Params(0, 240, 30)), 1u);
-  EXPECT_EQ(capturer.SetCaptureParams(Params(320, 0, 30)), 1u);
-  EXPECT_EQ(capturer.SetCaptureParams(Params(320, 240, 0)), 1u);
+  X11ScreenCapturer bare(90);
+  EXPECT_EQ(bare.SetCaptureParams(Params(0, 240, 30)), 1u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(320, 0, 30)), 1u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(320, 240, 0)), 1u);
   EXPECT_EQ(m_logs.CountModule("Invalid param for screen capture!", 1), 3u);
-  EXPECT_EQ(capturer.SetCaptureParams(Params(1, 1, 1)), 0u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(1, 1, 1)), 0u);
   ViDevInfo kept{};
-  ASSERT_EQ(capturer.GetCaptureParams(&kept), 0u);
+  ASSERT_EQ(bare.GetCaptureParams(&kept), 0u);
   EXPECT_EQ(kept.width, 1u);
-  EXPECT_EQ(capturer.SetSendFrameCallback(nullptr), 1u);
+  EXPECT_EQ(bare.SetSendFrameCallback(nullptr), 1u);
   EXPECT_TRUE(m_logs.HasModule("SetSendFrameCallback failed, cb is nullptr!", 1));
   VlinkCursorParams noCallback = Cursor(false);
   noCallback.cursorCallback = nullptr;
-  EXPECT_EQ(capturer.SetCaptureCursorParams(noCallback), 1u);
+  EXPECT_EQ(bare.SetCaptureCursorParams(noCallback), 1u);
   EXPECT_TRUE(m_logs.HasModule("Capturer[90] SetCaptureCursorParams failed!", 1));
-  EXPECT_EQ(capturer.StopCapture(), 0u);
+  EXPECT_EQ(bare.StopCapture(), 0u);
   EXPECT_TRUE(m_logs.HasModule("Capture has stopped", 2));
-}
 
-TEST_F(ScreenCapturerTest, NoDisplayFailsInitAndTheLoopKeepsItsRhythm) {
-  StartServer({{kWidth, kHeight}});
+  // No display: Init fails, and a loop started anyway keeps its rhythm.
   FrameSink sink;
   auto capturer = MakeCapturer(sink);
   m_displaySystem->failInitThreads = true;
@@ -650,7 +538,7 @@ TEST_F(ScreenCapturerTest, NoDisplayFailsInitAndTheLoopKeepsItsRhythm) {
   m_displaySystem->refuseOpen = true;
   EXPECT_EQ(capturer->Init(), 1u);
   EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
-  StepClock clock;
+  FakeClock clock(FakeClock::kStepping);
   ScopedSeamOverride<Clock> clockSeam(clock);
   const uint64_t start = clock.NowUs();
   ASSERT_EQ(capturer->StartCapture(), 0u);
@@ -665,29 +553,9 @@ TEST_F(ScreenCapturerTest, NoDisplayFailsInitAndTheLoopKeepsItsRhythm) {
   EXPECT_EQ(sink.Count(), 0);
 }
 
-TEST_F(ScreenCapturerTest, ARefusingSinkIsReportedAndTheLoopGoesOn) {
-  StartServer({{kWidth, kHeight}});
-  FrameSink sink;
-  sink.answer = 5;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->Init(), 0u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  EXPECT_TRUE(m_logs.HasModule("SendFrame to Encoder failed!", 1));
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);  // and the buffer came back
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
-  EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
-}
-
-size_t CountOwnDescriptors() {
-  size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    (void)entry;
-    ++count;
-  }
-  return count;
+std::ptrdiff_t CountOwnDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                       std::filesystem::directory_iterator{});
 }
 
 TEST_F(ScreenCapturerTest, ADisplayThatGoesAwayMidCaptureIsSurvivedAndLetGo) {
@@ -713,38 +581,10 @@ TEST_F(ScreenCapturerTest, ADisplayThatGoesAwayMidCaptureIsSurvivedAndLetGo) {
   EXPECT_EQ(CountOwnDescriptors(), descriptors - 1);
 }
 
-TEST_F(ScreenCapturerTest, AServerThatDropsConnectionsIsAskedAgainOneThatNeverAnswersIsNot) {
-  StartServer({{kWidth, kHeight}});
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  // Dropped twice, as while a server resets after its last client left.
-  m_displaySystem->dropOpens = 2;
-  ASSERT_EQ(capturer->Init(), 0u);
-  EXPECT_EQ(m_displaySystem->refusedOpens.load(), 2);
-  EXPECT_FALSE(m_logs.HasModule("XOpenDisplay failed!"));
-  capturer.reset();
-
-  // A display whose socket takes connections and never answers: the open gives up after
-  // the answer time instead of waiting for ever.
-  const std::string number = std::to_string(5000 + getpid() % 1000);
-  const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = "/tmp/.X11-unix/X" + number;
-  std::memcpy(address.sun_path + 1, path.data(), path.size());
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address),
-                 static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size())),
-            0);
-  ASSERT_EQ(listen(listener, 4), 0);
-  m_displaySystem->SetName(":" + number);
-  m_displaySystem->answerTimeoutMs = 200;
-  capturer = MakeCapturer(sink);
-  EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
-  close(listener);
-}
-
-TEST_F(ScreenCapturerTest, AStopOnAServerThatStoppedAnsweringEndsAndLetsGo) {
+// A server that stops answering mid-capture (as one stopped with SIGSTOP) does not hold up
+// a stop; one that drops connections while it resets is asked again; a display that takes
+// connections and never answers is given up after the answer time.
+TEST_F(ScreenCapturerTest, ServersThatStopAnsweringOrDropConnections) {
   StartServer({{kWidth, kHeight}});
   FreezableXProxy proxy(m_server->Name());
   m_displaySystem->SetName(proxy.Name());
@@ -753,41 +593,25 @@ TEST_F(ScreenCapturerTest, AStopOnAServerThatStoppedAnsweringEndsAndLetsGo) {
   capturer->UseDamage(false);  // every frame asks the server, still screen or not
   ASSERT_EQ(capturer->StartCapture(), 0u);
   ASSERT_TRUE(sink.WaitFrames(2));
-  proxy.Freeze();  // as a server stopped with SIGSTOP: the capture thread's next frame waits
+  proxy.Freeze();  // the capture thread's next frame waits for ever
   ASSERT_TRUE(WaitUntilTrue([&] { return proxy.HeldBytes() > 0; }));
   EXPECT_EQ(capturer->StopCapture(), 0u);
   EXPECT_TRUE(m_logs.HasModule("Capturer[90] capture thread stuck in the X server", 1));
   EXPECT_FALSE(capturer->IsStarted());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-  // A fresh start on the real server works as ever.
-  const int seen = sink.Count();
+
+  m_displaySystem->answerTimeoutMs = 200;
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
+
   m_displaySystem->SetName(m_server->Name());
+  m_displaySystem->dropOpens = 2;
+  const int seen = sink.Count();
   ASSERT_EQ(capturer->StartCapture(), 0u);
+  EXPECT_EQ(m_displaySystem->refusedOpens.load(), 2);
   ASSERT_TRUE(sink.WaitFrames(seen + 2));
   EXPECT_EQ(capturer->StopCapture(), 0u);
-}
-
-// ---- ports while running ------------------------------------------------------------
-
-TEST_F(ScreenCapturerTest, APortChangeWhileRunningMovesTheCapture) {
-  StartServer({{kWidth, kHeight}, {200, 150}});
-  const auto other = PatternPixels(200, 150, 21);
-  m_server->PutPixels(1, 0, 0, 200, 150, other);
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(1));
-  EXPECT_EQ(capturer->SetCaptureScreenPort(1), 0u);
-  EXPECT_TRUE(m_logs.HasModule("change screen capture port [0] -> [1]", 3));
-  EXPECT_TRUE(m_logs.HasModule("X11 Capturer[90] reset sucessful!", 3));
-  const int seen = sink.Count();
-  ASSERT_TRUE(sink.WaitFrames(seen + 1));
-  EXPECT_EQ(sink.Frame(static_cast<size_t>(seen)), OracleI420(other, 200, 150, 200, 150));
-  // A port that names nothing: the reset fails, the result is still 0.
-  EXPECT_EQ(capturer->SetCaptureScreenPort(7), 0u);
-  EXPECT_TRUE(m_logs.HasModule("ResetCapture failed!", 1));
-  EXPECT_FALSE(capturer->IsStarted());
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+  EXPECT_EQ(m_logs.CountModule("XOpenDisplay failed!"), 1u);
 }
 
 }  // namespace

@@ -15,46 +15,6 @@
 
 #include "core/tavo_video_os_seams.h"
 
-namespace {
-std::mutex g_traceLock;                                  // guards g_traces and g_traceActive
-std::vector<std::pair<uint32_t, std::string>> g_traces;  // (channel, text)
-bool g_traceActive = false;
-}  // namespace
-
-TraceCapture::TraceCapture() {
-  {
-    std::lock_guard<std::mutex> lock(g_traceLock);
-    g_traces.clear();
-    g_traceActive = true;
-  }
-  OS_VLink_Debug_TraceRegister(0, &TraceCapture::Receive<0>);
-  OS_VLink_Debug_TraceRegister(1, &TraceCapture::Receive<1>);
-  OS_VLink_Debug_TraceRegister(2, &TraceCapture::Receive<2>);
-  OS_VLink_Debug_SetTraceLevel(4);
-}
-
-TraceCapture::~TraceCapture() {
-  OS_VLink_Debug_SetTraceLevel(0);
-  std::lock_guard<std::mutex> lock(g_traceLock);
-  g_traceActive = false;
-  g_traces.clear();
-}
-
-void TraceCapture::Store(uint32_t channel, const char* text) {
-  std::lock_guard<std::mutex> lock(g_traceLock);
-  if (g_traceActive) {
-    g_traces.emplace_back(channel, text);
-  }
-}
-
-size_t TraceCapture::Count(const std::string& text, int channel) {
-  std::lock_guard<std::mutex> lock(g_traceLock);
-  return static_cast<size_t>(std::count_if(g_traces.begin(), g_traces.end(), [&](const auto& t) {
-    return (channel < 0 || t.first == static_cast<uint32_t>(channel)) &&
-           t.second.find(text) != std::string::npos;
-  }));
-}
-
 std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame) {
   const OsvGraphicBufferInfo info = frame.GetImageInfo();
   std::vector<uint8_t> out;
@@ -72,28 +32,21 @@ std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame) {
 
 std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t width, uint32_t height,
                                 uint32_t outWidth, uint32_t outHeight) {
-  const int w = static_cast<int>(width);
-  const int h = static_cast<int>(height);
-  const int cw = (w + 1) / 2;
-  const int ch = (h + 1) / 2;
+  const int w = static_cast<int>(width), h = static_cast<int>(height);
+  const int cw = (w + 1) / 2, ch = (h + 1) / 2;
   std::vector<uint8_t> full(size_t(w) * h + 2 * size_t(cw) * ch);
-  uint8_t* y = full.data();
-  uint8_t* u = y + size_t(w) * h;
-  uint8_t* v = u + size_t(cw) * ch;
-  libyuv::ARGBToI420(reinterpret_cast<const uint8_t*>(argb.data()), w * 4, y, w, u, cw, v, cw, w,
-                     h);
+  uint8_t* u = full.data() + size_t(w) * h;
+  libyuv::ARGBToI420(reinterpret_cast<const uint8_t*>(argb.data()), w * 4, full.data(), w, u, cw,
+                     u + size_t(cw) * ch, cw, w, h);
   if (outWidth == width && outHeight == height) {
     return full;
   }
-  const int ow = static_cast<int>(outWidth);
-  const int oh = static_cast<int>(outHeight);
-  const int ocw = (ow + 1) / 2;
-  const int och = (oh + 1) / 2;
+  const int ow = static_cast<int>(outWidth), oh = static_cast<int>(outHeight);
+  const int ocw = (ow + 1) / 2, och = (oh + 1) / 2;
   std::vector<uint8_t> scaled(size_t(ow) * oh + 2 * size_t(ocw) * och);
-  uint8_t* sy = scaled.data();
-  uint8_t* su = sy + size_t(ow) * oh;
-  uint8_t* sv = su + size_t(ocw) * och;
-  libyuv::I420Scale(y, w, u, cw, v, cw, w, h, sy, ow, su, ocw, sv, ocw, ow, oh, libyuv::kFilterBox);
+  uint8_t* su = scaled.data() + size_t(ow) * oh;
+  libyuv::I420Scale(full.data(), w, u, cw, u + size_t(cw) * ch, cw, w, h, scaled.data(), ow, su,
+                    ocw, su + size_t(ocw) * och, ocw, ow, oh, libyuv::kFilterBox);
   return scaled;
 }
 
@@ -162,17 +115,14 @@ bool WaitUntilTrue(const std::function<bool()>& condition, std::chrono::seconds 
 
 namespace {
 
-int ConnectAbstract(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// Binds (or connects) `fd` to the abstract socket `path`, as X servers listen.
+int OnAbstract(int fd, const std::string& path, bool connectTo) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path + 1, path.data(), path.size());
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address),
-              static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size())) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
+  auto* at = reinterpret_cast<sockaddr*>(&address);
+  return connectTo ? connect(fd, at, length) : bind(fd, at, length);
 }
 
 }  // namespace
@@ -181,12 +131,7 @@ FreezableXProxy::FreezableXProxy(const std::string& serverName) {
   m_serverPath = "/tmp/.X11-unix/X" + serverName.substr(1, serverName.find('.') - 1);
   m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   for (int number = 6000 + getpid() % 1000; number < 7100; ++number) {
-    const std::string path = "/tmp/.X11-unix/X" + std::to_string(number);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path + 1, path.data(), path.size());
-    if (bind(m_listener, reinterpret_cast<sockaddr*>(&address),
-             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size())) == 0) {
+    if (OnAbstract(m_listener, "/tmp/.X11-unix/X" + std::to_string(number), false) == 0) {
       m_name = ":" + std::to_string(number);
       break;
     }
@@ -223,9 +168,12 @@ void FreezableXProxy::Pump() {
     }
     if ((fds[1].revents & POLLIN) != 0) {
       const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-      const int server = ConnectAbstract(m_serverPath);
-      if (client >= 0 && server >= 0) {
+      const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      if (client >= 0 && OnAbstract(server, m_serverPath, true) == 0) {
         pairs.emplace_back(client, server);
+      } else {
+        close(client);
+        close(server);
       }
     }
     for (size_t i = 2; i < fds.size(); ++i) {
@@ -248,10 +196,6 @@ void FreezableXProxy::Pump() {
     close(pair.first);
     close(pair.second);
   }
-}
-
-int32_t AcceptCursor(VlinkCursorSendData* /*data*/, uint32_t /*length*/, uint32_t /*userData*/) {
-  return 0;
 }
 
 void ScreenTest::StartServer(const std::vector<XvfbScreen>& screens, int defaultScreen) {
@@ -277,7 +221,7 @@ VlinkCursorParams ScreenTest::Cursor(bool hide, bool independent, uint32_t frame
   params.independent = independent ? 1 : 0;
   params.framerate = framerate;
   params.shape = 7;
-  params.cursorCallback = &AcceptCursor;
+  params.cursorCallback = [](VlinkCursorSendData*, uint32_t, uint32_t) { return int32_t{0}; };
   return params;
 }
 

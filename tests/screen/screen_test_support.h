@@ -1,5 +1,5 @@
 // What the screen tests share: a private Xvfb with the display seam pointed at it, a frame
-// sink for the capturer's callback, trace-channel capture, and libyuv oracles.
+// sink for the capturer's callback, and libyuv oracles.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,23 +22,6 @@
 #include "tests/support/wait.h"
 #include "tools/common/xvfb_server.h"
 #include "trace/tavo_video_vlink_log.h"
-
-// Texts that reached the trace channels while an instance lives (the trace level is raised
-// to detail for that time).
-class TraceCapture {
- public:
-  TraceCapture();
-  ~TraceCapture();
-  // Lines holding `text` on `channel` (any channel for -1).
-  size_t Count(const std::string& text, int channel = -1);
-
- private:
-  template <uint32_t channel>
-  static void Receive(uint32_t /*level*/, const char* text) {
-    Store(channel, text);
-  }
-  static void Store(uint32_t channel, const char* text);
-};
 
 // Packed I420 planes (Y, U, V without row padding) of a frame.
 std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame);
@@ -106,8 +89,6 @@ class FreezableXProxy {
   std::atomic<size_t> m_held{0};
   std::thread m_thread;
 };
-
-int32_t AcceptCursor(VlinkCursorSendData* data, uint32_t length, uint32_t userData);
 
 // A private X server with the display seam pointed at it.
 class ScreenTest : public ::testing::Test {

@@ -66,14 +66,10 @@ class FakeSharedMemory final : public SharedMemorySystem {
     return SharedMemorySystem::Real().Attach(id);
   }
   int Detach(const void* address) override { return SharedMemorySystem::Real().Detach(address); }
-  int Remove(int id) override {
-    ++removes;
-    return SharedMemorySystem::Real().Remove(id);
-  }
+  int Remove(int id) override { return SharedMemorySystem::Real().Remove(id); }
 
   std::atomic<int> getError{0};     // e.g. ENOSPC, EACCES
   std::atomic<int> attachError{0};  // e.g. ENOMEM, EACCES
-  std::atomic<int> removes{0};
 };
 
 // Hands out handles as the platform's queue does: only their first two fields (memory, used
@@ -90,7 +86,7 @@ class FakeHostShmQueue final : public HostShmQueue {
       return nullptr;
     }
     std::lock_guard<std::mutex> lock(m_lock);
-    m_hidden[buffer] = {buffer->mem, buffer->capacity, buffer->queueId};
+    m_hidden[buffer] = *buffer;
     buffer->capacity = 0;
     buffer->queueId = 0;
     if (nullMemory) {
@@ -119,11 +115,6 @@ class FakeHostShmQueue final : public HostShmQueue {
   std::atomic<int> frees{0};
 
  private:
-  struct Hidden {
-    void* mem;
-    uint32_t capacity;
-    uint32_t queueId;
-  };
   void Restore(OsShmAdvancedBuffer* buffer) {
     std::lock_guard<std::mutex> lock(m_lock);
     auto it = m_hidden.find(buffer);
@@ -135,6 +126,6 @@ class FakeHostShmQueue final : public HostShmQueue {
     buffer->queueId = it->second.queueId;
     m_hidden.erase(it);
   }
-  std::mutex m_lock;  // guards m_hidden
-  std::map<OsShmAdvancedBuffer*, Hidden> m_hidden;
+  std::mutex m_lock;                                             // guards m_hidden
+  std::map<OsShmAdvancedBuffer*, OsShmAdvancedBuffer> m_hidden;  // as handed out
 };
