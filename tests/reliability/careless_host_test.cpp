@@ -154,10 +154,8 @@ TEST_F(CarelessHostTest, CameraAndBackgroundStartSpeakOnChannelTwo) {
   ASSERT_EQ(
       Sym<decltype(TavoVideoRegisterTraceCallBack)>("TavoVideoRegisterTraceCallBack")(2, OnTrace2),
       0U);
-  std::string clip = "YUV4MPEG2 W32 H32 F30:1 Ip A1:1 C420jpeg\n";
-  for (int frame = 0; frame < 3; ++frame) {
-    clip += "FRAME\n" + std::string(32 * 32 * 3 / 2, static_cast<char>(0x40 + frame));
-  }
+  const std::string clip =
+      "YUV4MPEG2 W32 H32 F30:1 Ip A1:1 C420jpeg\nFRAME\n" + std::string(32 * 32 * 3 / 2, '\x40');
   const std::string path = m_dir.Write("clip.y4m", std::vector<uint8_t>(clip.begin(), clip.end()));
   setenv("VLINK_FAKE_CAMERA_CLIP", path.c_str(), 1);  // read at the camera's first open
   HostParam camera = FakeHost::Zeroed();

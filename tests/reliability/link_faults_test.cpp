@@ -373,14 +373,11 @@ TEST_F(ScreenFaultsTest, AKilledXServerAndANewOne) {
   ASSERT_EQ(CreateScreen(22), 0U);
   ASSERT_EQ(m_host.Bind(kEnc, kScreen, 21, 22), 0U);
   EXPECT_EQ(NextWidths(3), std::vector<uint32_t>(3, 320U));
-  EXPECT_EQ(m_host.Unbind(kEnc, kScreen, 21, 22), 0U);
-  EXPECT_EQ(m_host.Destroy(kScreen, 22), 0U);
 }
 
 // The screen's second monitor moves while frames flow: every frame shows the monitor fully
-// where it was or fully where it is now. Resized, it is not captured at all (no frame of
-// another size), and captured again once it has its size back.
-TEST_F(ScreenFaultsTest, AMonitorMovedAndResizedMidStreamNeverGivesAMixedFrame) {
+// where it was or fully where it is now (a resized one is refused: the capturer's test).
+TEST_F(ScreenFaultsTest, AMonitorMovedMidStreamNeverGivesAMixedFrame) {
   ASSERT_TRUE(m_server->SplitScreen(0, 2));
   const auto drawn = PatternPixels(640, 480, 7);
   m_server->PutPixels(0, 0, 0, 640, 480, drawn);
@@ -403,14 +400,6 @@ TEST_F(ScreenFaultsTest, AMonitorMovedAndResizedMidStreamNeverGivesAMixedFrame) 
 
   ASSERT_TRUE(m_server->SetMonitor(0, "part1", 320, 480, 200, 0));
   EXPECT_TRUE(lastIs(after));
-  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 200, 480, 200, 0));
-  ASSERT_TRUE(m_log.WaitFor("wait recreate link!"));
-  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 320, 480, 200, 0));
-  NextWidths(3);
-  EXPECT_TRUE(lastIs(after));
-
-  EXPECT_EQ(m_host.Unbind(kEnc, kScreen, 21, 24), 0U);
-  EXPECT_EQ(m_host.Destroy(kScreen, 24), 0U);
   const std::vector<FakeHost::Encoded> frames = m_host.EncodedFrames();
   for (size_t i = 0; i < frames.size(); ++i) {
     EXPECT_EQ(frames[i].width, 320U) << "frame " << i;
