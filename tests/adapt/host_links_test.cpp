@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cstring>
 #include <future>
-#include <map>
 #include <thread>
 #include <tuple>
 

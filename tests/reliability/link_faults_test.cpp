@@ -6,16 +6,13 @@
 #include <libyuv.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-#include "adapt/tavo_video_vlink_adapt.h"
 #include "background/tavo_video_opencv_binding.h"
 #include "camera/tavo_video_vlink_camera_capture_node.h"
 #include "core/tavo_video_os_seams.h"
