@@ -31,6 +31,7 @@
 
 #include "osv_graphic_buffer.h"
 #include "tavo_video_vlink.h"
+#include "tests/support/table_rows.h"
 
 namespace {
 
@@ -138,24 +139,16 @@ int Render(uint32_t window, TavoVideoRenderImgHeader*) {
     record.vo.winNum = 1;
     record.vo.windows[0].winHandle = window;
     record.vo.renderCb = Render;
-    const Tables& tables = GetTables();
-    for (uint32_t row = 0; row < tables.updateCount; ++row) {
-      if (tables.update[row].type == TAVO_VIDEO_COMPONENT_PREVIEW) {
-        tables.update[row].func(component, &record);
-      }
-    }
+    const Tables& t = GetTables();
+    Find(t.update, t.updateCount, TAVO_VIDEO_COMPONENT_PREVIEW)(component, &record);
   }
   return 0;
 }
 
 uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*) {
   if (const uint32_t component = TakeArmed(kDestroyDecoder); component != UINT32_MAX) {
-    const Tables& tables = GetTables();
-    for (uint32_t row = 0; row < tables.destroyCount; ++row) {
-      if (tables.destroy[row].type == TAVO_VIDEO_COMPONENT_DECODER) {
-        tables.destroy[row].func(component);
-      }
-    }
+    const Tables& t = GetTables();
+    Find(t.destroy, t.destroyCount, TAVO_VIDEO_COMPONENT_DECODER)(component);
   }
   return 0;  // the library frees the frame
 }
@@ -279,19 +272,13 @@ void RunOne(Input& in) {
       in.Fill(&mouse, sizeof(mouse));
       mouse.cursorCallback = Pick(in, Cursor);
       const uint32_t mouseId = in.Byte() % 3U;
-      switch (in.Byte() % 5) {
-        case 0:
-          TavoVideoMouseSetParam(mouseId, (in.Byte() & 7U) != 0 ? &mouse : nullptr);
-          break;
-        case 1:
-          TavoVideoShowMouse(mouseId);
-          break;
-        case 2:
-          TavoVideoHideMouse(mouseId);
-          break;
-        default:
-          TavoVideoMouseStop(mouseId);
-          break;
+      using MouseCall = uint32_t (*)(uint32_t);
+      const MouseCall calls[] = {nullptr, TavoVideoShowMouse, TavoVideoHideMouse,
+                                 TavoVideoMouseStop, TavoVideoMouseStop};
+      if (const uint8_t which = in.Byte() % 5U; which == 0U) {
+        TavoVideoMouseSetParam(mouseId, (in.Byte() & 7U) != 0 ? &mouse : nullptr);
+      } else {
+        calls[which](mouseId);
       }
       break;
     }

@@ -1,15 +1,17 @@
 // The component rows as a host drives them (dlopen only, through the fake host): their
-// limits and refusals, whole links from input to encoder and previews, host callbacks that
-// call back into the library from another thread, and host threads racing on one link.
+// limits and refusals, whole links from input to encoder and previews, and host callbacks
+// that call back into the library from another thread (host threads racing on one link are
+// the careless host's and the soak's tests).
 // The fake host checks at the end that every decoded frame came back exactly once and no
 // frame reference was dropped twice.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
 #include <future>
-#include <map>
 #include <thread>
+#include <tuple>
 
 #include "tests/support/fake_host.h"
 #include "tests/support/log_capture.h"
@@ -42,7 +44,7 @@ bool FinishesWhileWaiting(std::function<void()> call, CountLatch& finished) {
 
 class HostLinksTest : public ::testing::Test {
  protected:
-  FakeHost host{HostEntries::Load(VLINK_LIBRARY_PATH)};
+  FakeHost host{HostEntries::From(dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL))};
   TempDir dir;
   std::string Image(uint32_t width = 16, uint32_t height = 16) {
     return dir.Write("i" + std::to_string(width) + ".bmp", SolidBmp24(width, height, 1, 2, 3));
@@ -79,8 +81,6 @@ TEST_F(HostLinksTest, BadRecordsIdsAndCallOrderAreRefused) {
   host.Store(301, 9, false);  // no "portId"
   EXPECT_EQ(host.CreateStored(kEnc, 301, encoder.get()), 1U);
   EXPECT_EQ(logs.CountModule("[Node[301]PresentParam]GetDataByString portId failed!", 1), 1U);
-  EXPECT_EQ(host.Create(kEnc, 302, 226, encoder.get()), 1U);
-  EXPECT_EQ(logs.CountModule("[ENC_226] invalid imgNo[226]!", 1), 1U);
   // The same node id for a component of another class.
   EXPECT_EQ(host.Create(kEnc, 303, 200, encoder.get()), 0U);
   HostParam test = FakeHost::TestParam(Image(8, 8));
@@ -111,43 +111,48 @@ TEST_F(HostLinksTest, BadRecordsIdsAndCallOrderAreRefused) {
   EXPECT_EQ(host.entries().stopRender(9999, 1), 1U);
 }
 
-TEST_F(HostLinksTest, TestImageReachesTheEncoderAtItsOwnSizeInOrder) {
+// A test image reaches its encoder at its own size; an encoder refusing every frame does not
+// starve a preview on the same image, and an encoder update reaches the next frames. Every
+// frame came back, so the test node frees its whole cache; a second destroy is a no-op.
+TEST_F(HostLinksTest, TestImageReachesEncoderAndPreviewAsTheEncoderChanges) {
   HostParam encoder = FakeHost::EncoderParam(3, 64, 32);
   HostParam test = FakeHost::TestParam(dir.Write("b.bmp", SolidBmp24(40, 24, 255, 0, 0)));
+  HostParam preview = FakeHost::PreviewParam({{0x81, 60}});  // the test image's own id
   ASSERT_EQ(host.Create(kTest, 200, 60, test.get()), 0U);
   ASSERT_EQ(host.Create(kEnc, 201, 8, encoder.get()), 0U);
+  ASSERT_EQ(host.Create(kVo, 202, 166, preview.get()), 0U);
+  host.SetEncoder(FakeHost::Encoder::kRefuse);
   LogCapture logs;
   ASSERT_EQ(host.Bind(kEnc, kTest, 201, 200), 0U);
   EXPECT_EQ(logs.CountModule("links: {TEST_60->(ENC_8) } ", 3), 1U);  // the link as printed
+  ASSERT_EQ(host.Bind(kVo, kTest, 202, 200), 0U);
   ASSERT_TRUE(host.offered.WaitFor(2));
-  const std::vector<FakeHost::Encoded> frames = host.EncodedFrames();
-  EXPECT_EQ(frames[0].imgNo, 8U);
-  EXPECT_EQ(frames[0].hostKey, 3U);
-  EXPECT_EQ(frames[0].sequence, 0U);
-  EXPECT_EQ(frames[1].sequence, 1U);
-  EXPECT_EQ(frames[0].width, 40U);  // the image's own size, not the encoder's
-  EXPECT_EQ(frames[0].height, 24U);
-  EXPECT_EQ(frames[0].srcImgNo, 60U);
+  ASSERT_TRUE(host.rendered.WaitUntil([&] { return host.Rendered(0x81) >= 2; }));
+  const FakeHost::Encoded f = host.EncodedFrames()[0];
+  EXPECT_EQ(std::tuple(f.imgNo, f.hostKey, f.width, f.height, f.srcImgNo),
+            std::tuple(8U, 3U, 40U, 24U, 60U));
+  host.SetEncoder(FakeHost::Encoder::kGiveBack);
+  HostParam updated = FakeHost::EncoderParam(6);
+  ASSERT_EQ(host.Update(kEnc, 201, updated.get()), 0U);
+  ASSERT_TRUE(host.offered.WaitUntil([&] {
+    int withNewKey = 0;
+    for (const FakeHost::Encoded& frame : host.EncodedFrames()) {
+      withNewKey += frame.hostKey == 6 ? 1 : 0;
+    }
+    return withNewKey >= 2;
+  }));
   host.SetEncoder(FakeHost::Encoder::kRefuse);
   EXPECT_EQ(host.Unbind(kEnc, kTest, 201, 200), 0U);
-  host.GiveBack();
+  EXPECT_EQ(host.Unbind(kVo, kTest, 202, 200), 0U);
   EXPECT_EQ(host.Destroy(kEnc, 201), 0U);
-  // Every frame came back, so the test node frees its whole cache; a second destroy is a
-  // no-op.
   EXPECT_EQ(host.Destroy(kTest, 200), 0U);
   EXPECT_EQ(host.Destroy(kTest, 200), 0U);
   EXPECT_FALSE(logs.HasModule("The cache release is fail"));
 }
 
-TEST_F(HostLinksTest, DecodedFramesReachPreviewsAndVirtualCameraAndComeBackOnce) {
-  std::mutex lock;
-  std::vector<TavoVideoDisplayWinInfo> reports;
-  ASSERT_EQ(host.entries().setReport([&](TavoVideoDisplayWinInfo& info) {
-    std::lock_guard<std::mutex> guard(lock);
-    reports.push_back(info);
-    return 0;
-  }),
-            0U);
+// Which windows show a frame and report it first, and how updates change them, are the
+// preview's own tests.
+TEST_F(HostLinksTest, DecodedFramesReachWindowsAndVirtualCameraAndComeBackOnce) {
   HostParam decoder = FakeHost::DecoderParam(150);
   HostParam preview = FakeHost::PreviewParam({{0x71, 150}, {0x72, 150}});
   HostParam camera = FakeHost::Zeroed();
@@ -172,119 +177,41 @@ TEST_F(HostLinksTest, DecodedFramesReachPreviewsAndVirtualCameraAndComeBackOnce)
   EXPECT_EQ(host.Unbind(kCam, kDec, 502, 500), 0U);
   ASSERT_EQ(host.Push(90), 0U);  // no sink left: straight back
   ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(host.Rendered(0x71), 5);
-  EXPECT_EQ(host.Rendered(0x72), 4);
-  std::lock_guard<std::mutex> guard(lock);
-  ASSERT_EQ(reports.size(), 2U);
-  EXPECT_EQ(reports[0].viPort, 62U);
+  EXPECT_EQ(std::pair(host.Rendered(0x71), host.Rendered(0x72)), std::pair(5, 4));
 }
 
-// The release callback runs without the library's locks: a host thread started from it may
-// push the next frame and update the decoder while the callback still waits for it.
-TEST_F(HostLinksTest, ReleaseCallbackMayWaitForAnotherThreadUsingTheDecoder) {
-  HostParam decoder = FakeHost::DecoderParam(131);
-  HostParam preview = FakeHost::PreviewParam({{0x41, 131}});
+// The release callback and the first-frame report run without the library's locks: a host
+// thread started from them may push the next frame, update the decoder and stop a window
+// while the callback still waits for it.
+TEST_F(HostLinksTest, CallbacksMayWaitForAnotherThreadUsingTheLink) {
+  HostParam decoder = FakeHost::DecoderParam(150);
+  HostParam preview = FakeHost::PreviewParam({{0x41, 150}});
   ASSERT_EQ(host.Create(kDec, 1120, 126, decoder.get()), 0U);
   ASSERT_EQ(host.Create(kVo, 1121, 127, preview.get()), 0U);
   ASSERT_EQ(host.Bind(kVo, kDec, 1121, 1120), 0U);
   std::atomic<int> rounds{0}, late{0};
-  HostParam update = FakeHost::DecoderParam(131, "MARK");
+  HostParam update = FakeHost::DecoderParam(150, "MARK");
   CountLatch finished;
-  host.onRelease = [&](tagOS_S_VIDEO_CODEC_IMG_INFO*) {
-    if (rounds.fetch_add(1) >= 3) {
-      return;
-    }
-    late += FinishesWhileWaiting(
-                [&] {
-                  EXPECT_EQ(host.Push(126), 0U);
-                  EXPECT_EQ(host.Update(kDec, 1120, update.get()), 0U);
-                },
-                finished)
-                ? 0
-                : 1;
+  const auto waitFor = [&](std::function<void()> call) {
+    late += FinishesWhileWaiting(std::move(call), finished) ? 0 : 1;
   };
-  ASSERT_EQ(host.Push(126), 0U);
-  ASSERT_TRUE(finished.WaitFor(3, 4 * kCallbackLimit));
-  ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(late, 0) << "a call from another thread waited for the release callback";
-}
-
-// Like the release callback, the first-frame report runs without the library's locks.
-TEST_F(HostLinksTest, FirstFrameReportMayWaitForAnotherThreadUsingThePreview) {
-  HostParam decoder = FakeHost::DecoderParam(150);
-  HostParam preview = FakeHost::PreviewParam({{0x51, 150}});
-  ASSERT_EQ(host.Create(kDec, 1130, 128, decoder.get()), 0U);
-  ASSERT_EQ(host.Create(kVo, 1131, 129, preview.get()), 0U);
-  ASSERT_EQ(host.Bind(kVo, kDec, 1131, 1130), 0U);
-  std::atomic<int> late{0};
-  CountLatch finished;
+  host.onRelease = [&](tagOS_S_VIDEO_CODEC_IMG_INFO*) {
+    if (rounds.fetch_add(1) < 3) {
+      waitFor([&] {
+        EXPECT_EQ(host.Push(126), 0U);
+        EXPECT_EQ(host.Update(kDec, 1120, update.get()), 0U);
+      });
+    }
+  };
   ASSERT_EQ(host.entries().setReport([&](TavoVideoDisplayWinInfo&) {
-    late += FinishesWhileWaiting([&] { EXPECT_EQ(host.entries().stopRender(1131, 0x51), 0U); },
-                                 finished)
-                ? 0
-                : 1;
+    waitFor([&] { EXPECT_EQ(host.entries().stopRender(1121, 0x41), 0U); });
     return 0;
   }),
             0U);
-  ASSERT_EQ(host.Push(128), 0U);
-  ASSERT_TRUE(finished.WaitFor(1));
+  ASSERT_EQ(host.Push(126), 0U);
+  ASSERT_TRUE(finished.WaitFor(4, 4 * kCallbackLimit));
   ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(late, 0) << "stopping a window waited for the first-frame report";
-}
-
-TEST_F(HostLinksTest, UpdatesChangeWindowsWatermarkAndEncoderWhileFramesFlow) {
-  HostParam decoder = FakeHost::DecoderParam(132);
-  ASSERT_EQ(host.Create(kDec, 1150, 160, decoder.get()), 0U);
-  HostParam preview = FakeHost::PreviewParam({{0x61, 132}});
-  ASSERT_EQ(host.Create(kVo, 1151, 161, preview.get()), 0U);
-  ASSERT_EQ(host.Bind(kVo, kDec, 1151, 1150), 0U);
-  ASSERT_EQ(host.Push(160), 0U);
-  ASSERT_TRUE(host.AllBack());
-  HostParam both = FakeHost::PreviewParam({{0x61, 132}, {0x62, 132}});
-  ASSERT_EQ(host.Update(kVo, 1151, both.get()), 0U);
-  ASSERT_EQ(host.Push(160), 0U);
-  ASSERT_TRUE(host.AllBack());
-  HostParam second = FakeHost::PreviewParam({{0x62, 132}});
-  ASSERT_EQ(host.Update(kVo, 1151, second.get()), 0U);
-  LogCapture logs;
-  HostParam marked = FakeHost::DecoderParam(132, "ROOM 7");
-  ASSERT_EQ(host.Update(kDec, 1150, marked.get()), 0U);
-  EXPECT_EQ(logs.CountModule("[VO_161] SetWaterMarkParam imgNo:132, content:ROOM 7", 3), 1U);
-  ASSERT_EQ(host.Push(160), 0U);
-  ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(host.Rendered(0x61), 2);
-  EXPECT_EQ(host.Rendered(0x62), 2);
-  EXPECT_EQ(host.entries().stopRender(1151, 0x61), 1U);  // removed
-  EXPECT_EQ(host.entries().stopRender(1151, 0x62), 0U);
-
-  // An encoder refusing every frame does not starve a preview on the same test image; an
-  // encoder update reaches the next frames.
-  HostParam test = FakeHost::TestParam(Image());
-  HostParam encoder = FakeHost::EncoderParam(5);
-  HostParam preview2 = FakeHost::PreviewParam({{0x81, 164}});  // the test image's own id
-  ASSERT_EQ(host.Create(kTest, 1170, 164, test.get()), 0U);
-  ASSERT_EQ(host.Create(kEnc, 1171, 165, encoder.get()), 0U);
-  ASSERT_EQ(host.Create(kVo, 1172, 166, preview2.get()), 0U);
-  host.SetEncoder(FakeHost::Encoder::kRefuse);
-  ASSERT_EQ(host.Bind(kEnc, kTest, 1171, 1170), 0U);
-  ASSERT_EQ(host.Bind(kVo, kTest, 1172, 1170), 0U);
-  ASSERT_TRUE(host.offered.WaitFor(2));
-  ASSERT_TRUE(host.rendered.WaitUntil([&] { return host.Rendered(0x81) >= 2; }));
-  host.SetEncoder(FakeHost::Encoder::kGiveBack);
-  HostParam updated = FakeHost::EncoderParam(6);
-  ASSERT_EQ(host.Update(kEnc, 1171, updated.get()), 0U);
-  ASSERT_TRUE(host.offered.WaitUntil([&] {
-    int withNewKey = 0;
-    for (const FakeHost::Encoded& frame : host.EncodedFrames()) {
-      withNewKey += frame.hostKey == 6 ? 1 : 0;
-    }
-    return withNewKey >= 2;
-  }));
-  host.SetEncoder(FakeHost::Encoder::kRefuse);
-  EXPECT_EQ(host.Unbind(kEnc, kTest, 1171, 1170), 0U);
-  EXPECT_EQ(host.Unbind(kVo, kTest, 1172, 1170), 0U);
-  EXPECT_EQ(host.Destroy(kTest, 1170), 0U);
-  EXPECT_FALSE(logs.HasModule("The cache release is fail"));
+  EXPECT_EQ(late, 0) << "a call from another thread waited for a host callback";
 }
 
 // Destroy forgets the input's builder: the same id as another kind of input binds and starts.
@@ -324,9 +251,9 @@ TEST_F(HostLinksTest, BindUnbindCyclesAndDestroyedInputsComingBackAsAnotherKind)
 }
 
 // A decoder destroyed while its frame is still being shown: the destroy does not wait for
-// the preview, and the frame still comes back once when the preview lets go. Destroying the
-// preview then waits for its running frame.
-TEST_F(HostLinksTest, DestroyWhileAFrameIsBeingShown) {
+// the preview, and the frame still comes back once when the preview lets go (that a preview's
+// own destroy or unbind waits for its frames is the reliability suite's test).
+TEST_F(HostLinksTest, DecoderDestroyedWhileItsFrameIsBeingShown) {
   HostParam decoder = FakeHost::DecoderParam(138);
   HostParam preview = FakeHost::PreviewParam({{0xD1, 138}});
   ASSERT_EQ(host.Create(kDec, 1220, 176, decoder.get()), 0U);
@@ -338,54 +265,9 @@ TEST_F(HostLinksTest, DestroyWhileAFrameIsBeingShown) {
   ASSERT_TRUE(host.renderEntered.WaitFor(1));
   EXPECT_EQ(host.Destroy(kDec, 1220), 0U);
   EXPECT_EQ(host.decodedBack.Get(), 0);
-  std::promise<void> destroyed;
-  std::future<void> previewGone = destroyed.get_future();
-  std::thread destroyer([&] {
-    EXPECT_EQ(host.Destroy(kVo, 1221), 0U);
-    destroyed.set_value();
-  });
-  EXPECT_EQ(previewGone.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   gate.Open();
-  destroyer.join();
   ASSERT_TRUE(host.AllBack());
   EXPECT_EQ(host.Rendered(0xD1), 1);
-}
-
-// Two host threads on one link: only 0 or 1 comes back, nothing crashes or leaks, and every
-// accepted frame comes back once.
-TEST_F(HostLinksTest, HostThreadsRacingOnOneLink) {
-  HostParam decoder = FakeHost::DecoderParam(136);
-  HostParam preview = FakeHost::PreviewParam({{0xB1, 136}});
-  HostParam other = FakeHost::PreviewParam({{0xB1, 136}, {0xB2, 136}});
-  ASSERT_EQ(host.Create(kDec, 1200, 171, decoder.get()), 0U);
-  std::atomic<bool> flowing{true};
-  std::thread pusher([&] {
-    for (int i = 0; flowing && i < 3000; ++i) {
-      EXPECT_LE(host.Push(171), 1U);
-    }
-  });
-  for (int i = 0; i < 30; ++i) {
-    EXPECT_EQ(host.Create(kVo, 1201, 172, preview.get()), 0U);
-    std::thread binder([&] { EXPECT_LE(host.Bind(kVo, kDec, 1201, 1200), 1U); });
-    std::thread destroyer([&] { EXPECT_EQ(host.Destroy(kVo, 1201), 0U); });
-    binder.join();
-    destroyer.join();
-    EXPECT_EQ(host.Create(kVo, 1201, 172, preview.get()), 0U);
-    host.Bind(kVo, kDec, 1201, 1200);  // 1 while a destroyed sink of this id is still linked
-    std::thread updater(
-        [&] { EXPECT_EQ(host.Update(kVo, 1201, (i % 2 ? other : preview).get()), 0U); });
-    std::thread unbinder([&] { EXPECT_LE(host.Unbind(kVo, kDec, 1201, 1200), 1U); });
-    updater.join();
-    unbinder.join();
-    EXPECT_EQ(host.Destroy(kVo, 1201), 0U);
-  }
-  // Destroy the input while frames still flow into it.
-  EXPECT_EQ(host.Create(kVo, 1202, 173, preview.get()), 0U);
-  EXPECT_EQ(host.Bind(kVo, kDec, 1202, 1200), 0U);
-  EXPECT_EQ(host.Destroy(kDec, 1200), 0U);
-  flowing = false;
-  pusher.join();
-  ASSERT_TRUE(host.AllBack());
 }
 
 // A host that destroys its encoder while it still holds frames gets 1 for each late give-back,
@@ -402,7 +284,6 @@ TEST_F(HostLinksTest, FrameGivenBackAfterItsEncoderWentStillReturnsToTheDecoder)
   EXPECT_EQ(host.Unbind(kEnc, kInput, 1181, 1182), 0U);
   EXPECT_EQ(host.Destroy(kEnc, 1181), 0U);
   EXPECT_EQ(host.decodedBack.Get(), 0);
-  ASSERT_EQ(host.Held(), 1U);
   LogCapture logs;
   host.GiveBack(1);
   EXPECT_EQ(logs.CountModule("VirtualEncoderNode is nullptr", 1), 1U);

@@ -8,7 +8,6 @@ namespace {
 TEST(ParamStoreTest, ContainersAreFoundByNameUntilReleased) {
   DataContainer* first = TavoVideoGetDataContainer("Node[1]PresentParam");
   ASSERT_NE(first, nullptr);
-  EXPECT_EQ(TavoVideoGetDataContainer("Node[1]PresentParam"), first);
   first->SetDataByString<uint32_t>("imgNo", 5);
   uint32_t imgNo = 0;
   EXPECT_EQ(GetImgNoFromNodeId(1, &imgNo), 0);

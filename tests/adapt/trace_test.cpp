@@ -49,7 +49,7 @@ void LogOneOfEach() {
   VLOG_DTL("detail %d", 4);
 }
 
-TEST_F(TraceTest, LevelZeroReachesOnlyTheModuleLog) {
+TEST_F(TraceTest, LevelZeroReachesOnlyTheModuleLogAndChannelsAreKeptApart) {
   LogCapture logs;
   ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(0), 0);
   LogOneOfEach();
@@ -63,6 +63,18 @@ TEST_F(TraceTest, LevelZeroReachesOnlyTheModuleLog) {
   EXPECT_EQ(records.front().text, "error 1");
   EXPECT_EQ(records.front().file, "trace_test.cpp");
   EXPECT_EQ(records.front().moduleId, TavoVideoGetPrivateLogId(0) & 0xFFFFU);
+
+  // Channels and sinks are kept apart.
+  ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(3), 0);
+  VLOG_INF_CH(2, "camera says %s", "hi");
+  VLOG_INF_TRACE("trace only");
+  VLOG_ERR_MODULE("module only");
+  ASSERT_EQ(Channel(2).size(), 1U);
+  EXPECT_NE(Channel(2)[0].text.find("camera says hi"), std::string::npos);
+  ASSERT_EQ(Channel(0).size(), 1U);
+  EXPECT_NE(Channel(0)[0].text.find("trace only"), std::string::npos);
+  EXPECT_FALSE(logs.HasModule("trace only"));
+  EXPECT_TRUE(logs.HasModule("module only", 1));
 }
 
 TEST_F(TraceTest, LevelThreeAdmitsErrorsWarningsAndInformation) {
@@ -82,21 +94,7 @@ TEST_F(TraceTest, LevelThreeAdmitsErrorsWarningsAndInformation) {
   EXPECT_NE(Channel(0)[3].text.find("OS_VLink->[Dtl]"), std::string::npos);
 }
 
-TEST_F(TraceTest, ChannelsAndSinksAreKeptApart) {
-  LogCapture logs;
-  ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(3), 0);
-  VLOG_INF_CH(2, "camera says %s", "hi");
-  VLOG_INF_TRACE("trace only");
-  VLOG_ERR_MODULE("module only");
-  ASSERT_EQ(Channel(2).size(), 1U);
-  EXPECT_NE(Channel(2)[0].text.find("camera says hi"), std::string::npos);
-  ASSERT_EQ(Channel(0).size(), 1U);
-  EXPECT_NE(Channel(0)[0].text.find("trace only"), std::string::npos);
-  EXPECT_FALSE(logs.HasModule("trace only"));
-  EXPECT_TRUE(logs.HasModule("module only", 1));
-}
-
-TEST_F(TraceTest, TextsOutsideOneTo510CharactersAreDroppedWhole) {
+TEST_F(TraceTest, BadTextsLevelsAndRegistrationsAreRefused) {
   OSV_VLink_TracePrintf(0, 1, "%s", std::string(510, 'a').c_str());
   OSV_VLink_TracePrintf(0, 1, "%s", std::string(511, 'b').c_str());
   OSV_VLink_TracePrintf(0, 1, "%s", std::string(4000, 'c').c_str());
@@ -105,9 +103,7 @@ TEST_F(TraceTest, TextsOutsideOneTo510CharactersAreDroppedWhole) {
   const auto delivered = Channel(0);
   ASSERT_EQ(delivered.size(), 1U);
   EXPECT_EQ(delivered[0].text, std::string(510, 'a'));
-}
 
-TEST_F(TraceTest, LevelAndRegistrationRefuseBadValues) {
   ASSERT_EQ(OS_VLink_Debug_SetTraceLevel(2), 0);
   EXPECT_EQ(OS_VLink_Debug_SetTraceLevel(5), -1);
   EXPECT_EQ(OSV_VLink_GetTraceLevel(), 2);

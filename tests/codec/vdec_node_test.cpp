@@ -73,61 +73,30 @@ class VdecNodeTest : public ::testing::Test {
     }
     g_decoder = nullptr;
   }
-  // Pushes frames and waits until all of them came back.
-  void PushAndWait(int frames) {
-    const int before = m_host.backCount.Get();
-    for (int i = 0; i < frames; ++i) {
-      ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, NewFrame()), 0U);
-    }
-    ASSERT_TRUE(m_host.backCount.WaitFor(before + frames));
-    m_decoder->DealTaskHandler(true);
-  }
-
   HostDecoder m_host;
   std::shared_ptr<VirtualDecoderNode> m_decoder;
 };
 
-TEST_F(VdecNodeTest, EveryFrameComesBackExactlyOnce) {
-  ASSERT_EQ(m_decoder->StartProcess(), 0U);
-  PushAndWait(20);  // no sink at all
-
-  auto taker = std::make_shared<CountingNode>(5);
-  auto refuser = std::make_shared<CountingNode>(6);
-  refuser->handleResult = 1;
-  taker->StartProcess();
-  refuser->StartProcess();
-  Link(m_decoder, taker);
-  Link(m_decoder, refuser);
-  PushAndWait(30);
-  EXPECT_EQ(taker->handled.Get(), 30);
-  Unlink(m_decoder, taker);
-  Unlink(m_decoder, refuser);
-
-  ASSERT_EQ(m_host.returned.size(), 50U);
-  for (const auto& [frame, count] : m_host.returned) {
-    EXPECT_EQ(count, 1);
-    EXPECT_EQ(frame->pBuffer->GetSrcImgNo(), 70U);
-  }
-  EXPECT_EQ(m_decoder->GetFramesInFlight(), 0U);
-}
-
+// That every frame comes back once, through any sinks or none, is the host rows' test.
 TEST_F(VdecNodeTest, FramesTheHostRefusesAreFreedByTheLibrary) {
   LogCapture logs;
   m_host.answer = 0;
   ASSERT_EQ(m_decoder->StartProcess(), 0U);
-  PushAndWait(3);  // the leak checker proves record and buffer were freed
+  for (int i = 0; i < 3; ++i) {  // the leak checker proves record and buffer were freed
+    ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, NewFrame()), 0U);
+  }
+  ASSERT_TRUE(m_host.backCount.WaitFor(3));
+  m_decoder->DealTaskHandler(true);
   EXPECT_EQ(logs.CountModule("[DEC_70] ReleaseFrame failed! force delete buffer!", 1), 3U);
 }
 
 TEST_F(VdecNodeTest, BadFramesStayWithTheHost) {
   LogCapture logs;
+  // Frames before the start, or null, are the host rows' test.
   tagOS_S_VIDEO_CODEC_IMG_INFO* frame = NewFrame();
-  EXPECT_EQ(m_decoder->ReceiveVdecFrame(0, 70, frame), 1U);  // not started
-  EXPECT_EQ(m_host.backCount.Get(), 0);  // refused frames are not given back: still the host's
   ASSERT_EQ(m_decoder->StartProcess(), 0U);
   EXPECT_EQ(m_decoder->ReceiveVdecFrame(32, 70, frame), 1U);
   EXPECT_TRUE(logs.HasModule("invalid vdecId[32]!", 1));
-  EXPECT_EQ(m_decoder->ReceiveVdecFrame(0, 70, nullptr), 1U);
   OsvGraphicBuffer* buffer = frame->pBuffer;
   frame->pBuffer = nullptr;
   EXPECT_EQ(m_decoder->ReceiveVdecFrame(0, 70, frame), 1U);

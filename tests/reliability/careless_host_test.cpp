@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -67,11 +66,9 @@ bool ReturnsInTime(const std::function<void()>& call) {
 int ThreadsNamed(const std::string& name) {
   int count = 0;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream comm(task.path() / "comm");
     std::string text;
-    if (std::getline(comm, text) && text == name) {
-      ++count;
-    }
+    std::ifstream(task.path() / "comm") >> text;  // names hold no blanks
+    count += text == name ? 1 : 0;
   }
   return count;
 }
@@ -154,10 +151,8 @@ TEST_F(CarelessHostTest, CameraAndBackgroundStartSpeakOnChannelTwo) {
   ASSERT_EQ(
       Sym<decltype(TavoVideoRegisterTraceCallBack)>("TavoVideoRegisterTraceCallBack")(2, OnTrace2),
       0U);
-  std::string clip = "YUV4MPEG2 W32 H32 F30:1 Ip A1:1 C420jpeg\n";
-  for (int frame = 0; frame < 3; ++frame) {
-    clip += "FRAME\n" + std::string(32 * 32 * 3 / 2, static_cast<char>(0x40 + frame));
-  }
+  const std::string clip =
+      "YUV4MPEG2 W32 H32 F30:1 Ip A1:1 C420jpeg\nFRAME\n" + std::string(32 * 32 * 3 / 2, '\x40');
   const std::string path = m_dir.Write("clip.y4m", std::vector<uint8_t>(clip.begin(), clip.end()));
   setenv("VLINK_FAKE_CAMERA_CLIP", path.c_str(), 1);  // read at the camera's first open
   HostParam camera = FakeHost::Zeroed();
@@ -386,13 +381,9 @@ TEST_F(CarelessHostTest, EncoderRecordsGivenBackWronglyAreRefused) {
   auto release = Host().entries().releaseEnc;
   EXPECT_EQ(release(record), 0U);
   EXPECT_EQ(release(record), 1U);  // already given back
-  auto* foreign = static_cast<VencOutFrame*>(std::calloc(1, sizeof(VencOutFrame)));
-  foreign->imgNo = 5;
-  EXPECT_EQ(release(foreign), 1U);
-  std::free(foreign);  // still the host's: the library freed nothing
-  VencOutFrame local{};
-  local.imgNo = 5;
-  EXPECT_EQ(release(&local), 1U);
+  VencOutFrame foreign{};          // freeing it would abort: still the host's
+  foreign.imgNo = 5;
+  EXPECT_EQ(release(&foreign), 1U);
 }
 
 }  // namespace

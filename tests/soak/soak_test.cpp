@@ -3,10 +3,10 @@
 // virtual background on a fake inference client) feed encoders, previews and a virtual
 // camera. Host threads unbind and rebind sinks, destroy and re-create them, update
 // encoders, move the mouse settings, take snapshots, change the capture size and switch the
-// background; two more race unsynchronised on a second test image and its encoder; render
-// callbacks update their preview from inside, and the host gives back records the library
-// never issued. At the end every host frame must have come back exactly once, and no thread,
-// descriptor, shared-memory segment or frame may be left; resident memory must stay flat.
+// background. (Calls from inside callbacks, records given back wrongly and host threads
+// racing on one link without any order are the careless host's tests.) At the end every
+// host frame must have come back exactly once, and no thread, descriptor, shared-memory
+// segment or frame may be left; resident memory must stay flat.
 //
 // VLINK_SOAK_SECONDS sets the run's length (default 30; the long run is documented in the
 // README).
@@ -20,7 +20,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <random>
@@ -48,32 +47,27 @@ using Clock = std::chrono::steady_clock;
 
 // Node ids: inputs, then sinks. A preview window shows the frames stamped with its imgNo.
 constexpr uint32_t kTestNode = 50, kDecoderNode = 30, kScreenNode = 90, kCameraNode = 60;
-constexpr uint32_t kCameraBus = 0;
-constexpr uint32_t kSnapshotQueue = 77;
-constexpr uint32_t kBackgroundChannel = 5;
-constexpr uint32_t kMouse = 1;
+constexpr uint32_t kSnapshotQueue = 77, kBackgroundChannel = 5, kMouse = 1;
+constexpr const char* kCameraBus = "usb-soak-0";
 
 struct Component {
-  uint32_t id;
-  uint32_t type;
-  uint32_t node;
+  uint32_t id, type, node;
+  uint32_t shows = 0;  // a preview's imgNo
 };
 // The screen's preview binds through the type-4 source row, whose component names the
 // screen node.
 const Component kTest{1, TAVO_VIDEO_COMPONENT_TEST_IMAGE, kTestNode};
 const Component kEncTest{2, TAVO_VIDEO_COMPONENT_ENCODER, 10};
 const Component kDecoder{3, TAVO_VIDEO_COMPONENT_DECODER, kDecoderNode};
-const Component kVoDecoder{4, TAVO_VIDEO_COMPONENT_PREVIEW, 151};
+const Component kVoDecoder{4, TAVO_VIDEO_COMPONENT_PREVIEW, 151, kDecoderNode};
 const Component kVirCam{5, TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA, 40};
 const Component kScreen{6, TAVO_VIDEO_COMPONENT_SCREEN, kScreenNode};
 const Component kEncScreen{7, TAVO_VIDEO_COMPONENT_ENCODER, 11};
 const Component kScreenAsInput{8, TAVO_VIDEO_COMPONENT_INPUT, kScreenNode};
-const Component kVoScreen{9, TAVO_VIDEO_COMPONENT_PREVIEW, 152};
+const Component kVoScreen{9, TAVO_VIDEO_COMPONENT_PREVIEW, 152, kScreenNode};
 const Component kCamera{10, TAVO_VIDEO_COMPONENT_CAMERA, kCameraNode};
 const Component kEncCamera{11, TAVO_VIDEO_COMPONENT_ENCODER, 12};
-const Component kVoCamera{12, TAVO_VIDEO_COMPONENT_PREVIEW, 153};
-const Component kRacedTest{13, TAVO_VIDEO_COMPONENT_TEST_IMAGE, 51};
-const Component kRacedEnc{14, TAVO_VIDEO_COMPONENT_ENCODER, 13};
+const Component kVoCamera{12, TAVO_VIDEO_COMPONENT_PREVIEW, 153, kCameraNode};
 
 struct Link {
   Component sink;
@@ -83,12 +77,8 @@ const Link kLinks[] = {{kEncTest, kTest},     {kVoDecoder, kDecoder},      {kVir
                        {kEncScreen, kScreen}, {kVoScreen, kScreenAsInput}, {kEncCamera, kCamera},
                        {kVoCamera, kCamera}};
 
-std::atomic<uint64_t> g_cursorRecords{0};
 uint32_t OnVirtualOut(uint32_t, void*, uint32_t, void*, uint32_t) { return 0; }
-int32_t OnCursor(VlinkCursorSendData*, uint32_t, uint32_t) {
-  g_cursorRecords.fetch_add(1);
-  return 0;
-}
+int32_t OnCursor(VlinkCursorSendData*, uint32_t, uint32_t) { return 0; }
 
 // What the process holds, read from /proc.
 size_t CountEntries(const char* dir) {
@@ -123,49 +113,41 @@ class Soak : public ::testing::Test {
     return m_host.Unbind(l.sink.type, l.source.type, l.sink.id, l.source.id);
   }
 
-  // The record each component is created with.
+  // The record each component is created with; odd variants make smaller encoders.
   HostParam Record(const Component& c, uint32_t variant = 0) {
-    HostParam record = FakeHost::Zeroed();
-    tagTavoVideoComponentParam& p = *record;
+    HostParam p = FakeHost::Zeroed();
     switch (c.type) {
       case TAVO_VIDEO_COMPONENT_ENCODER:
-        record =
-            FakeHost::EncoderParam(0, variant % 2 == 0 ? 640 : 320, variant % 2 == 0 ? 360 : 180);
-        record->venc.frameRate = 30;
+        p = FakeHost::EncoderParam(0, variant % 2 == 0 ? 640 : 320, variant % 2 == 0 ? 360 : 180);
+        p->venc.frameRate = 30;
         break;
       case TAVO_VIDEO_COMPONENT_PREVIEW:
-        record = FakeHost::PreviewParam({{c.node, c.id == kVoDecoder.id  ? kDecoderNode
-                                                  : c.id == kVoScreen.id ? kScreenNode
-                                                                         : kCameraNode}});
-        break;
-      case TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA:
-        p.virCam.width = 320;
-        p.virCam.height = 240;
-        p.virCam.frameRate = 30;
-        p.virCam.virtualOutFunc = OnVirtualOut;
-        break;
+        return FakeHost::PreviewParam({{c.node, c.shows}});
       case TAVO_VIDEO_COMPONENT_DECODER:
-        record = FakeHost::DecoderParam(kDecoderNode);
-        break;
+        return FakeHost::DecoderParam(kDecoderNode);
       case TAVO_VIDEO_COMPONENT_TEST_IMAGE:
-        p.test.frameRate = 30;
-        std::snprintf(p.test.fileName, sizeof(p.test.fileName), "%s", m_image.c_str());
+        return FakeHost::TestParam(m_image, 30);
+      case TAVO_VIDEO_COMPONENT_VIRTUAL_CAMERA:
+        p->virCam.width = 320;
+        p->virCam.height = 240;
+        p->virCam.frameRate = 30;
+        p->virCam.virtualOutFunc = OnVirtualOut;
         break;
       case TAVO_VIDEO_COMPONENT_SCREEN:
-        p.screen.width = 1280;
-        p.screen.height = 720;
-        p.screen.frameRate = 15;
+        p->screen.width = 1280;
+        p->screen.height = 720;
+        p->screen.frameRate = 15;
         break;
       case TAVO_VIDEO_COMPONENT_CAMERA:
-        p.camera.width = 640;
-        p.camera.height = 480;
-        p.camera.frameRate = 30;
-        std::snprintf(p.camera.cameraId, sizeof(p.camera.cameraId), "usb-soak-%u", kCameraBus);
+        p->camera.width = 640;
+        p->camera.height = 480;
+        p->camera.frameRate = 30;
+        std::snprintf(p->camera.cameraId, sizeof(p->camera.cameraId), "%s", kCameraBus);
         break;
       default:
         break;
     }
-    return record;
+    return p;
   }
 
   // Builds every link, churns it for `seconds` from several host threads, takes it down
@@ -187,21 +169,6 @@ class Soak : public ::testing::Test {
       EXPECT_EQ(Create(*c, p.get()), 0U) << "component " << c->id;
     }
     m_host.Store(kScreenAsInput.id, kScreenAsInput.node);
-    m_host.Store(kRacedTest.id, kRacedTest.node);
-    m_host.Store(kRacedEnc.id, kRacedEnc.node);
-    // Now and then a render callback updates its own preview (the same windows).
-    std::atomic<uint64_t> renders{0};
-    m_host.onRender = [this, &renders](uint32_t window) {
-      if (renders.fetch_add(1) % 97 != 0) {
-        return;
-      }
-      for (const Component* vo : {&kVoDecoder, &kVoScreen, &kVoCamera}) {
-        if (vo->node == window) {
-          HostParam p = Record(*vo);
-          m_host.Update(vo->type, vo->id, p.get());
-        }
-      }
-    };
     for (const Link& link : kLinks) {
       EXPECT_EQ(Bind(link), 0U) << "sink " << link.sink.id;
     }
@@ -217,12 +184,9 @@ class Soak : public ::testing::Test {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
       }
     });
-    // The host's encoder gives frames back a few at a time, and records it never got.
+    // The host's encoder gives frames back a few at a time.
     threads.emplace_back([&] {
       while (!stop) {
-        VencOutFrame foreign{};
-        foreign.imgNo = kEncTest.node;
-        EXPECT_EQ(m_host.entries().releaseEnc(&foreign), 1U);
         m_host.GiveBack(FakeHost::kAnyCode, 3);
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
       }
@@ -246,11 +210,11 @@ class Soak : public ::testing::Test {
           EXPECT_EQ(Bind(link), 0U) << "sink " << link.sink.id;
           bound[i] = true;
         }
-        m_calls.fetch_add(1);
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 30));
       }
     });
-    // Parameters: encoder updates, capture size, the background on and off.
+    // Settings: encoder updates, capture size, the background on and off, the screen's
+    // mouse and snapshots.
     threads.emplace_back([&] {
       std::minstd_rand random(2);
       const std::pair<uint32_t, uint32_t> sizes[] = {{640, 480}, {320, 240}};
@@ -264,14 +228,6 @@ class Soak : public ::testing::Test {
         const auto& [w, h] = sizes[random() % 2];
         EXPECT_EQ(TavoVideoSetCapResolution(kCameraNode, w, h), 0U);
         EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(kBackgroundChannel, random() % 2), 0U);
-        m_calls.fetch_add(3);
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 40));
-      }
-    });
-    // The screen's mouse and snapshots.
-    threads.emplace_back([&] {
-      std::minstd_rand random(3);
-      while (!stop) {
         tagTavoVideoMouseParam mouse{};
         mouse.screenComponentId = kScreen.id;
         mouse.independent = static_cast<uint8_t>(random() % 2);
@@ -294,39 +250,9 @@ class Soak : public ::testing::Test {
         if (random() % 8 == 0) {
           EXPECT_EQ(TavoVideoMouseStop(kMouse), 0U);
         }
-        m_calls.fetch_add(4);
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));
       }
     });
-
-    // Two host threads racing on one test image and its encoder, without any order.
-    for (uint32_t seed : {4U, 5U}) {
-      threads.emplace_back([&, seed] {
-        std::minstd_rand random(seed);
-        const Link raced{kRacedEnc, kRacedTest};
-        while (!stop) {
-          const Component& c = random() % 2 == 0 ? kRacedTest : kRacedEnc;
-          HostParam p = Record(c);
-          switch (random() % 4) {
-            case 0:
-              m_host.CreateStored(c.type, c.id, p.get());
-              break;
-            case 1:
-              Bind(raced);
-              break;
-            case 2:
-              Unbind(raced);
-              break;
-            default:
-              // The image itself goes only at the end, once the host gave its frames back:
-              // a test image keeps the memory under frames held at its destruction.
-              Destroy(kRacedEnc);
-          }
-          m_calls.fetch_add(1);
-          std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
-        }
-      });
-    }
 
     // Resident memory, sampled every second; the first samples are the warm-up.
     std::vector<size_t> resident;
@@ -352,20 +278,16 @@ class Soak : public ::testing::Test {
          {&kEncTest, &kVoDecoder, &kVirCam, &kEncScreen, &kVoScreen, &kEncCamera, &kVoCamera}) {
       EXPECT_EQ(Destroy(*c), 0U);
     }
-    Unbind({kRacedEnc, kRacedTest});
-    EXPECT_EQ(Destroy(kRacedEnc), 0U);
     m_host.GiveBack(FakeHost::kAnyCode);
-    for (const Component* c : {&kTest, &kRacedTest, &kDecoder, &kScreen, &kCamera}) {
+    for (const Component* c : {&kTest, &kDecoder, &kScreen, &kCamera}) {
       EXPECT_EQ(Destroy(*c), 0U);
     }
-    m_host.onRender = nullptr;  // no preview left to render
     EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(kBackgroundChannel), 0U);
     EXPECT_EQ(TavoVideoMouseStop(kMouse), 0U);
     return resident;
   }
 
   FakeHost m_host{HostEntries::Linked()};
-  std::atomic<uint64_t> m_calls{0};
   std::string m_image;
 };
 
@@ -386,7 +308,7 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
 
   FakeV4l2Device camera;
   FakeCameraConfig config;
-  config.busInfo = "usb-soak-" + std::to_string(kCameraBus);
+  config.busInfo = kCameraBus;
   config.formats.push_back(
       FakeCameraFormat{V4L2_PIX_FMT_YUYV, {{640, 480}, {320, 240}}, {{1, 30}, {1, 15}}});
   camera.AddCamera(0, config);
@@ -402,17 +324,13 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
   // A short first run makes what lives for the process (the pool's threads, the image
   // library's own workers) before the counts are taken.
   RunLinks(1, background);
-  const uint64_t underflows = OsvGraphicBuffer::GetUnderflowCount();
   const size_t threadsBefore = Threads();
   const size_t descriptorsBefore = Descriptors();
-  const int acceptedBefore = m_host.Accepted();
-  const int backBefore = m_host.decodedBack.Get();
   const std::vector<size_t> resident = RunLinks(seconds, background);
 
-  EXPECT_TRUE(m_host.AllBack());
-  EXPECT_EQ(m_host.decodedBack.Get() - backBefore, m_host.Accepted() - acceptedBefore)
-      << "decoded frames lost";
-  EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), underflows) << "a frame was released twice";
+  // The host checks at its end that every decoded frame came back exactly once and no frame
+  // was released twice.
+  EXPECT_TRUE(m_host.AllBack()) << "decoded frames lost";
   EXPECT_GT(m_host.offered.Get(), 0);
   EXPECT_GT(m_host.rendered.Get(), 0);
   // Threads end when their nodes go; the worker pool and the fakes' threads were counted
@@ -441,18 +359,9 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
   const size_t warm = median(resident.size() - 2 * third, resident.size() - third);
   const size_t last = median(resident.size() - third, resident.size());
   std::printf(
-      "soak: %d s, %llu host calls, %llu encoder frames, %llu decoded frames, "
-      "%llu rendered, %llu cursor records; resident %zu kB "
-      "in the middle third, %zu kB in the last (medians)\n",
-      seconds, static_cast<unsigned long long>(m_calls.load()),
-      static_cast<unsigned long long>(m_host.offered.Get()),
-      static_cast<unsigned long long>(m_host.Pushed()),
-      static_cast<unsigned long long>(m_host.rendered.Get()),
-      static_cast<unsigned long long>(g_cursorRecords.load()), warm, last);
-  for (size_t kb : resident) {
-    std::printf(" %zu", kb / 1024);
-  }
-  std::printf(" MB resident, second by second\n");
+      "soak: %d s, %d encoder frames, %d decoded accepted, %d rendered; resident %zu kB in the "
+      "middle third, %zu kB in the last (medians)\n",
+      seconds, m_host.offered.Get(), m_host.Accepted(), m_host.rendered.Get(), warm, last);
   RecordProperty("resident_growth_kb", static_cast<int>(last) - static_cast<int>(warm));
   // Flat: a sanitizer's quarantine and shadow fill up for a while; a plain build must not
   // grow by more than noise.

@@ -24,12 +24,6 @@ auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t s
 
 }  // namespace
 
-HostEntries HostEntries::Load(const char* path) {
-  static void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-  EXPECT_NE(library, nullptr) << dlerror();
-  return library == nullptr ? HostEntries{} : From(library);
-}
-
 HostEntries HostEntries::From(void* library) {
   HostEntries e;
   auto get = [library](const char* name, auto& entry) {
@@ -163,7 +157,6 @@ uint32_t FakeHost::Push(uint32_t node, uint64_t decId, uint32_t width, uint32_t 
   }
   const uint32_t result = m_entries.receive(decId, node, record);
   std::lock_guard<std::mutex> lock(m_lock);
-  ++m_pushed;
   if (result == 0) {
     ++m_accepted;
   } else {
@@ -171,10 +164,6 @@ uint32_t FakeHost::Push(uint32_t node, uint64_t decId, uint32_t width, uint32_t 
     record->pBuffer = nullptr;
   }
   return result;
-}
-int FakeHost::Pushed() {
-  std::lock_guard<std::mutex> lock(m_lock);
-  return m_pushed;
 }
 int FakeHost::Accepted() {
   std::lock_guard<std::mutex> lock(m_lock);
@@ -201,10 +190,6 @@ void FakeHost::GiveBack(uint32_t expected, size_t keep) {
     }
   }
 }
-size_t FakeHost::Held() {
-  std::lock_guard<std::mutex> lock(m_lock);
-  return m_held.size();
-}
 std::vector<FakeHost::Encoded> FakeHost::EncodedFrames() {
   std::lock_guard<std::mutex> lock(m_lock);
   return m_encoded;
@@ -227,7 +212,6 @@ void FakeHost::Finish() {
     onCreate = nullptr;
   }
   SetEncoder(Encoder::kRefuse);  // frames still on their way come back by themselves
-  encoderGate.Open();
   std::vector<Link> links;
   std::vector<std::pair<uint32_t, uint32_t>> components;
   {
@@ -303,14 +287,8 @@ uint32_t FakeHost::OnEncFrame(uint32_t, uint32_t hostKey, uint32_t, VencOutFrame
   if (hook) {
     hook(frame);
   }
-  if (mode == Encoder::kBlock) {
-    host->encoderGate.Pass();
-    mode = Encoder::kHold;
-  }
   const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
-  Encoded seen{hostKey,    frame->imgNo, frame->sequence,
-               info.width, info.height,  frame->buffer->GetSrcImgNo(),
-               {}};
+  Encoded seen{hostKey, frame->imgNo, info.width, info.height, frame->buffer->GetSrcImgNo(), {}};
   {
     std::lock_guard<std::mutex> lock(host->m_lock);
     if (host->keepPixels) {

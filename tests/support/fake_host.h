@@ -33,9 +33,7 @@ struct HostEntries {
   decltype(&TavoVideoSetWinReportCb) setReport = nullptr;
   void* library = nullptr;  // the dlopen handle; null when linked in
 
-  // Loads `path` with dlopen (once per process) and looks every entry up with dlsym.
-  static HostEntries Load(const char* path);
-  // The entries of a library the test loaded (and unloads) itself.
+  // The entries of a library the test loaded with dlopen, looked up with dlsym.
   static HostEntries From(void* library);
   // The entries of the library linked into the test program.
   static HostEntries Linked() {
@@ -62,12 +60,9 @@ class FakeHost {
     kHold,      // answers 1 and keeps it until GiveBack
     kGiveBack,  // answers 1 and gives it back from the callback itself
     kRefuse,    // answers 0: the library takes it back
-    kBlock,     // waits at encoderGate, then holds
   };
   struct Encoded {
-    uint32_t hostKey, imgNo;
-    uint64_t sequence;
-    uint32_t width, height, srcImgNo;
+    uint32_t hostKey, imgNo, width, height, srcImgNo;
     std::vector<uint8_t> pixels;  // packed planes, when keepPixels
   };
 
@@ -99,14 +94,12 @@ class FakeHost {
   uint32_t Push(uint32_t node, uint64_t decId = 0, uint32_t width = 16, uint32_t height = 16);
   bool AllBack();  // every accepted frame came back (within the generous limit)
   int Accepted();
-  int Pushed();
 
   // Encoder frames.
   void SetEncoder(Encoder mode);
   // Every held frame but the last `keep`, outside the host's lock; kAnyCode checks no code.
   static constexpr uint32_t kAnyCode = 0xFFFFFFFFU;
   void GiveBack(uint32_t expected = 0, size_t keep = 0);
-  size_t Held();
   std::vector<Encoded> EncodedFrames();
   int Rendered(uint64_t window);
 
@@ -124,7 +117,6 @@ class FakeHost {
   CountLatch rendered;       // frames rendered, any window
   CountLatch renderEntered;  // render callbacks entered
   CountLatch decodedBack;    // decoded frames returned
-  Gate encoderGate;          // where kBlock waits
   bool keepPixels = false;   // set before frames flow
   // Run on the host's callback threads, outside the host's lock.
   std::function<void(uint32_t window)> onRender;
@@ -150,7 +142,6 @@ class FakeHost {
   std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, int> m_returned;
   std::deque<tagOS_S_VIDEO_CODEC_IMG_INFO*> m_records;
   int m_accepted = 0;
-  int m_pushed = 0;
   std::vector<std::pair<uint32_t, uint32_t>> m_components;
   std::vector<Link> m_links;
   uint64_t m_underflows = 0;
