@@ -105,11 +105,12 @@ TEST_F(PreviewNodeTest, WindowsShowTheirImageAndReportTheirFirstFrame) {
   EXPECT_EQ(portByWindow, (std::map<uint32_t, uint32_t>{{0x1001, 62}, {0x1002, 62}, {0x1003, 89}}));
 }
 
-TEST_F(PreviewNodeTest, UpdateAddsAndRemovesWindows) {
+TEST_F(PreviewNodeTest, UpdateAddsAndRemovesWindowsAndARemovedOneCannotBeStopped) {
   Start(Windows({{0xA, 160}, {0xB, 160}}));
   Send({160});
   ASSERT_EQ(m_preview->UpdateParam(Windows({{0xA, 160}, {0xC, 160}})), 0U);
   EXPECT_EQ(m_preview->GetWindowCount(), 2U);
+  EXPECT_EQ(m_preview->RenderStop(0xB), 1U);  // removed: nothing to stop
   Send({160});
   std::lock_guard<std::mutex> lock(m_screen.lock);
   EXPECT_EQ(m_screen.framesByWindow, (std::map<uint32_t, int>{{0xA, 2}, {0xB, 1}, {0xC, 1}}));
