@@ -2,6 +2,7 @@
 // a preview, encoder updates, unbinding while frames flow, a host that holds every frame,
 // cursor settings made before the screen exists, and snapshots. The fake host checks at the
 // end that every accepted encoder frame went back once and none was released twice.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -74,7 +75,7 @@ class ScreenLinkTest : public ::testing::Test {
   LogCapture m_logs;
   std::unique_ptr<XvfbServer> m_server =
       std::make_unique<XvfbServer>(std::vector<XvfbScreen>{{640, 480}});
-  FakeHost m_host{HostEntries::Load(VLINK_LIBRARY_PATH)};
+  FakeHost m_host{HostEntries::From(dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL))};
   CountLatch m_cursorSamples;
 };
 
