@@ -4,14 +4,13 @@
 //
 // Requests are answered in submission order on the fake's own thread with a mask of
 // `maskValue` everywhere. Knobs inject each misbehaviour a real client can show: refused
-// calls, held (delayed) answers, failing statuses, answers given twice, answers after stop,
-// and answers never given.
+// calls, held (delayed) answers, failing statuses, answers given twice, and answers after
+// stop (or never, when no Release comes).
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -67,11 +66,10 @@ class FakeComputingClient {
     int stopResult = 0;
     int inferenceResult = 0;
     int getBufferResult = 0;
-    bool hold = false;                // answers wait for Release()
-    bool twice = false;               // every answer is given twice
-    bool never = false;               // nothing is ever answered
-    bool answerAfterStop = false;     // StopTask leaves pending answers for later
-    std::set<uint64_t> failRequests;  // request numbers (from 1) answered with status 7
+    bool hold = false;             // answers wait for Release()
+    bool twice = false;            // every answer is given twice
+    bool answerAfterStop = false;  // StopTask leaves pending answers for later
+    uint64_t failRequest = 0;      // the request number (from 1) answered with status 7
     uint8_t maskValue = 255;
     bool alternate = false;  // odd requests get an all-person mask, even ones all background
     bool inline_ = false;    // answers inside TavoComputingInference, on the caller's thread
@@ -113,9 +111,13 @@ class FakeComputingClient {
     TavoComputingCallback callback;
   };
 
-  static std::vector<uint8_t> Bytes(const TavoComputingTaskParams& params) {
+  // Books a task record into `into` (m_lock held); answers from now on have its frame size.
+  void Book(std::vector<std::vector<uint8_t>>& into, const TavoComputingTaskConfig& config,
+            const TavoComputingTaskParams& params) {
     const auto* p = reinterpret_cast<const uint8_t*>(&params);
-    return std::vector<uint8_t>(p, p + sizeof params);
+    into.emplace_back(p, p + sizeof params);
+    m_record.configs.push_back(config);
+    m_frameBytes = size_t{params.width} * params.height * 3;
   }
 
   static int Init(const char* name, uint32_t) {
@@ -126,11 +128,15 @@ class FakeComputingClient {
   static int CreateTask(TavoComputingTaskConfig config, TavoComputingTaskParams params,
                         uint32_t* taskId) {
     std::lock_guard<std::mutex> lock(s_current->m_lock);
-    Record& r = s_current->m_record;
-    r.createParams.push_back(Bytes(params));
-    r.configs.push_back(config);
-    s_current->m_frameBytes = size_t{params.width} * params.height * 3;
+    s_current->Book(s_current->m_record.createParams, config, params);
     *taskId = ++s_current->m_nextId + 100;
+    return 0;
+  }
+  static int UpdateTaskParams(TavoComputingTaskConfig config, TavoComputingTaskParams params,
+                              uint32_t) {
+    std::lock_guard<std::mutex> lock(s_current->m_lock);
+    s_current->Book(s_current->m_record.updateParams, config, params);
+    s_current->m_record.answersAtUpdate.push_back(s_current->m_answersBegun);
     return 0;
   }
   static int DestroyTask(uint32_t) {
@@ -146,42 +152,24 @@ class FakeComputingClient {
   }
   static int StopTask(uint32_t) {
     FakeComputingClient* self = s_current;
-    {
-      std::lock_guard<std::mutex> lock(self->m_lock);
-      if (self->m_knobs.stopResult != 0) {
-        return self->m_knobs.stopResult;
-      }
-      self->m_started = false;
-      if (self->m_knobs.answerAfterStop) {
-        return 0;
-      }
-      if (self->m_knobs.never) {
-        for (Pending& p : self->m_pending) {
-          std::free(p.data);
-        }
-        self->m_pending.clear();
-        return 0;
-      }
-      self->m_cancel = true;  // the thread answers what is pending with a failure
-    }
-    self->m_thread.Wake();
     std::unique_lock<std::mutex> lock(self->m_lock);
-    self->m_idle.wait(lock, [self] { return self->m_pending.empty() && !self->m_answering; });
+    if (self->m_knobs.stopResult != 0) {
+      return self->m_knobs.stopResult;
+    }
+    self->m_started = false;
+    // Unless answers come after the stop, the thread answers what is pending with a failure.
+    self->m_cancel = !self->m_knobs.answerAfterStop;
+    lock.unlock();  // the thread's wait takes m_lock under its own lock
+    self->m_thread.Wake();
+    lock.lock();
+    self->m_idle.wait(lock, [self] {
+      return !self->m_cancel || (self->m_pending.empty() && !self->m_answering);
+    });
     self->m_cancel = false;
     return 0;
   }
   static int QueryResourceUsage(uint32_t, TavoComputingResourceUsage* usage) {
     *usage = TavoComputingResourceUsage{};
-    return 0;
-  }
-  static int UpdateTaskParams(TavoComputingTaskConfig config, TavoComputingTaskParams params,
-                              uint32_t) {
-    std::lock_guard<std::mutex> lock(s_current->m_lock);
-    Record& r = s_current->m_record;
-    r.updateParams.push_back(Bytes(params));
-    r.answersAtUpdate.push_back(s_current->m_answersBegun);
-    r.configs.push_back(config);
-    s_current->m_frameBytes = size_t{params.width} * params.height * 3;
     return 0;
   }
   static int GetBuffer(uint32_t, TavoComputingBufferParams* buffer) {
@@ -205,30 +193,22 @@ class FakeComputingClient {
   static int Inference(void*, TavoComputingCallback callback, void*, uint32_t taskId,
                        TavoComputingBufferParams input) {
     FakeComputingClient* self = s_current;
-    bool answerInline = false;
-    uint8_t maskValue = 0;
-    {
-      std::lock_guard<std::mutex> lock(self->m_lock);
-      if (self->m_lent.erase(input.data) == 0) {
-        return TAVO_COMPUTING_ERR_ARGUMENT;
-      }
-      if (self->m_knobs.inferenceResult != 0 || !self->m_started || input.filled != 1) {
-        std::free(input.data);  // a refused request gives its buffer back
-        return self->m_knobs.inferenceResult != 0 ? self->m_knobs.inferenceResult
-                                                  : TAVO_COMPUTING_ERR_STATE;
-      }
-      answerInline = self->m_knobs.inline_;
-      maskValue = self->m_knobs.maskValue;
-      if (!answerInline) {
-        self->m_pending.push_back(Pending{++self->m_submitted, taskId, input.data, callback});
-      }
+    std::unique_lock<std::mutex> lock(self->m_lock);
+    if (self->m_lent.erase(input.data) == 0) {
+      return TAVO_COMPUTING_ERR_ARGUMENT;
     }
+    if (self->m_knobs.inferenceResult != 0 || !self->m_started || input.filled != 1) {
+      std::free(input.data);  // a refused request gives its buffer back
+      return self->m_knobs.inferenceResult != 0 ? self->m_knobs.inferenceResult
+                                                : TAVO_COMPUTING_ERR_STATE;
+    }
+    self->m_pending.push_back(Pending{++self->m_submitted, taskId, input.data, callback});
     self->requests.Add();
-    if (answerInline) {  // the caller's thread is the one that changes the frame size
-      std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, maskValue);
-      self->Deliver(Pending{0, taskId, input.data, callback}, 0, 1, mask);
+    if (self->m_knobs.inline_) {  // the caller's thread is the one that changes the frame size
+      self->AnswerFront(lock);
       return 0;
     }
+    lock.unlock();
     self->m_thread.Wake();
     return 0;
   }
@@ -238,65 +218,46 @@ class FakeComputingClient {
       std::lock_guard<std::mutex> lock(m_lock);
       return Ready();
     })) {
-      AnswerReady();
-    }
-  }
-  bool Ready() {  // m_lock held
-    if (m_pending.empty() || (m_knobs.never && !m_cancel)) {
-      return false;
-    }
-    return m_cancel || !m_knobs.hold || m_released > 0;
-  }
-  void AnswerReady() {
-    for (;;) {
-      Pending p{};
-      unsigned int status = 0;
-      int times = 1;
-      {
-        std::lock_guard<std::mutex> lock(m_lock);
-        if (!Ready()) {
-          return;
-        }
-        p = m_pending.front();
-        m_pending.pop_front();
-        if (m_cancel) {
-          status = static_cast<unsigned int>(TAVO_COMPUTING_ERR_CANCELLED);
-        } else {
-          if (m_knobs.hold) {
-            --m_released;
-          }
-          status = m_knobs.failRequests.count(p.number) != 0 ? 7U : 0U;
-          times = m_knobs.twice ? 2 : 1;
-        }
-        const uint8_t value = m_knobs.alternate ? (p.number % 2 == 1 ? 255 : 0) : m_knobs.maskValue;
-        std::memset(m_mask.data(), value, m_mask.size());
-        m_answersBegun += times;
-        m_answering = true;
+      std::unique_lock<std::mutex> lock(m_lock);
+      while (Ready()) {
+        AnswerFront(lock);
       }
-      Deliver(p, status, times, m_mask);
-      {
-        std::lock_guard<std::mutex> lock(m_lock);
-        m_answering = false;
-      }
-      m_idle.notify_all();
     }
   }
-
-  // Gives request `p` its answer `times` times, and its buffer back.
-  void Deliver(const Pending& p, unsigned int status, int times, std::vector<uint8_t>& mask) {
-    std::free(p.data);
+  bool Ready() {  // m_lock held; inline answers are the caller's
+    return !m_pending.empty() && !m_knobs.inline_ && (m_cancel || !m_knobs.hold || m_released > 0);
+  }
+  // Gives the oldest request its answer, outside `lock` (held on entry and on return), and
+  // its buffer back.
+  void AnswerFront(std::unique_lock<std::mutex>& lock) {
+    const Pending p = m_pending.front();
+    m_pending.pop_front();
+    m_released -= m_knobs.hold && !m_cancel ? 1 : 0;
+    const unsigned int status = m_cancel ? static_cast<unsigned int>(TAVO_COMPUTING_ERR_CANCELLED)
+                                : p.number == m_knobs.failRequest ? 7U
+                                                                  : 0U;
+    const int times = m_knobs.twice && !m_cancel ? 2 : 1;
+    const uint8_t value = m_knobs.alternate ? (p.number % 2 == 1 ? 255 : 0) : m_knobs.maskValue;
+    std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, value);
     TavoComputingBufferParams result{};
     result.data = status == 0 ? mask.data() : nullptr;
     result.size = status == 0 ? static_cast<uint32_t>(m_frameBytes / 3) : 0;
     result.filled = status == 0 ? 1 : 0;
+    m_answersBegun += times;
+    m_answering = true;
+    lock.unlock();
+    std::free(p.data);
     for (int i = 0; i < times; ++i) {
       p.callback(status, static_cast<int>(p.taskId), result);
       answers.Add();
     }
+    lock.lock();
+    m_answering = false;
+    m_idle.notify_all();
   }
 
   static inline FakeComputingClient* s_current = nullptr;
-  std::mutex m_lock;  // guards everything below except m_mask (the thread's own)
+  std::mutex m_lock;  // guards everything below
   std::condition_variable m_idle;
   Knobs m_knobs;
   Record m_record;
@@ -310,6 +271,5 @@ class FakeComputingClient {
   bool m_cancel = false;
   bool m_answering = false;
   int m_answersBegun = 0;  // callbacks about to be made or made (answers counts them after)
-  std::vector<uint8_t> m_mask = std::vector<uint8_t>(TAVO_COMPUTING_RESULT_BYTES, 0);
   NamedThread m_thread{"FAKE_COMPUTING"};
 };
