@@ -36,25 +36,18 @@ TEST_F(ComposeTest, Compose32AtTheThresholdsAndInTheBlendRange) {
   std::vector<uint8_t> bg((pixels + 1) * 3);
   std::vector<uint8_t> fg((pixels + 1) * 3);
   std::vector<uint8_t> alpha(pixels + 1);
+  std::vector<uint8_t> expected((pixels + 1) * 3);
   for (size_t i = 0; i <= pixels; ++i) {
     const auto& c = cases[i % std::size(cases)];
     alpha[i] = c.alpha;
-    for (size_t k = 0; k < 3; ++k) {
-      bg[i * 3 + k] = c.bg;
-      fg[i * 3 + k] = c.fg;
-    }
+    std::fill_n(&bg[i * 3], 3, c.bg);
+    std::fill_n(&fg[i * 3], 3, c.fg);
+    std::fill_n(&expected[i * 3], 3, i < pixels ? c.expected : c.fg);  // the last: not blended
   }
   std::vector<uint8_t> out(fg);
   ASSERT_EQ(m_node->Compose32(out.data(), bg.data(), alpha.data(), out.data()), 0U);
-  for (size_t i = 0; i < pixels; ++i) {
-    const auto& c = cases[i % std::size(cases)];
-    for (size_t k = 0; k < 3; ++k) {
-      ASSERT_EQ(out[i * 3 + k], c.expected) << "pixel " << i << " alpha " << int{c.alpha};
-    }
-  }
-  for (size_t k = 0; k < 3; ++k) {
-    EXPECT_EQ(out[pixels * 3 + k], fg[pixels * 3 + k]) << "pixel 921600 is not blended";
-  }
+  const size_t wrong = std::mismatch(out.begin(), out.end(), expected.begin()).first - out.begin();
+  EXPECT_EQ(wrong, out.size()) << "pixel " << wrong / 3 << " alpha " << int{alpha[wrong / 3]};
 }
 
 TEST_F(ComposeTest, BackgroundImageFailuresKeepThePreviousImage) {
