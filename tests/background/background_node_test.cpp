@@ -30,14 +30,6 @@ std::vector<uint8_t> TaskRecord(const char* model, uint16_t width, uint16_t heig
 
 class BackgroundNodeTest : public BackgroundLinkTest {};
 
-// An answer the node is no longer waiting for, as a client would give it.
-void LateAnswer(int handle) {
-  std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, 255);
-  TavoComputingBufferParams result{};
-  result.data = mask.data();
-  BackgroundVirtualityNode::ComputingCallback(0, handle, result);
-}
-
 TEST_F(BackgroundNodeTest, TaskRecordAndModelChoiceFollowTheOrientation) {
   const struct {
     uint16_t width, height;
@@ -127,8 +119,6 @@ TEST_F(BackgroundNodeTest, OnBlendsEachFrameWithItsOwnMask) {
   }
   ASSERT_TRUE(m_client.requests.WaitFor(kFrames));
   EXPECT_EQ(m_sink->handled.Get(), 0);  // nothing leaves before its mask
-  m_client.Release(5);
-  ASSERT_TRUE(m_sink->handled.WaitFor(5));
   m_client.Release();
   ASSERT_TRUE(AllReleased());
   const std::map<uint32_t, uint8_t> seen = Seen();
@@ -215,8 +205,6 @@ TEST_F(BackgroundNodeTest, MisbehavingClientNeverCostsADoubleRelease) {
       ASSERT_TRUE(m_client.answers.WaitFor(answers + 3));
     }
   }
-  LateAnswer(424242);
-  EXPECT_TRUE(m_log.HasModule("callbackMap not find handle:424242"));
 }
 
 // A client that answers before the request returns: the answer waits for its frame.
@@ -257,7 +245,11 @@ TEST_F(BackgroundNodeTest, StopProcessDestroysTheTaskAndAStartMakesANewOne) {
   m_node->StopProcess();
   EXPECT_FALSE(m_node->HasTask());
   EXPECT_EQ(m_client.Get().destroys, 1);
-  LateAnswer(static_cast<int>(first));  // a late answer for the old task
+  // A late answer for the old task, as a client would give it.
+  std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, 255);
+  TavoComputingBufferParams result{};
+  result.data = mask.data();
+  BackgroundVirtualityNode::ComputingCallback(0, static_cast<int>(first), result);
   EXPECT_TRUE(m_log.HasModule("callbackMap not find handle:" + std::to_string(first)));
   ASSERT_EQ(m_node->StartProcess(), 0U);
   ASSERT_EQ(m_node->SetEnable(false), 0U);

@@ -122,8 +122,7 @@ TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadMod
     ASSERT_EQ(Submit(id, frame), 0);
   }
   ASSERT_EQ(TavoComputingStopTask(id), 0);
-  const int answered = m_answers.count.Get();
-  EXPECT_EQ(answered, 2);
+  EXPECT_EQ(m_answers.count.Get(), 2);
   EXPECT_EQ(Submit(id, frame), TAVO_COMPUTING_ERR_STATE);  // stopped: no buffer lent
   ASSERT_EQ(TavoComputingStartTask(id), 0);
   ASSERT_EQ(Submit(id, frame), 0);

@@ -23,8 +23,9 @@ constexpr uint32_t kSrcImgNo = 90;
 // A sink with a requirement that records every frame it was handed and may keep them.
 class Sink {
  public:
-  Sink(uint32_t id, bool process, uint32_t width = 0, uint32_t height = 0, uint32_t format = 0)
-      : node(std::make_shared<CountingNode>(id)) {
+  Sink(uint32_t id, bool process, uint32_t width = 0, uint32_t height = 0, uint32_t format = 0,
+       bool hold = false)
+      : node(std::make_shared<CountingNode>(id)), holding(hold) {
     VideoNodeRequirement requirement{static_cast<uint8_t>(process ? 1 : 0), width, height, format};
     node->SetRequirement(requirement);
     node->onFrame = [this](OsvGraphicBuffer* frame) {
@@ -52,7 +53,7 @@ class Sink {
   std::vector<OsvGraphicBuffer*> frames;
   std::vector<uint32_t> imgNos;
   std::vector<FrameRef> held;
-  bool holding = false;
+  bool holding;
 };
 
 class ImageProcessNodeTest : public ::testing::Test {
@@ -184,8 +185,7 @@ TEST_F(ImageProcessNodeTest, UnsupportedStepsSkipOnlyTheirBranch) {
 TEST_F(ImageProcessNodeTest, TenHeldBuffersRefuseTheBranchUntilOneComesBack) {
   const bool first = FirstRun();
   Sink pass(1, false);
-  Sink slow(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);  // the conversion's own buffers
-  slow.holding = true;
+  Sink slow(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);  // the conversion's own buffers
   Insert(pass);
   Insert(slow);
   OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
@@ -204,11 +204,10 @@ TEST_F(ImageProcessNodeTest, TenHeldBuffersRefuseTheBranchUntilOneComesBack) {
 }
 
 TEST_F(ImageProcessNodeTest, RemovingTheLastSinkDropsItsTasksAndParksHeldBuffers) {
-  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
-  Sink b(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
+  // Both hold the frame when the tasks go.
+  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
+  Sink b(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
   Sink stranger(4, false);
-  a.holding = true;
-  b.holding = true;  // so both hold the frame when the tasks go
   Insert(a);
   Insert(b);
   OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
@@ -232,8 +231,7 @@ TEST_F(ImageProcessNodeTest, RemovingTheLastSinkDropsItsTasksAndParksHeldBuffers
 }
 
 TEST_F(ImageProcessNodeTest, ResetMovesASinkToItsNewRequirement) {
-  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420);
-  a.holding = true;
+  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
   Insert(a);
   OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   Push(source, {&a});
