@@ -13,8 +13,6 @@
 #include <cstring>
 #include <thread>
 
-#include "core/tavo_video_os_seams.h"
-
 std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame) {
   const OsvGraphicBufferInfo info = frame.GetImageInfo();
   std::vector<uint8_t> out;
@@ -38,9 +36,7 @@ std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t widt
   uint8_t* u = full.data() + size_t(w) * h;
   libyuv::ARGBToI420(reinterpret_cast<const uint8_t*>(argb.data()), w * 4, full.data(), w, u, cw,
                      u + size_t(cw) * ch, cw, w, h);
-  if (outWidth == width && outHeight == height) {
-    return full;
-  }
+  // At the same size the scaling is a copy.
   const int ow = static_cast<int>(outWidth), oh = static_cast<int>(outHeight);
   const int ocw = (ow + 1) / 2, och = (oh + 1) / 2;
   std::vector<uint8_t> scaled(size_t(ow) * oh + 2 * size_t(ocw) * och);
@@ -66,10 +62,6 @@ int FrameSink::OnFrame(OsvGraphicBuffer* frame) {
     std::lock_guard<std::mutex> lock(m_lock);
     m_frames.push_back(PackI420(*frame));
     m_infos.push_back(frame->GetImageInfo());
-    m_timesUs.push_back(Seam<Clock>::Get().NowUs());
-    if (holdFrames) {
-      held.push_back(FrameRef::Share(frame));
-    }
     index = static_cast<int>(m_frames.size()) - 1;
   }
   if (hook) {
@@ -87,19 +79,6 @@ std::vector<uint8_t> FrameSink::Frame(size_t index) {
 OsvGraphicBufferInfo FrameSink::Info(size_t index) {
   std::lock_guard<std::mutex> lock(m_lock);
   return index < m_infos.size() ? m_infos[index] : OsvGraphicBufferInfo{};
-}
-
-std::vector<uint64_t> FrameSink::TimesUs() {
-  std::lock_guard<std::mutex> lock(m_lock);
-  return m_timesUs;
-}
-
-void FrameSink::ReleaseHeld() {
-  std::vector<FrameRef> dropping;
-  {
-    std::lock_guard<std::mutex> lock(m_lock);
-    dropping.swap(held);
-  }
 }
 
 bool WaitUntilTrue(const std::function<bool()>& condition, std::chrono::seconds limit) {

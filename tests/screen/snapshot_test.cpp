@@ -1,6 +1,7 @@
 // GoogleTest before the X headers, whose None macro it cannot take.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/adapt_common/os_shm_queue.h"
@@ -36,9 +37,11 @@ class SnapshotTest : public ScreenTest {
     storage.format = 3;
     return storage;
   }
-  // The one picture queued: its record, its pixels (alpha cleared) and how many were opaque.
+  // The one picture queued: its record's fields (size, width, height, format, count, flag,
+  // size again), its pixels (alpha cleared) and how many were opaque.
   struct Picture {
-    std::vector<uint8_t> header;
+    std::vector<uint32_t> header;
+    uint64_t stamp = 0;
     std::vector<uint32_t> pixels;
     size_t opaque = 0;
   };
@@ -49,7 +52,10 @@ class SnapshotTest : public ScreenTest {
       return picture;
     }
     const auto* memory = static_cast<const uint8_t*>(buffer->mem);
-    picture.header.assign(memory, memory + kSnapshotHeaderBytes);
+    picture.header = {Get32(memory),      Get32(memory + 4),  Get32(memory + 8),
+                      Get32(memory + 20), Get32(memory + 24), uint32_t{memory[28]},
+                      Get32(memory + 32)};
+    picture.stamp = Get32(memory + 40) | uint64_t{Get32(memory + 44)} << 32;
     const uint32_t size = Get32(memory);
     EXPECT_EQ(buffer->usedLen, size + kSnapshotHeaderBytes);
     picture.pixels.resize(size / 4);
@@ -88,28 +94,19 @@ TEST_F(SnapshotTest, AStoppedScreenIsCapturedIntoTheQueueAndNothingStays) {
   X11ScreenCapturer capturer(90);
   ASSERT_EQ(capturer.CapturePictureImp(Request(160, 100)), 0u);
   const Picture picture = Take();
-  ASSERT_EQ(picture.header.size(), kSnapshotHeaderBytes);
-  const uint8_t* h = picture.header.data();
-  EXPECT_EQ(Get32(h + 0), 160u * 100u * 4u);
-  EXPECT_EQ(Get32(h + 4), 160u);
-  EXPECT_EQ(Get32(h + 8), 100u);
-  EXPECT_EQ(Get32(h + 20), 3u);
-  EXPECT_EQ(Get32(h + 24), 1u);
-  EXPECT_EQ(h[28], 1u);
-  EXPECT_EQ(Get32(h + 32), 160u * 100u * 4u);
-  EXPECT_NE(Get32(h + 40) | Get32(h + 44), 0u);
+  EXPECT_EQ(picture.header, (std::vector<uint32_t>{64000, 160, 100, 3, 1, 1, 64000}));
+  EXPECT_NE(picture.stamp, 0u);
   EXPECT_EQ(picture.pixels, Scaled(screen, 320, 240, 160, 100));
   // The capturer made for the snapshot is gone again.
   EXPECT_FALSE(capturer.IsInited());
   EXPECT_EQ(CountOwnShmSegments(), segments);
-  EXPECT_EQ(m_displaySystem->opens.load(), 1);
-  EXPECT_EQ(m_displaySystem->closes.load(), 1);
+  EXPECT_EQ(std::pair(m_displaySystem->opens.load(), m_displaySystem->closes.load()),
+            std::pair(1, 1));
   // A zero side means the capture size.
   for (const auto& [width, height] : {std::pair{0u, 100u}, std::pair{100u, 0u}}) {
     ASSERT_EQ(capturer.CapturePictureImp(Request(width, height)), 0u);
     const Picture whole = Take();
-    EXPECT_EQ(Get32(whole.header.data() + 4), 320u);
-    EXPECT_EQ(Get32(whole.header.data() + 8), 240u);
+    EXPECT_EQ(whole.header, (std::vector<uint32_t>{307200, 320, 240, 3, 1, 1, 307200}));
     EXPECT_EQ(whole.pixels, screen);
   }
 }
@@ -131,15 +128,12 @@ TEST_F(SnapshotTest, APortraitMonitorKeepsItsAspectBetweenBars) {
   X11ScreenCapturer capturer(90);
   // 270 wide is more than 180 high: region trunc(180 / 320 x 180) = 101, offset 109.
   ASSERT_EQ(capturer.CapturePictureImp(Request(320, 180)), 0u);
-  const Picture picture = Take();
   const auto region = Scaled(screen, 270, 480, 101, 180);
+  std::vector<uint32_t> framed(320 * 180, 0);
   for (uint32_t row = 0; row < 180; ++row) {
-    for (uint32_t col = 0; col < 320; ++col) {
-      const uint32_t got = picture.pixels[row * 320 + col];
-      const uint32_t want = col >= 109 && col < 210 ? region[row * 101 + col - 109] : 0;
-      ASSERT_EQ(got, want) << row << "," << col;
-    }
+    std::copy_n(region.begin() + row * 101, 101, framed.begin() + row * 320 + 109);
   }
+  EXPECT_EQ(Take().pixels, framed);
   // Not wider than the picture is high: the whole picture is filled.
   ASSERT_EQ(capturer.CapturePictureImp(Request(480, 270)), 0u);
   EXPECT_EQ(Take().pixels, Scaled(screen, 270, 480, 480, 270));

@@ -21,7 +21,6 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
   Display* Open(bool* tryAgain) override {
     *tryAgain = false;
     if (refuseOpen || dropOpens > 0) {
-      ++refusedOpens;
       *tryAgain = dropOpens.fetch_sub(1) > 0;  // as a server resetting would
       return nullptr;
     }
@@ -43,7 +42,6 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
   std::atomic<uint32_t> answerTimeoutMs{kX11AnswerTimeoutMs};
   std::atomic<int> opens{0};
   std::atomic<int> closes{0};
-  std::atomic<int> refusedOpens{0};
 
  private:
   std::string m_name;
