@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "tavo_video_vlink.h"
@@ -65,10 +66,9 @@ class ScreenLinkTest : public ::testing::Test {
     const size_t first = m_host.EncodedFrames().size();
     ASSERT_TRUE(m_host.offered.WaitFor(static_cast<int>(first) + count));
     const std::vector<FakeHost::Encoded> frames = m_host.EncodedFrames();
-    for (size_t i = first; i < frames.size(); ++i) {
-      EXPECT_EQ(frames[i].width, width);
-      EXPECT_EQ(frames[i].height, height);
-      EXPECT_EQ(frames[i].srcImgNo, 90U);  // stamped with the screen's imgNo
+    for (size_t i = first; i < frames.size(); ++i) {  // stamped with the screen's imgNo
+      EXPECT_EQ(std::tuple(frames[i].width, frames[i].height, frames[i].srcImgNo),
+                std::tuple(width, height, 90U));
     }
   }
 

@@ -61,7 +61,6 @@ int FrameSink::OnFrame(OsvGraphicBuffer* frame) {
   {
     std::lock_guard<std::mutex> lock(m_lock);
     m_frames.push_back(PackI420(*frame));
-    m_infos.push_back(frame->GetImageInfo());
     index = static_cast<int>(m_frames.size()) - 1;
   }
   if (hook) {
@@ -74,11 +73,6 @@ int FrameSink::OnFrame(OsvGraphicBuffer* frame) {
 std::vector<uint8_t> FrameSink::Frame(size_t index) {
   std::lock_guard<std::mutex> lock(m_lock);
   return index < m_frames.size() ? m_frames[index] : std::vector<uint8_t>{};
-}
-
-OsvGraphicBufferInfo FrameSink::Info(size_t index) {
-  std::lock_guard<std::mutex> lock(m_lock);
-  return index < m_infos.size() ? m_infos[index] : OsvGraphicBufferInfo{};
 }
 
 bool WaitUntilTrue(const std::function<bool()>& condition, std::chrono::seconds limit) {
@@ -121,17 +115,13 @@ FreezableXProxy::FreezableXProxy(const std::string& serverName) {
 }
 
 FreezableXProxy::~FreezableXProxy() {
-  Close();
+  m_closed = true;
+  const char byte = 0;
+  (void)write(m_wake[1], &byte, 1);
   m_thread.join();
   close(m_listener);
   close(m_wake[0]);
   close(m_wake[1]);
-}
-
-void FreezableXProxy::Close() {
-  m_closed = true;
-  const char byte = 0;
-  (void)write(m_wake[1], &byte, 1);
 }
 
 void FreezableXProxy::Pump() {

@@ -43,7 +43,6 @@ class FrameSink {
   int Count() { return m_count.Get(); }
   std::vector<uint8_t> Frame(size_t index);
   std::vector<uint8_t> Last() { return Frame(static_cast<size_t>(Count() - 1)); }
-  OsvGraphicBufferInfo Info(size_t index);
 
   int answer = 0;                                    // what the callback returns
   std::function<void(OsvGraphicBuffer*, int)> hook;  // (frame, its index), capture thread
@@ -51,7 +50,6 @@ class FrameSink {
  private:
   std::mutex m_lock;  // guards the vectors
   std::vector<std::vector<uint8_t>> m_frames;
-  std::vector<OsvGraphicBufferInfo> m_infos;
   CountLatch m_count;
 };
 
@@ -61,7 +59,7 @@ bool WaitUntilTrue(const std::function<bool()>& condition,
                    std::chrono::seconds limit = kGenerousTimeout);
 
 // An X display that forwards to a real server until it is frozen: then it answers nothing,
-// as a server stopped with SIGSTOP; Close() drops every connection.
+// as a server stopped with SIGSTOP.
 class FreezableXProxy {
  public:
   explicit FreezableXProxy(const std::string& serverName);
@@ -70,7 +68,6 @@ class FreezableXProxy {
   void Freeze() { m_frozen = true; }
   // Bytes clients sent since the freeze (requests waiting for ever).
   size_t HeldBytes() const { return m_held.load(); }
-  void Close();
 
  private:
   void Pump();
