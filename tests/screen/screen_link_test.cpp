@@ -142,7 +142,24 @@ tagTavoVideoMouseParam Mouse(uint32_t screenComponent, uint32_t userData) {
   return mouse;
 }
 
-TEST_F(ScreenLinkTest, MouseSettingsBeforeTheScreenExistsApplyAtItsStart) {
+// Snapshots map host ids and refuse other formats (no screen is running yet); mouse settings
+// made before the screen exists apply at its start.
+TEST_F(ScreenLinkTest, SnapshotsOfStoppedScreensAndMouseSettingsBeforeTheScreenStarts) {
+  auto* snapshot = Entry<decltype(TavoVideoVlinkSnapShot)>("TavoVideoVlinkSnapShot");
+  TagTavoVideoSnapshotStorage storage{};
+  storage.queueId = 0x7e;  // no such host queue
+  storage.format = 2;
+  EXPECT_EQ(snapshot(99, &storage), 1U);
+  EXPECT_TRUE(m_logs.HasModule("snapshot: the format[2] is unsupported", 1));
+  storage.format = 3;
+  EXPECT_EQ(snapshot(99, &storage), 1U);
+  EXPECT_TRUE(m_logs.HasModule("imgNo[90] ScreenCaptureNode::CapturePicture failed!", 1));
+  EXPECT_TRUE(m_logs.HasModule("CapturePicture[99] failed!", 1));
+  EXPECT_EQ(snapshot(100, &storage), 1U);
+  EXPECT_TRUE(m_logs.HasModule("imgNo[91] ScreenCaptureNode::CapturePicture failed!", 1));
+  EXPECT_EQ(snapshot(89, &storage), 1U);
+  EXPECT_TRUE(m_logs.HasModule("[SCREEN_89] invalid imgNo[89]", 1));
+
   auto* setMouse = Entry<decltype(TavoVideoMouseSetParam)>("TavoVideoMouseSetParam");
   auto* showMouse = Entry<decltype(TavoVideoShowMouse)>("TavoVideoShowMouse");
   auto* hideMouse = Entry<decltype(TavoVideoHideMouse)>("TavoVideoHideMouse");
@@ -183,23 +200,6 @@ TEST_F(ScreenLinkTest, MouseSettingsBeforeTheScreenExistsApplyAtItsStart) {
   EXPECT_EQ(setMouse(2, &broken), 1U);
   EXPECT_TRUE(m_logs.HasModule("mouse[2] SetMouseParam failed!", 1));
   EXPECT_EQ(stopMouse(2), 0U);
-}
-
-TEST_F(ScreenLinkTest, SnapshotsMapHostIdsAndRefuseOtherFormats) {
-  auto* snapshot = Entry<decltype(TavoVideoVlinkSnapShot)>("TavoVideoVlinkSnapShot");
-  TagTavoVideoSnapshotStorage storage{};
-  storage.queueId = 0x7e;  // no such host queue
-  storage.format = 2;
-  EXPECT_EQ(snapshot(99, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("snapshot: the format[2] is unsupported", 1));
-  storage.format = 3;
-  EXPECT_EQ(snapshot(99, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("imgNo[90] ScreenCaptureNode::CapturePicture failed!", 1));
-  EXPECT_TRUE(m_logs.HasModule("CapturePicture[99] failed!", 1));
-  EXPECT_EQ(snapshot(100, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("imgNo[91] ScreenCaptureNode::CapturePicture failed!", 1));
-  EXPECT_EQ(snapshot(89, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("[SCREEN_89] invalid imgNo[89]", 1));
 }
 
 }  // namespace

@@ -16,18 +16,16 @@ namespace {
 
 class ScreenNodeTest : public ::testing::Test {
  protected:
-  static ViDevInfo Params(uint32_t imgNo) {
+  // A node for imgNo `id`, asked for 640x480 at 30 a second.
+  std::shared_ptr<ScreenCaptureNode> MakeNode(uint32_t id) {
     ViDevInfo info{};
-    info.imgNo = imgNo;
+    info.imgNo = id;
     info.width = 640;
     info.height = 480;
     info.fps = 30;
     info.captureFps = 30;
-    return info;
-  }
-  std::shared_ptr<ScreenCaptureNode> MakeNode(uint32_t id) {
     auto node = std::make_shared<ScreenCaptureNode>(id);
-    EXPECT_EQ(node->SetParam(Params(id)), 0u);
+    EXPECT_EQ(node->SetParam(info), 0u);
     return node;
   }
 

@@ -75,7 +75,6 @@ class FreezableXProxy {
   std::string m_name;
   std::string m_serverPath;
   int m_listener = -1;
-  int m_wake[2] = {-1, -1};
   std::atomic<bool> m_frozen{false};
   std::atomic<bool> m_closed{false};
   std::atomic<size_t> m_held{0};

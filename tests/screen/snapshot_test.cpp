@@ -80,16 +80,12 @@ class SnapshotTest : public ScreenTest {
     }
     return out;
   }
-  // What the server holds (no alpha), as the capturer reads it.
-  std::vector<uint32_t> Screen(uint32_t width, uint32_t height) {
-    return m_server->GetPixels(0, 0, 0, width, height);
-  }
 };
 
 TEST_F(SnapshotTest, AStoppedScreenIsCapturedIntoTheQueueAndNothingStaysOnAnyPath) {
   StartServer({{320, 240}});
   m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 17));
-  const auto screen = Screen(320, 240);
+  const auto screen = m_server->GetPixels(0, 0, 0, 320, 240);  // no alpha, as the capturer reads
   const size_t segments = CountOwnShmSegments();
   X11ScreenCapturer capturer(90);
   ASSERT_EQ(capturer.CapturePictureImp(Request(160, 100)), 0u);
@@ -130,7 +126,7 @@ TEST_F(SnapshotTest, APortraitMonitorKeepsItsAspectBetweenBarsUosOnSoren7AIsOpaq
   }
   OsPlatformSetIdentity(nullptr, nullptr);
   m_server->PutPixels(0, 0, 0, 270, 480, PatternPixels(270, 480, 23));
-  const auto screen = Screen(270, 480);
+  const auto screen = m_server->GetPixels(0, 0, 0, 270, 480);
   X11ScreenCapturer capturer(90);
   // 270 wide is more than 180 high: region trunc(180 / 320 x 180) = 101, offset 109.
   ASSERT_EQ(capturer.CapturePictureImp(Request(320, 180)), 0u);
@@ -156,7 +152,7 @@ TEST_F(SnapshotTest, ARunningCaptureGivesItsLastFrameAndSurvivesQueueFailures) {
   ASSERT_TRUE(sink.WaitFrames(1));
   const int opens = m_displaySystem->opens.load();
   ASSERT_EQ(capturer->CapturePictureImp(Request(0, 0)), 0u);
-  EXPECT_EQ(Take().pixels, Screen(320, 240));
+  EXPECT_EQ(Take().pixels, m_server->GetPixels(0, 0, 0, 320, 240));
   EXPECT_EQ(m_displaySystem->opens.load(), opens);
   m_queue.allocFails = true;
   EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);

@@ -25,9 +25,7 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
       return nullptr;
     }
     Display* display = OpenX11Display(m_name.c_str(), answerTimeoutMs, tryAgain);
-    if (display != nullptr) {
-      ++opens;
-    }
+    opens += display != nullptr ? 1 : 0;
     return display;
   }
   void Close(Display* display) override {
@@ -76,10 +74,8 @@ class FakeSharedMemory final : public SharedMemorySystem {
 class FakeHostShmQueue final : public HostShmQueue {
  public:
   OsShmAdvancedBuffer* Alloc(uint32_t queueId, uint32_t size) override {
-    if (allocFails) {
-      return nullptr;
-    }
-    OsShmAdvancedBuffer* buffer = OsShmAdvancedMemAllocBuffer(queueId, 0, size);
+    OsShmAdvancedBuffer* buffer =
+        allocFails ? nullptr : OsShmAdvancedMemAllocBuffer(queueId, 0, size);
     if (buffer == nullptr) {
       return nullptr;
     }
