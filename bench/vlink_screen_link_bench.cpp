@@ -18,7 +18,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -131,18 +130,33 @@ void StopScene(pid_t pid) {
   }
 }
 
-// The host's encoder: gives every frame back at once from its own thread.
-std::mutex g_lock;  // guards g_pending and g_frames
-std::condition_variable g_changed;
+// The host's encoder: gives every frame back at once from its own thread. Only that thread
+// is woken per frame, after the lock is let go; the measuring thread only at the counts it
+// waits for (a host has no such thread: its wake-ups are not the link's cost).
+std::mutex g_lock;                        // guards g_pending, g_frames and g_quit
+std::condition_variable g_pendingSignal;  // frames to give back, or quit
+std::condition_variable g_countSignal;    // g_frames reached kWarmUp or kWarmUp + kFrames
 std::vector<VencOutFrame*> g_pending;
 int g_frames = 0;
+bool g_quit = false;
 
 uint32_t OnEncCreate(uint32_t, uint32_t, uint32_t) { return 0; }
 uint32_t OnEncFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
-  std::lock_guard<std::mutex> lock(g_lock);
-  g_pending.push_back(frame);
-  ++g_frames;
-  g_changed.notify_all();
+  bool first = false;
+  bool counted = false;
+  {
+    std::lock_guard<std::mutex> lock(g_lock);
+    first = g_pending.empty();
+    g_pending.push_back(frame);
+    ++g_frames;
+    counted = g_frames == kWarmUp || g_frames == kWarmUp + kFrames;
+  }
+  if (first) {
+    g_pendingSignal.notify_one();
+  }
+  if (counted) {
+    g_countSignal.notify_all();
+  }
   return 1;
 }
 
@@ -192,11 +206,10 @@ double OurLink(double* idleShare) {
   store(2, 5);
   Find(create, createCount, TAVO_VIDEO_COMPONENT_ENCODER)(2, param.get());
 
-  std::atomic<bool> quit{false};
   std::thread releaser([&] {
     std::unique_lock<std::mutex> lock(g_lock);
-    while (!quit) {
-      g_changed.wait(lock, [&] { return quit || !g_pending.empty(); });
+    while (!g_quit) {
+      g_pendingSignal.wait(lock, [&] { return g_quit || !g_pending.empty(); });
       std::vector<VencOutFrame*> frames;
       frames.swap(g_pending);
       lock.unlock();
@@ -211,9 +224,9 @@ double OurLink(double* idleShare) {
     double start = 0;
     {
       std::unique_lock<std::mutex> lock(g_lock);
-      g_changed.wait(lock, [] { return g_frames >= kWarmUp; });
+      g_countSignal.wait(lock, [] { return g_frames >= kWarmUp; });
       start = SelfCpuSeconds();
-      g_changed.wait(lock, [] { return g_frames >= kWarmUp + kFrames; });
+      g_countSignal.wait(lock, [] { return g_frames >= kWarmUp + kFrames; });
     }
     result = (SelfCpuSeconds() - start) / kFrames;
     if (idleShare != nullptr) {
@@ -226,11 +239,12 @@ double OurLink(double* idleShare) {
   Find(destroy, destroyCount, TAVO_VIDEO_COMPONENT_SCREEN)(1);
   {
     std::lock_guard<std::mutex> lock(g_lock);
-    quit = true;
-    g_changed.notify_all();
+    g_quit = true;
+    g_pendingSignal.notify_all();
   }
   releaser.join();
   g_frames = 0;
+  g_quit = false;
   for (VencOutFrame* frame : g_pending) {
     release(frame);
   }

@@ -30,8 +30,9 @@ class NonblockingFifo {
   // The popped slot is left moved-from, so what the item held is let go with it.
   void pop_front() {
     T gone(std::move(m_items[m_head]));
-    m_head = (m_head + 1) & (m_items.size() - 1);
-    --m_size;
+    // Emptied, it starts again at the first slot: a queue that rarely holds more than a
+    // few items keeps using the same few, still in the cache, instead of walking the ring.
+    m_head = --m_size == 0 ? 0 : (m_head + 1) & (m_items.size() - 1);
   }
 
  private:

@@ -460,6 +460,11 @@ uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
                m_nodeName.c_str());
     return 0;
   }
+  // At a paced rate every receiver's state is cold: asked for all at once, the misses
+  // overlap instead of coming one receiver after another.
+  for (const NodePtr& next : m_nextNodes) {
+    next->PrefetchHandoffState();
+  }
   // The receivers that need a task get theirs in one batch: one hold of the pool's locks
   // per frame, however many receivers there are.
   constexpr size_t kBatch = 16;

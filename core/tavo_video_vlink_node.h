@@ -182,6 +182,12 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // is left.
   void RunReleases();
   void FinishTask();
+  // Starts loading what AcceptFrame reads.
+  void PrefetchHandoffState() const {
+    __builtin_prefetch(this);  // the node's own pointer to itself
+    __builtin_prefetch(&m_isStart);
+    __builtin_prefetch(&m_handoffRunning);
+  }
 
   OS_E_MPP_DEV_TYPE m_nodeType;
   bool m_isViVoNode = true;

@@ -254,6 +254,7 @@ void X11ScreenCapturer::DestroyLocked(Session& s) {
     s.damage.Stop(s.target.connection->Get());
   }
   s.monitorWatch.Stop();
+  s.events.Forget();
   s.cursorWatch.Reset();
   s.cursorImage.reset();
   s.previous = nullptr;

@@ -48,7 +48,7 @@ uint32_t X11ScreenCapturer::CheckMonitor(Session& s) {
     return 1;
   }
   Display* display = s.target.connection->Get();
-  ReadArrivedX11Events(display, [&](const XEvent& event) {
+  s.events.Read(display, [&](const XEvent& event) {
     s.monitorWatch.OnEvent(event);
     s.damage.OnEvent(event);
     s.cursorWatch.OnEvent(event);

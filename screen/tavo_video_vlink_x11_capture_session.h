@@ -114,6 +114,7 @@ struct X11ScreenCapturer::Session {
   uint32_t scaleHeight = 0;
   uint32_t monitorChangeCount = 0;
   X11MonitorWatch monitorWatch;
+  X11EventReader events;         // of target.connection, once a frame
   X11MonitorState monitorState;  // as last read
   // Damage-driven capture: what the next frame may build on.
   X11DamageTracker damage;

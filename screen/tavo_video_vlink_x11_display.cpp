@@ -1,6 +1,7 @@
 #include "screen/tavo_video_vlink_x11_display.h"
 
 #include <X11/extensions/Xrandr.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <mutex>
@@ -251,4 +252,9 @@ bool X11MonitorWatch::TakeChanged() {
   const bool changed = m_changed || !m_active;
   m_changed = false;
   return changed;
+}
+
+bool X11EventReader::SocketReadable(Display* display) {
+  pollfd socket{ConnectionNumber(display), POLLIN, 0};
+  return poll(&socket, 1, 0) != 0;
 }

@@ -109,6 +109,35 @@ void ReadArrivedX11Events(Display* display, OnEvent&& onEvent) {
   }
 }
 
+// ReadArrivedX11Events for a loop that reads one connection every frame, without the reads
+// of an empty socket (Xlib's cost, every frame of a still screen): when nothing was sent on
+// the connection since a read after which no request was outstanding, no reply can have
+// been read since either, so an event can only be in Xlib's queue or on the socket, and one
+// poll of the socket tells.
+class X11EventReader {
+ public:
+  template <typename OnEvent>
+  void Read(Display* display, OnEvent&& onEvent) {
+    if (m_quiet && display == m_display && XNextRequest(display) == m_nextRequest &&
+        XEventsQueued(display, QueuedAlready) == 0 && !SocketReadable(display)) {
+      return;
+    }
+    ReadArrivedX11Events(display, onEvent);
+    m_display = display;
+    m_nextRequest = XNextRequest(display);
+    m_quiet = XLastKnownRequestProcessed(display) + 1 == m_nextRequest;
+  }
+  // A new connection may come at the old one's address.
+  void Forget() { m_quiet = false; }
+
+ private:
+  static bool SocketReadable(Display* display);  // or closed, or failed
+
+  Display* m_display = nullptr;
+  unsigned long m_nextRequest = 0;
+  bool m_quiet = false;  // no request was outstanding after the last read
+};
+
 // Keeps the process alive on an X error or a lost connection of `display` (Xlib's own
 // handlers end the process): errors are logged, the connection is marked lost.
 void InstallX11ErrorHandlers(Display* display);

@@ -22,6 +22,20 @@ auto RowOf(uint32_t (*getter)(const Row**, uint32_t*), uint32_t type, uint32_t s
                                                           : decltype(table->func){};
 }
 
+// Runs a test's hook on a copy taken under the host's lock: the hook may call the library,
+// and the test may replace it meanwhile.
+template <class Hook, class... Args>
+void RunHook(std::mutex& lock, const Hook& hook, Args... args) {
+  Hook copy;
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    copy = hook;
+  }
+  if (copy) {
+    copy(args...);
+  }
+}
+
 }  // namespace
 
 HostEntries HostEntries::From(void* library) {
@@ -234,11 +248,7 @@ void FakeHost::Finish() {
   for (const auto& [record, count] : m_returned) {
     EXPECT_EQ(count, 1) << "a decoded frame came back " << count << " times";
   }
-  for (tagOS_S_VIDEO_CODEC_IMG_INFO* record : m_records) {
-    delete record->pBuffer;  // null once it came back
-    std::free(record);
-  }
-  m_records.clear();
+  FreeRecords();
   EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows) << "a frame was released twice";
 }
 
@@ -246,8 +256,12 @@ void FakeHost::Abandon() {
   m_finished = true;
   std::lock_guard<std::mutex> lock(m_lock);
   m_held.clear();
+  FreeRecords();
+}
+
+void FakeHost::FreeRecords() {  // m_lock held
   for (tagOS_S_VIDEO_CODEC_IMG_INFO* record : m_records) {
-    delete record->pBuffer;
+    delete record->pBuffer;  // null once it came back
     std::free(record);
   }
   m_records.clear();
@@ -264,29 +278,18 @@ VencOutFrame* FakeHost::TakeHeld() {
 }
 
 uint32_t FakeHost::OnEncCreate(uint32_t, uint32_t, uint32_t) {
-  std::function<void()> hook;
-  {
-    std::lock_guard<std::mutex> lock(g_host->m_lock);
-    hook = g_host->onCreate;
-  }
-  if (hook) {
-    hook();
-  }
+  RunHook(g_host->m_lock, g_host->onCreate);
   return 0;
 }
 
 uint32_t FakeHost::OnEncFrame(uint32_t, uint32_t hostKey, uint32_t, VencOutFrame* frame) {
   FakeHost* host = g_host;
   Encoder mode;
-  std::function<void(VencOutFrame*)> hook;
   {
     std::lock_guard<std::mutex> lock(host->m_lock);
     mode = host->m_encoder;
-    hook = host->onEncode;
   }
-  if (hook) {
-    hook(frame);
-  }
+  RunHook(host->m_lock, host->onEncode, frame);
   const OsvGraphicBufferInfo info = frame->buffer->GetImageInfo();
   Encoded seen{hostKey, frame->imgNo, info.width, info.height, frame->buffer->GetSrcImgNo(), {}};
   {
@@ -311,14 +314,7 @@ int FakeHost::OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* header) {
   FakeHost* host = g_host;
   EXPECT_EQ(header->headerSize, 48U);
   host->renderEntered.Add();
-  std::function<void(uint32_t)> hook;
-  {
-    std::lock_guard<std::mutex> lock(host->m_lock);
-    hook = host->onRender;
-  }
-  if (hook) {
-    hook(winHandle);
-  }
+  RunHook(host->m_lock, host->onRender, winHandle);
   {
     std::lock_guard<std::mutex> lock(host->m_lock);
     ++host->m_renderedByWindow[winHandle];
@@ -329,7 +325,6 @@ int FakeHost::OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* header) {
 
 uint32_t FakeHost::OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
   FakeHost* host = g_host;
-  std::function<void(tagOS_S_VIDEO_CODEC_IMG_INFO*)> hook;
   {
     std::lock_guard<std::mutex> lock(host->m_lock);
     if (++host->m_returned[frame] == 1) {
@@ -338,11 +333,8 @@ uint32_t FakeHost::OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
       delete frame->pBuffer;
       frame->pBuffer = nullptr;
     }
-    hook = host->onRelease;
   }
-  if (hook) {
-    hook(frame);
-  }
+  RunHook(host->m_lock, host->onRelease, frame);
   host->decodedBack.Add();
   return 1;
 }

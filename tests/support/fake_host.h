@@ -129,6 +129,7 @@ class FakeHost {
   static uint32_t OnEncFrame(uint32_t, uint32_t hostKey, uint32_t, VencOutFrame* frame);
   static int OnRender(uint32_t winHandle, TavoVideoRenderImgHeader* header);
   static uint32_t OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame);
+  void FreeRecords();
 
   struct Link {
     uint32_t sinkType, srcType, sink, source;
