@@ -66,18 +66,13 @@ TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
     FrameSink sink;
     auto capturer = MakeCapturer(sink, c.port, c.encWidth, c.encHeight);
     ASSERT_EQ(capturer->Init(), 0u);
-    EXPECT_EQ(capturer->GetScreenNum(), c.screenNum);
+    // The frame shows the screen, monitor position and size; the index is reported apart.
     EXPECT_EQ(capturer->GetMonitorIdx(), c.monitorIdx);
-    EXPECT_EQ(capturer->GetGrabX(), c.grabX);
-    EXPECT_EQ(capturer->GetCapability().width, c.width);
-    EXPECT_EQ(capturer->GetCapability().height, c.height);
     ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
     const auto& source = c.screenNum == 0 ? left : other;
     const uint32_t stride = c.screenNum == 0 ? kWidth : 200;
     const uint32_t outWidth = c.encWidth != 0 ? c.encWidth : c.width;
     const uint32_t outHeight = c.encHeight != 0 ? c.encHeight : c.height;
-    EXPECT_EQ(sink.Info(0).width, outWidth);
-    EXPECT_EQ(sink.Info(0).height, outHeight);
     EXPECT_EQ(sink.Frame(0),
               OracleI420(Crop(source, stride, static_cast<uint32_t>(c.grabX), 0, c.width, c.height),
                          c.width, c.height, outWidth, outHeight));
@@ -88,13 +83,11 @@ TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
   FrameSink none;
   auto capturer = MakeCapturer(none, 3);
   EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_EQ(m_logs.CountModule("not find the screen[3]!", 1), 1u);
   EXPECT_EQ(m_logs.CountModule("InitWindowImage failed!", 1), 1u);
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
   ASSERT_EQ(capturer->StartCapture(), 0u);
   EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
   EXPECT_EQ(capturer->StopCapture(), 0u);
-  EXPECT_EQ(none.Count(), 0);
 
   // A port change while running moves the capture; to a port naming nothing it stops it,
   // and the result is 0 all the same.
@@ -103,8 +96,6 @@ TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
   ASSERT_EQ(capturer->StartCapture(), 0u);
   ASSERT_TRUE(sink.WaitFrames(1));
   EXPECT_EQ(capturer->SetCaptureScreenPort(2), 0u);
-  EXPECT_TRUE(m_logs.HasModule("change screen capture port [0] -> [2]", 3));
-  EXPECT_TRUE(m_logs.HasModule("X11 Capturer[90] reset sucessful!", 3));
   const int seen = sink.Count();
   ASSERT_TRUE(sink.WaitFrames(seen + 1));
   EXPECT_EQ(sink.Frame(static_cast<size_t>(seen)), OracleI420(other, 200, 150, 200, 150));
@@ -120,16 +111,13 @@ TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
   // Listed right one first: its own output, then a monitor on no output at x = 0.
   ASSERT_TRUE(m_server->SetMonitor(0, "right", 160, 240, 160, 0, "screen"));
   ASSERT_TRUE(m_server->SetMonitor(0, "left", 160, 240, 0, 0));
-  FrameSink sink;
-  auto plain = std::make_unique<X11ScreenCapturer>(90);
+  X11ScreenCapturer kylin(90);
   OsPlatformSetIdentity(nullptr, nullptr);
-  auto ordinary = std::make_unique<X11ScreenCapturer>(90);
-  ASSERT_EQ(plain->Init(), 0u);
-  ASSERT_EQ(ordinary->Init(), 0u);
-  EXPECT_EQ(plain->GetGrabX(), 0);
-  EXPECT_EQ(plain->GetMonitorIdx(), 1u);
-  EXPECT_EQ(ordinary->GetGrabX(), 160);
-  EXPECT_EQ(ordinary->GetMonitorIdx(), 0u);
+  X11ScreenCapturer ordinary(90);
+  ASSERT_EQ(kylin.Init(), 0u);
+  ASSERT_EQ(ordinary.Init(), 0u);
+  EXPECT_EQ(std::pair(kylin.GetGrabX(), kylin.GetMonitorIdx()), std::pair(0, 1u));
+  EXPECT_EQ(std::pair(ordinary.GetGrabX(), ordinary.GetMonitorIdx()), std::pair(160, 0u));
 }
 
 // ---- following the monitor ----------------------------------------------------------
@@ -160,13 +148,11 @@ TEST_F(ScreenCapturerTest, AResizedMonitorIsRefusedAMovedOneFollowed) {
                                1),
             1u);
   EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
-  EXPECT_EQ(m_logs.CountModule("wait recreate link!"), 2u);
   EXPECT_EQ(capturer->GetMonitorChangeCount(), 101u);
   EXPECT_EQ(sink.Count(), sent);
-  // The capturer's lines go to trace channel 2, under its module file name.
+  // The capturer's lines go to trace channel 2 (and only there), under its module file name.
   OS_VLink_Debug_SetTraceLevel(0);
-  EXPECT_EQ(g_recreateLines[2].load(), 2);
-  EXPECT_EQ(g_recreateLines[0].load(), 0);
+  EXPECT_EQ(std::pair(g_recreateLines[0].load(), g_recreateLines[2].load()), std::pair(0, 2));
   for (const OmLogRecord& record : m_logs.Records()) {
     if (record.text.find("wait recreate link!") != std::string::npos) {
       EXPECT_EQ(record.file, "tavo_video_vlink_screen_capturer_X11.cpp");
@@ -185,8 +171,7 @@ TEST_F(ScreenCapturerTest, AResizedMonitorIsRefusedAMovedOneFollowed) {
   EXPECT_EQ(m_logs.CountModule("reset capturer MonitorInfo change! m_monitorIdx[1] grabX[100] "
                                "grabY[0]"),
             1u);
-  EXPECT_EQ(sink.Frame(static_cast<size_t>(sink.Count() - 1)),
-            OracleI420(Crop(drawn, kWidth, 100, 0, 160, 240), 160, 240, 160, 240));
+  EXPECT_EQ(sink.Last(), OracleI420(Crop(drawn, kWidth, 100, 0, 160, 240), 160, 240, 160, 240));
 }
 
 // ---- cursor drawing -----------------------------------------------------------------
@@ -225,8 +210,8 @@ std::vector<uint32_t> Blend(std::vector<uint32_t> screen, const std::vector<uint
       uint32_t out = d & 0xFF000000U;
       for (int shift : {16, 8, 0}) {
         const uint32_t s = (c >> shift) & 0xff;
-        const uint32_t dst = (d >> shift) & 0xff;
-        const uint32_t v = a == 255 ? s : (s + ((255 - a) * dst + 127) / 255) & 0xff;
+        const uint32_t v =
+            a == 255 ? s : (s + ((255 - a) * ((d >> shift) & 0xff) + 127) / 255) & 0xff;
         out |= v << shift;
       }
       d = out;
@@ -270,7 +255,7 @@ TEST_F(ScreenCapturerTest, CursorIsBlendedExactlyClippedAndOnlyWhereDrawn) {
                                      kHeight, kWidth, kHeight);
     EXPECT_TRUE(WaitUntilTrue([&] {
       EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
-      return sink.Frame(static_cast<size_t>(sink.Count() - 1)) == expected;
+      return sink.Last() == expected;
     }));
   }
 }
@@ -285,7 +270,8 @@ TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabs) {
   m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, CursorPixels());
   m_server->WarpPointer(0, 200, 100);
   FrameSink damaged;
-  damaged.holdFrames = true;  // some frames then build on a buffer still held downstream
+  std::vector<FrameRef> held;  // some frames then build on a buffer still held downstream
+  damaged.hook = [&](OsvGraphicBuffer* frame, int) { held.push_back(FrameRef::Share(frame)); };
   FrameSink whole;
   auto byDamage = MakeCapturer(damaged, 1, 0, 0, /*hideCursor=*/false);
   auto byWhole = MakeCapturer(whole, 1, 0, 0, /*hideCursor=*/false);
@@ -320,10 +306,9 @@ TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabs) {
     const size_t last = static_cast<size_t>(whole.Count()) - 1;
     ASSERT_EQ(damaged.Frame(last), whole.Frame(last)) << "step " << last;
     if (last % 3 == 2) {
-      damaged.ReleaseHeld();
+      held.clear();
     }
   }
-  damaged.ReleaseHeld();
 }
 
 TEST_F(ScreenCapturerTest, AnUnknownLayoutIsReportedAndNothingIsSent) {
@@ -336,7 +321,6 @@ TEST_F(ScreenCapturerTest, AnUnknownLayoutIsReportedAndNothingIsSent) {
   EXPECT_NE(capturer->ScreenCaptureProcess(), 0u);
   EXPECT_EQ(m_logs.CountModule("The image format is incorrect!", 1), 1u);
   EXPECT_EQ(m_logs.CountModule("Convert srcImg to I420 failed!", 1), 1u);  // paced
-  EXPECT_EQ(capturer->GetBytesPerPixel(), 0u);
   EXPECT_EQ(sink.Count(), 0);
 }
 
@@ -344,7 +328,6 @@ TEST_F(ScreenCapturerTest, AnUnknownLayoutIsReportedAndNothingIsSent) {
 
 TEST(CapturePacerTest, CarriesTheRemainderAsOneNanosecond) {
   CapturePacer pacer(30, 1000000000ULL);
-  EXPECT_EQ(pacer.PeriodNs(), 33333333ULL);
   EXPECT_EQ(pacer.Deadline(), 1000000000ULL);  // the first frame at once
   const uint64_t expected[] = {0, 0, 1, 1, 1, 2, 2, 2, 3};
   for (uint32_t frame = 1; frame <= 9; ++frame) {
@@ -370,6 +353,8 @@ TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
     FakeClock clock(FakeClock::kStepping);
     ScopedSeamOverride<Clock> clockSeam(clock);
     FrameSink sink;
+    std::vector<uint64_t> times;  // capture thread until the stop
+    sink.hook = [&](OsvGraphicBuffer*, int) { times.push_back(clock.NowUs()); };
     X11ScreenCapturer capturer(90);
     ASSERT_EQ(capturer.SetCaptureParams(Params(64, 48, c.fps)), 0u);
     ASSERT_EQ(capturer.SetSendFrameCallback(sink.Callback()), 0u);
@@ -377,12 +362,10 @@ TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
     constexpr int kFrames = 31;
     ASSERT_TRUE(sink.WaitFrames(kFrames));
     capturer.StopCapture();
-    const auto times = sink.TimesUs();
     // Ticks of the clock are whole milliseconds: each frame comes at the first tick at or
     // after its deadline, so 30 periods span 30 x period to within a millisecond.
     const uint64_t span = times[kFrames - 1] - times[0];
-    EXPECT_GE(span, 30 * c.periodUs);
-    EXPECT_LE(span, 30 * c.periodUs + 1000);
+    EXPECT_NEAR(static_cast<double>(span), 30.0 * static_cast<double>(c.periodUs) + 500, 500);
     for (int i = 1; i < kFrames; ++i) {
       EXPECT_LE(times[i] - times[i - 1], c.periodUs + 1000) << i;
     }
@@ -391,13 +374,12 @@ TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
 
 // ---- output buffers -----------------------------------------------------------------
 
-TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
+TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedLateAbsurdSizesRefused) {
   StartServer({{kWidth, kHeight}});
   FakeClock clock(FakeClock::kStepping);
   ScopedSeamOverride<Clock> clockSeam(clock);
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 160, 120);
-  X11ScreenCapturer* raw = capturer.get();
   constexpr int kChangeAt = 3;
   std::vector<size_t> unusedSeen;  // capture thread only
   std::vector<FrameRef> kept;      // capture thread only
@@ -406,10 +388,10 @@ TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
       kept.push_back(FrameRef::Share(frame));  // two old buffers stay downstream
     }
     if (index == kChangeAt) {
-      raw->SetEncodeResolution(80, 60);
+      capturer->SetEncodeResolution(80, 60);
     }
     if (index > kChangeAt) {
-      unusedSeen.push_back(raw->GetUnusedBufferCount());
+      unusedSeen.push_back(capturer->GetUnusedBufferCount());
     }
     if (index == kChangeAt + 70) {
       kept.erase(kept.begin());  // one comes back
@@ -418,9 +400,9 @@ TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
   ASSERT_EQ(capturer->StartCapture(), 0u);
   ASSERT_TRUE(sink.WaitFrames(kChangeAt + 75));
   capturer->StopCapture();
-  EXPECT_EQ(sink.Info(kChangeAt).width, 160u);
-  EXPECT_EQ(sink.Info(kChangeAt + 1).width, 80u);
-  EXPECT_EQ(sink.Frame(kChangeAt + 1).size(), 80u * 60u * 3u / 2u);
+  // I420 of 160x120, then of 80x60.
+  EXPECT_EQ(std::pair(sink.Frame(kChangeAt).size(), sink.Frame(kChangeAt + 1).size()),
+            std::pair(size_t{28800}, size_t{7200}));
   ASSERT_GE(unusedSeen.size(), 72u);
   // unusedSeen[j - 1]: seen by the j-th frame after the change, after j turns of the loop.
   // Freed from the 61st turn, one a turn and only once free: two stay held downstream
@@ -432,83 +414,41 @@ TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedOncefreeFromThe61stTurn) {
   }
   // The one still held outlives the stop and stays readable.
   ASSERT_EQ(kept.size(), 1u);
-  EXPECT_EQ(kept[0]->GetImageInfo().width, 160u);
   EXPECT_EQ(PackI420(*kept[0].Get()).size(), 160u * 120u * 3u / 2u);
-}
 
-TEST_F(ScreenCapturerTest, AbsurdSizesAndARefusingSinkKeepTheBuffersInForce) {
-  StartServer({{kWidth, kHeight}});
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 0, 160, 120);
-  ASSERT_EQ(capturer->Init(), 0u);
-  EXPECT_EQ(capturer->SetEncodeResolution(100000, 100000), 0u);
-  EXPECT_EQ(capturer->SetEncodeResolution(0, 0), 0u);
+  // Absurd sizes and a refusing sink keep the buffers in force.
+  FrameSink refusing;
+  auto bad = MakeCapturer(refusing, 0, 160, 120);
+  ASSERT_EQ(bad->Init(), 0u);
+  EXPECT_EQ(bad->SetEncodeResolution(100000, 100000), 0u);
+  EXPECT_EQ(bad->SetEncodeResolution(0, 0), 0u);
   EXPECT_EQ(m_logs.CountModule("create OsvGraphicBuffer fail!", 1), 2u);
-  EXPECT_EQ(capturer->SetEncodeResolution(160, 120), 0u);  // unchanged: nothing replaced
-  EXPECT_EQ(capturer->GetUnusedBufferCount(), 0u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  EXPECT_EQ(sink.Info(0).width, 160u);
-  EXPECT_EQ(capturer->SetEncodeResolution(96, 64), 0u);
-  EXPECT_TRUE(m_logs.HasModule("ResetScaleSize size: 96 64", 3));
-  EXPECT_EQ(capturer->GetUnusedBufferCount(), 5u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  EXPECT_EQ(sink.Info(1).width, 96u);
-  EXPECT_EQ(sink.Info(1).height, 64u);
+  EXPECT_EQ(bad->SetEncodeResolution(160, 120), 0u);  // unchanged: nothing replaced
+  EXPECT_EQ(bad->GetUnusedBufferCount(), 0u);
+  ASSERT_EQ(bad->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(refusing.Frame(0).size(), 160u * 120u * 3u / 2u);
+  EXPECT_EQ(bad->SetEncodeResolution(96, 64), 0u);
+  EXPECT_EQ(bad->GetUnusedBufferCount(), 5u);
+  ASSERT_EQ(bad->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(refusing.Frame(1).size(), 96u * 64u * 3u / 2u);
   // Resizes faster than the freeing delay keep two replaced sets at most, not every one.
   for (uint32_t i = 0; i < 6; ++i) {
-    EXPECT_EQ(capturer->SetEncodeResolution(i % 2 == 0 ? 160 : 96, 64), 0u);
+    EXPECT_EQ(bad->SetEncodeResolution(i % 2 == 0 ? 160 : 96, 64), 0u);
   }
-  EXPECT_EQ(capturer->GetUnusedBufferCount(), 10u);
+  EXPECT_EQ(bad->GetUnusedBufferCount(), 10u);
   // A refusing sink: reported, and frame after frame, past the five buffers, every refused
   // one came back.
-  sink.answer = 5;
+  refusing.answer = 5;
   for (int i = 0; i < 6; ++i) {
-    EXPECT_EQ(capturer->ScreenCaptureProcess(), 5u);
+    EXPECT_EQ(bad->ScreenCaptureProcess(), 5u);
   }
   EXPECT_TRUE(m_logs.HasModule("SendFrame to Encoder failed!", 1));
   EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
 }
 
-// ---- shared memory ------------------------------------------------------------------
-
-// A segment lives while the capture runs, goes at every stop and destruction, and one got
-// before a failing attach is given back.
-TEST_F(ScreenCapturerTest, SharedMemoryIsGivenBackOnEveryPath) {
-  StartServer({{kWidth, kHeight}});
-  FakeSharedMemory memory;
-  ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
-  const size_t before = CountOwnShmSegments();
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  memory.getError = ENOSPC;
-  EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_TRUE(m_logs.HasModule("shmget failed, errono = 28, No space left on device", 1));
-  EXPECT_TRUE(m_logs.HasModule("InitShmImages failed!", 1));
-  memory.getError = 0;
-  memory.attachError = EACCES;
-  EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
-  EXPECT_EQ(CountOwnShmSegments(), before);
-  EXPECT_FALSE(capturer->IsInited());
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-  memory.attachError = 0;
-  for (int run = 1; run <= 2; ++run) {
-    ASSERT_EQ(capturer->StartCapture(), 0u);
-    EXPECT_EQ(CountOwnShmSegments(), before + 1);
-    ASSERT_TRUE(sink.WaitFrames(run));
-    if (run == 1) {
-      capturer->StopCapture();
-      EXPECT_EQ(CountOwnShmSegments(), before);
-    }
-  }
-  capturer.reset();
-  EXPECT_EQ(CountOwnShmSegments(), before);
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-}
-
 // ---- bad input and failures ---------------------------------------------------------
 
-TEST_F(ScreenCapturerTest, BadParametersAndNoDisplayAreRefused) {
+TEST_F(ScreenCapturerTest, BadParametersNoDisplayAndNoSharedMemoryAreRefused) {
   StartServer({{kWidth, kHeight}});
   X11ScreenCapturer bare(90);
   EXPECT_EQ(bare.SetCaptureParams(Params(0, 240, 30)), 1u);
@@ -516,9 +456,6 @@ TEST_F(ScreenCapturerTest, BadParametersAndNoDisplayAreRefused) {
   EXPECT_EQ(bare.SetCaptureParams(Params(320, 240, 0)), 1u);
   EXPECT_EQ(m_logs.CountModule("Invalid param for screen capture!", 1), 3u);
   EXPECT_EQ(bare.SetCaptureParams(Params(1, 1, 1)), 0u);
-  ViDevInfo kept{};
-  ASSERT_EQ(bare.GetCaptureParams(&kept), 0u);
-  EXPECT_EQ(kept.width, 1u);
   EXPECT_EQ(bare.SetSendFrameCallback(nullptr), 1u);
   EXPECT_TRUE(m_logs.HasModule("SetSendFrameCallback failed, cb is nullptr!", 1));
   VlinkCursorParams noCallback = Cursor(false);
@@ -551,6 +488,36 @@ TEST_F(ScreenCapturerTest, BadParametersAndNoDisplayAreRefused) {
   EXPECT_GE(lines, 3u);
   EXPECT_LE(lines, (clock.NowUs() - start) / 50000 / 100 + 1);
   EXPECT_EQ(sink.Count(), 0);
+  m_displaySystem->refuseOpen = false;
+
+  // Shared memory: a segment lives while the capture runs, goes at every stop and
+  // destruction, and one got before a failing attach is given back.
+  FakeSharedMemory memory;
+  ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
+  const size_t before = CountOwnShmSegments();
+  memory.getError = ENOSPC;
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("shmget failed, errono = 28, No space left on device", 1));
+  EXPECT_TRUE(m_logs.HasModule("InitShmImages failed!", 1));
+  memory.getError = 0;
+  memory.attachError = EACCES;
+  EXPECT_EQ(capturer->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+  memory.attachError = 0;
+  for (int run = 1; run <= 2; ++run) {
+    ASSERT_EQ(capturer->StartCapture(), 0u);
+    EXPECT_EQ(CountOwnShmSegments(), before + 1);
+    ASSERT_TRUE(sink.WaitFrames(run));
+    if (run == 1) {
+      capturer->StopCapture();
+      EXPECT_EQ(CountOwnShmSegments(), before);
+    }
+  }
+  capturer.reset();
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 
 std::ptrdiff_t CountOwnDescriptors() {
@@ -573,7 +540,6 @@ TEST_F(ScreenCapturerTest, ADisplayThatGoesAwayMidCaptureIsSurvivedAndLetGo) {
   EXPECT_LE(sink.Count(), seen + 1);
   EXPECT_TRUE(m_logs.HasModule("X display connection lost", 1));
   EXPECT_EQ(capturer->StopCapture(), 0u);
-  EXPECT_FALSE(capturer->IsStarted());
   EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
   // The lost connection was closed: its socket is not kept (the fixture's own connection
   // went with the server).
@@ -597,21 +563,19 @@ TEST_F(ScreenCapturerTest, ServersThatStopAnsweringOrDropConnections) {
   ASSERT_TRUE(WaitUntilTrue([&] { return proxy.HeldBytes() > 0; }));
   EXPECT_EQ(capturer->StopCapture(), 0u);
   EXPECT_TRUE(m_logs.HasModule("Capturer[90] capture thread stuck in the X server", 1));
-  EXPECT_FALSE(capturer->IsStarted());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 
   m_displaySystem->answerTimeoutMs = 200;
   EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
 
   m_displaySystem->SetName(m_server->Name());
   m_displaySystem->dropOpens = 2;
   const int seen = sink.Count();
   ASSERT_EQ(capturer->StartCapture(), 0u);
-  EXPECT_EQ(m_displaySystem->refusedOpens.load(), 2);
+  EXPECT_EQ(m_displaySystem->dropOpens.load(), 0);  // both dropped opens asked again
   ASSERT_TRUE(sink.WaitFrames(seen + 2));
   EXPECT_EQ(capturer->StopCapture(), 0u);
-  EXPECT_EQ(m_logs.CountModule("XOpenDisplay failed!"), 1u);
+  EXPECT_EQ(m_logs.CountModule("XOpenDisplay failed!", 1), 1u);  // the silent one, not the drops
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "tavo_video_vlink.h"
@@ -65,10 +66,9 @@ class ScreenLinkTest : public ::testing::Test {
     const size_t first = m_host.EncodedFrames().size();
     ASSERT_TRUE(m_host.offered.WaitFor(static_cast<int>(first) + count));
     const std::vector<FakeHost::Encoded> frames = m_host.EncodedFrames();
-    for (size_t i = first; i < frames.size(); ++i) {
-      EXPECT_EQ(frames[i].width, width);
-      EXPECT_EQ(frames[i].height, height);
-      EXPECT_EQ(frames[i].srcImgNo, 90U);  // stamped with the screen's imgNo
+    for (size_t i = first; i < frames.size(); ++i) {  // stamped with the screen's imgNo
+      EXPECT_EQ(std::tuple(frames[i].width, frames[i].height, frames[i].srcImgNo),
+                std::tuple(width, height, 90U));
     }
   }
 
@@ -142,7 +142,24 @@ tagTavoVideoMouseParam Mouse(uint32_t screenComponent, uint32_t userData) {
   return mouse;
 }
 
-TEST_F(ScreenLinkTest, MouseSettingsBeforeTheScreenExistsApplyAtItsStart) {
+// Snapshots map host ids and refuse other formats (no screen is running yet); mouse settings
+// made before the screen exists apply at its start.
+TEST_F(ScreenLinkTest, SnapshotsOfStoppedScreensAndMouseSettingsBeforeTheScreenStarts) {
+  auto* snapshot = Entry<decltype(TavoVideoVlinkSnapShot)>("TavoVideoVlinkSnapShot");
+  TagTavoVideoSnapshotStorage storage{};
+  storage.queueId = 0x7e;  // no such host queue
+  storage.format = 2;
+  EXPECT_EQ(snapshot(99, &storage), 1U);
+  EXPECT_TRUE(m_logs.HasModule("snapshot: the format[2] is unsupported", 1));
+  storage.format = 3;
+  EXPECT_EQ(snapshot(99, &storage), 1U);
+  EXPECT_TRUE(m_logs.HasModule("imgNo[90] ScreenCaptureNode::CapturePicture failed!", 1));
+  EXPECT_TRUE(m_logs.HasModule("CapturePicture[99] failed!", 1));
+  EXPECT_EQ(snapshot(100, &storage), 1U);
+  EXPECT_TRUE(m_logs.HasModule("imgNo[91] ScreenCaptureNode::CapturePicture failed!", 1));
+  EXPECT_EQ(snapshot(89, &storage), 1U);
+  EXPECT_TRUE(m_logs.HasModule("[SCREEN_89] invalid imgNo[89]", 1));
+
   auto* setMouse = Entry<decltype(TavoVideoMouseSetParam)>("TavoVideoMouseSetParam");
   auto* showMouse = Entry<decltype(TavoVideoShowMouse)>("TavoVideoShowMouse");
   auto* hideMouse = Entry<decltype(TavoVideoHideMouse)>("TavoVideoHideMouse");
@@ -183,23 +200,6 @@ TEST_F(ScreenLinkTest, MouseSettingsBeforeTheScreenExistsApplyAtItsStart) {
   EXPECT_EQ(setMouse(2, &broken), 1U);
   EXPECT_TRUE(m_logs.HasModule("mouse[2] SetMouseParam failed!", 1));
   EXPECT_EQ(stopMouse(2), 0U);
-}
-
-TEST_F(ScreenLinkTest, SnapshotsMapHostIdsAndRefuseOtherFormats) {
-  auto* snapshot = Entry<decltype(TavoVideoVlinkSnapShot)>("TavoVideoVlinkSnapShot");
-  TagTavoVideoSnapshotStorage storage{};
-  storage.queueId = 0x7e;  // no such host queue
-  storage.format = 2;
-  EXPECT_EQ(snapshot(99, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("snapshot: the format[2] is unsupported", 1));
-  storage.format = 3;
-  EXPECT_EQ(snapshot(99, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("imgNo[90] ScreenCaptureNode::CapturePicture failed!", 1));
-  EXPECT_TRUE(m_logs.HasModule("CapturePicture[99] failed!", 1));
-  EXPECT_EQ(snapshot(100, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("imgNo[91] ScreenCaptureNode::CapturePicture failed!", 1));
-  EXPECT_EQ(snapshot(89, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("[SCREEN_89] invalid imgNo[89]", 1));
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
+#include <vector>
 
 #include "core/tavo_video_seam.h"
 #include "screen/tavo_video_vlink_screen_capture_node.h"
@@ -14,18 +16,16 @@ namespace {
 
 class ScreenNodeTest : public ::testing::Test {
  protected:
-  static ViDevInfo Params(uint32_t imgNo) {
+  // A node for imgNo `id`, asked for 640x480 at 30 a second.
+  std::shared_ptr<ScreenCaptureNode> MakeNode(uint32_t id) {
     ViDevInfo info{};
-    info.imgNo = imgNo;
+    info.imgNo = id;
     info.width = 640;
     info.height = 480;
     info.fps = 30;
     info.captureFps = 30;
-    return info;
-  }
-  std::shared_ptr<ScreenCaptureNode> MakeNode(uint32_t id) {
     auto node = std::make_shared<ScreenCaptureNode>(id);
-    EXPECT_EQ(node->SetParam(Params(id)), 0u);
+    EXPECT_EQ(node->SetParam(info), 0u);
     return node;
   }
 
@@ -46,15 +46,13 @@ TEST_F(ScreenNodeTest, AStartConfiguresTheCapturerInOrderAndFramesReachTheSinks)
   ASSERT_EQ(sink->StartProcess(), 0u);
   ASSERT_EQ(node->StartProcess(), 0u);
   FakeScreenCapturer& capturer = *m_factory.latest;
-  EXPECT_EQ(capturer.capturerId, 91u);
-  EXPECT_EQ(capturer.port, 1u);  // imgNo 91: port 1
-  EXPECT_EQ(capturer.encWidth, 320u);
-  EXPECT_EQ(capturer.params.width, 640u);
-  EXPECT_EQ(capturer.cursor.userData, 0x77u);
-  EXPECT_EQ(capturer.inits.load(), 1);
-  EXPECT_EQ(capturer.starts.load(), 1);
   ASSERT_EQ(node->StartProcess(), 0u);  // already open: nothing more
-  EXPECT_EQ(m_factory.made, 1);
+  // Id, port (imgNo 91: port 1), kept encoder width, parameters, stored cursor, one start.
+  EXPECT_EQ(m_factory.latest, &capturer);
+  EXPECT_EQ((std::vector<uint32_t>{capturer.capturerId, capturer.port, capturer.encWidth,
+                                   capturer.params.width, capturer.cursor.userData,
+                                   uint32_t(capturer.inits), uint32_t(capturer.starts)}),
+            (std::vector<uint32_t>{91, 1, 320, 640, 0x77, 1, 1}));
 
   OsvGraphicBuffer frame(64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);
   EXPECT_EQ(capturer.Push(&frame), 0);
@@ -91,9 +89,9 @@ TEST_F(ScreenNodeTest, RefusedStartsLeaveTheNodeStoppedAndSnapshotsUseAFreshCapt
   TagTavoVideoSnapshotStorage storage{};
   storage.width = 64;
   EXPECT_EQ(node->CapturePicture(92, storage), 0u);
-  EXPECT_EQ(m_factory.latest->capturerId, 92u);
-  EXPECT_EQ(m_factory.latest->port, 2u);
-  EXPECT_EQ(m_factory.latest->snapshotWidth, 64u);
+  const FakeScreenCapturer& fresh = *m_factory.latest;
+  EXPECT_EQ(std::tuple(fresh.capturerId, fresh.port, fresh.snapshotWidth),
+            std::tuple(92u, 2u, 64u));
   m_factory.failSnapshots = true;  // a stopped screen makes a fresh capturer each time
   EXPECT_EQ(node->CapturePicture(92, storage), 1u);
   EXPECT_TRUE(m_logs.HasModule("imgNo[92] ScreenCaptureNode::CapturePicture failed!", 1));

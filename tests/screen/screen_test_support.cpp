@@ -1,6 +1,5 @@
 #include "tests/screen/screen_test_support.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,20 +12,16 @@
 #include <cstring>
 #include <thread>
 
-#include "core/tavo_video_os_seams.h"
-
 std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame) {
   const OsvGraphicBufferInfo info = frame.GetImageInfo();
-  std::vector<uint8_t> out;
-  const uint32_t widths[3] = {info.width, (info.width + 1) / 2, (info.width + 1) / 2};
-  const uint32_t heights[3] = {info.height, (info.height + 1) / 2, (info.height + 1) / 2};
-  for (uint32_t plane = 0; plane < 3; ++plane) {
-    const uint8_t* data = frame.GetImageAddr(plane);
-    for (uint32_t row = 0; row < heights[plane]; ++row) {
-      out.insert(out.end(), data + size_t{row} * info.stride[plane],
-                 data + size_t{row} * info.stride[plane] + widths[plane]);
-    }
-  }
+  const int w = static_cast<int>(info.width), h = static_cast<int>(info.height);
+  const int cw = (w + 1) / 2, ch = (h + 1) / 2;
+  std::vector<uint8_t> out(size_t(w) * h + 2 * size_t(cw) * ch);
+  uint8_t* u = out.data() + size_t(w) * h;
+  libyuv::I420Copy(frame.GetImageAddr(0), static_cast<int>(info.stride[0]), frame.GetImageAddr(1),
+                   static_cast<int>(info.stride[1]), frame.GetImageAddr(2),
+                   static_cast<int>(info.stride[2]), out.data(), w, u, cw, u + size_t(cw) * ch, cw,
+                   w, h);
   return out;
 }
 
@@ -38,9 +33,7 @@ std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t widt
   uint8_t* u = full.data() + size_t(w) * h;
   libyuv::ARGBToI420(reinterpret_cast<const uint8_t*>(argb.data()), w * 4, full.data(), w, u, cw,
                      u + size_t(cw) * ch, cw, w, h);
-  if (outWidth == width && outHeight == height) {
-    return full;
-  }
+  // At the same size the scaling is a copy.
   const int ow = static_cast<int>(outWidth), oh = static_cast<int>(outHeight);
   const int ocw = (ow + 1) / 2, och = (oh + 1) / 2;
   std::vector<uint8_t> scaled(size_t(ow) * oh + 2 * size_t(ocw) * och);
@@ -52,11 +45,10 @@ std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t widt
 
 std::vector<uint32_t> Crop(const std::vector<uint32_t>& pixels, uint32_t stride, uint32_t x,
                            uint32_t y, uint32_t width, uint32_t height) {
-  std::vector<uint32_t> out;
-  for (uint32_t row = y; row < y + height; ++row) {
-    out.insert(out.end(), pixels.begin() + row * stride + x,
-               pixels.begin() + row * stride + x + width);
-  }
+  std::vector<uint32_t> out(size_t(width) * height);
+  libyuv::ARGBCopy(reinterpret_cast<const uint8_t*>(&pixels[size_t(y) * stride + x]),
+                   static_cast<int>(stride * 4), reinterpret_cast<uint8_t*>(out.data()),
+                   static_cast<int>(width * 4), static_cast<int>(width), static_cast<int>(height));
   return out;
 }
 
@@ -65,11 +57,6 @@ int FrameSink::OnFrame(OsvGraphicBuffer* frame) {
   {
     std::lock_guard<std::mutex> lock(m_lock);
     m_frames.push_back(PackI420(*frame));
-    m_infos.push_back(frame->GetImageInfo());
-    m_timesUs.push_back(Seam<Clock>::Get().NowUs());
-    if (holdFrames) {
-      held.push_back(FrameRef::Share(frame));
-    }
     index = static_cast<int>(m_frames.size()) - 1;
   }
   if (hook) {
@@ -82,24 +69,6 @@ int FrameSink::OnFrame(OsvGraphicBuffer* frame) {
 std::vector<uint8_t> FrameSink::Frame(size_t index) {
   std::lock_guard<std::mutex> lock(m_lock);
   return index < m_frames.size() ? m_frames[index] : std::vector<uint8_t>{};
-}
-
-OsvGraphicBufferInfo FrameSink::Info(size_t index) {
-  std::lock_guard<std::mutex> lock(m_lock);
-  return index < m_infos.size() ? m_infos[index] : OsvGraphicBufferInfo{};
-}
-
-std::vector<uint64_t> FrameSink::TimesUs() {
-  std::lock_guard<std::mutex> lock(m_lock);
-  return m_timesUs;
-}
-
-void FrameSink::ReleaseHeld() {
-  std::vector<FrameRef> dropping;
-  {
-    std::lock_guard<std::mutex> lock(m_lock);
-    dropping.swap(held);
-  }
 }
 
 bool WaitUntilTrue(const std::function<bool()>& condition, std::chrono::seconds limit) {
@@ -137,28 +106,20 @@ FreezableXProxy::FreezableXProxy(const std::string& serverName) {
     }
   }
   listen(m_listener, 16);
-  pipe2(m_wake, O_CLOEXEC);
   m_thread = std::thread([this] { Pump(); });
 }
 
 FreezableXProxy::~FreezableXProxy() {
-  Close();
+  m_closed = true;
+  shutdown(m_listener, SHUT_RDWR);  // wakes the pump's poll
   m_thread.join();
   close(m_listener);
-  close(m_wake[0]);
-  close(m_wake[1]);
-}
-
-void FreezableXProxy::Close() {
-  m_closed = true;
-  const char byte = 0;
-  (void)write(m_wake[1], &byte, 1);
 }
 
 void FreezableXProxy::Pump() {
   std::vector<std::pair<int, int>> pairs;  // (client, server)
   while (!m_closed) {
-    std::vector<pollfd> fds{{m_wake[0], POLLIN, 0}, {m_listener, POLLIN, 0}};
+    std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
     for (const auto& pair : pairs) {
       fds.push_back({pair.first, POLLIN, 0});
       fds.push_back({pair.second, static_cast<short>(m_frozen ? 0 : POLLIN), 0});
@@ -166,7 +127,7 @@ void FreezableXProxy::Pump() {
     if (poll(fds.data(), fds.size(), -1) <= 0) {
       continue;
     }
-    if ((fds[1].revents & POLLIN) != 0) {
+    if ((fds[0].revents & POLLIN) != 0 && !m_closed) {
       const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
       const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
       if (client >= 0 && OnAbstract(server, m_serverPath, true) == 0) {
@@ -176,13 +137,13 @@ void FreezableXProxy::Pump() {
         close(server);
       }
     }
-    for (size_t i = 2; i < fds.size(); ++i) {
+    for (size_t i = 1; i < fds.size(); ++i) {
       if ((fds[i].revents & (POLLIN | POLLHUP)) == 0) {
         continue;
       }
-      const auto& pair = pairs[(i - 2) / 2];
-      const int from = (i % 2 == 0) ? pair.first : pair.second;
-      const int to = (i % 2 == 0) ? pair.second : pair.first;
+      const auto& pair = pairs[(i - 1) / 2];
+      const int from = (i % 2 == 1) ? pair.first : pair.second;
+      const int to = (i % 2 == 1) ? pair.second : pair.first;
       char buffer[65536];
       const ssize_t got = read(from, buffer, sizeof(buffer));
       if (got > 0 && m_frozen) {

@@ -32,8 +32,7 @@ std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t widt
 std::vector<uint32_t> Crop(const std::vector<uint32_t>& pixels, uint32_t stride, uint32_t x,
                            uint32_t y, uint32_t width, uint32_t height);
 
-// Collects what the capturer hands out. Optionally keeps references to the frames (as a
-// slow sink downstream would) and runs a hook on the capture thread for every frame.
+// Collects what the capturer hands out, and runs a hook on the capture thread for every frame.
 class FrameSink {
  public:
   int OnFrame(OsvGraphicBuffer* frame);
@@ -43,20 +42,14 @@ class FrameSink {
   bool WaitFrames(int count) { return m_count.WaitFor(count); }
   int Count() { return m_count.Get(); }
   std::vector<uint8_t> Frame(size_t index);
-  OsvGraphicBufferInfo Info(size_t index);
-  std::vector<uint64_t> TimesUs();
-  void ReleaseHeld();
+  std::vector<uint8_t> Last() { return Frame(static_cast<size_t>(Count() - 1)); }
 
-  bool holdFrames = false;                           // set before frames flow
   int answer = 0;                                    // what the callback returns
   std::function<void(OsvGraphicBuffer*, int)> hook;  // (frame, its index), capture thread
-  std::vector<FrameRef> held;                        // guarded by m_lock
 
  private:
   std::mutex m_lock;  // guards the vectors
   std::vector<std::vector<uint8_t>> m_frames;
-  std::vector<OsvGraphicBufferInfo> m_infos;
-  std::vector<uint64_t> m_timesUs;
   CountLatch m_count;
 };
 
@@ -66,7 +59,7 @@ bool WaitUntilTrue(const std::function<bool()>& condition,
                    std::chrono::seconds limit = kGenerousTimeout);
 
 // An X display that forwards to a real server until it is frozen: then it answers nothing,
-// as a server stopped with SIGSTOP; Close() drops every connection.
+// as a server stopped with SIGSTOP.
 class FreezableXProxy {
  public:
   explicit FreezableXProxy(const std::string& serverName);
@@ -75,7 +68,6 @@ class FreezableXProxy {
   void Freeze() { m_frozen = true; }
   // Bytes clients sent since the freeze (requests waiting for ever).
   size_t HeldBytes() const { return m_held.load(); }
-  void Close();
 
  private:
   void Pump();
@@ -83,7 +75,6 @@ class FreezableXProxy {
   std::string m_name;
   std::string m_serverPath;
   int m_listener = -1;
-  int m_wake[2] = {-1, -1};
   std::atomic<bool> m_frozen{false};
   std::atomic<bool> m_closed{false};
   std::atomic<size_t> m_held{0};

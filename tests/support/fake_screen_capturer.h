@@ -14,11 +14,10 @@ class FakeScreenCapturer final : public ScreenCapturer {
   explicit FakeScreenCapturer(uint32_t id) : capturerId(id) {}
   uint32_t SetCaptureParams(const ViDevInfo& info) override {
     params = info;
-    return failParams ? 1 : 0;
+    return 0;
   }
-  uint32_t SetEncodeResolution(uint32_t width, uint32_t height) override {
+  uint32_t SetEncodeResolution(uint32_t width, uint32_t /*height*/) override {
     encWidth = width;
-    encHeight = height;
     return 0;
   }
   uint32_t SetCaptureScreenPort(uint32_t value) override {
@@ -63,14 +62,12 @@ class FakeScreenCapturer final : public ScreenCapturer {
   const uint32_t capturerId;
   ViDevInfo params{};
   uint32_t encWidth = 0;
-  uint32_t encHeight = 0;
   uint32_t port = 0xFFFFFFFF;
   VlinkCursorParams cursor{};
   uint32_t snapshotWidth = 0;
   std::atomic<int> inits{0};
   std::atomic<int> starts{0};
   std::atomic<int> stops{0};
-  bool failParams = false;
   bool failInit = false;
   bool failSnapshot = false;
 
@@ -87,11 +84,9 @@ class FakeScreenCapturerFactory final : public ScreenCapturerFactory {
     capturer->failInit = failNextInit;
     capturer->failSnapshot = failSnapshots;
     latest = capturer.get();
-    ++made;
     return capturer;
   }
   FakeScreenCapturer* latest = nullptr;
-  int made = 0;
   bool failNextInit = false;
   bool failSnapshots = false;
 };

@@ -21,14 +21,11 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
   Display* Open(bool* tryAgain) override {
     *tryAgain = false;
     if (refuseOpen || dropOpens > 0) {
-      ++refusedOpens;
       *tryAgain = dropOpens.fetch_sub(1) > 0;  // as a server resetting would
       return nullptr;
     }
     Display* display = OpenX11Display(m_name.c_str(), answerTimeoutMs, tryAgain);
-    if (display != nullptr) {
-      ++opens;
-    }
+    opens += display != nullptr ? 1 : 0;
     return display;
   }
   void Close(Display* display) override {
@@ -43,7 +40,6 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
   std::atomic<uint32_t> answerTimeoutMs{kX11AnswerTimeoutMs};
   std::atomic<int> opens{0};
   std::atomic<int> closes{0};
-  std::atomic<int> refusedOpens{0};
 
  private:
   std::string m_name;
@@ -78,10 +74,8 @@ class FakeSharedMemory final : public SharedMemorySystem {
 class FakeHostShmQueue final : public HostShmQueue {
  public:
   OsShmAdvancedBuffer* Alloc(uint32_t queueId, uint32_t size) override {
-    if (allocFails) {
-      return nullptr;
-    }
-    OsShmAdvancedBuffer* buffer = OsShmAdvancedMemAllocBuffer(queueId, 0, size);
+    OsShmAdvancedBuffer* buffer =
+        allocFails ? nullptr : OsShmAdvancedMemAllocBuffer(queueId, 0, size);
     if (buffer == nullptr) {
       return nullptr;
     }
