@@ -46,7 +46,7 @@ TEST(BackgroundRealClientTest, ReplacesTheBackgroundOfAPersonPhoto) {
   Link(node, sink);
   ASSERT_EQ(sink->StartProcess(), 0U);
   ASSERT_EQ(node->StartProcess(), 0U);
-  BackgroundVirtualityParams param{{}, 1280, 720, 30};
+  BackgroundVirtualityParams param{{}, 1280, 720, 30, 0};
   std::strncpy(param.bgImagePath, green.c_str(), sizeof param.bgImagePath - 1);
   ASSERT_EQ(node->SetParam(param), 0U);
   ASSERT_EQ(node->SetEnable(true), 0U);
