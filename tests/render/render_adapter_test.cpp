@@ -9,7 +9,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -20,6 +19,7 @@
 #include "tavo_video_render_interface.h"
 #include "tests/support/fake_render_proxy.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -74,9 +74,8 @@ std::unique_ptr<OsvGraphicBuffer> MakeFrame(uint32_t width, uint32_t height, uin
                                             bool alignRows = false) {
   auto frame = std::make_unique<OsvGraphicBuffer>(width, height, TAVO_VIDEO_VLINK_FORMAT_I420,
                                                   false, alignRows);
-  std::mt19937 gen(seed);
-  std::generate_n(static_cast<uint8_t*>(frame->GetBufHandle()), frame->GetImageInfo().size,
-                  [&] { return static_cast<uint8_t>(gen()); });
+  const std::vector<uint8_t> noise = RandomBytes(frame->GetImageInfo().size, seed);
+  std::copy(noise.begin(), noise.end(), static_cast<uint8_t*>(frame->GetBufHandle()));
   return frame;
 }
 
