@@ -27,13 +27,20 @@ function(vlink_library)
 endfunction()
 
 # vlink_test(NAME <test> SRCS ... DEPS ...)
+# Each test case runs in a process of its own; then, unless SINGLE (one long case), the
+# whole program runs once more as one process, twice over in a random order, so that a test
+# leaning on another's leftovers, on running first or on once-per-process state fails.
 function(vlink_test)
-  cmake_parse_arguments(ARG "" "NAME" "SRCS;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "SINGLE" "NAME" "SRCS;DEPS" ${ARGN})
   add_executable(${ARG_NAME} ${ARG_SRCS})
   vlink_include_root(${ARG_NAME} tests)
   target_compile_options(${ARG_NAME} PRIVATE ${VLINK_WARNINGS})
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main)
   gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  if(NOT ARG_SINGLE)
+    add_test(NAME ${ARG_NAME}.shuffled COMMAND ${ARG_NAME} --gtest_repeat=2 --gtest_shuffle)
+    set_tests_properties(${ARG_NAME}.shuffled PROPERTIES TIMEOUT 600 LABELS shuffled)
+  endif()
 endfunction()
 
 # Libraries loaded by name at run time land in one folder. dlopen searches the RUNPATH of
