@@ -161,9 +161,11 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // is made; no task runs under it. Recursive: a node's own operations nest.
   std::recursive_mutex m_nodeLock;  // guards m_prevNodes, m_nextNodes, m_requirement
   uint32_t m_nodeId;
+  std::string m_nodeName;
+  // What every hand-off reads, with the fields below it, on neighbouring cache lines: at a
+  // paced frame rate they are cold, and each line costs a miss per receiver per frame.
   std::atomic<bool> m_isStart{false};
   std::atomic<bool> m_refusing{false};
-  std::string m_nodeName;
 
  private:
   // One task of this node on the pool: a hand-off or a release run. It holds its node, is
@@ -189,6 +191,19 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
     __builtin_prefetch(&m_handoffRunning);
   }
 
+  std::atomic<size_t> m_pendingTasks{0};
+  std::atomic<int> m_taskWaiters{0};  // threads inside DealTaskHandler(true)
+  // One worker at a time hands this node its frames: a node whose host callback blocks ties
+  // up one worker of the shared pool, never all of them. Frames offered while a hand-off
+  // task is queued or running wait here for it, so a busy node costs no task and no
+  // wake-up per frame. Beyond kMaxBacklog frames that came while the node made no progress
+  // (no new HandleBuffer began), the oldest go; a node that keeps up keeps them all.
+  // A growing ring: queuing a frame allocates nothing once it has grown.
+  std::mutex m_handoffLock;       // guards the four below; held by no host callback
+  bool m_handoffRunning = false;  // a hand-off task is queued or running
+  bool m_handling = false;        // that task has begun handing frames over
+  NonblockingFifo<FrameRef> m_backlog;
+  size_t m_arrivedWhileBusy = 0;  // frames offered since the last HandleBuffer began
   OS_E_MPP_DEV_TYPE m_nodeType;
   bool m_isViVoNode = true;
   NodeList m_prevNodes;
@@ -201,25 +216,12 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // queued ones.
   std::mutex m_lifecycleLock;
   bool m_shutDown = false;  // guarded by m_lifecycleLock
-  std::atomic<size_t> m_pendingTasks{0};
-  // One worker at a time hands this node its frames: a node whose host callback blocks ties
-  // up one worker of the shared pool, never all of them. Frames offered while a hand-off
-  // task is queued or running wait here for it, so a busy node costs no task and no
-  // wake-up per frame. Beyond kMaxBacklog frames that came while the node made no progress
-  // (no new HandleBuffer began), the oldest go; a node that keeps up keeps them all.
-  // A growing ring: queuing a frame allocates nothing once it has grown.
-  std::mutex m_handoffLock;       // guards the four below; held by no host callback
-  bool m_handoffRunning = false;  // a hand-off task is queued or running
-  bool m_handling = false;        // that task has begun handing frames over
-  NonblockingFifo<FrameRef> m_backlog;
-  size_t m_arrivedWhileBusy = 0;  // frames offered since the last HandleBuffer began
   // Frames this node produced whose last holder let go, waiting for the one release task
   // of this node; swapped with m_releasing by that task, so both keep their capacity.
   std::mutex m_releaseLock;  // guards the two below; held by no host callback
   bool m_releaseRunning = false;
   std::vector<OsvGraphicBuffer*> m_released;
   std::vector<OsvGraphicBuffer*> m_releasing;  // the release task's own
-  std::atomic<int> m_taskWaiters{0};           // threads inside DealTaskHandler(true)
   std::mutex m_taskLock;  // pairs with m_tasksDone; held by no task and no host callback
   std::condition_variable m_tasksDone;
   VideoNodeRequirement m_requirement{};  // guarded by m_nodeLock
