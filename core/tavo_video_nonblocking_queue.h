@@ -29,7 +29,7 @@ class NonblockingFifo {
   }
   // The popped slot is left moved-from, so what the item held is let go with it.
   void pop_front() {
-    T gone(std::move(m_items[m_head]));
+    [[maybe_unused]] T gone(std::move(m_items[m_head]));
     // Emptied, it starts again at the first slot: a queue that rarely holds more than a
     // few items keeps using the same few, still in the cache, instead of walking the ring.
     m_head = --m_size == 0 ? 0 : (m_head + 1) & (m_items.size() - 1);
