@@ -1,10 +1,15 @@
 #include "core/tavo_video_thread_pool.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <exception>
 
-ThreadPool::ThreadPool(unsigned long threadCount) : m_threadCount(threadCount) { Start(); }
+ThreadPool::ThreadPool(unsigned long threadCount)
+    : m_threadCount(threadCount), m_workSignals(new WorkSignal[threadCount]) {
+  m_idle.reserve(threadCount);
+  Start();
+}
 
 ThreadPool::~ThreadPool() {
   Stop();
@@ -21,7 +26,7 @@ void ThreadPool::Start() {
   m_running.store(true);
   m_workers.reserve(m_threadCount);
   for (unsigned long i = 0; i < m_threadCount; ++i) {
-    m_workers.emplace_back(&ThreadPool::ThreadFunc, this);
+    m_workers.emplace_back(&ThreadPool::ThreadFunc, this, &m_workSignals[i]);
   }
 }
 
@@ -36,13 +41,15 @@ void ThreadPool::Stop() {
       // Under the take lock so that no worker is between its check and its wait.
       std::lock_guard<std::mutex> takeLock(m_takeLock);
       m_running.store(false);
+      for (WorkSignal* idle : m_idle) {
+        idle->wake.notify_one();
+      }
     }
     m_stopping = true;
     workers.swap(m_workers);
   }
   // Joined without the pool lock: a task that is still running may call Add, which then
   // gets no promise instead of waiting for this join forever.
-  m_workSignal.notify_all();
   for (std::thread& worker : workers) {
     worker.join();
   }
@@ -136,23 +143,28 @@ int ThreadPool::WakeSleepers(int wanted) {
   if (m_sleepers.load() <= 0) {
     return 0;
   }
+  std::array<WorkSignal*, kMaxCallsAtOnce> called{};
   int calls = 0;
   {
     // A worker keeps the take lock from its announcement until it sleeps, so under it
-    // every announced worker not yet called is asleep. One hold for all the calls: a
+    // every announced worker not yet called is in m_idle. One hold for all the calls: a
     // called worker wakes into this lock, so it must not be taken again per call.
     std::lock_guard<std::mutex> takeLock(m_takeLock);
-    calls = std::min(wanted, m_sleepers.load() - m_wakeCalls);
-    if (calls <= 0) {
-      return 0;  // every sleeper is already called and counts as looking
+    calls = std::min({wanted, static_cast<int>(m_idle.size()), kMaxCallsAtOnce});
+    // The last to fall asleep first: its caches are the warmest, and it last ran where the
+    // poster may run now.
+    for (int i = 0; i < calls; ++i) {
+      called[i] = m_idle.back();
+      m_idle.pop_back();
+      called[i]->called = true;
     }
     // Called workers look from now on: nobody need call others for the same work.
-    m_wakeCalls += calls;
     m_lookers += calls;
   }
-  // Notified after letting go, so the woken workers need not wait for the lock.
+  // Notified after letting go, so the woken workers need not wait for the lock. The
+  // signals belong to the pool, so one whose worker already woke is still there.
   for (int i = 0; i < calls; ++i) {
-    m_workSignal.notify_one();
+    called[i]->wake.notify_one();
   }
   return calls;
 }
@@ -165,7 +177,7 @@ std::optional<QueuedTask> ThreadPool::PopCounted() {
   return task;
 }
 
-std::optional<QueuedTask> ThreadPool::Take() {
+std::optional<QueuedTask> ThreadPool::Take(WorkSignal& own) {
   std::unique_lock<std::mutex> lock(m_takeLock);
   for (;;) {
     if (std::optional<QueuedTask> task = PopCounted()) {
@@ -179,14 +191,17 @@ std::optional<QueuedTask> ThreadPool::Take() {
     --m_lookers;
     ++m_sleepers;
     std::optional<QueuedTask> task = PopCounted();
+    own.called = false;
     if (!task) {
-      m_workSignal.wait(lock);
+      m_idle.push_back(&own);
+      own.wake.wait(lock, [this, &own] { return own.called || !m_running.load(); });
+      if (!own.called) {
+        m_idle.erase(std::find(m_idle.begin(), m_idle.end(), &own));  // stopping
+      }
     }
     --m_sleepers;
-    if (m_wakeCalls > 0) {
-      --m_wakeCalls;  // counted as looking by the call (this one's or, if spurious, another's)
-    } else {
-      ++m_lookers;
+    if (!own.called) {
+      ++m_lookers;  // a call counted it as looking already
     }
     if (task) {
       return task;
@@ -194,10 +209,10 @@ std::optional<QueuedTask> ThreadPool::Take() {
   }
 }
 
-void ThreadPool::ThreadFunc() {
+void ThreadPool::ThreadFunc(WorkSignal* own) {
   ++m_lookers;
   while (m_running.load()) {
-    std::optional<QueuedTask> task = Take();
+    std::optional<QueuedTask> task = Take(*own);
     if (!task) {
       continue;
     }

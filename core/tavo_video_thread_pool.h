@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -51,7 +52,15 @@ class ThreadPool {
   uint32_t WaitAllEndToStop();
 
  private:
-  std::optional<QueuedTask> Take();
+  // A worker's own wake-up: it sleeps on it, with the take lock, listed in m_idle until a
+  // call takes it out. Owned by the pool, so a late notify never meets a finished worker.
+  struct WorkSignal {
+    std::condition_variable wake;
+    bool called = false;  // guarded by m_takeLock
+  };
+  static constexpr int kMaxCallsAtOnce = 16;
+
+  std::optional<QueuedTask> Take(WorkSignal& own);
   std::optional<QueuedTask> PopCounted();
   bool Enqueue(QueuedTask&& task);
   // Wakes sleeping workers until every queued task has a worker looking for it.
@@ -60,7 +69,7 @@ class ThreadPool {
   int WakeSleepers(int wanted);
   // Queued tasks (up to one per worker) that no worker looks for yet.
   int Uncovered() const;
-  void ThreadFunc();
+  void ThreadFunc(WorkSignal* own);
   uint32_t WaitQueueDrained();
 
   const unsigned long m_threadCount;
@@ -71,14 +80,14 @@ class ThreadPool {
   std::vector<std::thread> m_workers;
   bool m_stopping = false;  // Stop is joining the workers; guarded by m_poolLock
   std::atomic<bool> m_running{false};
-  std::condition_variable m_workSignal;      // work queued or stopping; waited on with m_takeLock
+  std::unique_ptr<WorkSignal[]> m_workSignals;  // one per worker
+  std::vector<WorkSignal*> m_idle;           // asleep and not called, the latest last; m_takeLock
   std::condition_variable m_progressSignal;  // a task finished; waited on with m_takeLock
   std::atomic<int> m_progressWaiters{0};     // threads waiting on m_progressSignal
-  std::atomic<int> m_sleepers{0};            // workers that may be waiting on m_workSignal
+  std::atomic<int> m_sleepers{0};            // workers that announced a sleep and may be asleep
   // Workers awake and not in a task: each looks at the queue again before it sleeps.
   std::atomic<int> m_lookers{0};
   std::atomic<size_t> m_queued{0};  // tasks in m_queue
   std::atomic<int> m_waking{0};     // threads inside WakeForQueued
-  int m_wakeCalls = 0;              // sleepers notified, not yet awake; guarded by m_takeLock
   DuelNonblockingQueue<QueuedTask> m_queue;
 };

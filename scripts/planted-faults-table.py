@@ -13,7 +13,7 @@ F = [
   "lost wake-up: NamedThread::Wake no longer ends a wait",
   [("core_test", "*")]),
  ("core-pool-wake", "core", "core/tavo_video_thread_pool.cpp",
-  "    m_workSignal.notify_one();\n", "",
+  "    called[i]->wake.notify_one();\n", "",
   "lost wake-up: posting tasks wakes no sleeping worker",
   [("core_test", "*")]),
  ("codec-venc-limit", "codec", "codec/tavo_video_vlink_venc_node.cpp",
