@@ -90,6 +90,9 @@ TEST(PoolWakeUpTest, BatchWakesAWorkerPerTask) {
         finished.Add();
       });
     }
+    if (round % 10 == 9) {
+      ASSERT_EQ(pool.WaitAllEnd(), 0U);  // restarted workers must be called just as well
+    }
     ASSERT_TRUE(pool.PostBatch(tasks.data(), tasks.size()));
     ASSERT_TRUE(finished.WaitFor(static_cast<int>(kWorkers)));
     ASSERT_EQ(alone, 0) << "round " << round << ": the batch did not wake a worker per task";
