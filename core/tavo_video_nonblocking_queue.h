@@ -64,6 +64,17 @@ class NonblockingQueueProducer {
     m_fifo->push_back(std::move(item));
     return m_fifo->size() == 1;
   }
+  // Pushes make(0) to make(count - 1) under one hold of the lock; true when the FIFO was
+  // empty before.
+  template <class Make>
+  bool PushEach(size_t count, Make&& make) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    const bool wasEmpty = m_fifo->empty();
+    for (size_t i = 0; i < count; ++i) {
+      m_fifo->push_back(make(i));
+    }
+    return wasEmpty && count != 0;
+  }
   bool IsEmpty() {
     std::lock_guard<std::mutex> lock(m_lock);
     return m_fifo->empty();
@@ -121,6 +132,15 @@ class DuelNonblockingQueue {
   void Push(T&& item) {
     std::lock_guard<std::mutex> lock(m_producerLock);
     if (m_sides[WriteIndex()].producer.Push(std::move(item))) {
+      m_newData.store(true, std::memory_order_release);
+    }
+  }
+  // Push of make(0) to make(count - 1), in that order, under one hold of each lock: a
+  // frame's tasks for all of its receivers.
+  template <class Make>
+  void PushEach(size_t count, Make&& make) {
+    std::lock_guard<std::mutex> lock(m_producerLock);
+    if (m_sides[WriteIndex()].producer.PushEach(count, std::forward<Make>(make))) {
       m_newData.store(true, std::memory_order_release);
     }
   }

@@ -83,9 +83,7 @@ bool ThreadPool::PostBatch(PoolTask* works, size_t count) {
   }
   // Counted before they can be popped, so the count never goes below zero.
   m_queued.fetch_add(count);
-  for (size_t i = 0; i < count; ++i) {
-    m_queue.Push(QueuedTask{std::move(works[i]), nullptr});
-  }
+  m_queue.PushEach(count, [works](size_t i) { return QueuedTask{std::move(works[i]), nullptr}; });
   lock.unlock();
   WakeForQueued();
   return true;

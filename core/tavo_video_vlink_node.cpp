@@ -65,6 +65,7 @@ void VideoVlinkNode::ShutdownAll() {
       std::lock_guard<std::recursive_mutex> lock(node->m_nodeLock);
       prev.swap(node->m_prevNodes);
       next.swap(node->m_nextNodes);
+      node->m_receivers.clear();
     }
   }
 }
@@ -189,6 +190,7 @@ uint32_t VideoVlinkNode::ConnectToNode(NodePtr node) {
     VLOG_ERR_MODULE("[%s] m_nextNodes has m_nodeId[%u]", m_nodeName.c_str(), node->GetNodeId());
     return 1;
   }
+  m_receivers.push_back(node.get());
   m_nextNodes.push_back(std::move(node));
   return 0;
 }
@@ -209,6 +211,7 @@ uint32_t VideoVlinkNode::DisconnectFromNode(NodePtr node, bool /*isNext*/) {
   if (auto it = FindById(m_nextNodes, id); it != m_nextNodes.end()) {
     removed = std::move(*it);
     m_nextNodes.erase(it);
+    m_receivers.erase(std::find(m_receivers.begin(), m_receivers.end(), removed.get()));
     VLOG_INF_MODULE("[%s] Disconnect from nextNode[%d] succes", m_nodeName.c_str(), id);
     return 0;
   }
@@ -462,7 +465,7 @@ uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
   }
   // At a paced rate every receiver's state is cold: asked for all at once, the misses
   // overlap instead of coming one receiver after another.
-  for (const NodePtr& next : m_nextNodes) {
+  for (VideoVlinkNode* next : m_receivers) {
     next->PrefetchHandoffState();
   }
   // The receivers that need a task get theirs in one batch: one hold of the pool's locks
@@ -470,7 +473,7 @@ uint32_t VideoVlinkNode::SendBuffer(OsvGraphicBuffer* buffer) {
   constexpr size_t kBatch = 16;
   std::array<PoolTask, kBatch> tasks;
   size_t count = 0;
-  for (const NodePtr& next : m_nextNodes) {
+  for (VideoVlinkNode* next : m_receivers) {
     FrameRef share = guard.Clone();
     if (next->AcceptFrame(share, tasks[count]) && tasks[count]) {  // a refused share drops here
       ++count;

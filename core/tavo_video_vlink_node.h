@@ -94,8 +94,9 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   OS_E_MPP_DEV_TYPE GetNodeType() const { return m_nodeType; }
   uint32_t GetNodeId() const { return m_nodeId; }
   const std::string& GetNodeName() const { return m_nodeName; }
-  NodeList& GetPrevConnectList() { return m_prevNodes; }
-  NodeList& GetNextConnectList() { return m_nextNodes; }
+  // Read-only: the lists change only through Connect and Disconnect.
+  const NodeList& GetPrevConnectList() const { return m_prevNodes; }
+  const NodeList& GetNextConnectList() const { return m_nextNodes; }
   bool GetIsViVoNode() const { return m_isViVoNode; }
   void SetNotViVoFlag() { m_isViVoNode = false; }
   uint32_t GetViNodeId() const { return m_viNodeId; }
@@ -208,6 +209,10 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   bool m_isViVoNode = true;
   NodeList m_prevNodes;
   NodeList m_nextNodes;
+  // m_nextNodes in order, side by side, for the hand-off: walking the list's nodes is a
+  // chain of cache misses at a paced frame rate, these are read at once. Its entries are
+  // held by m_nextNodes; guarded by m_nodeLock.
+  std::vector<VideoVlinkNode*> m_receivers;
   uint32_t m_viNodeId = 0xFFFFFFFFU;
   // Serialises start, stop and shutdown. Host callbacks that may run under it: the encoder
   // create callback (a start). From inside it, a start or stop of the same node is refused
