@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -74,13 +75,21 @@ TEST(ThreadPoolTest, OneWorkerRunsTasksInOrderOfArrival) {
   std::mutex orderLock;
   std::vector<std::promise<void>*> promises;
   constexpr int kTasks = 500;
-  for (int i = 0; i < kTasks; ++i) {
-    promises.push_back(pool.Add([&, i] {
-      std::lock_guard<std::mutex> lock(orderLock);
-      order.push_back(i);
+  const auto note = [&](int i) {
+    std::lock_guard<std::mutex> lock(orderLock);
+    order.push_back(i);
+  };
+  // One by one, and in batches (a frame's tasks for its receivers), in one order.
+  for (int i = 0; i < kTasks; i += 4) {
+    promises.push_back(pool.Add([&note, i] {
+      note(i);
       return 0;
     }));
+    std::array<PoolTask, 3> batch = {[&note, i] { note(i + 1); }, [&note, i] { note(i + 2); },
+                                     [&note, i] { note(i + 3); }};
+    ASSERT_TRUE(pool.PostBatch(batch.data(), batch.size()));
   }
+  promises.push_back(pool.Add([] { return 0; }));
   for (std::promise<void>* promise : promises) {
     ASSERT_NE(promise, nullptr);
     ASSERT_EQ(promise->get_future().wait_for(kGenerousTimeout), std::future_status::ready);

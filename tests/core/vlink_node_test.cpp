@@ -47,12 +47,18 @@ TEST(VlinkNodeTest, FanOutSkipsAStoppedReceiver) {
   EXPECT_GE(refsSeen, 2);              // each started receiver held its own reference
   EXPECT_EQ(frame.GetRefCount(), 1U);  // the caller's reference is left as it was
   EXPECT_EQ(source->released.Get(), 0);
+  // A receiver taken off gets nothing more; the others still do.
+  Unlink(source, a);
+  EXPECT_EQ(source->SendBuffer(&frame), 0U);
+  ASSERT_TRUE(b->handled.WaitFor(2));
+  b->DealTaskHandler(true);
+  EXPECT_EQ(a->handled.Get(), 1);
 
   frame.DecreaseRef();
   ASSERT_TRUE(source->released.WaitFor(1));
   source->DealTaskHandler(true);
   EXPECT_EQ(source->released.Get(), 1);
-  for (const auto& sink : {a, stopped, b}) {
+  for (const auto& sink : {stopped, b}) {
     Unlink(source, sink);
   }
 }
