@@ -160,9 +160,20 @@ uint32_t OnEncFrame(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
   return 1;
 }
 
+// What the process used over kIdleSeconds of a link left running.
+struct IdleFigures {
+  double coreShare = -1;  // of one core
+  double framesPerSecond = 0;
+};
+
+int FramesSoFar() {
+  std::lock_guard<std::mutex> lock(g_lock);
+  return g_frames;
+}
+
 // Our link: CPU seconds per frame over kFrames frames after a warm-up (negative on
-// failure); with `idleShare`, also the share of one core the process used over kIdleSeconds.
-double OurLink(double* idleShare) {
+// failure); with `idle`, also what the process used over kIdleSeconds after them.
+double OurLink(IdleFigures* idle) {
   void* library = dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
     std::fprintf(stderr, "dlopen: %s\n", dlerror());
@@ -229,10 +240,12 @@ double OurLink(double* idleShare) {
       g_countSignal.wait(lock, [] { return g_frames >= kWarmUp + kFrames; });
     }
     result = (SelfCpuSeconds() - start) / kFrames;
-    if (idleShare != nullptr) {
+    if (idle != nullptr) {
+      const int framesBefore = FramesSoFar();
       const double idleStart = SelfCpuSeconds();
       std::this_thread::sleep_for(std::chrono::seconds(kIdleSeconds));
-      *idleShare = (SelfCpuSeconds() - idleStart) / kIdleSeconds;
+      idle->coreShare = (SelfCpuSeconds() - idleStart) / kIdleSeconds;
+      idle->framesPerSecond = static_cast<double>(FramesSoFar() - framesBefore) / kIdleSeconds;
     }
     Find(unbind, unbindCount, TAVO_VIDEO_COMPONENT_ENCODER, TAVO_VIDEO_COMPONENT_SCREEN)(2, 1);
   }
@@ -258,10 +271,10 @@ struct Figures {
   double ffmpeg = -1;
 };
 
-Figures RunScenario(const XvfbServer& server, bool moving, double* idleShare) {
+Figures RunScenario(const XvfbServer& server, bool moving, IdleFigures* idle) {
   Figures figures;
   const pid_t scene = StartScene(server.Name(), moving);
-  figures.ours = OurLink(idleShare);
+  figures.ours = OurLink(idle);
   // A peer's start-up (plugin registry, device probing) is taken out: its time for a short
   // run is subtracted from its time for a run kFrames longer.
   const std::string damage = moving ? "" : " use-damage=true";
@@ -298,6 +311,15 @@ void Print(const char* scene, const Figures& f) {
   }
 }
 
+void PrintIdle(const IdleFigures& idle) {
+  std::printf("still scene, whole process over %d s: %.2f %% of one core (%.1f frames/s",
+              kIdleSeconds, idle.coreShare * 100, idle.framesPerSecond);
+  if (idle.framesPerSecond > 0) {
+    std::printf(", %.3f ms a frame", idle.coreShare * 1e3 / idle.framesPerSecond);
+  }
+  std::printf(")\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -313,18 +335,21 @@ int main(int argc, char** argv) {
   if (argc == 2 && std::strcmp(argv[1], "--ours-only") == 0) {  // for profiling
     for (const bool moving : {true, false}) {
       const pid_t scene = StartScene(server.Name(), moving);
+      IdleFigures idle;
       std::printf("%s scene: ours %.3f ms a frame\n", moving ? "moving" : "still",
-                  OurLink(nullptr) * 1e3);
+                  OurLink(moving ? nullptr : &idle) * 1e3);
+      if (!moving) {
+        PrintIdle(idle);
+      }
       StopScene(scene);
     }
     return 0;
   }
   const Figures moving = RunScenario(server, true, nullptr);
-  double idleShare = -1;
-  const Figures still = RunScenario(server, false, &idleShare);
+  IdleFigures idle;
+  const Figures still = RunScenario(server, false, &idle);
   Print("moving", moving);
   Print("still", still);
-  std::printf("still scene, whole process over %d s: %.2f %% of one core (%.1f frames/s)\n",
-              kIdleSeconds, idleShare * 100, 20.0);
+  PrintIdle(idle);
   return moving.ours > 0 && still.ours > 0 ? 0 : 1;
 }
