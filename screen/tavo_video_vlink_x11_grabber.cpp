@@ -87,6 +87,10 @@ uint32_t X11ShmImage::Create(uint32_t capturerId, const X11Target& target) {
     X11_ERR("XShmAttach failed");
     return 1;
   }
+  // Both sides hold it now: marked for removal at once, it goes when both let go, also when
+  // this process dies without a teardown, instead of staying in the system for good.
+  memory.Remove(id);
+  m_removed = true;
   X11_INF("X11 Capturer[%u] InitShmImages successful", capturerId);
   return 0;
 }
@@ -105,9 +109,10 @@ void X11ShmImage::Destroy() {
   if (m_segment.shmaddr != reinterpret_cast<char*>(-1)) {
     memory.Detach(m_segment.shmaddr);
   }
-  if (m_segment.shmid != -1) {
+  if (m_segment.shmid != -1 && !m_removed) {
     memory.Remove(m_segment.shmid);
   }
+  m_removed = false;
   m_segment.shmid = -1;
   m_segment.shmaddr = reinterpret_cast<char*>(-1);
   m_connection.reset();

@@ -48,4 +48,7 @@ class X11ShmImage {
   std::shared_ptr<X11Connection> m_connection;  // kept while the server holds the segment
   XShmSegmentInfo m_segment{0, -1, reinterpret_cast<char*>(-1), False};
   XImage* m_image = nullptr;
+  // The segment was marked for removal once the server had attached it: its id may name
+  // another segment after both sides let go, so it is not removed again.
+  bool m_removed = false;
 };

@@ -493,8 +493,9 @@ TEST_F(ScreenCapturerTest, BadParametersNoDisplayAndNoSharedMemoryAreRefused) {
   EXPECT_EQ(sink.Count(), 0);
   m_displaySystem->refuseOpen = false;
 
-  // Shared memory: a segment lives while the capture runs, goes at every stop and
-  // destruction, and one got before a failing attach is given back.
+  // Shared memory: a segment is marked for removal as soon as the server holds it (a crashed
+  // host leaves none behind), is let go at every stop and destruction, and is removed once;
+  // one got before a failing attach is given back.
   FakeSharedMemory memory;
   ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
   const size_t before = CountOwnShmSegments();
@@ -511,15 +512,18 @@ TEST_F(ScreenCapturerTest, BadParametersNoDisplayAndNoSharedMemoryAreRefused) {
   memory.attachError = 0;
   for (int run = 1; run <= 2; ++run) {
     ASSERT_EQ(capturer->StartCapture(), 0u);
-    EXPECT_EQ(CountOwnShmSegments(), before + 1);
+    EXPECT_EQ(CountOwnShmSegments(), before);
+    EXPECT_EQ(memory.removes.load(), memory.gets.load());
     ASSERT_TRUE(sink.WaitFrames(run));
     if (run == 1) {
       capturer->StopCapture();
-      EXPECT_EQ(CountOwnShmSegments(), before);
+      EXPECT_EQ(memory.detaches.load(), memory.attaches.load());
     }
   }
   capturer.reset();
   EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_EQ(memory.detaches.load(), memory.attaches.load());
+  EXPECT_EQ(memory.removes.load(), memory.gets.load());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 

@@ -52,17 +52,33 @@ class FakeSharedMemory final : public SharedMemorySystem {
       errno = getError;
       return -1;
     }
-    return SharedMemorySystem::Real().Get(size, flags);
+    const int id = SharedMemorySystem::Real().Get(size, flags);
+    gets += id != -1 ? 1 : 0;
+    return id;
   }
   void* Attach(int id) override {
     if (attachError != 0) {
       errno = attachError;
       return reinterpret_cast<void*>(-1);
     }
-    return SharedMemorySystem::Real().Attach(id);
+    void* address = SharedMemorySystem::Real().Attach(id);
+    attaches += address != reinterpret_cast<void*>(-1) ? 1 : 0;
+    return address;
   }
-  int Detach(const void* address) override { return SharedMemorySystem::Real().Detach(address); }
-  int Remove(int id) override { return SharedMemorySystem::Real().Remove(id); }
+  int Detach(const void* address) override {
+    ++detaches;
+    return SharedMemorySystem::Real().Detach(address);
+  }
+  int Remove(int id) override {
+    ++removes;
+    return SharedMemorySystem::Real().Remove(id);
+  }
+
+  // Calls that reached the system, successful ones for gets and attaches.
+  std::atomic<int> gets{0};
+  std::atomic<int> attaches{0};
+  std::atomic<int> detaches{0};
+  std::atomic<int> removes{0};
 
   std::atomic<int> getError{0};     // e.g. ENOSPC, EACCES
   std::atomic<int> attachError{0};  // e.g. ENOMEM, EACCES

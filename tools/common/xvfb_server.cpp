@@ -12,6 +12,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 
@@ -258,6 +259,14 @@ std::vector<uint32_t> PatternPixels(uint32_t width, uint32_t height, uint32_t se
   return out;
 }
 
+namespace {
+
+// Set when the program is loaded: a segment of this process cannot be older. Process ids
+// come round again, so one that an earlier process with this id left behind is.
+const long g_processStart = static_cast<long>(std::time(nullptr));
+
+}  // namespace
+
 size_t CountOwnShmSegments() {
   std::ifstream table("/proc/sysvipc/shm");
   std::string line;
@@ -266,9 +275,11 @@ size_t CountOwnShmSegments() {
   const long self = static_cast<long>(getpid());
   while (std::getline(table, line)) {
     std::istringstream fields(line);
-    long key = 0, id = 0, perms = 0, size = 0, cpid = 0;
-    fields >> key >> id >> std::oct >> perms >> std::dec >> size >> cpid;
-    if (cpid == self && (perms & SHM_DEST) == 0) {
+    long key = 0, id = 0, perms = 0, size = 0, cpid = 0, lpid = 0, attached = 0;
+    long uid = 0, gid = 0, cuid = 0, cgid = 0, atime = 0, dtime = 0, ctime = 0;
+    fields >> key >> id >> std::oct >> perms >> std::dec >> size >> cpid >> lpid >> attached >>
+        uid >> gid >> cuid >> cgid >> atime >> dtime >> ctime;
+    if (cpid == self && ctime >= g_processStart && (perms & SHM_DEST) == 0) {
       ++count;
     }
   }

@@ -65,5 +65,6 @@ class XvfbServer {
 std::vector<uint32_t> PatternPixels(uint32_t width, uint32_t height, uint32_t seed);
 
 // Shared-memory segments this process created that are not yet marked for removal (what
-// `ipcs -m -p` lists against our pid).
+// `ipcs -m -p` lists against our pid), leaving out older ones of an earlier process that had
+// the same id. One that is not marked outlives a crash of the process.
 size_t CountOwnShmSegments();
