@@ -110,11 +110,14 @@ TEST_F(DecodeLinkTest, ABlockedRenderCallbackHoldsOnlyItsOwnPreview) {
   unbinder.join();
   Push(20);  // off the link now: these reach the encoder alone
   EXPECT_TRUE(m_host.offered.WaitFor(kFramesToABlockedPreview + 20));
-  EXPECT_EQ(m_host.Destroy(kVo, 3), 0U);  // waits for the frames it has
-  EXPECT_EQ(m_host.rendered.Get(), kFramesToABlockedPreview);
-  EXPECT_EQ(m_host.renderEntered.Get(), kFramesToABlockedPreview);
+  // Once every frame is back (the preview let go of all it had), it has shown the frames it
+  // had when it was unbound, and no later one. Before that a destroy would close its windows
+  // on the ones still queued.
   m_host.GiveBack();
   EXPECT_TRUE(m_host.decodedBack.WaitFor(kFramesToABlockedPreview + 20));
+  EXPECT_EQ(m_host.rendered.Get(), kFramesToABlockedPreview);
+  EXPECT_EQ(m_host.renderEntered.Get(), kFramesToABlockedPreview);
+  EXPECT_EQ(m_host.Destroy(kVo, 3), 0U);
 }
 
 // ---- frame memory that cannot be had --------------------------------------------------
