@@ -60,12 +60,10 @@ class NonblockingQueueProducer {
 
   // True when the FIFO holds exactly this one item now.
   bool Push(T&& item) {
-    std::lock_guard<std::mutex> lock(m_lock);
-    m_fifo->push_back(std::move(item));
-    return m_fifo->size() == 1;
+    return PushEach(1, [&item](size_t) -> T&& { return std::move(item); });
   }
-  // Pushes make(0) to make(count - 1) under one hold of the lock; true when the FIFO was
-  // empty before.
+  // Pushes make(0) to make(count - 1) (each a T or a T&&) under one hold of the lock; true
+  // when the FIFO was empty before.
   template <class Make>
   bool PushEach(size_t count, Make&& make) {
     std::lock_guard<std::mutex> lock(m_lock);
@@ -130,10 +128,7 @@ class DuelNonblockingQueue {
   DuelNonblockingQueue& operator=(const DuelNonblockingQueue&) = delete;
 
   void Push(T&& item) {
-    std::lock_guard<std::mutex> lock(m_producerLock);
-    if (m_sides[WriteIndex()].producer.Push(std::move(item))) {
-      m_newData.store(true, std::memory_order_release);
-    }
+    PushEach(1, [&item](size_t) -> T&& { return std::move(item); });
   }
   // Push of make(0) to make(count - 1), in that order, under one hold of each lock: a
   // frame's tasks for all of its receivers.

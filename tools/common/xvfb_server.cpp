@@ -275,10 +275,12 @@ size_t CountOwnShmSegments() {
   const long self = static_cast<long>(getpid());
   while (std::getline(table, line)) {
     std::istringstream fields(line);
-    long key = 0, id = 0, perms = 0, size = 0, cpid = 0, lpid = 0, attached = 0;
-    long uid = 0, gid = 0, cuid = 0, cgid = 0, atime = 0, dtime = 0, ctime = 0;
-    fields >> key >> id >> std::oct >> perms >> std::dec >> size >> cpid >> lpid >> attached >>
-        uid >> gid >> cuid >> cgid >> atime >> dtime >> ctime;
+    long key = 0, id = 0, perms = 0, size = 0, cpid = 0, ctime = 0;
+    fields >> key >> id >> std::oct >> perms >> std::dec >> size >> cpid;
+    // lpid, nattch, uid, gid, cuid, cgid, atime and dtime stand before ctime.
+    for (int column = 0; column < 9; ++column) {
+      fields >> ctime;
+    }
     if (cpid == self && ctime >= g_processStart && (perms & SHM_DEST) == 0) {
       ++count;
     }
