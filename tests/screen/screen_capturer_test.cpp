@@ -2,6 +2,7 @@
 // clang-format off
 #include <gtest/gtest.h>
 #include <X11/extensions/XTest.h>
+#include <sys/shm.h>
 // clang-format on
 
 #include <atomic>
@@ -499,6 +500,9 @@ TEST_F(ScreenCapturerTest, BadParametersNoDisplayAndNoSharedMemoryAreRefused) {
   FakeSharedMemory memory;
   ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
   const size_t before = CountOwnShmSegments();
+  const int own = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+  EXPECT_EQ(CountOwnShmSegments(), before + 1);  // the counter itself sees one of ours
+  shmctl(own, IPC_RMID, nullptr);
   memory.getError = ENOSPC;
   EXPECT_EQ(capturer->Init(), 1u);
   EXPECT_TRUE(m_logs.HasModule("shmget failed, errono = 28, No space left on device", 1));
