@@ -2,8 +2,8 @@
 // clang-format off
 #include <gtest/gtest.h>
 #include <X11/extensions/XTest.h>
-#include <sys/shm.h>
 // clang-format on
+#include <sys/shm.h>
 
 #include <atomic>
 #include <cstring>
