@@ -119,10 +119,12 @@ TEST_F(CursorCapturerTest, RecordsStartBlankedCarryTheShapeAndFollowChanges) {
   EXPECT_EQ(Ids(0, 20), std::vector<uint32_t>(20, 0u));  // 2 x framerate samples blanked
   const VlinkCursorSendData shown{7, 0, 0, 40, 60, 0, 32, 32, 32, 128};
   EXPECT_EQ(std::memcmp(&Records()[20], &shown, sizeof(shown)), 0);
-  // A record every period, but the server is asked again only for what it told changed.
+  // A record every period, but the server is asked again only for what it told changed:
+  // over 20 periods (2 s), the pointer's two rechecks and at most one late notification of
+  // each kind from the set-up, which a loaded server may send after the first samples.
   const uint64_t asks = m_capturer.GetServerAsks();
-  ASSERT_TRUE(m_records.count.WaitFor(m_records.count.Get() + 5));
-  EXPECT_LE(m_capturer.GetServerAsks() - asks, 1u);  // at most the pointer's recheck
+  ASSERT_TRUE(m_records.count.WaitFor(m_records.count.Get() + 20));
+  EXPECT_LE(m_capturer.GetServerAsks() - asks, 4u);
   EXPECT_EQ(Records().back().cursorId, 7u);
   m_server->SetRootCursor(0, 4, 4, 0, 0, std::vector<uint32_t>(16, 0U));  // now clear
   ASSERT_TRUE(WaitUntilTrue([&] { return Records().back().cursorId == 0; }));
