@@ -85,11 +85,10 @@ Display* OpenDisplay() {
 uint32_t X11ErrorCount() { return g_xErrors.load(std::memory_order_relaxed); }
 
 X11Connection::~X11Connection() {
-  const bool lost = IsX11DisplayLost(m_display);
   Seam<X11DisplaySystem>::Get().Close(m_display);
-  if (lost) {
-    ForgetX11DisplayLost(m_display);
-  }
+  // Also when it was found lost only by the close itself (its last sync): Xlib may give the
+  // address to the next connection, which must not start out lost.
+  ForgetX11DisplayLost(m_display);
 }
 
 bool X11Connection::Lost() const { return IsX11DisplayLost(m_display); }
