@@ -65,21 +65,31 @@ std::vector<uint8_t> EncodeI420Jpeg(const uint8_t* i420, uint32_t width, uint32_
   info.dct_method = JDCT_ISLOW;
   jpeg_start_compress(&info, TRUE);
 
-  // Raw input goes in bands of 16 luma rows; rows past the picture repeat its last row.
+  // Raw input goes in bands of 16 luma rows, each row read to a whole number of blocks
+  // (16 luma, 8 chroma samples): rows are copied into padded ones that repeat their last
+  // sample, and rows past the picture repeat its last row.
+  const size_t paddedY = (size_t{width} + 15) / 16 * 16;
+  const size_t paddedC = paddedY / 2;
+  std::vector<uint8_t> band(16 * paddedY + 2 * 8 * paddedC);
   std::vector<JSAMPROW> rowsY(16);
   std::vector<JSAMPROW> rowsU(8);
   std::vector<JSAMPROW> rowsV(8);
   JSAMPARRAY planes[3] = {rowsY.data(), rowsU.data(), rowsV.data()};
-  std::vector<uint8_t> padY(size_t{width} + 16);
+  const auto padRow = [](uint8_t* out, const uint8_t* row, size_t length, size_t padded) {
+    std::copy(row, row + length, out);
+    std::fill(out + length, out + padded, row[length - 1]);
+    return out;
+  };
   while (info.next_scanline < info.image_height) {
-    for (uint32_t i = 0; i < 16; ++i) {
+    uint8_t* next = band.data();
+    for (uint32_t i = 0; i < 16; ++i, next += paddedY) {
       const uint32_t y = std::min(info.next_scanline + i, height - 1);
-      rowsY[i] = const_cast<uint8_t*>(planeY + size_t{y} * width);
+      rowsY[i] = padRow(next, planeY + size_t{y} * width, width, paddedY);
     }
-    for (uint32_t i = 0; i < 8; ++i) {
+    for (uint32_t i = 0; i < 8; ++i, next += 2 * paddedC) {
       const uint32_t y = std::min(info.next_scanline / 2 + i, chromaHeight - 1);
-      rowsU[i] = const_cast<uint8_t*>(planeU + size_t{y} * chromaWidth);
-      rowsV[i] = const_cast<uint8_t*>(planeV + size_t{y} * chromaWidth);
+      rowsU[i] = padRow(next, planeU + size_t{y} * chromaWidth, chromaWidth, paddedC);
+      rowsV[i] = padRow(next + paddedC, planeV + size_t{y} * chromaWidth, chromaWidth, paddedC);
     }
     jpeg_write_raw_data(&info, planes, 16);
   }
