@@ -104,9 +104,8 @@ TEST_F(CapturerTest, ProbesAllSixtyFourPathsOrFindsTheWantedCameraBehindOthers) 
   device.AddCamera(4, TypicalCamera("usb-0000:00:14.0"));      // a prefix of the wanted one
   device.AddCamera(63, TypicalCamera("usb-0000:00:14.0-30"));  // a longer id is no match
   EXPECT_EQ(Start(640, 480, 30), 1U);
-  const std::vector<std::string> opened = device.OpenedPaths();
-  ASSERT_EQ(opened.size(), 64U);
-  EXPECT_EQ(opened.back(), "/dev/video63");
+  EXPECT_EQ(device.OpenedPaths().size(), 64U);
+  EXPECT_EQ(device.OpenedPaths().back(), "/dev/video63");
   EXPECT_TRUE(log.HasModule("not found match usb-0000:00:14.0-3 capture", 1));
   EXPECT_TRUE(log.HasModule("failed to open Capture Device", 1));
   ExpectNothingLeft();
@@ -124,13 +123,13 @@ TEST_F(CapturerTest, ProbesAllSixtyFourPathsOrFindsTheWantedCameraBehindOthers) 
   ASSERT_EQ(Start(640, 480, 30), 0U);
   // Twice all 64, then video0..video5 (the first match ends the search), all the same way.
   EXPECT_EQ(device.OpenFlags(), std::vector<int>(2 * 64 + 6, O_RDWR | O_NONBLOCK));
-  EXPECT_TRUE(device.IsStreaming(5));
   EXPECT_EQ(device.OpenDescriptors(), 1U);
 }
 
 // The typical camera takes the first format asked for, which depends on the requested size.
 // The format the driver settles on decides the raw type, whether it took that one, refused the
-// earlier candidates or silently substituted its own. MJPEG needs one side a multiple of 8.
+// earlier candidates or silently substituted its own. MJPEG needs one side a multiple of 8. The
+// first frame is the camera's sequence 0 in the agreed format and size.
 TEST_F(CapturerTest, FormatOrderFollowsTheSizeAndTheAgreedFormatDecidesTheRawType) {
   const CameraChange refused = [](FakeCameraConfig&, FakeCameraFaults& f) {
     f.refusedFormats = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420};
@@ -139,6 +138,8 @@ TEST_F(CapturerTest, FormatOrderFollowsTheSizeAndTheAgreedFormatDecidesTheRawTyp
     return Only(DiscreteFormat(fourcc, {{width, height}}, {{1, 30}}));
   };
   const std::vector<uint32_t> all = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_YUYV};
+  const uint32_t formatOf[] = {PELV_IMAGE_FORMAT_MJPEG, PELV_IMAGE_FORMAT_I420,
+                               PELV_IMAGE_FORMAT_YUY2};  // by raw type
   const struct {
     CameraChange change;
     uint32_t width, height;
@@ -161,13 +162,16 @@ TEST_F(CapturerTest, FormatOrderFollowsTheSizeAndTheAgreedFormatDecidesTheRawTyp
     ASSERT_EQ(fresh.Start(c.width, c.height, 30), 0U);
     EXPECT_EQ(fresh.device.TriedFormats(0), c.tried);
     EXPECT_EQ(fresh.capturer.GetRawVideoType(), c.rawType);
+    const v4l2_pix_format agreed = fresh.device.CurrentFormat(0);
+    ASSERT_TRUE(fresh.frames.WaitFor(1));
+    fresh.capturer.CaptureStop();
+    EXPECT_EQ((std::vector{fresh.first.format, fresh.first.width, fresh.first.height}),
+              (std::vector{formatOf[c.rawType], agreed.width, agreed.height}));
+    if (agreed.width % 16 == 0) {  // the fake's JPEG of other widths is not reproducible
+      EXPECT_EQ(PatternFrameSource().MakeFrame(agreed.pixelformat, agreed.width, agreed.height, 0),
+                fresh.firstBytes);
+    }
   }
-  // Neither side a multiple of 8.
-  FreshCamera fresh(only(V4L2_PIX_FMT_MJPEG, 962, 542));
-  EXPECT_EQ(fresh.Start(962, 542, 30), 1U);
-  EXPECT_TRUE(
-      fresh.log.HasModule("capture MJPEG format. width and height must be a multiple of 8. "));
-  EXPECT_TRUE(fresh.log.HasModule("set video formats failed, width[962], height[542]", 1));
 }
 
 TEST_F(CapturerTest, NegotiatesTheFrameInterval) {
@@ -228,7 +232,7 @@ TEST_F(CapturerTest, RateFailuresKeepTheDriverRateAndFailedStartsLeaveNothing) {
       {Stepwise(&FakeCameraFormat::step, {1, 0}), 0, "Invalid FrameInterval Fraction Parameters."},
       {Stepwise(&FakeCameraFormat::step, {0, 30}), 0, "Invalid FrameInterval Parameters."},
       {[](auto& c, auto&) {
-         c.formats[1].discreteIntervals = {{1, 0}, {2, 0}};
+         c.formats[1].discreteIntervals = {{1, 0}};
        },
        0, "Failed to enum framerate."},
 
@@ -239,9 +243,10 @@ TEST_F(CapturerTest, RateFailuresKeepTheDriverRateAndFailedStartsLeaveNothing) {
       {IoctlFails(VIDIOC_STREAMON), 1, "start capture stream failed! error:5"},
       {[](auto& c, auto&) { c.maxBuffers = 0; }, 1, "start capture stream failed! error:22"},
       {IoctlFails(VIDIOC_S_FMT, EBUSY), 1, "set video formats failed. rawVideoType:1, error:16"},
-      {[](auto& c, auto&) {
-         c.substituteUnknownFormat = false;
-         c.formats = {DiscreteFormat(V4L2_PIX_FMT_NV12, {{640, 480}}, {{1, 30}})};
+      {Only(DiscreteFormat(V4L2_PIX_FMT_MJPEG, {{962, 542}}, {{1, 30}})), 1,
+       "capture MJPEG format. width and height must be a multiple of 8. ", 30, 962, 542},
+      {[](auto&, auto& f) {
+         f.refusedFormats = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_YUYV};
        },
        1, "not found suitable video formats"},
   };
@@ -264,15 +269,12 @@ TEST_F(CapturerTest, RateFailuresKeepTheDriverRateAndFailedStartsLeaveNothing) {
 // The next start works; a camera unplugged then keeps the loop until it is stopped.
 TEST_F(CapturerTest, CallsOutOfOrderAThreadThatCannotStartAndAnUnplugLeaveNothingBehind) {
   EXPECT_EQ(capturer.CaptureStop(), 0U);  // a stop before any start
-  EXPECT_EQ(capturer.Init("x"), 0U);
   EXPECT_EQ(capturer.CaptureStart(nullptr), 1U);
-  ExpectNothingLeft();
   FakeThreadSystem threads;
   ScopedSeamOverride<ThreadSystem> threadSeam(threads);
   threads.FailNextCreates(1);
   EXPECT_EQ(Start(640, 480, 30), 1U);
   EXPECT_TRUE(log.HasModule("start capture thread failed, ret[11]", 1));
-  EXPECT_FALSE(device.IsStreaming(0));
   ExpectNothingLeft();
   device.Faults(0, [](FakeCameraFaults& f) { f.unplugAfterFrames = 5; });
   ASSERT_EQ(capturer.CaptureStart(&params), 0U);
@@ -283,42 +285,17 @@ TEST_F(CapturerTest, CallsOutOfOrderAThreadThatCannotStartAndAnUnplugLeaveNothin
   EXPECT_EQ(frames.Get(), 5);
 }
 
-// The first frame is sequence 0 of the camera, in its own format and bytes.
-TEST_F(CapturerTest, DeliversEachFormatWithItsBytes) {
-  const struct {
-    uint32_t width, height, fourcc, format;
-  } cases[] = {
-      {640, 480, V4L2_PIX_FMT_YUV420, PELV_IMAGE_FORMAT_I420},
-      {640, 480, V4L2_PIX_FMT_YUYV, PELV_IMAGE_FORMAT_YUY2},
-      {1280, 720, V4L2_PIX_FMT_MJPEG, PELV_IMAGE_FORMAT_MJPEG},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.fourcc);
-    FreshCamera fresh(Only(DiscreteFormat(c.fourcc, {{c.width, c.height}}, {{1, 30}})));
-    ASSERT_EQ(fresh.Start(c.width, c.height, 30), 0U);
-    ASSERT_TRUE(fresh.frames.WaitFor(1));
-    fresh.capturer.CaptureStop();
-    EXPECT_EQ((std::vector{fresh.first.format, fresh.first.width, fresh.first.height}),
-              (std::vector{c.format, c.width, c.height}));
-    EXPECT_EQ(PatternFrameSource().MakeFrame(c.fourcc, c.width, c.height, 0), fresh.firstBytes);
-  }
-}
-
 TEST_F(CapturerTest, SilentCameraIsReportedOncePerHundredAndOneTimeouts) {
   FakeClock clock(FakeClock::kStepping);
   ScopedSeamOverride<Clock> clockSeam(clock);
   device.Faults(0, [](FakeCameraFaults& f) { f.neverDeliver = true; });
   // The line is written on the capture thread right after the timeout it counts, so the
   // fake's count of timeouts at that moment tells which timeout produced it.
-  std::mutex lock;  // guards reports
-  std::vector<std::pair<std::string, uint64_t>> reports;
+  std::vector<std::string> reports;  // read once the capture thread is joined
   CountLatch lines;
   OmLogSink previous = OmLogSetSink([&](const OmLogRecord& record) {
     if (record.text.find("StatusAbnormalCnt failed") != std::string::npos) {
-      {
-        std::lock_guard<std::mutex> guard(lock);
-        reports.emplace_back(record.text, device.SelectTimeouts());
-      }
+      reports.push_back(record.text + " at " + std::to_string(device.SelectTimeouts()));
       lines.Add();
     }
   });
@@ -327,11 +304,9 @@ TEST_F(CapturerTest, SilentCameraIsReportedOncePerHundredAndOneTimeouts) {
   capturer.CaptureStop();
   OmLogSetSink(std::move(previous));
   ASSERT_TRUE(reported);
-  std::lock_guard<std::mutex> guard(lock);
-  for (size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(reports[i].first, "StatusAbnormalCnt failed cnt:0 100 0");
-    EXPECT_EQ(reports[i].second, 100U + 101U * i);
-  }
+  const std::string line = "StatusAbnormalCnt failed cnt:0 100 0 at ";
+  EXPECT_EQ(std::vector(reports.begin(), reports.begin() + 3),
+            (std::vector{line + "100", line + "201", line + "302"}));
 }
 
 TEST_F(CapturerTest, StopWaitsForTheFrameInFlight) {
@@ -341,9 +316,7 @@ TEST_F(CapturerTest, StopWaitsForTheFrameInFlight) {
   std::atomic<bool> frameAfterStop{false};
   capturer.Init(kBus);
   capturer.SetCaptureCallback([&](_PEL_V_FRAME& frame) {
-    if (stopped.load()) {
-      frameAfterStop = true;
-    }
+    frameAfterStop = frameAfterStop || stopped;
     entered.Add();
     release.Pass();
     volatile uint8_t first = frame.data[0];  // the mapping must still be there
@@ -375,8 +348,8 @@ TEST_F(CapturerTest, RestartKeepsTheSameSizeAndReopensForAnother) {
   tagCameraCaptureParams larger = Params(1280, 720, 15);
   ASSERT_EQ(capturer.CaptureStart(&larger), 0U);
   EXPECT_NE(capturer.GetFd(), fd);
-  EXPECT_EQ(device.CurrentFormat(0).width, 1280U);
-  EXPECT_EQ(device.CurrentInterval(0).denominator, 15U);
+  EXPECT_EQ(std::pair(device.CurrentFormat(0).width, device.CurrentInterval(0).denominator),
+            std::pair(1280U, 15U));
   EXPECT_EQ(std::pair(device.OpenDescriptors(), device.Mappings()),
             std::pair(size_t{1}, size_t{4}));
   for (tagCameraCaptureParams other : {Params(1280, 480, 30), Params(640, 720, 30)}) {
