@@ -1,19 +1,15 @@
 // The capture manager: every camera pixel format, rotation and mirror against libyuv's own
 // output of the same input, the size and data checks, the try-lock frame path, the
-// quality-indicator stream, the overlay front, and a whole capture through the V4L2
-// capturer over the fake kernel.
+// quality-indicator stream and a capturer's failures passed up.
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
-#include <cstring>
 #include <thread>
 
-#include "camera/tavo_video_vlink_camera_capturer_linux.h"
 #include "camera/tavo_video_vlink_capture_manager.h"
 #include "platform/adapt_common/stream_qi.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
-#include "tools/common/fake_v4l2_device.h"
 #include "tools/common/jpeg_util.h"
 
 namespace {
@@ -49,27 +45,24 @@ std::vector<uint8_t> PictureOf(const _PEL_V_FRAME& frame) {
 }
 
 // libyuv's own I420 of a w x h `fourcc` sample, turned by `rotation`.
-std::vector<uint8_t> Oracle(const std::vector<uint8_t>& in, uint32_t fourcc, uint32_t w, uint32_t h,
+std::vector<uint8_t> Oracle(const std::vector<uint8_t>& in, uint32_t fourcc, int w, int h,
                             uint32_t rotation = 0) {
   const bool turned = rotation == 90 || rotation == 270;
   RefI420 out(turned ? h : w, turned ? w : h);
-  const int iw = static_cast<int>(w);
-  const int ih = static_cast<int>(h);
   EXPECT_EQ(libyuv::ConvertToI420(in.data(), in.size(), out.Y(), out.SY(), out.U(), out.SUV(),
-                                  out.V(), out.SUV(), 0, 0, iw, ih, iw, ih,
+                                  out.V(), out.SUV(), 0, 0, w, h, w, h,
                                   static_cast<libyuv::RotationMode>(rotation), fourcc),
             0);
   return out.bytes;
 }
 
 // libyuv's mirror of a packed I420 picture.
-std::vector<uint8_t> Mirrored(std::vector<uint8_t> in, uint32_t w, uint32_t h) {
+std::vector<uint8_t> Mirrored(std::vector<uint8_t> in, int w, int h) {
   RefI420 src(w, h);
   RefI420 out(w, h);
   src.bytes = std::move(in);
   EXPECT_EQ(libyuv::I420Mirror(src.Y(), src.SY(), src.U(), src.SUV(), src.V(), src.SUV(), out.Y(),
-                               out.SY(), out.U(), out.SUV(), out.V(), out.SUV(),
-                               static_cast<int>(w), static_cast<int>(h)),
+                               out.SY(), out.U(), out.SUV(), out.V(), out.SUV(), w, h),
             0);
   return out.bytes;
 }
@@ -103,8 +96,7 @@ TEST_F(CaptureManagerTest, EveryFormatMatchesLibyuvByteForByte) {
   uint32_t seed = 1;
   for (const FormatCase& c : kFormats) {
     for (auto [width, height] : sizes) {
-      SCOPED_TRACE(std::string(c.name) + " " + std::to_string(width) + "x" +
-                   std::to_string(height));
+      SCOPED_TRACE(std::string(c.name) + " " + std::to_string(width));
       std::vector<uint8_t> input =
           RandomBytes(size_t{width} * height * c.halfBytesPerPixel / 2, seed++);
       _PEL_V_FRAME frame = FrameOver(input, c.format, width, height);
@@ -142,20 +134,16 @@ TEST_F(CaptureManagerTest, RotationAndMirrorMatchLibyuvAndOddSizesFitTheirBlocks
   };
   for (auto [width, height] : {std::pair<uint32_t, uint32_t>{3, 16}, {5, 32}, {7, 9}, {1, 1}}) {
     for (uint32_t angle : {0U, 90U, 180U, 270U}) {
-      SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height) + " " +
-                   std::to_string(angle));
+      SCOPED_TRACE(std::to_string(width) + " " + std::to_string(angle));
       std::vector<uint8_t> input = RandomBytes(size_t{width} * height * 2 + 2, angle);
       _PEL_V_FRAME frame = FrameOver(input, PELV_IMAGE_FORMAT_NV12_ROTATE, width, height);
       frame.rotation = angle;
       ASSERT_EQ(manager.ConvertToI420(frame), 0U);
       EXPECT_GE(frame.dataSize, written(frame.width, frame.height));
+      frame.rotation = angle;  // and the odd I420 it gives turned on its own
+      ASSERT_EQ(manager.TransRotate(frame), 0U);
+      EXPECT_GE(frame.dataSize, written(frame.width, frame.height));
       DevCaptureManager::ReleaseBuffer(frame.data);
-      _PEL_V_FRAME plain = FrameOver(input, PELV_IMAGE_FORMAT_YUY2, width, height);
-      ASSERT_EQ(manager.ConvertToI420(plain), 0U);
-      plain.rotation = angle;
-      ASSERT_EQ(manager.TransRotate(plain), 0U);
-      EXPECT_GE(plain.dataSize, written(plain.width, plain.height));
-      DevCaptureManager::ReleaseBuffer(plain.data);
     }
   }
   // NV12 rotates while converting; the I420 it gives turns and mirrors on its own. 45 degrees
