@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
 #include <memory>
 #include <thread>
@@ -71,22 +70,16 @@ TEST(PoolWakeUpTest, BatchWakesAWorkerPerTask) {
   constexpr size_t kWorkers = 4;
   ThreadPool pool(kWorkers);
   for (int round = 0; round < 100; ++round) {
-    std::mutex lock;
-    std::condition_variable changed;
-    size_t arrived = 0;
+    CountLatch arrived;
     std::atomic<int> alone{0};
     CountLatch finished;
     std::vector<PoolTask> tasks;
     for (size_t i = 0; i < kWorkers; ++i) {
       tasks.emplace_back([&] {
-        std::unique_lock<std::mutex> guard(lock);
-        ++arrived;
-        changed.notify_all();
-        if (!changed.wait_for(guard, std::chrono::seconds(5),
-                              [&] { return arrived == kWorkers; })) {
+        arrived.Add();
+        if (!arrived.WaitFor(static_cast<int>(kWorkers), std::chrono::seconds(5))) {
           ++alone;
         }
-        guard.unlock();
         finished.Add();
       });
     }
@@ -100,8 +93,8 @@ TEST(PoolWakeUpTest, BatchWakesAWorkerPerTask) {
 }
 
 // DealTaskHandler(true) returns only once every task of the node has run and dropped its
-// frame, also one that is running when the wait begins.
-TEST(NodeTaskWaitTest, WaitEndsOnlyAfterTheRunningTaskAndItsFrame) {
+// frame, also one that is running when the wait begins and those queued while it waits.
+TEST(NodeTaskWaitTest, WaitEndsOnlyAfterEveryTaskAndItsFrame) {
   auto node = std::make_shared<CountingNode>(31);
   ASSERT_EQ(node->StartProcess(), 0U);
   auto producer = std::make_shared<ReleaseProbe>(30);
@@ -121,16 +114,13 @@ TEST(NodeTaskWaitTest, WaitEndsOnlyAfterTheRunningTaskAndItsFrame) {
     handlerDone = false;
     ASSERT_EQ(node->QueueBuffer(share), 0U);
     ASSERT_TRUE(entered.WaitFor(round + 1));
-    std::promise<bool> frameFreeAtReturn;
-    std::future<bool> waited = frameFreeAtReturn.get_future();
-    std::thread waiter([&] {
+    auto waited = std::async(std::launch::async, [&] {
       node->DealTaskHandler(true);
-      frameFreeAtReturn.set_value(handlerDone && frame.IsAvailable());
+      return handlerDone && frame.IsAvailable();
     });
     // While the task is held, the wait must not end.
     EXPECT_EQ(waited.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     gate->Open();
-    waiter.join();
     EXPECT_TRUE(waited.get()) << "the wait ended before the task had dropped its frame";
     EXPECT_EQ(node->GetPendingTaskCount(), 0U);
     // The task dropped its frame while it was still counted.
@@ -138,13 +128,7 @@ TEST(NodeTaskWaitTest, WaitEndsOnlyAfterTheRunningTaskAndItsFrame) {
     ASSERT_TRUE(producer->released.WaitFor(round + 1));
     gate = std::make_unique<Gate>();
   }
-  node->StopProcess();
-}
-
-// Tasks the wait does not know of yet (queued while it waits) are waited for too.
-TEST(NodeTaskWaitTest, TasksQueuedDuringTheWaitAreWaitedFor) {
-  auto node = std::make_shared<CountingNode>(32);
-  ASSERT_EQ(node->StartProcess(), 0U);
+  // Tasks the wait does not know of yet (queued by the tasks themselves) are waited for too.
   OsvGraphicBuffer frame(8, 8, TAVO_VIDEO_VLINK_FORMAT_I420);
   std::atomic<int> chained{0};
   node->onFrame = [&](OsvGraphicBuffer* buffer) {
@@ -156,7 +140,7 @@ TEST(NodeTaskWaitTest, TasksQueuedDuringTheWaitAreWaitedFor) {
   FrameRef first = FrameRef::Share(&frame);
   ASSERT_EQ(node->QueueBuffer(first), 0U);
   node->DealTaskHandler(true);
-  EXPECT_EQ(node->handled.Get(), 51);
+  EXPECT_EQ(node->handled.Get(), 3 + 51);
   EXPECT_TRUE(frame.IsAvailable());
   node->StopProcess();
 }

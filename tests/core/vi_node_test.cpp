@@ -129,20 +129,18 @@ TEST_F(VirtualViNodeTest, AFirstFrameNoCallbackOrAnEarlyRemovalEndTheWatchWithou
 
 TEST_F(VirtualViNodeTest, ARecordWithoutASizeIsRefusedAndTheOldOneKept) {
   auto node = Make(95);
-  ViDevInfo bad = node->GetParam();
-  bad.height = 0;
-  EXPECT_EQ(node->SetParam(bad), 1u);
+  ViDevInfo info = node->GetParam();
+  info.height = 0;
+  EXPECT_EQ(node->SetParam(info), 1u);
   EXPECT_TRUE(m_logs.HasModule("CheckParam Failed, w[1280] h[0]", 1));
   EXPECT_TRUE(m_logs.HasModule("ScreenCaptureNode CheckParam failed! ret[0x1]", 1));
-  bad.height = 720;
-  bad.width = 0;
-  EXPECT_EQ(node->SetParam(bad), 1u);
+  info.height = 1;
+  info.width = 0;
+  EXPECT_EQ(node->SetParam(info), 1u);
   EXPECT_EQ(std::make_pair(node->GetParam().width, node->GetParam().height),
             std::make_pair(1280u, 720u));
-  ViDevInfo small = node->GetParam();
-  small.width = 1;
-  small.height = 1;
-  EXPECT_EQ(node->SetParam(small), 0u);
+  info.width = 1;
+  EXPECT_EQ(node->SetParam(info), 0u);
   EXPECT_EQ(node->GetParam().width, 1u);
 }
 
