@@ -82,7 +82,7 @@ class SnapshotTest : public ScreenTest {
   }
 };
 
-TEST_F(SnapshotTest, AStoppedScreenIsCapturedIntoTheQueueAndNothingStaysOnAnyPath) {
+TEST_F(SnapshotTest, StoppedAndRunningScreensAreCapturedIntoTheQueueAndNothingStaysOnAnyPath) {
   StartServer({{320, 240}});
   m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 17));
   const auto screen = m_server->GetPixels(0, 0, 0, 320, 240);  // no alpha, as the capturer reads
@@ -100,6 +100,32 @@ TEST_F(SnapshotTest, AStoppedScreenIsCapturedIntoTheQueueAndNothingStaysOnAnyPat
     EXPECT_EQ(whole.header, (std::vector<uint32_t>{307200, 320, 240, 3, 1, 1, 307200}));
     EXPECT_EQ(whole.pixels, screen);
   }
+
+  // A running capture gives its last frame without opening the display again; queue
+  // failures give the buffer back and leave the capture running.
+  FrameSink sink;
+  auto running = MakeCapturer(sink);
+  ASSERT_EQ(running->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  const int opens = m_displaySystem->opens.load();
+  ASSERT_EQ(running->CapturePictureImp(Request(0, 0)), 0u);
+  EXPECT_EQ(Take().pixels, screen);
+  EXPECT_EQ(m_displaySystem->opens.load(), opens);
+  for (const auto& [failure, line, lines] :
+       {std::tuple{&m_queue.allocFails, "WritePicureToQueue failed", 1u},
+        std::tuple{&m_queue.nullMemory, "QueueBuffer is nullptr", 2u},
+        std::tuple{&m_queue.writeFails, "OsShmAdvancedWriteBulkQueue fail", 1u}}) {
+    *failure = true;
+    EXPECT_EQ(running->CapturePictureImp(Request(64, 48)), 1u);
+    EXPECT_EQ(m_logs.CountModule(line, 1), lines) << line;
+    *failure = false;
+  }
+  EXPECT_EQ(m_queue.frees.load(), 3);
+  EXPECT_TRUE(running->IsStarted());
+  ASSERT_TRUE(sink.WaitFrames(sink.Count() + 1));
+  running.reset();
+  EXPECT_EQ(capturer.WritePicureToQueue(nullptr, 4, Request(1, 1)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("input null", 1));
 
   // Failures: what was made for each snapshot is gone again, as after the good ones.
   ASSERT_EQ(capturer.SetCaptureScreenPort(3), 0u);  // names no monitor
@@ -139,39 +165,6 @@ TEST_F(SnapshotTest, APortraitMonitorKeepsItsAspectBetweenBarsUosOnSoren7AIsOpaq
   // Not wider than the picture is high: the whole picture is filled.
   ASSERT_EQ(capturer.CapturePictureImp(Request(480, 270)), 0u);
   EXPECT_EQ(Take().pixels, Scaled(screen, 270, 480, 480, 270));
-}
-
-// A running capture gives its last frame without opening the display again; queue
-// failures give the buffer back and leave the capture running.
-TEST_F(SnapshotTest, ARunningCaptureGivesItsLastFrameAndSurvivesQueueFailures) {
-  StartServer({{320, 240}});
-  m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 29));
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(1));
-  const int opens = m_displaySystem->opens.load();
-  ASSERT_EQ(capturer->CapturePictureImp(Request(0, 0)), 0u);
-  EXPECT_EQ(Take().pixels, m_server->GetPixels(0, 0, 0, 320, 240));
-  EXPECT_EQ(m_displaySystem->opens.load(), opens);
-  m_queue.allocFails = true;
-  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
-  EXPECT_TRUE(m_logs.HasModule("WritePicureToQueue failed", 1));
-  m_queue.allocFails = false;
-  m_queue.nullMemory = true;
-  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
-  EXPECT_EQ(m_logs.CountModule("QueueBuffer is nullptr", 1), 2u);
-  m_queue.nullMemory = false;
-  m_queue.writeFails = true;
-  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
-  EXPECT_TRUE(m_logs.HasModule("OsShmAdvancedWriteBulkQueue fail", 1));
-  EXPECT_EQ(m_queue.frees.load(), 3);
-  EXPECT_TRUE(capturer->IsStarted());
-  const int seen = sink.Count();
-  ASSERT_TRUE(sink.WaitFrames(seen + 1));
-  capturer->StopCapture();
-  EXPECT_EQ(capturer->WritePicureToQueue(nullptr, 4, Request(1, 1)), 1u);
-  EXPECT_TRUE(m_logs.HasModule("input null", 1));
 }
 
 }  // namespace
