@@ -118,57 +118,6 @@ TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
   EXPECT_EQ(std::pair(ordinary.GetGrabX(), ordinary.GetMonitorIdx()), std::pair(160, 0u));
 }
 
-// ---- following the monitor ----------------------------------------------------------
-
-// Resized, the monitor's frames are refused with a line every hundred refusals; back to its
-// size it is captured again. Moved, it is followed with one line.
-TEST_F(ScreenCapturerTest, AResizedMonitorIsRefusedAMovedOneFollowed) {
-  OS_VLink_Debug_TraceRegister(0, &CountRecreateLines<0>);
-  OS_VLink_Debug_TraceRegister(2, &CountRecreateLines<2>);
-  for (auto& count : g_recreateLines) {
-    count = 0;  // a repeated run counts afresh
-  }
-  OS_VLink_Debug_SetTraceLevel(4);
-  StartServer({{kWidth, kHeight}});
-  ASSERT_TRUE(m_server->SplitScreen(0, 2));
-  m_server->PutPixels(0, 0, 0, kWidth, kHeight, PatternPixels(kWidth, kHeight, 5));
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink, 1);
-  ASSERT_EQ(capturer->Init(), 0u);
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 100, 240, 160, 0));
-  // The server's notice of the change may come a frame later.
-  ASSERT_TRUE(WaitUntilTrue([&] { return capturer->ScreenCaptureProcess() == 1; }));
-  const int sent = sink.Count();
-  for (int i = 1; i <= 100; ++i) {
-    ASSERT_EQ(capturer->ScreenCaptureProcess(), 1u);
-  }
-  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[0] oldWidth[160] oldHeight[240] "
-                               "newWidth[100] newHeight[240]",
-                               1),
-            1u);
-  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
-  EXPECT_EQ(capturer->GetMonitorChangeCount(), 101u);
-  EXPECT_EQ(sink.Count(), sent);
-  // The capturer's lines go to trace channel 2, and only there.
-  OS_VLink_Debug_SetTraceLevel(0);
-  EXPECT_EQ(std::pair(g_recreateLines[0].load(), g_recreateLines[2].load()), std::pair(0, 2));
-  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 160, 0));
-  EXPECT_TRUE(WaitUntilTrue([&] { return capturer->ScreenCaptureProcess() == 0; }));
-  EXPECT_GE(capturer->GetMonitorChangeCount(), 101u);  // never reset
-
-  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 100, 0));
-  ASSERT_TRUE(WaitUntilTrue([&] {
-    EXPECT_EQ(capturer->ScreenCaptureProcess(), 0u);
-    return capturer->GetGrabX() == 100;
-  }));
-  ASSERT_EQ(capturer->ScreenCaptureProcess(), 0u);
-  EXPECT_EQ(m_logs.CountModule("reset capturer MonitorInfo change! m_monitorIdx[1] grabX[100] "
-                               "grabY[0]"),
-            1u);
-  EXPECT_EQ(sink.Last(), OracleI420(m_server->GetPixels(0, 100, 0, 160, 240), 160, 240, 160, 240));
-}
-
 // ---- cursor drawing -----------------------------------------------------------------
 
 constexpr uint32_t kCursorSide = 16;
@@ -255,8 +204,15 @@ TEST_F(ScreenCapturerTest, CursorIsBlendedExactlyClippedAndOnlyWhereDrawn) {
 
 // Frames built from the rows the server reported damaged equal whole grabs, pixel for
 // pixel: windows drawn inside and outside the captured monitor, the pointer moving with
-// its cursor drawn in, nothing changing at all, and an encoder resize.
-TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabs) {
+// its cursor drawn in, nothing changing at all, and an encoder resize. Then the monitor
+// is resized and moved.
+TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabsAndTheMonitorIsFollowed) {
+  OS_VLink_Debug_TraceRegister(0, &CountRecreateLines<0>);
+  OS_VLink_Debug_TraceRegister(2, &CountRecreateLines<2>);
+  for (auto& count : g_recreateLines) {
+    count = 0;  // a repeated run counts afresh
+  }
+  OS_VLink_Debug_SetTraceLevel(4);
   StartServer({{kWidth, kHeight}});
   ASSERT_TRUE(m_server->SplitScreen(0, 2));  // port 1 is the right half
   m_server->PutPixels(0, 0, 0, kWidth, kHeight, PatternPixels(kWidth, kHeight, 3));
@@ -302,6 +258,43 @@ TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabs) {
       held.clear();
     }
   }
+
+  // Resized, the monitor's frames are refused with a line every hundred refusals; back to
+  // its size it is captured again. Moved, it is followed with one line. The pointer stays
+  // off the monitor (moved as a device moves it): frames are the server's pixels.
+  XTestFakeMotionEvent(m_server->Connection(), 0, 5, 5, CurrentTime);
+  XSync(m_server->Connection(), False);
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 100, 240, 160, 0));
+  // The server's notice of the change may come a frame later.
+  ASSERT_TRUE(WaitUntilTrue([&] { return byWhole->ScreenCaptureProcess() == 1; }));
+  const int sent = whole.Count();
+  for (int i = 1; i <= 100; ++i) {
+    ASSERT_EQ(byWhole->ScreenCaptureProcess(), 1u);
+  }
+  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[0] oldWidth[160] oldHeight[240] "
+                               "newWidth[100] newHeight[240]",
+                               1),
+            1u);
+  EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
+  EXPECT_EQ(byWhole->GetMonitorChangeCount(), 101u);
+  EXPECT_EQ(whole.Count(), sent);
+  // The capturer's lines go to trace channel 2, and only there.
+  OS_VLink_Debug_SetTraceLevel(0);
+  EXPECT_EQ(std::pair(g_recreateLines[0].load(), g_recreateLines[2].load()), std::pair(0, 2));
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 160, 0));
+  EXPECT_TRUE(WaitUntilTrue([&] { return byWhole->ScreenCaptureProcess() == 0; }));
+  EXPECT_GE(byWhole->GetMonitorChangeCount(), 101u);  // never reset
+
+  ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 100, 0));
+  ASSERT_TRUE(WaitUntilTrue([&] {
+    EXPECT_EQ(byWhole->ScreenCaptureProcess(), 0u);
+    return byWhole->GetGrabX() == 100;
+  }));
+  ASSERT_EQ(byWhole->ScreenCaptureProcess(), 0u);
+  EXPECT_EQ(m_logs.CountModule("reset capturer MonitorInfo change! m_monitorIdx[1] grabX[100] "
+                               "grabY[0]"),
+            1u);
+  EXPECT_EQ(whole.Last(), OracleI420(m_server->GetPixels(0, 100, 0, 160, 240), 160, 240, 80, 120));
 }
 
 TEST_F(ScreenCapturerTest, AnUnknownLayoutIsReportedAndNothingIsSent) {

@@ -82,8 +82,16 @@ class SnapshotTest : public ScreenTest {
   }
 };
 
-TEST_F(SnapshotTest, StoppedAndRunningScreensAreCapturedIntoTheQueueAndNothingStaysOnAnyPath) {
-  StartServer({{320, 240}});
+TEST_F(SnapshotTest, StoppedRunningAndPortraitScreensAreCapturedIntoTheQueueNothingStays) {
+  StartServer({{320, 240}, {270, 480}});  // port 1: a portrait monitor
+  // Only UOS on Soren 7A gives opaque pixels (of a blank screen).
+  for (const auto& [cpu, opaque] : {std::pair{"Soren 7A", true}, std::pair{"Soren 8C", false}}) {
+    OsPlatformSetIdentity(cpu, "UOS");
+    X11ScreenCapturer other(90);
+    ASSERT_EQ(other.CapturePictureImp(Request(32, 24)), 0u);
+    EXPECT_EQ(Take().opaque, opaque ? 32u * 24u : 0u) << cpu;
+  }
+  OsPlatformSetIdentity(nullptr, nullptr);
   m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 17));
   const auto screen = m_server->GetPixels(0, 0, 0, 320, 240);  // no alpha, as the capturer reads
   const size_t segments = CountOwnShmSegments();
@@ -127,6 +135,22 @@ TEST_F(SnapshotTest, StoppedAndRunningScreensAreCapturedIntoTheQueueAndNothingSt
   EXPECT_EQ(capturer.WritePicureToQueue(nullptr, 4, Request(1, 1)), 1u);
   EXPECT_TRUE(m_logs.HasModule("input null", 1));
 
+  // A portrait monitor keeps its aspect between bars: 270 wide is more than 180 high, region
+  // trunc(180 / 320 x 180) = 101, offset 109.
+  m_server->PutPixels(1, 0, 0, 270, 480, PatternPixels(270, 480, 23));
+  const auto portrait = m_server->GetPixels(1, 0, 0, 270, 480);
+  ASSERT_EQ(capturer.SetCaptureScreenPort(1), 0u);
+  ASSERT_EQ(capturer.CapturePictureImp(Request(320, 180)), 0u);
+  const auto region = Scaled(portrait, 270, 480, 101, 180);
+  std::vector<uint32_t> framed(320 * 180, 0);
+  for (uint32_t row = 0; row < 180; ++row) {
+    std::copy_n(region.begin() + row * 101, 101, framed.begin() + row * 320 + 109);
+  }
+  EXPECT_EQ(Take().pixels, framed);
+  // Not wider than the picture is high: the whole picture is filled.
+  ASSERT_EQ(capturer.CapturePictureImp(Request(480, 270)), 0u);
+  EXPECT_EQ(Take().pixels, Scaled(portrait, 270, 480, 480, 270));
+
   // Failures: what was made for each snapshot is gone again, as after the good ones.
   ASSERT_EQ(capturer.SetCaptureScreenPort(3), 0u);  // names no monitor
   EXPECT_EQ(capturer.CapturePictureImp(Request(64, 48)), 1u);
@@ -140,31 +164,6 @@ TEST_F(SnapshotTest, StoppedAndRunningScreensAreCapturedIntoTheQueueAndNothingSt
   EXPECT_EQ(CountOwnShmSegments(), segments);
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
   EXPECT_FALSE(capturer.IsInited());
-}
-
-TEST_F(SnapshotTest, APortraitMonitorKeepsItsAspectBetweenBarsUosOnSoren7AIsOpaque) {
-  StartServer({{270, 480}});
-  for (const auto& [cpu, opaque] : {std::pair{"Soren 7A", true}, std::pair{"Soren 8C", false}}) {
-    OsPlatformSetIdentity(cpu, "UOS");
-    X11ScreenCapturer capturer(90);
-    ASSERT_EQ(capturer.CapturePictureImp(Request(32, 24)), 0u);
-    EXPECT_EQ(Take().opaque, opaque ? 32u * 24u : 0u) << cpu;
-  }
-  OsPlatformSetIdentity(nullptr, nullptr);
-  m_server->PutPixels(0, 0, 0, 270, 480, PatternPixels(270, 480, 23));
-  const auto screen = m_server->GetPixels(0, 0, 0, 270, 480);
-  X11ScreenCapturer capturer(90);
-  // 270 wide is more than 180 high: region trunc(180 / 320 x 180) = 101, offset 109.
-  ASSERT_EQ(capturer.CapturePictureImp(Request(320, 180)), 0u);
-  const auto region = Scaled(screen, 270, 480, 101, 180);
-  std::vector<uint32_t> framed(320 * 180, 0);
-  for (uint32_t row = 0; row < 180; ++row) {
-    std::copy_n(region.begin() + row * 101, 101, framed.begin() + row * 320 + 109);
-  }
-  EXPECT_EQ(Take().pixels, framed);
-  // Not wider than the picture is high: the whole picture is filled.
-  ASSERT_EQ(capturer.CapturePictureImp(Request(480, 270)), 0u);
-  EXPECT_EQ(Take().pixels, Scaled(screen, 270, 480, 480, 270));
 }
 
 }  // namespace
