@@ -103,21 +103,6 @@ TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 
-TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairNotAtTheOrigin) {
-  OsPlatformSetIdentity("Soren 7A", "Kylin");
-  StartServer({{kWidth, kHeight}});
-  // Listed right one first: its own output, then a monitor on no output at x = 0.
-  ASSERT_TRUE(m_server->SetMonitor(0, "right", 160, 240, 160, 0, "screen"));
-  ASSERT_TRUE(m_server->SetMonitor(0, "left", 160, 240, 0, 0));
-  X11ScreenCapturer kylin(90);
-  OsPlatformSetIdentity(nullptr, nullptr);
-  X11ScreenCapturer ordinary(90);
-  ASSERT_EQ(kylin.Init(), 0u);
-  ASSERT_EQ(ordinary.Init(), 0u);
-  EXPECT_EQ(std::pair(kylin.GetGrabX(), kylin.GetMonitorIdx()), std::pair(0, 1u));
-  EXPECT_EQ(std::pair(ordinary.GetGrabX(), ordinary.GetMonitorIdx()), std::pair(160, 0u));
-}
-
 // ---- cursor drawing -----------------------------------------------------------------
 
 constexpr uint32_t kCursorSide = 16;
@@ -297,8 +282,22 @@ TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabsAndTheMonitorIsFollo
   EXPECT_EQ(whole.Last(), OracleI420(m_server->GetPixels(0, 100, 0, 160, 240), 160, 240, 80, 120));
 }
 
-TEST_F(ScreenCapturerTest, AnUnknownLayoutIsReportedAndNothingIsSent) {
+// Kylin prefers the leftmost of a pair of monitors not at the origin. A layout other than
+// 32-bit pixels is reported and nothing is sent.
+TEST_F(ScreenCapturerTest, KylinPrefersTheLeftmostOfAPairAnUnknownLayoutSendsNothing) {
+  OsPlatformSetIdentity("Soren 7A", "Kylin");
   StartServer({{kWidth, kHeight, 16}});
+  // Listed right one first: its own output, then a monitor on no output at x = 0.
+  ASSERT_TRUE(m_server->SetMonitor(0, "right", 160, 240, 160, 0, "screen"));
+  ASSERT_TRUE(m_server->SetMonitor(0, "left", 160, 240, 0, 0));
+  X11ScreenCapturer kylin(90);
+  OsPlatformSetIdentity(nullptr, nullptr);
+  X11ScreenCapturer ordinary(90);
+  ASSERT_EQ(kylin.Init(), 0u);
+  ASSERT_EQ(ordinary.Init(), 0u);
+  EXPECT_EQ(std::pair(kylin.GetGrabX(), kylin.GetMonitorIdx()), std::pair(0, 1u));
+  EXPECT_EQ(std::pair(ordinary.GetGrabX(), ordinary.GetMonitorIdx()), std::pair(160, 0u));
+
   m_server->SetRootCursor(0, kCursorSide, kCursorSide, kHot, kHot, CursorPixels());
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 0, 0, /*hideCursor=*/false);
@@ -358,12 +357,87 @@ TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
   }
 }
 
-// ---- output buffers -----------------------------------------------------------------
+// ---- bad input, failures and output buffers ------------------------------------------
 
-TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedLateAbsurdSizesRefused) {
+TEST_F(ScreenCapturerTest, BadInputNoDisplayNoSharedMemoryAndReplacedBuffers) {
   StartServer({{kWidth, kHeight}});
+  X11ScreenCapturer bare(90);
+  EXPECT_EQ(bare.SetCaptureParams(Params(0, 240, 30)), 1u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(320, 0, 30)), 1u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(320, 240, 0)), 1u);
+  EXPECT_EQ(m_logs.CountModule("Invalid param for screen capture!", 1), 3u);
+  EXPECT_EQ(bare.SetCaptureParams(Params(1, 1, 1)), 0u);
+  EXPECT_EQ(bare.SetSendFrameCallback(nullptr), 1u);
+  EXPECT_TRUE(m_logs.HasModule("SetSendFrameCallback failed, cb is nullptr!", 1));
+  VlinkCursorParams noCallback = Cursor(false);
+  noCallback.cursorCallback = nullptr;
+  EXPECT_EQ(bare.SetCaptureCursorParams(noCallback), 1u);
+  EXPECT_TRUE(m_logs.HasModule("Capturer[90] SetCaptureCursorParams failed!", 1));
+  EXPECT_EQ(bare.StopCapture(), 0u);
+  EXPECT_TRUE(m_logs.HasModule("Capture has stopped", 2));
+
+  // No display: Init fails, and a loop started anyway keeps its rhythm.
+  FrameSink blind;
+  auto noDisplay = MakeCapturer(blind);
+  m_displaySystem->failInitThreads = true;
+  EXPECT_EQ(noDisplay->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("XInitThreads failed", 1));
+  m_displaySystem->failInitThreads = false;
+  m_displaySystem->refuseOpen = true;
+  EXPECT_EQ(noDisplay->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
   FakeClock clock(FakeClock::kStepping);
   ScopedSeamOverride<Clock> clockSeam(clock);
+  const uint64_t start = clock.NowUs();
+  ASSERT_EQ(noDisplay->StartCapture(), 0u);
+  EXPECT_EQ(noDisplay->StartCapture(), 0u);
+  EXPECT_TRUE(m_logs.HasModule("Capture has started", 2));
+  // 201 refused frames, 50 ms apart, three lines.
+  ASSERT_TRUE(WaitUntilTrue([&] { return clock.NowUs() - start >= 200 * 50000; }));
+  noDisplay->StopCapture();
+  const size_t lines = m_logs.CountModule("Capturer[90] ScreenCaptureProcess failed!", 1);
+  EXPECT_GE(lines, 3u);
+  EXPECT_LE(lines, (clock.NowUs() - start) / 50000 / 100 + 1);
+  EXPECT_EQ(blind.Count(), 0);
+  m_displaySystem->refuseOpen = false;
+
+  // Shared memory: a segment is marked for removal as soon as the server holds it (a crashed
+  // host leaves none behind), is let go at every stop and destruction, and is removed once;
+  // one got before a failing attach is given back.
+  FakeSharedMemory memory;
+  ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
+  const size_t before = CountOwnShmSegments();
+  const int own = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+  EXPECT_EQ(CountOwnShmSegments(), before + 1);  // the counter itself sees one of ours
+  shmctl(own, IPC_RMID, nullptr);
+  memory.getError = ENOSPC;
+  EXPECT_EQ(noDisplay->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("shmget failed, errono = 28, No space left on device", 1));
+  EXPECT_TRUE(m_logs.HasModule("InitShmImages failed!", 1));
+  memory.getError = 0;
+  memory.attachError = EACCES;
+  EXPECT_EQ(noDisplay->Init(), 1u);
+  EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+  memory.attachError = 0;
+  for (int run = 1; run <= 2; ++run) {
+    ASSERT_EQ(noDisplay->StartCapture(), 0u);
+    EXPECT_EQ(CountOwnShmSegments(), before);
+    EXPECT_EQ(memory.removes.load(), memory.gets.load());
+    ASSERT_TRUE(blind.WaitFrames(run));
+    if (run == 1) {
+      noDisplay->StopCapture();
+      EXPECT_EQ(memory.detaches.load(), memory.attaches.load());
+    }
+  }
+  noDisplay.reset();
+  EXPECT_EQ(CountOwnShmSegments(), before);
+  EXPECT_EQ(memory.detaches.load(), memory.attaches.load());
+  EXPECT_EQ(memory.removes.load(), memory.gets.load());
+  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
+
+  // Replaced output buffers are freed late; absurd sizes and a refusing sink keep them in force.
   FrameSink sink;
   auto capturer = MakeCapturer(sink, 0, 160, 120);
   constexpr int kChangeAt = 3;
@@ -430,87 +504,6 @@ TEST_F(ScreenCapturerTest, ReplacedBuffersAreFreedLateAbsurdSizesRefused) {
   }
   EXPECT_TRUE(m_logs.HasModule("SendFrame to Encoder failed!", 1));
   EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
-}
-
-// ---- bad input and failures ---------------------------------------------------------
-
-TEST_F(ScreenCapturerTest, BadParametersNoDisplayAndNoSharedMemoryAreRefused) {
-  StartServer({{kWidth, kHeight}});
-  X11ScreenCapturer bare(90);
-  EXPECT_EQ(bare.SetCaptureParams(Params(0, 240, 30)), 1u);
-  EXPECT_EQ(bare.SetCaptureParams(Params(320, 0, 30)), 1u);
-  EXPECT_EQ(bare.SetCaptureParams(Params(320, 240, 0)), 1u);
-  EXPECT_EQ(m_logs.CountModule("Invalid param for screen capture!", 1), 3u);
-  EXPECT_EQ(bare.SetCaptureParams(Params(1, 1, 1)), 0u);
-  EXPECT_EQ(bare.SetSendFrameCallback(nullptr), 1u);
-  EXPECT_TRUE(m_logs.HasModule("SetSendFrameCallback failed, cb is nullptr!", 1));
-  VlinkCursorParams noCallback = Cursor(false);
-  noCallback.cursorCallback = nullptr;
-  EXPECT_EQ(bare.SetCaptureCursorParams(noCallback), 1u);
-  EXPECT_TRUE(m_logs.HasModule("Capturer[90] SetCaptureCursorParams failed!", 1));
-  EXPECT_EQ(bare.StopCapture(), 0u);
-  EXPECT_TRUE(m_logs.HasModule("Capture has stopped", 2));
-
-  // No display: Init fails, and a loop started anyway keeps its rhythm.
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  m_displaySystem->failInitThreads = true;
-  EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_TRUE(m_logs.HasModule("XInitThreads failed", 1));
-  m_displaySystem->failInitThreads = false;
-  m_displaySystem->refuseOpen = true;
-  EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_TRUE(m_logs.HasModule("XOpenDisplay failed!", 1));
-  FakeClock clock(FakeClock::kStepping);
-  ScopedSeamOverride<Clock> clockSeam(clock);
-  const uint64_t start = clock.NowUs();
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  EXPECT_EQ(capturer->StartCapture(), 0u);
-  EXPECT_TRUE(m_logs.HasModule("Capture has started", 2));
-  // 201 refused frames, 50 ms apart, three lines.
-  ASSERT_TRUE(WaitUntilTrue([&] { return clock.NowUs() - start >= 200 * 50000; }));
-  capturer->StopCapture();
-  const size_t lines = m_logs.CountModule("Capturer[90] ScreenCaptureProcess failed!", 1);
-  EXPECT_GE(lines, 3u);
-  EXPECT_LE(lines, (clock.NowUs() - start) / 50000 / 100 + 1);
-  EXPECT_EQ(sink.Count(), 0);
-  m_displaySystem->refuseOpen = false;
-
-  // Shared memory: a segment is marked for removal as soon as the server holds it (a crashed
-  // host leaves none behind), is let go at every stop and destruction, and is removed once;
-  // one got before a failing attach is given back.
-  FakeSharedMemory memory;
-  ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
-  const size_t before = CountOwnShmSegments();
-  const int own = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-  EXPECT_EQ(CountOwnShmSegments(), before + 1);  // the counter itself sees one of ours
-  shmctl(own, IPC_RMID, nullptr);
-  memory.getError = ENOSPC;
-  EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_TRUE(m_logs.HasModule("shmget failed, errono = 28, No space left on device", 1));
-  EXPECT_TRUE(m_logs.HasModule("InitShmImages failed!", 1));
-  memory.getError = 0;
-  memory.attachError = EACCES;
-  EXPECT_EQ(capturer->Init(), 1u);
-  EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
-  EXPECT_EQ(CountOwnShmSegments(), before);
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-  memory.attachError = 0;
-  for (int run = 1; run <= 2; ++run) {
-    ASSERT_EQ(capturer->StartCapture(), 0u);
-    EXPECT_EQ(CountOwnShmSegments(), before);
-    EXPECT_EQ(memory.removes.load(), memory.gets.load());
-    ASSERT_TRUE(sink.WaitFrames(run));
-    if (run == 1) {
-      capturer->StopCapture();
-      EXPECT_EQ(memory.detaches.load(), memory.attaches.load());
-    }
-  }
-  capturer.reset();
-  EXPECT_EQ(CountOwnShmSegments(), before);
-  EXPECT_EQ(memory.detaches.load(), memory.attaches.load());
-  EXPECT_EQ(memory.removes.load(), memory.gets.load());
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
 }
 
 std::ptrdiff_t CountOwnDescriptors() {
