@@ -43,15 +43,6 @@ std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t widt
   return scaled;
 }
 
-std::vector<uint32_t> Crop(const std::vector<uint32_t>& pixels, uint32_t stride, uint32_t x,
-                           uint32_t y, uint32_t width, uint32_t height) {
-  std::vector<uint32_t> out(size_t(width) * height);
-  libyuv::ARGBCopy(reinterpret_cast<const uint8_t*>(&pixels[size_t(y) * stride + x]),
-                   static_cast<int>(stride * 4), reinterpret_cast<uint8_t*>(out.data()),
-                   static_cast<int>(width * 4), static_cast<int>(width), static_cast<int>(height));
-  return out;
-}
-
 int FrameSink::OnFrame(OsvGraphicBuffer* frame) {
   int index = 0;
   {

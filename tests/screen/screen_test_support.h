@@ -28,9 +28,6 @@ std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame);
 // libyuv's I420 of 0xAARRGGBB pixels, optionally box-scaled to outWidth x outHeight.
 std::vector<uint8_t> OracleI420(const std::vector<uint32_t>& argb, uint32_t width, uint32_t height,
                                 uint32_t outWidth, uint32_t outHeight);
-// The columns [x, x + width) and rows [y, y + height) of a picture `stride` pixels wide.
-std::vector<uint32_t> Crop(const std::vector<uint32_t>& pixels, uint32_t stride, uint32_t x,
-                           uint32_t y, uint32_t width, uint32_t height);
 
 // Collects what the capturer hands out, and runs a hook on the capture thread for every frame.
 class FrameSink {

@@ -82,8 +82,16 @@ class SnapshotTest : public ScreenTest {
   }
 };
 
-TEST_F(SnapshotTest, AStoppedScreenIsCapturedIntoTheQueueAndNothingStaysOnAnyPath) {
-  StartServer({{320, 240}});
+TEST_F(SnapshotTest, StoppedRunningAndPortraitScreensAreCapturedIntoTheQueueNothingStays) {
+  StartServer({{320, 240}, {270, 480}});  // port 1: a portrait monitor
+  // Only UOS on Soren 7A gives opaque pixels (of a blank screen).
+  for (const auto& [cpu, opaque] : {std::pair{"Soren 7A", true}, std::pair{"Soren 8C", false}}) {
+    OsPlatformSetIdentity(cpu, "UOS");
+    X11ScreenCapturer other(90);
+    ASSERT_EQ(other.CapturePictureImp(Request(32, 24)), 0u);
+    EXPECT_EQ(Take().opaque, opaque ? 32u * 24u : 0u) << cpu;
+  }
+  OsPlatformSetIdentity(nullptr, nullptr);
   m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 17));
   const auto screen = m_server->GetPixels(0, 0, 0, 320, 240);  // no alpha, as the capturer reads
   const size_t segments = CountOwnShmSegments();
@@ -101,6 +109,48 @@ TEST_F(SnapshotTest, AStoppedScreenIsCapturedIntoTheQueueAndNothingStaysOnAnyPat
     EXPECT_EQ(whole.pixels, screen);
   }
 
+  // A running capture gives its last frame without opening the display again; queue
+  // failures give the buffer back and leave the capture running.
+  FrameSink sink;
+  auto running = MakeCapturer(sink);
+  ASSERT_EQ(running->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(1));
+  const int opens = m_displaySystem->opens.load();
+  ASSERT_EQ(running->CapturePictureImp(Request(0, 0)), 0u);
+  EXPECT_EQ(Take().pixels, screen);
+  EXPECT_EQ(m_displaySystem->opens.load(), opens);
+  for (const auto& [failure, line, lines] :
+       {std::tuple{&m_queue.allocFails, "WritePicureToQueue failed", 1u},
+        std::tuple{&m_queue.nullMemory, "QueueBuffer is nullptr", 2u},
+        std::tuple{&m_queue.writeFails, "OsShmAdvancedWriteBulkQueue fail", 1u}}) {
+    *failure = true;
+    EXPECT_EQ(running->CapturePictureImp(Request(64, 48)), 1u);
+    EXPECT_EQ(m_logs.CountModule(line, 1), lines) << line;
+    *failure = false;
+  }
+  EXPECT_EQ(m_queue.frees.load(), 3);
+  EXPECT_TRUE(running->IsStarted());
+  ASSERT_TRUE(sink.WaitFrames(sink.Count() + 1));
+  running.reset();
+  EXPECT_EQ(capturer.WritePicureToQueue(nullptr, 4, Request(1, 1)), 1u);
+  EXPECT_TRUE(m_logs.HasModule("input null", 1));
+
+  // A portrait monitor keeps its aspect between bars: 270 wide is more than 180 high, region
+  // trunc(180 / 320 x 180) = 101, offset 109.
+  m_server->PutPixels(1, 0, 0, 270, 480, PatternPixels(270, 480, 23));
+  const auto portrait = m_server->GetPixels(1, 0, 0, 270, 480);
+  ASSERT_EQ(capturer.SetCaptureScreenPort(1), 0u);
+  ASSERT_EQ(capturer.CapturePictureImp(Request(320, 180)), 0u);
+  const auto region = Scaled(portrait, 270, 480, 101, 180);
+  std::vector<uint32_t> framed(320 * 180, 0);
+  for (uint32_t row = 0; row < 180; ++row) {
+    std::copy_n(region.begin() + row * 101, 101, framed.begin() + row * 320 + 109);
+  }
+  EXPECT_EQ(Take().pixels, framed);
+  // Not wider than the picture is high: the whole picture is filled.
+  ASSERT_EQ(capturer.CapturePictureImp(Request(480, 270)), 0u);
+  EXPECT_EQ(Take().pixels, Scaled(portrait, 270, 480, 480, 270));
+
   // Failures: what was made for each snapshot is gone again, as after the good ones.
   ASSERT_EQ(capturer.SetCaptureScreenPort(3), 0u);  // names no monitor
   EXPECT_EQ(capturer.CapturePictureImp(Request(64, 48)), 1u);
@@ -114,64 +164,6 @@ TEST_F(SnapshotTest, AStoppedScreenIsCapturedIntoTheQueueAndNothingStaysOnAnyPat
   EXPECT_EQ(CountOwnShmSegments(), segments);
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
   EXPECT_FALSE(capturer.IsInited());
-}
-
-TEST_F(SnapshotTest, APortraitMonitorKeepsItsAspectBetweenBarsUosOnSoren7AIsOpaque) {
-  StartServer({{270, 480}});
-  for (const auto& [cpu, opaque] : {std::pair{"Soren 7A", true}, std::pair{"Soren 8C", false}}) {
-    OsPlatformSetIdentity(cpu, "UOS");
-    X11ScreenCapturer capturer(90);
-    ASSERT_EQ(capturer.CapturePictureImp(Request(32, 24)), 0u);
-    EXPECT_EQ(Take().opaque, opaque ? 32u * 24u : 0u) << cpu;
-  }
-  OsPlatformSetIdentity(nullptr, nullptr);
-  m_server->PutPixels(0, 0, 0, 270, 480, PatternPixels(270, 480, 23));
-  const auto screen = m_server->GetPixels(0, 0, 0, 270, 480);
-  X11ScreenCapturer capturer(90);
-  // 270 wide is more than 180 high: region trunc(180 / 320 x 180) = 101, offset 109.
-  ASSERT_EQ(capturer.CapturePictureImp(Request(320, 180)), 0u);
-  const auto region = Scaled(screen, 270, 480, 101, 180);
-  std::vector<uint32_t> framed(320 * 180, 0);
-  for (uint32_t row = 0; row < 180; ++row) {
-    std::copy_n(region.begin() + row * 101, 101, framed.begin() + row * 320 + 109);
-  }
-  EXPECT_EQ(Take().pixels, framed);
-  // Not wider than the picture is high: the whole picture is filled.
-  ASSERT_EQ(capturer.CapturePictureImp(Request(480, 270)), 0u);
-  EXPECT_EQ(Take().pixels, Scaled(screen, 270, 480, 480, 270));
-}
-
-// A running capture gives its last frame without opening the display again; queue
-// failures give the buffer back and leave the capture running.
-TEST_F(SnapshotTest, ARunningCaptureGivesItsLastFrameAndSurvivesQueueFailures) {
-  StartServer({{320, 240}});
-  m_server->PutPixels(0, 0, 0, 320, 240, PatternPixels(320, 240, 29));
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(1));
-  const int opens = m_displaySystem->opens.load();
-  ASSERT_EQ(capturer->CapturePictureImp(Request(0, 0)), 0u);
-  EXPECT_EQ(Take().pixels, m_server->GetPixels(0, 0, 0, 320, 240));
-  EXPECT_EQ(m_displaySystem->opens.load(), opens);
-  m_queue.allocFails = true;
-  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
-  EXPECT_TRUE(m_logs.HasModule("WritePicureToQueue failed", 1));
-  m_queue.allocFails = false;
-  m_queue.nullMemory = true;
-  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
-  EXPECT_EQ(m_logs.CountModule("QueueBuffer is nullptr", 1), 2u);
-  m_queue.nullMemory = false;
-  m_queue.writeFails = true;
-  EXPECT_EQ(capturer->CapturePictureImp(Request(64, 48)), 1u);
-  EXPECT_TRUE(m_logs.HasModule("OsShmAdvancedWriteBulkQueue fail", 1));
-  EXPECT_EQ(m_queue.frees.load(), 3);
-  EXPECT_TRUE(capturer->IsStarted());
-  const int seen = sink.Count();
-  ASSERT_TRUE(sink.WaitFrames(seen + 1));
-  capturer->StopCapture();
-  EXPECT_EQ(capturer->WritePicureToQueue(nullptr, 4, Request(1, 1)), 1u);
-  EXPECT_TRUE(m_logs.HasModule("input null", 1));
 }
 
 }  // namespace
