@@ -31,7 +31,6 @@ class Sink {
     node->onFrame = [this](OsvGraphicBuffer* frame) {
       std::lock_guard<std::mutex> lock(m_lock);
       frames.push_back(frame);
-      imgNos.push_back(frame->GetSrcImgNo());
     };
     node->keep = [this](FrameRef frame) {
       std::lock_guard<std::mutex> lock(m_lock);
@@ -51,7 +50,6 @@ class Sink {
   // Guards the vectors while frames come; the test reads them once a sink's count showed them.
   std::mutex m_lock;
   std::vector<OsvGraphicBuffer*> frames;
-  std::vector<uint32_t> imgNos;
   std::vector<FrameRef> held;
   bool holding;
 };
@@ -144,7 +142,8 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
                       96, 64, want.data(), w, want.data() + w * h, w / 2,
                       want.data() + w * h * 5 / 4, w / 2, w, h, libyuv::kFilterBox);
     EXPECT_TRUE(std::equal(want.begin(), want.end(), sink.frames.at(0)->GetImageAddr(0)));
-    EXPECT_EQ(sink.imgNos, std::vector<uint32_t>(kFrames, kSrcImgNo));
+    EXPECT_EQ(sink.frames.size(), kFrames);
+    EXPECT_EQ(sink.frames.back()->GetSrcImgNo(), kSrcImgNo);
   }
   for (size_t i = 0; i < kFrames; ++i) {
     EXPECT_EQ(sinks[0]->frames.at(i), source);
@@ -162,49 +161,44 @@ bool FirstRun() {
   return ran.insert(::testing::UnitTest::GetInstance()->current_test_info()->name()).second;
 }
 
-TEST_F(ImageProcessNodeTest, UnsupportedStepsSkipOnlyTheirBranch) {
+// An ARGB source cannot be scaled as ARGB, an I420 one cannot become ARGB, and a branch whose
+// ten buffers are all held is refused until one comes back: each skips only its branch.
+TEST_F(ImageProcessNodeTest, UnsupportedStepsAndFullPoolsSkipOnlyTheirBranch) {
   const bool first = FirstRun();
   Sink pass(1, false);
   Sink argbSame(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   Sink argbSmall(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  for (Sink* sink : {&pass, &argbSame, &argbSmall}) {
+  Sink slow(4, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);  // the conversion's own buffers
+  for (Sink* sink : {&pass, &argbSame, &argbSmall, &slow}) {
     Insert(*sink);
   }
   OsvGraphicBuffer* argb = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  Push(argb, {&pass, &argbSame});
+  for (size_t i = 0; i < ImageProcessNode::kMaxBuffersPerTask; ++i) {
+    Push(argb, {&pass, &argbSame, &slow});
+  }
   EXPECT_EQ(argbSame.frames.at(0), argb);
   EXPECT_TRUE(!first || m_logs.HasModule("[IMG_20001] not support format[12]!"));
+  Push(argb, {&pass, &argbSame});  // the eleventh: refused for the held branch only
+  EXPECT_TRUE(!first || m_logs.HasModule("[IMG_20001] buffer too many!"));
+  EXPECT_EQ(slow.node->handled.Get(), 10);
   EXPECT_EQ(argbSmall.node->handled.Get(), 0);
+  // Plus the one the ARGB scaling takes before it gives up.
+  const size_t pooled = ImageProcessNode::kMaxBuffersPerTask + 1;
+  EXPECT_EQ(m_node->GetPoolBufferCount(), pooled);
+  slow.ReleaseHeld();
+  Push(argb, {&pass, &slow});
+  EXPECT_EQ(m_node->GetPoolBufferCount(), pooled);
+  slow.holding = false;
+  slow.ReleaseHeld();
 
-  // An I420 source cannot become ARGB; the pass-through sink still gets it.
-  OsvGraphicBuffer* i420 = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_I420);
-  Push(i420, {&pass});
+  Push(Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_I420), {&pass, &slow});
   EXPECT_TRUE(!first || m_logs.HasModule("[IMG_20001] not support format[0]->format[12]!"));
 }
 
-TEST_F(ImageProcessNodeTest, TenHeldBuffersRefuseTheBranchUntilOneComesBack) {
-  const bool first = FirstRun();
-  Sink pass(1, false);
-  Sink slow(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);  // the conversion's own buffers
-  Insert(pass);
-  Insert(slow);
-  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  for (size_t i = 0; i < ImageProcessNode::kMaxBuffersPerTask; ++i) {
-    Push(source, {&pass, &slow});
-  }
-  Push(source, {&pass});  // the eleventh: refused for the held branch only
-  EXPECT_TRUE(!first || m_logs.HasModule("[IMG_20001] buffer too many!"));
-  EXPECT_EQ(slow.node->handled.Get(), 10);
-  EXPECT_EQ(m_node->GetPoolBufferCount(), ImageProcessNode::kMaxBuffersPerTask);
-  slow.ReleaseHeld();
-  Push(source, {&pass, &slow});
-  EXPECT_EQ(m_node->GetPoolBufferCount(), ImageProcessNode::kMaxBuffersPerTask);
-  slow.holding = false;
-  slow.ReleaseHeld();
-}
-
-TEST_F(ImageProcessNodeTest, RemovingTheLastSinkDropsItsTasksAndParksHeldBuffers) {
-  // Both hold the frame when the tasks go.
+// A sink moved to a new size leaves the old one to the other sink; the last sink of a size
+// goes while both hold its buffers (unbound without being stopped): they stay valid for their
+// holders (the address checker sees any use after a free) until the last one lets go.
+TEST_F(ImageProcessNodeTest, ResettingAndRemovingSinksParksHeldBuffers) {
   Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
   Sink b(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
   Sink stranger(4, false);
@@ -215,34 +209,24 @@ TEST_F(ImageProcessNodeTest, RemovingTheLastSinkDropsItsTasksAndParksHeldBuffers
   EXPECT_EQ(m_node->RemoveImageProcess(stranger.node, true), 1U);
   EXPECT_TRUE(m_logs.HasModule("[IMG_20001] can't find task!"));
 
+  VideoNodeRequirement requirement{1, 16, 12, TAVO_VIDEO_VLINK_FORMAT_I420};
+  b.node->SetRequirement(requirement);
+  ASSERT_EQ(m_node->ResetImageProcess(b.node), 0U);
+  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] ResetImageProcess TEST_3"));
+  EXPECT_EQ(m_node->GetSizeTaskCount(), 2U);  // a still uses the old size
+  b.holding = false;
+  Push(source, {&a, &b});
+  EXPECT_EQ(b.frames.at(1)->GetImageInfo().width, 16U);
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 0U);
+
   ASSERT_EQ(m_node->DisconnectFromNode(b.node, true), 0U);
-  EXPECT_EQ(m_node->GetSizeTaskCount(), 1U);  // a still uses it
-  // The last sink goes while it holds a scaled buffer (unbound without being stopped).
   ASSERT_EQ(m_node->DisconnectFromNode(a.node, true), 0U);
   EXPECT_EQ(m_node->GetSizeTaskCount(), 0U);
   EXPECT_EQ(m_node->GetFormatTaskCount(), 0U);
-  EXPECT_EQ(m_node->GetReleaseBufferCount(), 1U);
-  // Still valid for its holder (the address checker sees any use after a free).
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 2U);
   EXPECT_EQ(a.held.at(0)->GetImageInfo().width, 32U);
   b.ReleaseHeld();
-  EXPECT_EQ(m_node->GetReleaseBufferCount(), 1U);
-  a.ReleaseHeld();
-  EXPECT_EQ(m_node->GetReleaseBufferCount(), 0U);
-}
-
-TEST_F(ImageProcessNodeTest, ResetMovesASinkToItsNewRequirement) {
-  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
-  Insert(a);
-  OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  Push(source, {&a});
-  VideoNodeRequirement requirement{1, 16, 12, TAVO_VIDEO_VLINK_FORMAT_I420};
-  a.node->SetRequirement(requirement);
-  ASSERT_EQ(m_node->ResetImageProcess(a.node), 0U);
-  EXPECT_TRUE(m_logs.HasModule("[IMG_20001] ResetImageProcess TEST_2"));
-  EXPECT_EQ(m_node->GetReleaseBufferCount(), 1U);  // its old scaled buffer is still out
-  a.holding = false;
-  Push(source, {&a});
-  EXPECT_EQ(a.frames.at(1)->GetImageInfo().width, 16U);
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 2U);
   a.ReleaseHeld();
   EXPECT_EQ(m_node->GetReleaseBufferCount(), 0U);
 }
@@ -256,7 +240,6 @@ TEST(ScreenBuilderProcessNodeTest, PlacesAndRemovesAConversionNode) {
   VideoVlinkNode::CreateNodeByUnique<CountingNode>(kSinkId);
   auto input = VideoVlinkNode::GetNodeByUnique<CountingNode>(kInput);
   auto sink = VideoVlinkNode::GetNodeByUnique<CountingNode>(kSinkId);
-  ASSERT_TRUE(input && sink);
   VlinkScreenBuilder builder(kInput, OS_E_MPP_DEV_VI);
   ASSERT_EQ(builder.CreateProcessNode(32, 24, input, sink), 0U);
   const uint32_t processId = builder.GetProcessNodeId();
@@ -265,9 +248,8 @@ TEST(ScreenBuilderProcessNodeTest, PlacesAndRemovesAConversionNode) {
   ASSERT_TRUE(process);
   EXPECT_TRUE(process->IsStarted());
   EXPECT_EQ(process->GetSizeTaskCount(), 1U);
-  VideoNodeRequirement requirement{};
+  VideoNodeRequirement requirement{};  // a size task exists: it asks for processing
   sink->GetRequirement(requirement);
-  EXPECT_EQ(requirement.needProcess, 1);
   EXPECT_EQ(requirement.width, 32U);
   EXPECT_EQ(VlinkBuilder::GetNodeString(input), "TEST_93->(IMG_" + std::to_string(processId) +
                                                     ") IMG_" + std::to_string(processId) +
