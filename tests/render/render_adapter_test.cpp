@@ -199,8 +199,7 @@ TEST_F(RenderAdapterTest, HostFailuresAndFramesTheHostNeverGets) {
   OsvGraphicBuffer empty(nullptr);  // no memory, no size
   Manager yuv = Create(nullptr);
   EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), frame.get()), 1U);
-  PelvRenderParams params = Channel().params;
-  EXPECT_EQ(TavoVideoRenderSetParams(yuv.get(), params), 0U);
+  EXPECT_EQ(TavoVideoRenderSetParams(yuv.get(), param.params), 0U);
   EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), &empty), 1U);
   EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), nullptr), 1U);
   UseProcessor("Soren");
@@ -224,9 +223,8 @@ TEST_F(RenderAdapterTest, HostFailuresAndFramesTheHostNeverGets) {
   OsvGraphicBuffer noChroma(nullptr);
   noChroma.SetImageInfo({16, 16, {16, 8, 8}, 384, TAVO_VIDEO_VLINK_FORMAT_I420, 0, 0});
   ASSERT_EQ(noChroma.SetImageAddr(memory.data(), nullptr, nullptr), 0);
-  auto good = MakeFrame(16, 16, 12);
   Bytes target(16 * 16 * 3, 0xAB);
-  EXPECT_NE(ChangeI420ToRGB(good.get(), target.data(), 16, 8), 0);
+  EXPECT_NE(ChangeI420ToRGB(frame.get(), target.data(), 16, 8), 0);
   EXPECT_NE(ChangeI420ToRGB(&noChroma, target.data(), 16, 16), 0);
   EXPECT_NE(ChangeI420ToRGB(&shortMemory, target.data(), 16, 16), 0);
   EXPECT_EQ(target, Bytes(target.size(), 0xAB));
