@@ -4,7 +4,6 @@
 #include <libyuv.h>
 
 #include <algorithm>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -49,6 +48,7 @@ class Sink {
   std::vector<OsvGraphicBuffer*> frames;
   std::vector<FrameRef> held;
   bool holding;
+  int pushed = 0;  // frames waited for: each Push names every sink its frame reaches
 };
 
 class ImageProcessNodeTest : public ::testing::Test {
@@ -75,14 +75,10 @@ class ImageProcessNodeTest : public ::testing::Test {
   }
   // Hands one frame to the node as the pool would, and waits until each sink got it.
   void Push(OsvGraphicBuffer* source, std::initializer_list<Sink*> sinks) {
-    std::map<Sink*, int> before;
-    for (Sink* sink : sinks) {
-      before[sink] = sink->node->handled.Get();
-    }
     FrameRef frame = FrameRef::Share(source);
     EXPECT_EQ(m_node->HandleBuffer(frame), 0U);
     for (Sink* sink : sinks) {
-      ASSERT_TRUE(sink->node->handled.WaitFor(before[sink] + 1));
+      ASSERT_TRUE(sink->node->handled.WaitFor(++sink->pushed));
     }
   }
   void Insert(Sink& sink) { ASSERT_EQ(m_node->ConnectToNode(sink.node), 0U); }
