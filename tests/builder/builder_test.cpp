@@ -20,9 +20,12 @@ class PlainBuilder : public VlinkBuilder {
   }
 };
 
+// Of the test-input type, so that the factory makes builders for them.
 class NamedNode : public CountingNode {
  public:
-  explicit NamedNode(uint32_t id) : CountingNode(id) { m_nodeName = "N" + std::to_string(id); }
+  explicit NamedNode(uint32_t id) : CountingNode(id, OS_E_MPP_DEV_TEST) {
+    m_nodeName = "N" + std::to_string(id);
+  }
 };
 
 NodePtr Register(uint32_t id, bool processing = false) {
@@ -101,22 +104,14 @@ TEST(BuilderTest, BindFailingAfterTheForwardLinkLeavesItInPlace) {
   VideoVlinkNode::DeleteNodeByUnique(23);
 }
 
-// An input the factory makes a builder for.
-class FakeInput : public CountingNode {
- public:
-  explicit FakeInput(uint32_t id) : CountingNode(id, OS_E_MPP_DEV_TEST) {}
-};
-
 // A sink that notes, when it starts, whether it already knows its started input.
 class StartProbe : public CountingNode {
  public:
   explicit StartProbe(uint32_t id) : CountingNode(id, OS_E_MPP_DEV_VO) {}
-  std::atomic<int> starts{0};
   std::atomic<bool> linkedToStartedInput{false};
 
  protected:
   uint32_t OnStart() override {
-    ++starts;
     const NodeList prev = GetPrevConnectListCopy();
     linkedToStartedInput = !prev.empty() && prev.front()->IsStarted();
     return 0;
@@ -125,26 +120,22 @@ class StartProbe : public CountingNode {
 
 // Builders for input types that have none, and the printed links, are the host rows' tests.
 TEST(BuilderFactoryTest, IdsTypesAndASinkLinkedToItsStartedInputBeforeItStarts) {
-  // Ids are never reused in a process: the first is 10001 only on the first run.
-  static bool s_firstRun = true;
-  const uint32_t id = VlinkBuilder::GenNodeId();
-  if (s_firstRun) {
-    EXPECT_EQ(id, 10001U);
-  }
-  s_firstRun = false;
-  EXPECT_EQ(VlinkBuilder::GenNodeId(), id + 1);
+  // Ids are never reused in a process, and no other test here takes one.
+  static uint32_t s_next = 10001;
+  EXPECT_EQ(VlinkBuilder::GenNodeId(), s_next);
+  EXPECT_EQ(VlinkBuilder::GenNodeId(), s_next + 1);
+  s_next += 2;
   EXPECT_EQ(VlinkBuilder::GetNodeType(424242), 17U);
   LogCapture logs;
   EXPECT_EQ(VlinkBuilderFactory::GetInstance().GetBuilder(999), nullptr);
   EXPECT_TRUE(logs.HasModule("vi node is nullptr", 1));
 
-  ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<FakeInput>(5101));
+  Register(5101);
   ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<StartProbe>(5102));
   std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(5101);
   ASSERT_TRUE(builder);
   ASSERT_EQ(builder->BindVo(5102), 0U);
   auto sink = VideoVlinkNode::GetNodeByUnique<StartProbe>(5102);
-  EXPECT_EQ(sink->starts, 1);
   EXPECT_TRUE(sink->linkedToStartedInput) << "the sink was started before it was linked";
   EXPECT_EQ(builder->UnBindVo(5102), 0U);
   sink.reset();

@@ -17,7 +17,7 @@ struct HostSide {
   std::mutex lock;
   std::vector<VencOutFrame> copies;  // what each record held when it arrived
   std::vector<VencOutFrame*> records;
-  uint32_t accept = 1;  // guarded by lock while frames flow
+  uint32_t accept = 1;  // changed only while no frame is on its way to the host
   int creates = 0;
   CountLatch offered;
 };
@@ -78,7 +78,6 @@ TEST_F(VencNodeTest, ParametersStartsErrorsAndDeletion) {
   LogCapture logs;
   ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<VirtualEncoderNode>(6));
   auto node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(6);
-  EXPECT_EQ(node->GetNodeName(), "ENC_6");
   EXPECT_EQ(node->SetParam(ValidInfo(225)), 0U);
   EXPECT_EQ(node->SetParam(ValidInfo(226)), 1U);
   EXPECT_TRUE(logs.HasModule("[ENC_6] invalid imgNo[226]!", 1));
@@ -136,10 +135,7 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
   OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
   frame.SetReleaseTarget(source);
   auto offer = [&](uint32_t accept, int offered) {
-    {
-      std::lock_guard<std::mutex> lock(m_host.lock);
-      m_host.accept = accept;
-    }
+    m_host.accept = accept;
     source->SendBuffer(&frame);
     ASSERT_TRUE(m_host.offered.WaitFor(offered));
   };
@@ -156,7 +152,6 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
   EXPECT_GE(m_host.copies[1].timestampUs, first.timestampUs);
   // The host still holds the accepted frame.
   EXPECT_EQ(frame.GetRefCount(), 1U);
-  EXPECT_EQ(source->released.Get(), 0);
   encoder->ReleaseBuffer(m_host.records[0]->buffer);  // back to its producer
   ASSERT_TRUE(source->released.WaitFor(1));
   source->DealTaskHandler(true);
