@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_nodes.h"
@@ -18,9 +20,12 @@ class PlainBuilder : public VlinkBuilder {
   }
 };
 
+// Of the test-input type, so that the factory makes builders for them.
 class NamedNode : public CountingNode {
  public:
-  explicit NamedNode(uint32_t id) : CountingNode(id) { m_nodeName = "N" + std::to_string(id); }
+  explicit NamedNode(uint32_t id) : CountingNode(id, OS_E_MPP_DEV_TEST) {
+    m_nodeName = "N" + std::to_string(id);
+  }
 };
 
 NodePtr Register(uint32_t id, bool processing = false) {
@@ -30,18 +35,6 @@ NodePtr Register(uint32_t id, bool processing = false) {
   }
   node->StartProcess();
   return node;
-}
-
-TEST(BuilderTest, GeneratedIdsStartAt10001) {
-  // Ids are never reused in a process: the first is 10001 only on the first run.
-  static bool s_firstRun = true;
-  const uint32_t id = VlinkBuilder::GenNodeId();
-  if (s_firstRun) {
-    EXPECT_EQ(id, 10001U);
-  }
-  s_firstRun = false;
-  EXPECT_EQ(VlinkBuilder::GenNodeId(), id + 1);
-  EXPECT_EQ(VlinkBuilder::GetNodeType(424242), 17U);
 }
 
 // input 1 -> processing 10 -> processing 11 -> {output 20, output 21}
@@ -103,8 +96,7 @@ TEST(BuilderTest, BindFailingAfterTheForwardLinkLeavesItInPlace) {
   OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
   frame.SetReleaseTarget(input);
   EXPECT_EQ(input->SendBuffer(&frame), 0U);
-  auto* counting = static_cast<CountingNode*>(sink.get());
-  EXPECT_EQ(counting->handled.Get(), 0);
+  EXPECT_EQ(static_cast<CountingNode*>(sink.get())->handled.Get(), 0);
   EXPECT_TRUE(static_cast<CountingNode*>(input.get())->released.WaitFor(1));
   input->DealTaskHandler(true);
   input->DisconnectFromNode(sink, true);
@@ -112,11 +104,45 @@ TEST(BuilderTest, BindFailingAfterTheForwardLinkLeavesItInPlace) {
   VideoVlinkNode::DeleteNodeByUnique(23);
 }
 
+// A sink that notes, when it starts, whether it already knows its started input.
+class StartProbe : public CountingNode {
+ public:
+  explicit StartProbe(uint32_t id) : CountingNode(id, OS_E_MPP_DEV_VO) {}
+  std::atomic<bool> linkedToStartedInput{false};
+
+ protected:
+  uint32_t OnStart() override {
+    const NodeList prev = GetPrevConnectListCopy();
+    linkedToStartedInput = !prev.empty() && prev.front()->IsStarted();
+    return 0;
+  }
+};
+
 // Builders for input types that have none, and the printed links, are the host rows' tests.
-TEST(BuilderFactoryTest, NoBuilderForAMissingNode) {
+TEST(BuilderFactoryTest, IdsTypesAndASinkLinkedToItsStartedInputBeforeItStarts) {
+  // Ids are never reused in a process: the first is 10001 only on the first run.
+  static bool s_firstRun = true;
+  const uint32_t id = VlinkBuilder::GenNodeId();
+  EXPECT_TRUE(!s_firstRun || id == 10001U) << id;
+  s_firstRun = false;
+  EXPECT_EQ(VlinkBuilder::GenNodeId(), id + 1);
+  EXPECT_EQ(VlinkBuilder::GetNodeType(424242), 17U);
   LogCapture logs;
   EXPECT_EQ(VlinkBuilderFactory::GetInstance().GetBuilder(999), nullptr);
   EXPECT_TRUE(logs.HasModule("vi node is nullptr", 1));
+
+  Register(5101);
+  ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<StartProbe>(5102));
+  std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(5101);
+  ASSERT_TRUE(builder);
+  ASSERT_EQ(builder->BindVo(5102), 0U);
+  auto sink = VideoVlinkNode::GetNodeByUnique<StartProbe>(5102);
+  EXPECT_TRUE(sink->linkedToStartedInput) << "the sink was started before it was linked";
+  EXPECT_EQ(builder->UnBindVo(5102), 0U);
+  sink.reset();
+  VideoVlinkNode::DeleteNodeByUnique(5102);
+  VideoVlinkNode::DeleteNodeByUnique(5101);
+  VlinkBuilderFactory::GetInstance().DeleteBuilder(5101);
 }
 
 }  // namespace

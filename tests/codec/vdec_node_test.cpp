@@ -2,8 +2,10 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <mutex>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "builder/tavo_video_vlink_builder_factory.h"
 #include "codec/tavo_video_vlink_vdec_node.h"
@@ -16,9 +18,11 @@ namespace {
 
 // The host's decoder: allocates records and buffers the way the library may free them.
 struct HostDecoder {
-  std::mutex lock;  // guards returned
-  std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, int> returned;
-  uint32_t answer = 1;  // what decReleaseFunc returns; 0 hands the frame to the library
+  std::mutex lock;                                  // guards kept
+  std::vector<tagOS_S_VIDEO_CODEC_IMG_INFO*> kept;  // frames the host took back
+  // What decReleaseFunc returns (0 hands the frame to the library); changed only while no
+  // frame is on its way back.
+  uint32_t answer = 1;
   CountLatch backCount;
 };
 HostDecoder* g_decoder = nullptr;
@@ -27,8 +31,10 @@ uint32_t OnDecRelease(uint32_t /*nodeId*/, tagOS_S_VIDEO_CODEC_IMG_INFO* frame) 
   uint32_t answer = 0;
   {
     std::lock_guard<std::mutex> lock(g_decoder->lock);
-    ++g_decoder->returned[frame];
     answer = g_decoder->answer;
+    if (answer != 0) {
+      g_decoder->kept.push_back(frame);
+    }
   }
   g_decoder->backCount.Add();
   return answer;
@@ -47,8 +53,7 @@ void DeleteFrame(tagOS_S_VIDEO_CODEC_IMG_INFO* frame) {
 }
 
 tagTavoVideoVDecParam DecParam(uint32_t imgNo, const char* watermark = nullptr) {
-  tagTavoVideoVDecParam param;
-  std::memset(&param, 0, sizeof(param));
+  tagTavoVideoVDecParam param{};
   param.imgNo = imgNo;
   param.decReleaseFunc = OnDecRelease;
   if (watermark != nullptr) {
@@ -58,18 +63,19 @@ tagTavoVideoVDecParam DecParam(uint32_t imgNo, const char* watermark = nullptr) 
   return param;
 }
 
+// The decoder is registered, as builders find it there.
 class VdecNodeTest : public ::testing::Test {
  protected:
   void SetUp() override {
     g_decoder = &m_host;
-    m_decoder = std::make_shared<VirtualDecoderNode>(70);
-    ASSERT_EQ(m_decoder->SetParam(DecParam(70)), 0U);
+    m_decoder = std::static_pointer_cast<VirtualDecoderNode>(
+        VideoVlinkNode::CreateNodeByUnique<VirtualDecoderNode>(70));
+    ASSERT_TRUE(m_decoder);
   }
   void TearDown() override {
-    for (auto& [frame, count] : m_host.returned) {
-      if (m_host.answer != 0) {
-        DeleteFrame(frame);
-      }
+    VideoVlinkNode::DeleteNodeByUnique(70);
+    for (tagOS_S_VIDEO_CODEC_IMG_INFO* frame : m_host.kept) {
+      DeleteFrame(frame);
     }
     g_decoder = nullptr;
   }
@@ -77,120 +83,96 @@ class VdecNodeTest : public ::testing::Test {
   std::shared_ptr<VirtualDecoderNode> m_decoder;
 };
 
+// Bad frames stay with the host (frames before the start, or null, are the host rows' test),
+// the freeze strategy reaches only the next frame, and frames the host refuses on their way
+// back are freed by the library (the leak checker proves record and buffer were freed).
 // That every frame comes back once, through any sinks or none, is the host rows' test.
-TEST_F(VdecNodeTest, FramesTheHostRefusesAreFreedByTheLibrary) {
+TEST_F(VdecNodeTest, ReceivedFramesFromCheckToReturn) {
   LogCapture logs;
-  m_host.answer = 0;
+  EXPECT_EQ(m_decoder->SetParam(DecParam(226)), 1U);
+  ASSERT_EQ(m_decoder->SetParam(DecParam(70)), 0U);
   ASSERT_EQ(m_decoder->StartProcess(), 0U);
-  for (int i = 0; i < 3; ++i) {  // the leak checker proves record and buffer were freed
-    ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, NewFrame()), 0U);
-  }
-  ASSERT_TRUE(m_host.backCount.WaitFor(3));
-  m_decoder->DealTaskHandler(true);
-  EXPECT_EQ(logs.CountModule("[DEC_70] ReleaseFrame failed! force delete buffer!", 1), 3U);
-}
-
-TEST_F(VdecNodeTest, BadFramesStayWithTheHost) {
-  LogCapture logs;
-  // Frames before the start, or null, are the host rows' test.
   tagOS_S_VIDEO_CODEC_IMG_INFO* frame = NewFrame();
-  ASSERT_EQ(m_decoder->StartProcess(), 0U);
   EXPECT_EQ(m_decoder->ReceiveVdecFrame(32, 70, frame), 1U);
   EXPECT_TRUE(logs.HasModule("invalid vdecId[32]!", 1));
-  OsvGraphicBuffer* buffer = frame->pBuffer;
-  frame->pBuffer = nullptr;
+  OsvGraphicBuffer* buffer = std::exchange(frame->pBuffer, nullptr);
   EXPECT_EQ(m_decoder->ReceiveVdecFrame(0, 70, frame), 1U);
   EXPECT_TRUE(logs.HasModule("null pBuffer!", 1));
   frame->pBuffer = buffer;
   DeleteFrame(frame);
-  // 31 and negative ids are accepted.
-  ASSERT_EQ(m_decoder->ReceiveVdecFrame(31, 70, NewFrame()), 0U);
-  ASSERT_EQ(m_decoder->ReceiveVdecFrame(-1, 70, NewFrame()), 0U);
-  ASSERT_TRUE(m_host.backCount.WaitFor(2));
-  m_decoder->DealTaskHandler(true);
 
-  tagTavoVideoVDecParam tooHigh = DecParam(226);
-  EXPECT_EQ(m_decoder->SetParam(tooHigh), 1U);
-}
-
-TEST_F(VdecNodeTest, FreezeStrategyReachesOnlyTheNextFrame) {
-  LogCapture logs;
-  ASSERT_EQ(m_decoder->StartProcess(), 0U);
   m_decoder->SetDecFreeze({});
   EXPECT_TRUE(logs.HasModule("[DEC_70] freeze strategy is empty.", 1));
   m_decoder->SetDecFreeze({7, 9});
   tagOS_S_VIDEO_CODEC_IMG_INFO* first = NewFrame();
   tagOS_S_VIDEO_CODEC_IMG_INFO* second = NewFrame();
-  ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, first), 0U);
-  ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, second), 0U);
+  ASSERT_EQ(m_decoder->ReceiveVdecFrame(31, 70, first), 0U);  // 31 and negative ids pass
+  ASSERT_EQ(m_decoder->ReceiveVdecFrame(-1, 70, second), 0U);
   ASSERT_TRUE(m_host.backCount.WaitFor(2));
   m_decoder->DealTaskHandler(true);
   EXPECT_EQ(first->defreezeStrategy, 7U);
   EXPECT_EQ(second->defreezeStrategy, 0U);
   EXPECT_TRUE(logs.HasModule("[DEC_70] Vdec revice first frame.", 3));
-}
 
-TEST_F(VdecNodeTest, WatermarkFollowsBindsAndUpdates) {
-  LogCapture logs;
-  std::shared_ptr<VirtualDecoderNode> decoder = std::static_pointer_cast<VirtualDecoderNode>(
-      VideoVlinkNode::CreateNodeByUnique<VirtualDecoderNode>(71));
-  ASSERT_TRUE(decoder);
-  ASSERT_EQ(decoder->SetParam(DecParam(71, "ROOM 4")), 0U);
-  auto first = VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(41);
-  auto second = VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(42);
-  auto camera = VideoVlinkNode::CreateNodeByUnique<VirtualCameraNode>(43);
-  std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(71);
-  ASSERT_TRUE(builder);
-  ASSERT_EQ(builder->BindVo(41), 0U);
-  ASSERT_EQ(builder->BindVo(43), 0U);  // a virtual camera gets no watermark
-  ASSERT_EQ(builder->BindVo(42), 0U);
-  std::string text;
-  EXPECT_TRUE(std::static_pointer_cast<VideoPreviewNode>(second)->GetWaterMark(71, text));
-  EXPECT_EQ(text, "ROOM 4");
-  // Each bind pushes to every preview already linked: the first one heard it three times.
-  EXPECT_EQ(logs.CountModule("[VO_41] SetWaterMarkParam imgNo:71, content:ROOM 4", 3), 3U);
-
-  decoder->UpdateParam(DecParam(71));  // watermark off
-  EXPECT_FALSE(std::static_pointer_cast<VideoPreviewNode>(first)->GetWaterMark(71, text));
-  EXPECT_FALSE(std::static_pointer_cast<VideoPreviewNode>(second)->GetWaterMark(71, text));
-
-  for (uint32_t id : {41U, 42U, 43U}) {
-    EXPECT_EQ(builder->UnBindVo(id), 0U);
-    VideoVlinkNode::DeleteNodeByUnique(id);
-  }
-  VlinkBuilderFactory::GetInstance().DeleteBuilder(71);
-  decoder->StopProcess();
-  VideoVlinkNode::DeleteNodeByUnique(71);
+  m_host.answer = 0;
+  ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, NewFrame()), 0U);
+  ASSERT_TRUE(m_host.backCount.WaitFor(3));
+  m_decoder->DealTaskHandler(true);
+  EXPECT_EQ(logs.CountModule("[DEC_70] ReleaseFrame failed! force delete buffer!", 1), 1U);
 }
 
 uint32_t g_outPort = 0;
 uint32_t OnVirtualOut(uint32_t port, void* target, uint32_t targetSize, void* source,
                       uint32_t sourceSize) {
   g_outPort = port;
-  EXPECT_EQ(target, source);
-  EXPECT_EQ(targetSize, 152U);
-  EXPECT_EQ(sourceSize, 152U);
+  EXPECT_EQ(std::tuple(target, targetSize, sourceSize), std::tuple(source, 152U, 152U));
   return 0;
 }
 
-TEST(VirtualCameraNodeTest, HandsRecordsOnlyWhenStarted) {
+// The watermark reaches previews as they are bound and when it changes; a virtual camera gets
+// none, and hands records to the host only once the bind has started it.
+TEST_F(VdecNodeTest, WatermarkFollowsBindsAndUpdatesAndTheVirtualCameraWaitsForItsStart) {
   LogCapture logs;
   g_outPort = 0;
-  VirtualCameraNode node(44);
+  ASSERT_EQ(m_decoder->SetParam(DecParam(70, "ROOM 4")), 0U);
+  auto first = VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(41);
+  auto second = VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(42);
+  auto camera = std::static_pointer_cast<VirtualCameraNode>(
+      VideoVlinkNode::CreateNodeByUnique<VirtualCameraNode>(43));
   VoDevInfo info{};
   info.voPort = 3;
   info.height = 720;
   info.virtualOutFunc = OnVirtualOut;
-  EXPECT_EQ(node.SetParam(info), 1U);
+  EXPECT_EQ(camera->SetParam(info), 1U);
   EXPECT_TRUE(logs.HasModule("invalid width [0] or height [720]!", 1));
   info.width = 1280;
-  ASSERT_EQ(node.SetParam(info), 0U);
+  ASSERT_EQ(camera->SetParam(info), 0U);
   tagOS_S_VIDEO_CODEC_IMG_INFO record{};
-  EXPECT_EQ(node.AcquireBuffer(record), 1U);
+  EXPECT_EQ(camera->AcquireBuffer(record), 1U);
   EXPECT_EQ(g_outPort, 0U);
-  node.StartProcess();
-  EXPECT_EQ(node.AcquireBuffer(record), 0U);
+
+  std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(70);
+  ASSERT_TRUE(builder);
+  for (uint32_t id : {41U, 43U, 42U}) {
+    ASSERT_EQ(builder->BindVo(id), 0U);
+  }
+  EXPECT_EQ(camera->AcquireBuffer(record), 0U);
   EXPECT_EQ(g_outPort, 3U);
+  std::string text;
+  EXPECT_TRUE(std::static_pointer_cast<VideoPreviewNode>(second)->GetWaterMark(70, text));
+  EXPECT_EQ(text, "ROOM 4");
+  // Each bind pushes to every preview already linked: the first one heard it three times.
+  EXPECT_EQ(logs.CountModule("[VO_41] SetWaterMarkParam imgNo:70, content:ROOM 4", 3), 3U);
+
+  m_decoder->UpdateParam(DecParam(70));  // watermark off
+  EXPECT_FALSE(std::static_pointer_cast<VideoPreviewNode>(first)->GetWaterMark(70, text));
+  EXPECT_FALSE(std::static_pointer_cast<VideoPreviewNode>(second)->GetWaterMark(70, text));
+
+  for (uint32_t id : {41U, 42U, 43U}) {
+    EXPECT_EQ(builder->UnBindVo(id), 0U);
+    VideoVlinkNode::DeleteNodeByUnique(id);
+  }
+  VlinkBuilderFactory::GetInstance().DeleteBuilder(70);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -16,7 +17,7 @@ struct HostSide {
   std::mutex lock;
   std::vector<VencOutFrame> copies;  // what each record held when it arrived
   std::vector<VencOutFrame*> records;
-  uint32_t accept = 1;  // guarded by lock while frames flow
+  uint32_t accept = 1;  // changed only while no frame is on its way to the host
   int creates = 0;
   CountLatch offered;
 };
@@ -28,9 +29,8 @@ uint32_t OnCreate(uint32_t, uint32_t, uint32_t) {
 }
 
 uint32_t OnFrame(uint32_t imgNo, uint32_t hostKey, uint32_t hostSubKey, VencOutFrame* frame) {
-  EXPECT_EQ(imgNo, frame->imgNo);
-  EXPECT_EQ(hostKey, frame->hostKey);
-  EXPECT_EQ(hostSubKey, frame->hostSubKey);
+  EXPECT_EQ(std::tuple(imgNo, hostKey, hostSubKey),
+            std::tuple(frame->imgNo, frame->hostKey, frame->hostSubKey));
   uint32_t accept = 0;
   {
     std::lock_guard<std::mutex> lock(g_host->lock);
@@ -71,40 +71,59 @@ class VencNodeTest : public ::testing::Test {
   HostSide m_host;
 };
 
-TEST_F(VencNodeTest, ParametersAreCheckedBeforeTheyAreKept) {
+// Refused records are not kept, each start creates the host encoder once, a host error
+// callback may use the encoder from another thread, and deleting a started node from the
+// registry stops it first.
+TEST_F(VencNodeTest, ParametersStartsErrorsAndDeletion) {
   LogCapture logs;
-  VirtualEncoderNode node(5);
-  EXPECT_EQ(node.GetNodeName(), "ENC_5");
-  EXPECT_EQ(node.SetParam(ValidInfo(225)), 0U);
-  EXPECT_EQ(node.SetParam(ValidInfo(226)), 1U);
-  EXPECT_TRUE(logs.HasModule("[ENC_5] invalid imgNo[226]!", 1));
-  VencDevInfo noCallback = ValidInfo(5);
-  noCallback.encCreateFunc = nullptr;
-  EXPECT_EQ(node.SetParam(noCallback), 1U);
-  EXPECT_EQ(node.GetParam().imgNo, 225U);  // refused records are not kept
+  ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<VirtualEncoderNode>(6));
+  auto node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(6);
+  EXPECT_EQ(node->SetParam(ValidInfo(225)), 0U);
+  EXPECT_EQ(node->SetParam(ValidInfo(226)), 1U);
+  EXPECT_TRUE(logs.HasModule("[ENC_6] invalid imgNo[226]!", 1));
+  VencDevInfo info = ValidInfo(6);
+  info.encCreateFunc = nullptr;
+  EXPECT_EQ(node->SetParam(info), 1U);
+  EXPECT_EQ(node->GetParam().imgNo, 225U);  // refused records are not kept
 
-  VencDevInfo noWidth = ValidInfo(5);
-  noWidth.width = 0;
-  noWidth.height = 480;
-  EXPECT_EQ(node.SetParam(noWidth), 0U);
+  info = ValidInfo(6);
+  info.width = 0;
+  info.height = 480;
+  EXPECT_EQ(node->SetParam(info), 0U);
   VideoNodeRequirement requirement{};
-  node.GetRequirement(requirement);
-  EXPECT_EQ(requirement.width, 1280U);  // a half-given size leaves the requirement alone
-  EXPECT_EQ(requirement.height, 720U);
+  node->GetRequirement(requirement);
+  // A half-given size leaves the requirement alone.
+  EXPECT_EQ(std::pair(requirement.width, requirement.height), std::pair(1280U, 720U));
   uint32_t width = 0, height = 0, rate = 0;
-  EXPECT_EQ(node.GetNodeResolution(width, height, rate), 0U);
+  EXPECT_EQ(node->GetNodeResolution(width, height, rate), 0U);
   EXPECT_EQ(height, 480U);
-}
 
-TEST_F(VencNodeTest, HostEncoderIsCreatedOncePerStart) {
-  VirtualEncoderNode node(5);
-  ASSERT_EQ(node.SetParam(ValidInfo(5)), 0U);
-  EXPECT_EQ(node.StartProcess(), 0U);
-  EXPECT_EQ(node.StartProcess(), 0U);
+  EXPECT_EQ(node->StartProcess(), 0U);
+  EXPECT_EQ(node->StartProcess(), 0U);
   EXPECT_EQ(m_host.creates, 1);
-  EXPECT_EQ(node.StopProcess(), 0U);
-  EXPECT_EQ(node.StartProcess(), 0U);
+  EXPECT_EQ(node->StopProcess(), 0U);
+  EXPECT_EQ(node->StartProcess(), 0U);
   EXPECT_EQ(m_host.creates, 2);
+
+  // The host may, from its error callback, have another thread change the encoder and wait
+  // for it: the callback runs without the encoder's locks.
+  CountLatch changed;
+  bool late = false;
+  node->SetEncErrorCallBackFun([&](int) {
+    std::thread([&] {
+      info.hostKey = 9;
+      EXPECT_EQ(node->SetParam(info), 0U);
+      changed.Add();
+    }).detach();
+    late = !changed.WaitFor(1, std::chrono::seconds(10));
+    return 0;
+  });
+  EXPECT_EQ(node->ReportEncError(5), 0U);
+  ASSERT_TRUE(changed.WaitFor(1));
+  EXPECT_FALSE(late) << "the error callback ran under a lock the encoder's setters take";
+  EXPECT_EQ(node->GetParam().hostKey, 9U);
+  EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(6), 0);
+  EXPECT_FALSE(node->IsStarted());
 }
 
 TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
@@ -115,17 +134,15 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
   Link(source, encoder);
   OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
   frame.SetReleaseTarget(source);
+  auto offer = [&](uint32_t accept, int offered) {
+    m_host.accept = accept;
+    source->SendBuffer(&frame);
+    ASSERT_TRUE(m_host.offered.WaitFor(offered));
+  };
 
-  source->SendBuffer(&frame);  // accepted
-  ASSERT_TRUE(m_host.offered.WaitFor(1));
-  {
-    std::lock_guard<std::mutex> lock(m_host.lock);
-    m_host.accept = 0;  // refused: the record is freed, the reference dropped
-  }
-  source->SendBuffer(&frame);
-  ASSERT_TRUE(m_host.offered.WaitFor(2));
-  encoder->DealTaskHandler(true);  // the refused frame's reference is checked below
-
+  offer(1, 1);
+  offer(0, 2);  // refused: the record is freed, the reference dropped
+  encoder->DealTaskHandler(true);
   ASSERT_EQ(m_host.copies.size(), 2U);
   const VencOutFrame& first = m_host.copies[0];
   EXPECT_EQ(std::tuple(first.imgNo, first.hostKey, first.hostSubKey, first.hostTag, first.buffer,
@@ -133,38 +150,21 @@ TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
             std::tuple(5U, 11U, 12U, 0x7A6U, &frame, uint64_t{0}));
   EXPECT_EQ(m_host.copies[1].sequence, 1U);
   EXPECT_GE(m_host.copies[1].timestampUs, first.timestampUs);
-
-  // The host still holds the accepted frame; giving it back returns it to its producer.
+  // The host still holds the accepted frame.
   EXPECT_EQ(frame.GetRefCount(), 1U);
-  EXPECT_EQ(source->released.Get(), 0);
-  encoder->ReleaseBuffer(m_host.records[0]->buffer);
+  encoder->ReleaseBuffer(m_host.records[0]->buffer);  // back to its producer
   ASSERT_TRUE(source->released.WaitFor(1));
   source->DealTaskHandler(true);
 
   // Stop and start again: the sequence carries on.
   encoder->StopProcess();
   encoder->StartProcess();
-  {
-    std::lock_guard<std::mutex> lock(m_host.lock);
-    m_host.accept = 1;
-  }
-  source->SendBuffer(&frame);
-  ASSERT_TRUE(m_host.offered.WaitFor(3));
+  offer(1, 3);
   EXPECT_EQ(m_host.copies[2].sequence, 2U);
   encoder->ReleaseBuffer(m_host.records[1]->buffer);
   ASSERT_TRUE(source->released.WaitFor(2));
   source->DealTaskHandler(true);
   Unlink(source, encoder);
-}
-
-TEST_F(VencNodeTest, DeletingAStartedNodeFromTheRegistryStopsItFirst) {
-  constexpr uint32_t kId = 6;
-  ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<VirtualEncoderNode>(kId));
-  auto node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(kId);
-  ASSERT_EQ(node->SetParam(ValidInfo(kId)), 0U);
-  ASSERT_EQ(node->StartProcess(), 0U);
-  EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(kId), 0);
-  EXPECT_FALSE(node->IsStarted());
 }
 
 }  // namespace
