@@ -43,7 +43,8 @@ run() {
   local name="$1"
   shift
   echo "== vlink_host $*"
-  "$host" --library "$library" --image "$image" --no-window "$@" >"$out/$name.log" 2>&1
+  launch() { "$host" --library "$library" --image "$image" --no-window "$@" >"$out/$name.log" 2>&1; }
+  launch "$@"
   local status=$?
   # The leak checker's own thread-stopping tracer sometimes crashes at exit (a known fault
   # of the sanitizer runtime, not a leak): such a run is made once more. A leak report or
@@ -51,7 +52,7 @@ run() {
   if [ "$status" -ne 0 ] && grep -q "LeakSanitizer has encountered a fatal error" "$out/$name.log" &&
     ! grep -q "ERROR: LeakSanitizer: detected memory leaks" "$out/$name.log"; then
     echo "the leak checker's tracer crashed at exit; running once more"
-    "$host" --library "$library" --image "$image" --no-window "$@" >"$out/$name.log" 2>&1
+    launch "$@"
     status=$?
   fi
   tail -n 12 "$out/$name.log"
