@@ -36,6 +36,8 @@ class Sink {
     };
     node->StartProcess();
   }
+  // A frame still on its way when a test ends would write into a gone sink: wait it out.
+  ~Sink() { node->StopProcess(); }
   void ReleaseHeld() {
     std::vector<FrameRef> dropped;
     std::lock_guard<std::mutex> lock(m_lock);
@@ -175,7 +177,7 @@ TEST_F(ImageProcessNodeTest, UnsupportedStepsAndFullPoolsSkipOnlyTheirBranch) {
   const size_t pooled = ImageProcessNode::kMaxBuffersPerTask + 1;
   EXPECT_EQ(m_node->GetPoolBufferCount(), pooled);
   slow.ReleaseHeld();
-  Push(argb, {&pass, &slow});
+  Push(argb, {&pass, &argbSame, &slow});
   EXPECT_EQ(m_node->GetPoolBufferCount(), pooled);
   slow.holding = false;
   slow.ReleaseHeld();
