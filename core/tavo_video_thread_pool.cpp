@@ -2,8 +2,20 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <exception>
+
+ThreadPool::WorkSignal::WorkSignal() { sem_init(&wake, 0, 0); }
+
+ThreadPool::WorkSignal::~WorkSignal() { sem_destroy(&wake); }
+
+void ThreadPool::WorkSignal::Post() { sem_post(&wake); }
+
+void ThreadPool::WorkSignal::Wait() {
+  while (sem_wait(&wake) != 0 && errno == EINTR) {
+  }
+}
 
 ThreadPool::ThreadPool(unsigned long threadCount)
     : m_threadCount(threadCount), m_workSignals(new WorkSignal[threadCount]) {
@@ -42,7 +54,7 @@ void ThreadPool::Stop() {
       std::lock_guard<std::mutex> takeLock(m_takeLock);
       m_running.store(false);
       for (WorkSignal* idle : m_idle) {
-        idle->wake.notify_one();
+        idle->Post();
       }
     }
     m_stopping = true;
@@ -162,7 +174,7 @@ int ThreadPool::WakeSleepers(int wanted) {
   // Notified after letting go, so the woken workers need not wait for the lock. The
   // signals belong to the pool, so one whose worker already woke is still there.
   for (int i = 0; i < calls; ++i) {
-    called[i]->wake.notify_one();
+    called[i]->Post();
   }
   return calls;
 }
@@ -192,9 +204,11 @@ std::optional<QueuedTask> ThreadPool::Take(WorkSignal& own) {
     own.called = false;
     if (!task) {
       m_idle.push_back(&own);
-      own.wake.wait(lock, [this, &own] { return own.called || !m_running.load(); });
+      lock.unlock();
+      own.Wait();
+      lock.lock();
       if (!own.called) {
-        m_idle.erase(std::find(m_idle.begin(), m_idle.end(), &own));  // stopping
+        m_idle.erase(std::find(m_idle.begin(), m_idle.end(), &own));  // still listed
       }
     }
     --m_sleepers;

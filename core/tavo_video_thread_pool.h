@@ -1,6 +1,8 @@
 // The worker pool every frame hand-off and release runs on.
 #pragma once
 
+#include <semaphore.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -52,10 +54,21 @@ class ThreadPool {
   uint32_t WaitAllEndToStop();
 
  private:
-  // A worker's own wake-up: it sleeps on it, with the take lock, listed in m_idle until a
-  // call takes it out. Owned by the pool, so a late notify never meets a finished worker.
+  // A worker's own wake-up: listed in m_idle, it sleeps on it without the take lock until a
+  // call takes it out. A post made before the wait is kept for it; a wake-up without a call
+  // (a stop, or a post left over from a call that met a stop) only makes it look again.
+  // A semaphore rather than a condition variable: waking from one retakes its lock as
+  // contended, and the unlock then costs a system call per hand-off. Owned by the pool, so
+  // a late post never meets a finished worker.
   struct WorkSignal {
-    std::condition_variable wake;
+    WorkSignal();
+    ~WorkSignal();
+    WorkSignal(const WorkSignal&) = delete;
+    WorkSignal& operator=(const WorkSignal&) = delete;
+    void Post();
+    void Wait();
+
+    sem_t wake;
     bool called = false;  // guarded by m_takeLock
   };
   static constexpr int kMaxCallsAtOnce = 16;
