@@ -106,19 +106,13 @@ class CarelessHostTest : public ::testing::Test {
   }
   FakeHost& Host() { return *m_host; }
 
-  // A raw 16x16 I420 picture (the letters of "dat" in the name mark it raw).
-  std::string Picture() { return m_dir.Write("picture.dat", std::vector<uint8_t>(384, 0x80)); }
-  static HostParam TestParam(const std::string& file) {
-    HostParam param = FakeHost::TestParam(file, 30);
-    param->test.width = 16;
-    param->test.height = 16;
-    return param;
-  }
+  // A 16x16 picture, its size read from the file.
+  std::string Picture() { return m_dir.Write("picture.bmp", SolidBmp24(16, 16, 40, 120, 200)); }
   // Test image `component` (node `node`) into encoder component `component + 1` (node 5),
   // the bind answering `bound`.
   void TestIntoEncoder(uint32_t component, uint32_t node, const std::string& file,
                        uint32_t bound = 0) {
-    HostParam test = TestParam(file);
+    HostParam test = FakeHost::TestParam(file, 30);
     HostParam encoder = FakeHost::EncoderParam(0);
     ASSERT_EQ(Host().Create(kTest, component, node, test.get()), 0U);
     ASSERT_EQ(Host().Create(kEnc, component + 1, 5, encoder.get()), 0U);
@@ -313,7 +307,7 @@ TEST_F(CarelessHostTest, UnloadWithALinkRunningBadImageFilesAndRecordsGivenBackW
 // Two host threads racing on one test image and its encoder: once the last destroy has
 // returned, no sender thread is left and no encoder frame comes.
 TEST_F(CarelessHostTest, RacingHostThreadsLeaveNothingRunning) {
-  HostParam test = TestParam(Picture());
+  HostParam test = FakeHost::TestParam(Picture(), 30);
   HostParam encoder = FakeHost::EncoderParam(0);
   FakeHost& host = Host();
   host.SetEncoder(FakeHost::Encoder::kRefuse);  // every frame goes back at once
