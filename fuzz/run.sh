@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 out=build/fuzz
-all=(image_header_fuzzer bmp_convert_fuzzer camera_frame_fuzzer host_call_fuzzer)
+all=(image_file_fuzzer camera_frame_fuzzer host_call_fuzzer)
 
 if [ "${1:-}" = "--merge" ]; then
   for fuzzer in "${all[@]}"; do

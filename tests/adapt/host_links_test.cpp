@@ -46,55 +46,51 @@ class HostLinksTest : public ::testing::Test {
  protected:
   FakeHost host{HostEntries::From(dlopen(VLINK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL))};
   TempDir dir;
-  std::string Image(uint32_t width = 16, uint32_t height = 16) {
-    return dir.Write("i" + std::to_string(width) + ".bmp", SolidBmp24(width, height, 1, 2, 3));
+
+  // Decoder `dec` (node `node`, image 150) bound to preview dec + 1 (node node + 1).
+  void DecoderIntoPreview(uint32_t dec, uint32_t node,
+                          const std::vector<std::pair<uint64_t, uint32_t>>& windows) {
+    HostParam decoder = FakeHost::DecoderParam(150);
+    HostParam preview = FakeHost::PreviewParam(windows);
+    ASSERT_EQ(host.Create(kDec, dec, node, decoder.get()), 0U);
+    ASSERT_EQ(host.Create(kVo, dec + 1, node + 1, preview.get()), 0U);
+    ASSERT_EQ(host.Bind(kVo, kDec, dec + 1, dec), 0U);
   }
 };
 
-// Both sides of the limits only the rows check (the nodes' own limits are tested with them).
-TEST_F(HostLinksTest, LimitsAcceptTheLastValueAndRefuseTheNext) {
+// Each refusal a host can run into: the code it gets, and the log line that names it; both
+// sides of the limits only the rows check (the nodes' own limits are tested with them).
+TEST_F(HostLinksTest, BadRecordsIdsLimitsAndCallOrderAreRefused) {
   LogCapture logs;
+  const auto refused = [&](uint32_t code, const std::string& line) {
+    EXPECT_EQ(code, 1U) << line;
+    EXPECT_EQ(logs.CountModule(line, 1), 1U) << line;
+  };
   HostParam preview = FakeHost::PreviewParam({});
-  preview->vo.winNum = 40;
-  EXPECT_EQ(host.Create(kVo, 1104, 122, preview.get()), 0U);
-  preview->vo.winNum = 41;
-  EXPECT_EQ(host.Create(kVo, 1105, 123, preview.get()), 1U);
-  EXPECT_EQ(host.Update(kVo, 1104, preview.get()), 1U);
-  preview->vo.winNum = 40;
-  EXPECT_EQ(host.Update(kVo, 1104, preview.get()), 0U);
-
-  HostParam test = FakeHost::TestParam(Image());
-  std::memset(test->test.fileName, 'x', sizeof(test->test.fileName) - 1);  // 1023 fit
-  test->test.fileName[sizeof(test->test.fileName) - 1] = '\0';
-  EXPECT_EQ(host.Create(kTest, 1106, 61, test.get()), 0U);  // fits; the file is read at start
-  std::memset(test->test.fileName, 'x', sizeof(test->test.fileName));  // 1024 do not
-  EXPECT_EQ(host.Create(kTest, 1107, 62, test.get()), 1U);
-  EXPECT_EQ(logs.CountModule("strcpy_s fileName failed!", 1), 1U);
-}
-
-// Each refusal a host can run into: the code it gets, and the log line that names it.
-TEST_F(HostLinksTest, BadRecordsIdsAndCallOrderAreRefused) {
-  LogCapture logs;
+  for (uint32_t winNum : {40U, 41U}) {
+    preview->vo.winNum = winNum;
+    EXPECT_EQ(host.Create(kVo, 1064 + winNum, 82 + winNum, preview.get()), winNum > 40 ? 1U : 0U);
+    EXPECT_EQ(host.Update(kVo, 1104, preview.get()), winNum > 40 ? 1U : 0U);
+  }
+  HostParam test = FakeHost::TestParam(std::string(1023, 'x'));  // fits; read at start
+  EXPECT_EQ(host.Create(kTest, 1106, 61, test.get()), 0U);
   HostParam encoder = FakeHost::EncoderParam(1);
-  EXPECT_EQ(host.Create(kEnc, 300, 9, nullptr), 1U);
-  EXPECT_EQ(logs.CountModule("null compParam! nodeId[300].", 1), 1U);
-  host.Store(301, 9, false);  // no "portId"
-  EXPECT_EQ(host.CreateStored(kEnc, 301, encoder.get()), 1U);
-  EXPECT_EQ(logs.CountModule("[Node[301]PresentParam]GetDataByString portId failed!", 1), 1U);
-  // The same node id for a component of another class.
   EXPECT_EQ(host.Create(kEnc, 303, 200, encoder.get()), 0U);
-  HostParam test = FakeHost::TestParam(Image(8, 8));
-  EXPECT_EQ(host.Create(kTest, 304, 200, test.get()), 1U);
-  EXPECT_EQ(logs.CountModule("nodePtr still null", 1), 1U);
+  refused(host.Create(kTest, 304, 200, test.get()), "nodePtr still null");  // 200: an encoder
+  std::memset(test->test.fileName, 'x', sizeof(test->test.fileName));       // 1024 do not fit
+  refused(host.Create(kTest, 1107, 62, test.get()), "strcpy_s fileName failed!");
+
+  refused(host.Create(kEnc, 300, 9, nullptr), "null compParam! nodeId[300].");
+  host.entries().getContainer("Node[301]PresentParam")->SetDataByString<uint32_t>("imgNo", 9);
+  refused(host.CreateStored(kEnc, 301, encoder.get()),
+          "[Node[301]PresentParam]GetDataByString portId failed!");
+  EXPECT_EQ(host.CreateStored(kVo, 306, encoder.get()), 1U);  // nothing stored for it
   // An encoder is no input: binding to it finds no builder.
   host.Store(305, 229);
-  EXPECT_EQ(host.Bind(kEnc, kInput, 305, 303), 1U);
-  EXPECT_EQ(logs.CountModule("BuilderFac no supoort vi type[5]", 1), 1U);
+  refused(host.Bind(kEnc, kInput, 305, 303), "BuilderFac no supoort vi type[5]");
   EXPECT_EQ(logs.CountModule("builder is nullptr", 1), 1U);
-  EXPECT_EQ(host.CreateStored(kVo, 306, encoder.get()), 1U);  // nothing stored for it
-  EXPECT_EQ(host.Destroy(kEnc, 999), 0U);                     // unknown ids are ignored
-  EXPECT_EQ(host.entries().releaseEnc(nullptr), 1U);
-  EXPECT_EQ(logs.CountModule("data is nullptr", 1), 1U);
+  EXPECT_EQ(host.Destroy(kEnc, 999), 0U);  // unknown ids are ignored
+  refused(host.entries().releaseEnc(nullptr), "data is nullptr");
 
   // Decoded frames before the bind, to no decoder, or null: the host keeps them.
   HostParam decoder = FakeHost::DecoderParam(150);
@@ -102,10 +98,8 @@ TEST_F(HostLinksTest, BadRecordsIdsAndCallOrderAreRefused) {
   tagOS_S_VIDEO_CODEC_IMG_INFO record{};
   EXPECT_EQ(host.entries().receive(0, 90, &record), 1U);  // not started
   EXPECT_EQ(host.entries().receive(0, 93, &record), 1U);  // no such decoder
-  EXPECT_EQ(host.entries().receive(0, 90, nullptr), 1U);
-  EXPECT_EQ(logs.CountModule("null pData! portId[90], decId[0].", 1), 1U);
-  HostParam marked = FakeHost::DecoderParam(150, "X");
-  EXPECT_EQ(host.Update(kDec, 319, marked.get()), 1U);  // no such decoder
+  refused(host.entries().receive(0, 90, nullptr), "null pData! portId[90], decId[0].");
+  EXPECT_EQ(host.Update(kDec, 319, decoder.get()), 1U);  // no such decoder
   EXPECT_EQ(host.Update(kDec, 310, nullptr), 1U);
   EXPECT_EQ(host.entries().setReport(nullptr), 1U);
   EXPECT_EQ(host.entries().stopRender(9999, 1), 1U);
@@ -134,14 +128,7 @@ TEST_F(HostLinksTest, TestImageReachesEncoderAndPreviewAsTheEncoderChanges) {
   host.SetEncoder(FakeHost::Encoder::kGiveBack);
   HostParam updated = FakeHost::EncoderParam(6);
   ASSERT_EQ(host.Update(kEnc, 201, updated.get()), 0U);
-  ASSERT_TRUE(host.offered.WaitUntil([&] {
-    int withNewKey = 0;
-    for (const FakeHost::Encoded& frame : host.EncodedFrames()) {
-      withNewKey += frame.hostKey == 6 ? 1 : 0;
-    }
-    return withNewKey >= 2;
-  }));
-  host.SetEncoder(FakeHost::Encoder::kRefuse);
+  ASSERT_TRUE(host.offered.WaitUntil([&] { return host.EncodedFrames().back().hostKey == 6U; }));
   EXPECT_EQ(host.Unbind(kEnc, kTest, 201, 200), 0U);
   EXPECT_EQ(host.Unbind(kVo, kTest, 202, 200), 0U);
   EXPECT_EQ(host.Destroy(kEnc, 201), 0U);
@@ -151,20 +138,18 @@ TEST_F(HostLinksTest, TestImageReachesEncoderAndPreviewAsTheEncoderChanges) {
 }
 
 // Which windows show a frame and report it first, and how updates change them, are the
-// preview's own tests.
+// preview's own tests. A decoder destroyed while its frame is still being shown does not wait
+// for the preview, and the frame comes back once when the preview lets go (that a preview's
+// own destroy or unbind waits for its frames is the reliability suite's test).
 TEST_F(HostLinksTest, DecodedFramesReachWindowsAndVirtualCameraAndComeBackOnce) {
-  HostParam decoder = FakeHost::DecoderParam(150);
-  HostParam preview = FakeHost::PreviewParam({{0x71, 150}, {0x72, 150}});
+  ASSERT_NO_FATAL_FAILURE(DecoderIntoPreview(500, 90, {{0x71, 150}, {0x72, 150}}));
   HostParam camera = FakeHost::Zeroed();
   camera->virCam.width = 64;
   camera->virCam.height = 32;
   camera->virCam.virtualOutFunc = [](uint32_t, void*, uint32_t, void*, uint32_t) -> uint32_t {
     return 0;
   };
-  ASSERT_EQ(host.Create(kDec, 500, 90, decoder.get()), 0U);
-  ASSERT_EQ(host.Create(kVo, 501, 91, preview.get()), 0U);
   ASSERT_EQ(host.Create(kCam, 502, 92, camera.get()), 0U);
-  ASSERT_EQ(host.Bind(kVo, kDec, 501, 500), 0U);
   ASSERT_EQ(host.Bind(kCam, kDec, 502, 500), 0U);
   for (int i = 0; i < 4; ++i) {
     ASSERT_EQ(host.Push(90, 0, 64, 32), 0U);
@@ -173,24 +158,30 @@ TEST_F(HostLinksTest, DecodedFramesReachWindowsAndVirtualCameraAndComeBackOnce) 
   ASSERT_EQ(host.entries().stopRender(501, 0x72), 0U);  // its frames still come back
   ASSERT_EQ(host.Push(90, 0, 64, 32), 0U);
   ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(host.Unbind(kVo, kDec, 501, 500), 0U);
   EXPECT_EQ(host.Unbind(kCam, kDec, 502, 500), 0U);
-  ASSERT_EQ(host.Push(90), 0U);  // no sink left: straight back
-  ASSERT_TRUE(host.AllBack());
   EXPECT_EQ(std::pair(host.Rendered(0x71), host.Rendered(0x72)), std::pair(5, 4));
+
+  Gate gate;
+  host.onRender = [&](uint32_t) { gate.Pass(); };
+  const int entered = host.renderEntered.Get();
+  ASSERT_EQ(host.Push(90), 0U);
+  ASSERT_TRUE(host.renderEntered.WaitFor(entered + 1));
+  EXPECT_EQ(host.Destroy(kDec, 500), 0U);
+  EXPECT_EQ(host.decodedBack.Get(), 5);
+  gate.Open();
+  ASSERT_TRUE(host.AllBack());
+  EXPECT_EQ(host.Rendered(0x71), 6);
 }
 
 // The release callback and the first-frame report run without the library's locks: a host
 // thread started from them may push the next frame, update the decoder and stop a window
 // while the callback still waits for it.
 TEST_F(HostLinksTest, CallbacksMayWaitForAnotherThreadUsingTheLink) {
-  HostParam decoder = FakeHost::DecoderParam(150);
-  HostParam preview = FakeHost::PreviewParam({{0x41, 150}});
-  ASSERT_EQ(host.Create(kDec, 1120, 126, decoder.get()), 0U);
-  ASSERT_EQ(host.Create(kVo, 1121, 127, preview.get()), 0U);
-  ASSERT_EQ(host.Bind(kVo, kDec, 1121, 1120), 0U);
+  ASSERT_NO_FATAL_FAILURE(DecoderIntoPreview(1120, 126, {{0x41, 150}}));
   std::atomic<int> rounds{0}, late{0};
-  HostParam update = FakeHost::DecoderParam(150, "MARK");
+  HostParam update = FakeHost::DecoderParam(150);
+  update->vdec.watermarkEnable = 1;
+  std::strcpy(update->vdec.watermarkContent, "MARK");
   CountLatch finished;
   const auto waitFor = [&](std::function<void()> call) {
     late += FinishesWhileWaiting(std::move(call), finished) ? 0 : 1;
@@ -218,7 +209,7 @@ TEST_F(HostLinksTest, CallbacksMayWaitForAnotherThreadUsingTheLink) {
 // Unbind and bind cycle, a second bind or unbind is refused, and a bound sink can be
 // destroyed.
 TEST_F(HostLinksTest, BindUnbindCyclesAndDestroyedInputsComingBackAsAnotherKind) {
-  HostParam test = FakeHost::TestParam(Image());
+  HostParam test = FakeHost::TestParam(dir.Write("i.bmp", SolidBmp24(16, 16, 1, 2, 3)));
   HostParam preview = FakeHost::PreviewParam({{0x91, 167}});
   ASSERT_EQ(host.Create(kTest, 1180, 167, test.get()), 0U);
   ASSERT_EQ(host.Create(kVo, 1181, 168, preview.get()), 0U);
@@ -248,26 +239,6 @@ TEST_F(HostLinksTest, BindUnbindCyclesAndDestroyedInputsComingBackAsAnotherKind)
   ASSERT_EQ(host.Push(167), 0U);
   ASSERT_TRUE(host.AllBack());
   EXPECT_EQ(host.Rendered(0x91) - before, kCycles);
-}
-
-// A decoder destroyed while its frame is still being shown: the destroy does not wait for
-// the preview, and the frame still comes back once when the preview lets go (that a preview's
-// own destroy or unbind waits for its frames is the reliability suite's test).
-TEST_F(HostLinksTest, DecoderDestroyedWhileItsFrameIsBeingShown) {
-  HostParam decoder = FakeHost::DecoderParam(138);
-  HostParam preview = FakeHost::PreviewParam({{0xD1, 138}});
-  ASSERT_EQ(host.Create(kDec, 1220, 176, decoder.get()), 0U);
-  ASSERT_EQ(host.Create(kVo, 1221, 177, preview.get()), 0U);
-  ASSERT_EQ(host.Bind(kVo, kDec, 1221, 1220), 0U);
-  Gate gate;
-  host.onRender = [&](uint32_t) { gate.Pass(); };
-  ASSERT_EQ(host.Push(176), 0U);
-  ASSERT_TRUE(host.renderEntered.WaitFor(1));
-  EXPECT_EQ(host.Destroy(kDec, 1220), 0U);
-  EXPECT_EQ(host.decodedBack.Get(), 0);
-  gate.Open();
-  ASSERT_TRUE(host.AllBack());
-  EXPECT_EQ(host.Rendered(0xD1), 1);
 }
 
 // A host that destroys its encoder while it still holds frames gets 1 for each late give-back,

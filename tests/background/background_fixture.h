@@ -105,7 +105,7 @@ class BackgroundLinkTest : public ::testing::Test {
   // Sends frame `number` from the producer to the node, or (direct) hands it to the node's
   // HandleBuffer on the test's thread, so that frames are submitted in number order.
   void Send(uint32_t number, uint32_t width = kWidth, uint32_t height = kHeight,
-            bool direct = false, std::shared_ptr<VideoVlinkNode> to = nullptr) {
+            bool direct = false) {
     OsvGraphicBuffer* frame = NewFrame(width, height, kFrameLuma, number);
     frame->SetReleaseTarget(m_producer);
     FrameRef mine = FrameRef::Share(frame);
@@ -113,7 +113,7 @@ class BackgroundLinkTest : public ::testing::Test {
     if (direct) {
       ASSERT_EQ(m_node->HandleBuffer(mine), 0U);
     } else {
-      m_producer->SendBuffer(to ? to : m_node, frame);
+      m_producer->SendBuffer(m_node, frame);
     }
   }
   void Submit(uint32_t number) { Send(number, kWidth, kHeight, true); }
@@ -122,13 +122,6 @@ class BackgroundLinkTest : public ::testing::Test {
   std::map<uint32_t, uint8_t> Seen() {
     std::lock_guard<std::mutex> lock(m_seenLock);
     return m_seen;
-  }
-  std::vector<uint32_t> SeenNumbers() {
-    std::vector<uint32_t> numbers;
-    for (const auto& [number, luma] : Seen()) {
-      numbers.push_back(number);
-    }
-    return numbers;
   }
   // Every frame sent came back to the producer.
   bool AllReleased() { return m_producer->released.WaitFor(m_sent); }

@@ -53,7 +53,7 @@ BmpCase Readable(int32_t width, int32_t height, uint32_t bitCount, uint32_t comp
                  h)};
 }
 
-TEST(ImageConvertTest, BmpMatchesLibyuvOrIsRefused) {
+TEST(ImageConvertTest, BmpDatAndRgbMatchLibyuvOrAreRefused) {
   TempDir dir;
   const Bytes good = Readable(8, 6, 24).file;
   const auto cut = [&](size_t size) { return BmpCase{Bytes(good.begin(), good.begin() + size)}; };
@@ -112,13 +112,9 @@ TEST(ImageConvertTest, BmpMatchesLibyuvOrIsRefused) {
   EXPECT_NE(Transbmp2Yuv((dir.Path() / "missing").c_str(), &w, &h, &image), 0);
   EXPECT_NE(Transbmp2Yuv(dir.Path().c_str(), &w, &h, &image), 0);
   EXPECT_EQ(image, nullptr);
-}
-
-TEST(ImageConvertTest, DatAndRgbMatchLibyuvAndShortFilesAreRefused) {
-  TempDir dir;
+  // Raw I420 and packed RGB in both byte orders; short files are refused.
   Bytes longer = RandomBytes(8 * 6 * 3 / 2 + 1, 3);
   const Bytes frame(longer.begin(), longer.end() - 1);
-  uint8_t* image = nullptr;
   ASSERT_EQ(TransDat2Yuv(dir.Write("longer", longer).c_str(), &image, 8, 6), 0);
   EXPECT_EQ(Take(image, frame.size()), frame);
 
@@ -130,7 +126,6 @@ TEST(ImageConvertTest, DatAndRgbMatchLibyuvAndShortFilesAreRefused) {
   EXPECT_NE(TransDat2Yuv(exact.c_str(), &image, 8, 0), 0);
   EXPECT_NE(TransDat2Yuv(exact.c_str(), &image, 16386, 2), 0);
   EXPECT_EQ(image, nullptr);
-  // Packed RGB in both byte orders.
   Bytes rgb = RandomBytes(34 * 6 * 3, 5);
   for (const bool bgr : {true, false}) {
     SCOPED_TRACE(bgr ? "BGR" : "RGB");

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <future>
 #include <memory>
-#include <string>
 #include <thread>
 
 #include "platform/adapt_common/om_cust_util.h"
@@ -43,58 +42,51 @@ TEST(PlatformCheckTest, PredicatesFollowTheIdentity) {
   EXPECT_EQ(IsSorenUOS(), 0);
 }
 
-TEST(ShmQueueTest, WrittenBuffersReachTheReaderInOrder) {
+// Written buffers reach the reader in order; a read waits its timeout in milliseconds, and no
+// longer than the first write.
+TEST(ShmQueueTest, WrittenBuffersReachTheReaderInOrderAndReadsWaitMilliseconds) {
   constexpr uint32_t kQueue = 0x51;
   ASSERT_EQ(OsShmAdvancedQueueCreate(kQueue, 2, 1024), 0);
   EXPECT_NE(OsShmAdvancedQueueCreate(kQueue, 2, 1024), 0);
-  OsShmAdvancedBuffer* first = OsShmAdvancedMemAllocBuffer(kQueue, 0, 16);
-  OsShmAdvancedBuffer* second = OsShmAdvancedMemAllocBuffer(kQueue, 0, 16);
-  ASSERT_NE(first, nullptr);
-  ASSERT_NE(second, nullptr);
+  // A buffer of `size` bytes holding `byte`.
+  const auto filled = [](uint32_t size, uint8_t byte) {
+    OsShmAdvancedBuffer* buffer = OsShmAdvancedMemAllocBuffer(kQueue, 0, size);
+    static_cast<uint8_t*>(buffer->mem)[0] = byte;
+    buffer->usedLen = 1;
+    return buffer;
+  };
+  OsShmAdvancedBuffer* first = filled(16, 1);
+  OsShmAdvancedBuffer* second = filled(16, 2);
   EXPECT_EQ(OsShmAdvancedMemAllocBuffer(kQueue, 0, 1025), nullptr);          // above the limit
   OsShmAdvancedBuffer* full = OsShmAdvancedMemAllocBuffer(kQueue, 0, 1024);  // at the limit
   EXPECT_NE(full, nullptr);
   OsShmAdvancedMemFreeBuffer(full);
   EXPECT_EQ(OsShmAdvancedMemAllocBuffer(kQueue + 1, 0, 16), nullptr);  // no such queue
-  static_cast<uint8_t*>(first->mem)[0] = 1;
-  first->usedLen = 1;
-  static_cast<uint8_t*>(second->mem)[0] = 2;
-  second->usedLen = 17;  // beyond the capacity
+  second->usedLen = 17;                                                // beyond the capacity
   EXPECT_NE(OsShmAdvancedWriteBulkQueue(kQueue, &second, 1), 0);
   second->usedLen = 1;
   OsShmAdvancedBuffer* both[] = {first, second};
   ASSERT_EQ(OsShmAdvancedWriteBulkQueue(kQueue, both, 2), 0);
-  OsShmAdvancedBuffer* third = OsShmAdvancedMemAllocBuffer(kQueue, 0, 16);
+  OsShmAdvancedBuffer* third = filled(16, 3);
   EXPECT_NE(OsShmAdvancedWriteBulkQueue(kQueue, &third, 1), 0);  // full
-  OsShmAdvancedMemFreeBuffer(third);
   OsShmAdvancedBuffer* read[4] = {};
   ASSERT_EQ(OsShmAdvancedReadBulkQueue(kQueue, read, 4, 0), 2u);
   EXPECT_EQ(static_cast<uint8_t*>(read[0]->mem)[0], 1);
   EXPECT_EQ(static_cast<uint8_t*>(read[1]->mem)[0], 2);
-  EXPECT_EQ(OsShmAdvancedReadBulkQueue(kQueue, read, 4, 0), 0u);
   OsShmAdvancedMemFreeBuffer(read[0]);
   OsShmAdvancedMemFreeBuffer(read[1]);
   OsShmAdvancedMemFreeBuffer(nullptr);
-  // A buffer written and never read is freed with its queue.
-  OsShmAdvancedBuffer* left = OsShmAdvancedMemAllocBuffer(kQueue, 0, 8);
-  ASSERT_EQ(OsShmAdvancedWriteBulkQueue(kQueue, &left, 1), 0);
-  EXPECT_EQ(OsShmAdvancedQueueDestroy(kQueue), 0);
-  EXPECT_NE(OsShmAdvancedQueueDestroy(kQueue), 0);
-}
 
-// A read waits its timeout in milliseconds, and no longer than the first write.
-TEST(ShmQueueTest, ReadWaitsMillisecondsAndEndsAtTheFirstWrite) {
-  constexpr uint32_t kQueue = 0x52;
-  ASSERT_EQ(OsShmAdvancedQueueCreate(kQueue, 2, 64), 0);
-  // Run on a thread of its own with a limit: a wait taken in seconds fails instead of hanging.
+  // Each read runs on a thread of its own with a limit: a wait taken in seconds fails
+  // instead of hanging.
   auto timedRead = [](uint32_t timeoutMs) {
     auto result = std::make_shared<std::promise<uint32_t>>();
     std::future<uint32_t> taken = result->get_future();
     std::thread([result, timeoutMs] {
-      OsShmAdvancedBuffer* read[2] = {};
-      const uint32_t count = OsShmAdvancedReadBulkQueue(kQueue, read, 2, timeoutMs);
+      OsShmAdvancedBuffer* got[2] = {};
+      const uint32_t count = OsShmAdvancedReadBulkQueue(kQueue, got, 2, timeoutMs);
       for (uint32_t i = 0; i < count; ++i) {
-        OsShmAdvancedMemFreeBuffer(read[i]);
+        OsShmAdvancedMemFreeBuffer(got[i]);
       }
       result->set_value(count);
     }).detach();
@@ -105,19 +97,19 @@ TEST(ShmQueueTest, ReadWaitsMillisecondsAndEndsAtTheFirstWrite) {
   ASSERT_EQ(empty.wait_for(std::chrono::seconds(5)), std::future_status::ready);
   EXPECT_EQ(empty.get(), 0U);
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(40));
-
   std::future<uint32_t> one = timedRead(60000);
-  OsShmAdvancedBuffer* buffer = OsShmAdvancedMemAllocBuffer(kQueue, 0, 8);
-  buffer->usedLen = 8;
-  ASSERT_EQ(OsShmAdvancedWriteBulkQueue(kQueue, &buffer, 1), 0);
+  ASSERT_EQ(OsShmAdvancedWriteBulkQueue(kQueue, &third, 1), 0);
   ASSERT_EQ(one.wait_for(std::chrono::seconds(5)), std::future_status::ready);
   EXPECT_EQ(one.get(), 1U);
+  // A buffer written and never read is freed with its queue.
+  OsShmAdvancedBuffer* left = filled(8, 4);
+  ASSERT_EQ(OsShmAdvancedWriteBulkQueue(kQueue, &left, 1), 0);
   EXPECT_EQ(OsShmAdvancedQueueDestroy(kQueue), 0);
+  EXPECT_NE(OsShmAdvancedQueueDestroy(kQueue), 0);
 }
 
 TEST(PlatformServicesTest, ConfigurationDirectoryAndGpuInfo) {
-  const char* saved = std::getenv("TAVO_OM_CFG_PATH");
-  const std::string keep = saved == nullptr ? "" : saved;
+  // Nothing else in this program reads the variable.
   unsetenv("TAVO_OM_CFG_PATH");
   EXPECT_STREQ(TavoOmCustUtilGetCfgPath(0), TAVO_OM_DEFAULT_CFG_PATH);
   setenv("TAVO_OM_CFG_PATH", "/tmp/cfg//", 1);
@@ -126,11 +118,7 @@ TEST(PlatformServicesTest, ConfigurationDirectoryAndGpuInfo) {
   setenv("TAVO_OM_CFG_PATH", "", 1);
   EXPECT_STREQ(TavoOmCustUtilGetCfgPath(0), TAVO_OM_DEFAULT_CFG_PATH);
   EXPECT_STREQ(first, "/tmp/cfg");  // a text handed out stays valid
-  if (saved != nullptr) {
-    setenv("TAVO_OM_CFG_PATH", keep.c_str(), 1);
-  } else {
-    unsetenv("TAVO_OM_CFG_PATH");
-  }
+  unsetenv("TAVO_OM_CFG_PATH");
   char info[640];
   std::memset(info, 'x', sizeof info);
   ASSERT_EQ(TavoDevmGetGpuInfo(info, sizeof info), 0);

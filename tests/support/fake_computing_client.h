@@ -2,10 +2,10 @@
 // as plain functions over one current fake (the client's callbacks carry no user data, so
 // there is one per process at a time). Put its Symbols() into a FakeDynamicLoader.
 //
-// Requests are answered in submission order on the fake's own thread with a mask of
-// `maskValue` everywhere. Knobs inject each misbehaviour a real client can show: refused
-// calls, held (delayed) answers, failing statuses, answers given twice, and answers after
-// stop (or never, when no Release comes).
+// Requests are answered in submission order on the fake's own thread with an all-person
+// mask. Knobs inject each misbehaviour a real client can show: refused calls, held (delayed)
+// answers, failing statuses, answers given twice, and answers after stop (or never, when no
+// Release comes).
 #pragma once
 
 #include <condition_variable>
@@ -70,21 +70,17 @@ class FakeComputingClient {
     bool twice = false;            // every answer is given twice
     bool answerAfterStop = false;  // StopTask leaves pending answers for later
     uint64_t failRequest = 0;      // the request number (from 1) answered with status 7
-    uint8_t maskValue = 255;
-    bool alternate = false;  // odd requests get an all-person mask, even ones all background
-    bool inline_ = false;    // answers inside TavoComputingInference, on the caller's thread
+    bool alternate = false;        // odd requests get an all-background mask, others all person
+    bool inline_ = false;          // answers inside TavoComputingInference, on the caller's thread
   };
   template <class F>
   void Change(F&& change) {
     std::lock_guard<std::mutex> lock(m_lock);
     change(m_knobs);
   }
-  // Lets `count` held answers go.
-  void Release(int count = 1 << 30) {
-    {
-      std::lock_guard<std::mutex> lock(m_lock);
-      m_released += count;
-    }
+  // Lets the held answers go: holding ends.
+  void Release() {
+    Change([](Knobs& k) { k.hold = false; });
     m_thread.Wake();
   }
 
@@ -225,20 +221,19 @@ class FakeComputingClient {
     }
   }
   bool Ready() {  // m_lock held; inline answers are the caller's
-    return !m_pending.empty() && !m_knobs.inline_ && (m_cancel || !m_knobs.hold || m_released > 0);
+    return !m_pending.empty() && !m_knobs.inline_ && (m_cancel || !m_knobs.hold);
   }
   // Gives the oldest request its answer, outside `lock` (held on entry and on return), and
   // its buffer back.
   void AnswerFront(std::unique_lock<std::mutex>& lock) {
     const Pending p = m_pending.front();
     m_pending.pop_front();
-    m_released -= m_knobs.hold && !m_cancel ? 1 : 0;
     const unsigned int status = m_cancel ? static_cast<unsigned int>(TAVO_COMPUTING_ERR_CANCELLED)
                                 : p.number == m_knobs.failRequest ? 7U
                                                                   : 0U;
     const int times = m_knobs.twice && !m_cancel ? 2 : 1;
-    const uint8_t value = m_knobs.alternate ? (p.number % 2 == 1 ? 255 : 0) : m_knobs.maskValue;
-    std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES, value);
+    std::vector<uint8_t> mask(TAVO_COMPUTING_RESULT_BYTES,
+                              m_knobs.alternate && p.number % 2 == 1 ? 0 : 255);
     TavoComputingBufferParams result{};
     result.data = status == 0 ? mask.data() : nullptr;
     result.size = status == 0 ? static_cast<uint32_t>(m_frameBytes / 3) : 0;
@@ -266,7 +261,6 @@ class FakeComputingClient {
   size_t m_frameBytes = 0;
   uint32_t m_nextId = 0;
   uint64_t m_submitted = 0;
-  int m_released = 0;
   bool m_started = false;
   bool m_cancel = false;
   bool m_answering = false;

@@ -13,41 +13,41 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "tavo_video_vlink.h"
 #include "tests/support/wait.h"
 
-// The exported functions a host uses.
+// The exported functions a host uses: the member, then the symbol.
+#define VLINK_HOST_ENTRIES(X)                   \
+  X(getCreate, TavoVideoGetCreateNodeFuncMap)   \
+  X(getBind, TavoVideoGetBindNodeFuncMap)       \
+  X(getUnbind, TavoVideoGetUnBindNodeFuncMap)   \
+  X(getDestroy, TavoVideoGetDestroyNodeFuncMap) \
+  X(getUpdate, TavoVideoGetUpdateNodeFuncMap)   \
+  X(getContainer, TavoVideoGetDataContainer)    \
+  X(receive, TavoVideoReceiveVDecFrame)         \
+  X(releaseEnc, TavoVideoReleaseVEncFrame)      \
+  X(stopRender, TavoVideoVlinkVoStopRender)     \
+  X(setReport, TavoVideoSetWinReportCb)
+
 struct HostEntries {
-  decltype(&TavoVideoGetCreateNodeFuncMap) getCreate = nullptr;
-  decltype(&TavoVideoGetBindNodeFuncMap) getBind = nullptr;
-  decltype(&TavoVideoGetUnBindNodeFuncMap) getUnbind = nullptr;
-  decltype(&TavoVideoGetDestroyNodeFuncMap) getDestroy = nullptr;
-  decltype(&TavoVideoGetUpdateNodeFuncMap) getUpdate = nullptr;
-  decltype(&TavoVideoGetDataContainer) getContainer = nullptr;
-  decltype(&TavoVideoReceiveVDecFrame) receive = nullptr;
-  decltype(&TavoVideoReleaseVEncFrame) releaseEnc = nullptr;
-  decltype(&TavoVideoVlinkVoStopRender) stopRender = nullptr;
-  decltype(&TavoVideoSetWinReportCb) setReport = nullptr;
+#define VLINK_HOST_ENTRY(member, symbol) decltype(&symbol) member = nullptr;
+  VLINK_HOST_ENTRIES(VLINK_HOST_ENTRY)
+#undef VLINK_HOST_ENTRY
   void* library = nullptr;  // the dlopen handle; null when linked in
 
   // The entries of a library the test loaded with dlopen, looked up with dlsym.
   static HostEntries From(void* library);
   // The entries of the library linked into the test program.
   static HostEntries Linked() {
-    return {&TavoVideoGetCreateNodeFuncMap,
-            &TavoVideoGetBindNodeFuncMap,
-            &TavoVideoGetUnBindNodeFuncMap,
-            &TavoVideoGetDestroyNodeFuncMap,
-            &TavoVideoGetUpdateNodeFuncMap,
-            &TavoVideoGetDataContainer,
-            &TavoVideoReceiveVDecFrame,
-            &TavoVideoReleaseVEncFrame,
-            &TavoVideoVlinkVoStopRender,
-            &TavoVideoSetWinReportCb,
-            nullptr};
+    HostEntries entries;
+#define VLINK_HOST_ENTRY(member, symbol) entries.member = &symbol;
+    VLINK_HOST_ENTRIES(VLINK_HOST_ENTRY)
+#undef VLINK_HOST_ENTRY
+    return entries;
   }
 };
 
@@ -68,19 +68,17 @@ class FakeHost {
 
   explicit FakeHost(HostEntries entries);
   ~FakeHost();  // Finish() if the test did not
-  FakeHost(const FakeHost&) = delete;
-  FakeHost& operator=(const FakeHost&) = delete;
 
   // Parameters of each component kind, zeroed but for what is given, wired to this host.
   static HostParam Zeroed();
-  static HostParam DecoderParam(uint32_t imgNo, const char* watermark = nullptr);
+  static HostParam DecoderParam(uint32_t imgNo);
   static HostParam PreviewParam(const std::vector<std::pair<uint64_t, uint32_t>>& windows);
   static HostParam EncoderParam(uint32_t hostKey, uint32_t width = 16, uint32_t height = 16);
   static HostParam TestParam(const std::string& file, uint32_t frameRate = 25);
 
   // The rows, looked up in the tables as a host does; Create and a successful Bind are
   // remembered and undone by Finish.
-  void Store(uint32_t component, uint32_t node, bool withPort = true);
+  void Store(uint32_t component, uint32_t node);
   uint32_t Create(uint32_t type, uint32_t component, uint32_t node,
                   tagTavoVideoComponentParam* param);
   // The create row alone, on whatever the component's container holds.
@@ -131,9 +129,7 @@ class FakeHost {
   static uint32_t OnDecRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO* frame);
   void FreeRecords();
 
-  struct Link {
-    uint32_t sinkType, srcType, sink, source;
-  };
+  using Link = std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>;  // sink and source types, ids
   HostEntries m_entries;
   std::mutex m_lock;  // guards everything below; never held across a library call
   Encoder m_encoder = Encoder::kHold;

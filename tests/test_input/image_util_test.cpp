@@ -54,7 +54,7 @@ Bytes Ihdr(uint32_t width, uint32_t height, uint8_t depth, uint8_t colorType) {
   return Chunk("IHDR", Be(width, 4) + Be(height, 4) + Bytes{depth, colorType, 0, 0, 0});
 }
 
-TEST(ImageUtilTest, HeaderWalkers) {
+TEST(ImageUtilTest, HeaderWalkersVerifyImageAndSignaturesOfFullLength) {
   TempDir dir;
   const InfoReader jpg = ImageUtils::GetJpegInfo;
   const InfoReader png = ImageUtils::GetPngInfo;
@@ -97,42 +97,35 @@ TEST(ImageUtilTest, HeaderWalkers) {
     EXPECT_EQ(c.read(path.c_str(), &info[0], &info[1], &info[2]), c.rc);
     EXPECT_EQ(info, c.info);
   }
-}
-
-TEST(ImageUtilTest, VerifyImageAndSignaturesOfFullLength) {
-  TempDir dir;
+  // What VerifyImage decides from the values read.
   const auto formats = [](uint32_t set) {
     return ImageVerifyRequirement{2, 4096, 2, 4096, 1, 64, set};
   };
   const ImageVerifyRequirement any = formats(7);
+  // BMP only, at most 640 x 480.
+  const auto bmpLimits = [](uint32_t minHeight, uint32_t minDepth, uint32_t maxDepth) {
+    return ImageVerifyRequirement{2, 640, minHeight, 480, minDepth, maxDepth, 4};
+  };
   const struct {
     const char* name;
     Bytes file;
     ImageVerifyRequirement req;
     uint32_t rc;
     const char* log;
-  } cases[] = {
+  } verdicts[] = {
       {"bmp after png", MakeBmp(640, 480, 24), formats(6), 0, "The file format[2] is invalid."},
       {"jpeg decides", kSoi + Sof(0xC0, 640, 480, 3), any, 0, "The file format is 1."},
       {"odd width", MakeBmp(641, 480, 24), any, 1,
        "The resolution cannot be converted to YUV format! width[641], height[480]"},
       {"limits inclusive", kPngSig + Ihdr(640, 480, 8, 2), {640, 640, 480, 480, 24, 24, 2}, 0, ""},
-      {"width above",
-       MakeBmp(642, 480, 24),
-       {2, 640, 2, 480, 1, 64, 4},
-       1,
-       "resolution is invalid"},
-      {"height below",
-       MakeBmp(640, 478, 24),
-       {2, 640, 480, 480, 1, 64, 4},
-       1,
-       "resolution is invalid"},
+      {"width above", MakeBmp(642, 480, 24), bmpLimits(2, 1, 64), 1, "resolution is invalid"},
+      {"height below", MakeBmp(640, 478, 24), bmpLimits(480, 1, 64), 1, "resolution is invalid"},
       {"top-down height", MakeBmp(640, -480, 24), any, 1, "resolution is invalid"},
-      {"depth above", MakeBmp(640, 480, 32), {2, 640, 2, 480, 1, 24, 4}, 1, "depth is invalid"},
-      {"depth below", MakeBmp(640, 480, 8), {2, 640, 2, 480, 16, 32, 4}, 1, "depth is invalid"},
+      {"depth above", MakeBmp(640, 480, 32), bmpLimits(2, 1, 24), 1, "depth is invalid"},
+      {"depth below", MakeBmp(640, 480, 8), bmpLimits(2, 16, 32), 1, "depth is invalid"},
       {"not in set", kPngSig + Ihdr(640, 480, 8, 2), formats(5), 1, "image format is invalid"},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : verdicts) {
     SCOPED_TRACE(c.name);
     LogCapture log;
     EXPECT_EQ(ImageUtils::VerifyImage(dir.Write(c.name, c.file).c_str(), &c.req), c.rc);
@@ -141,17 +134,17 @@ TEST(ImageUtilTest, VerifyImageAndSignaturesOfFullLength) {
   EXPECT_EQ(ImageUtils::VerifyImage(nullptr, &any), 1U);
   EXPECT_EQ(ImageUtils::VerifyImage(dir.Write("bmp", MakeBmp(8, 6, 24)).c_str(), nullptr), 1U);
   // Signatures need their full length.
-  Bytes png = kPngSig;
-  Bytes jpeg = kSoi;
-  Bytes bmp = {'B', 'M'};
+  Bytes pngSig = kPngSig;
+  Bytes jpegSig = kSoi;
+  Bytes bmpSig = {'B', 'M'};
   Bytes other = {0xFF, 0xD9, 'B', 'A'};
-  EXPECT_TRUE(ImageUtils::isPngFormat(png.data(), 8));
-  EXPECT_FALSE(ImageUtils::isPngFormat(png.data(), 7));
-  EXPECT_TRUE(ImageUtils::isJpegFormat(jpeg.data(), 2));
-  EXPECT_FALSE(ImageUtils::isJpegFormat(jpeg.data(), 1));
+  EXPECT_TRUE(ImageUtils::isPngFormat(pngSig.data(), 8));
+  EXPECT_FALSE(ImageUtils::isPngFormat(pngSig.data(), 7));
+  EXPECT_TRUE(ImageUtils::isJpegFormat(jpegSig.data(), 2));
+  EXPECT_FALSE(ImageUtils::isJpegFormat(jpegSig.data(), 1));
   EXPECT_FALSE(ImageUtils::isJpegFormat(other.data(), 4));
-  EXPECT_TRUE(ImageUtils::isBmpFormat(bmp.data(), 2));
-  EXPECT_FALSE(ImageUtils::isBmpFormat(bmp.data(), 1));
+  EXPECT_TRUE(ImageUtils::isBmpFormat(bmpSig.data(), 2));
+  EXPECT_FALSE(ImageUtils::isBmpFormat(bmpSig.data(), 1));
   EXPECT_FALSE(ImageUtils::isBmpFormat(nullptr, 2));
   EXPECT_FALSE(ImageUtils::isBmpFormat(other.data() + 2, 2));
   EXPECT_EQ(ImageUtils::GetRealValue(0x11223344U), 0x44332211U);
