@@ -126,6 +126,7 @@ uint32_t VideoVlinkNode::StopProcess() {
 
 void VideoVlinkNode::Shutdown() {
   if (t_startingNode == this) {
+    m_linksClosed = true;
     m_shutDown = true;  // this thread holds m_lifecycleLock: the start undoes itself
     return;
   }
@@ -135,6 +136,7 @@ void VideoVlinkNode::Shutdown() {
     if (m_shutDown) {
       return;
     }
+    m_linksClosed = true;
     m_shutDown = true;
   }
   StopProcess();
@@ -145,11 +147,22 @@ void VideoVlinkNode::Shutdown() {
   DealTaskHandler(true);
 }
 
+bool VideoVlinkNode::RefusesLinks() const {
+  if (!m_linksClosed.load()) {
+    return false;
+  }
+  VLOG_ERR_MODULE("[%s] is shut down: no new link", m_nodeName.c_str());
+  return true;
+}
+
 uint32_t VideoVlinkNode::ConnectFromNode(NodePtr node) {
   if (!node) {
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  if (RefusesLinks()) {
+    return 1;
+  }
   if (FindById(m_prevNodes, node->GetNodeId()) != m_prevNodes.end()) {
     VLOG_ERR_MODULE("[%s] m_prevNodes has m_nodeId[%u]", m_nodeName.c_str(), node->GetNodeId());
     return 1;
@@ -186,6 +199,9 @@ uint32_t VideoVlinkNode::ConnectToNode(NodePtr node) {
     return 1;
   }
   std::lock_guard<std::recursive_mutex> lock(m_nodeLock);
+  if (RefusesLinks()) {
+    return 1;
+  }
   if (FindById(m_nextNodes, node->GetNodeId()) != m_nextNodes.end()) {
     VLOG_ERR_MODULE("[%s] m_nextNodes has m_nodeId[%u]", m_nodeName.c_str(), node->GetNodeId());
     return 1;

@@ -185,6 +185,8 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // is left.
   void RunReleases();
   void FinishTask();
+  // With m_nodeLock held: true (logged) once the node is shut down.
+  bool RefusesLinks() const;
   // Starts loading what AcceptFrame reads.
   void PrefetchHandoffState() const {
     __builtin_prefetch(this);  // the node's own pointer to itself
@@ -221,6 +223,11 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // queued ones.
   std::mutex m_lifecycleLock;
   bool m_shutDown = false;  // guarded by m_lifecycleLock
+  // Set by Shutdown before a node's links are dropped; read with m_nodeLock held, in the same
+  // hold that adds a neighbour. So a link made by a bind that raced with the shutdown is
+  // either dropped with the others or refused: a shut-down node that gained a neighbour
+  // would hold it, and be held by it, for good.
+  std::atomic<bool> m_linksClosed{false};
   // Frames this node produced whose last holder let go, waiting for the one release task
   // of this node; swapped with m_releasing by that task, so both keep their capacity.
   std::mutex m_releaseLock;  // guards the two below; held by no host callback

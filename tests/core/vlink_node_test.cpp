@@ -125,6 +125,11 @@ TEST(VlinkNodeTest, LinkReportsTheFailedStepAndKeepsOrUndoesWhatWasMade) {
        vlink::LinkStep::kReceiverSide, 1, 1},
       {"start refused", [](CountingNode&, CountingNode& r) { r.startResult = 7; },
        vlink::LinkStep::kStart, 1, 1},
+      // A bind racing with a destroy: a shut-down node gains no neighbour to hold for good.
+      {"sender shut down", [](CountingNode& s, CountingNode&) { s.Shutdown(); },
+       vlink::LinkStep::kSenderSide, 0, 0},
+      {"receiver shut down", [](CountingNode&, CountingNode& r) { r.Shutdown(); },
+       vlink::LinkStep::kReceiverSide, 1, 0},
   };
   for (const auto& c : cases) {
     for (const vlink::OnLinkFailure policy :
