@@ -126,7 +126,6 @@ uint32_t VideoVlinkNode::StopProcess() {
 
 void VideoVlinkNode::Shutdown() {
   if (t_startingNode == this) {
-    m_linksClosed = true;
     m_shutDown = true;  // this thread holds m_lifecycleLock: the start undoes itself
     return;
   }
@@ -136,7 +135,6 @@ void VideoVlinkNode::Shutdown() {
     if (m_shutDown) {
       return;
     }
-    m_linksClosed = true;
     m_shutDown = true;
   }
   StopProcess();
@@ -148,7 +146,7 @@ void VideoVlinkNode::Shutdown() {
 }
 
 bool VideoVlinkNode::RefusesLinks() const {
-  if (!m_linksClosed.load()) {
+  if (!m_shutDown.load()) {
     return false;
   }
   VLOG_ERR_MODULE("[%s] is shut down: no new link", m_nodeName.c_str());

@@ -222,12 +222,12 @@ class VideoVlinkNode : public OsvReleaseBase<OsvGraphicBuffer>,
   // node's threads send without it, and a stop refuses new frames before it waits for the
   // queued ones.
   std::mutex m_lifecycleLock;
-  bool m_shutDown = false;  // guarded by m_lifecycleLock
-  // Set by Shutdown before a node's links are dropped; read with m_nodeLock held, in the same
-  // hold that adds a neighbour. So a link made by a bind that raced with the shutdown is
-  // either dropped with the others or refused: a shut-down node that gained a neighbour
-  // would hold it, and be held by it, for good.
-  std::atomic<bool> m_linksClosed{false};
+  // Written under m_lifecycleLock. Atomic because the links also read it, with m_nodeLock
+  // held, in the same hold that adds a neighbour: it is set before a node's links are
+  // dropped, so a link made by a bind that raced with the shutdown is either dropped with
+  // the others or refused (a shut-down node that gained a neighbour would hold it, and be
+  // held by it, for good).
+  std::atomic<bool> m_shutDown{false};
   // Frames this node produced whose last holder let go, waiting for the one release task
   // of this node; swapped with m_releasing by that task, so both keep their capacity.
   std::mutex m_releaseLock;  // guards the two below; held by no host callback

@@ -25,7 +25,7 @@ F = [
   "lost wake-up: a called worker is not told it was called and sleeps on",
   [("core_test", "*")]),
  ("core-link-after-shutdown", "core", "core/tavo_video_vlink_node.cpp",
-  "  if (!m_linksClosed.load()) {", "  if (true) {",
+  "  if (!m_shutDown.load()) {", "  if (true) {",
   "leak: a bind racing with a destroy links a shut-down node, and the two hold each other",
   [("core_test", "*")]),
  ("core-receivers-stale", "core", "core/tavo_video_vlink_node.cpp",
