@@ -85,28 +85,6 @@ uint32_t TakeArmed(ArmedCall kind) {
   return armed >> 8;  // the component
 }
 
-int Render(uint32_t, TavoVideoRenderImgHeader*);
-const struct Tables& GetTables();
-
-uint32_t EncoderOut(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
-  if (TakeArmed(kGiveBackAtOnce) != UINT32_MAX) {
-    TavoVideoReleaseVEncFrame(frame);  // from inside; the later give-back is refused
-  }
-  std::lock_guard<std::mutex> lock(g_heldLock);
-  g_held.push_back(frame);
-  return 1;
-}
-uint32_t EncoderCreate(uint32_t, uint32_t, uint32_t) { return 0; }
-uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*);
-uint32_t VirtualOut(uint32_t, void*, uint32_t, void*, uint32_t) { return 0; }
-void Status(uint32_t, uint32_t) {}
-int32_t Cursor(VlinkCursorSendData*, uint32_t, uint32_t) { return 0; }
-
-template <class F>
-F Pick(Input& in, F callback) {
-  return (in.Byte() & 1U) != 0 ? callback : nullptr;
-}
-
 struct Tables {
   const tagTavoVideoCreateFuncMap* create = nullptr;
   const tagTavoVideoBindFuncMap* bind = nullptr;
@@ -153,8 +131,22 @@ uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*) {
   return 0;  // the library frees the frame
 }
 
-std::string ContainerName(uint32_t component) {
-  return "Node[" + std::to_string(component) + "]PresentParam";
+uint32_t EncoderOut(uint32_t, uint32_t, uint32_t, VencOutFrame* frame) {
+  if (TakeArmed(kGiveBackAtOnce) != UINT32_MAX) {
+    TavoVideoReleaseVEncFrame(frame);  // from inside; the later give-back is refused
+  }
+  std::lock_guard<std::mutex> lock(g_heldLock);
+  g_held.push_back(frame);
+  return 1;
+}
+uint32_t EncoderCreate(uint32_t, uint32_t, uint32_t) { return 0; }
+uint32_t VirtualOut(uint32_t, void*, uint32_t, void*, uint32_t) { return 0; }
+void Status(uint32_t, uint32_t) {}
+int32_t Cursor(VlinkCursorSendData*, uint32_t, uint32_t) { return 0; }
+
+template <class F>
+F Pick(Input& in, F callback) {
+  return (in.Byte() & 1U) != 0 ? callback : nullptr;
 }
 
 // A record of fuzz bytes with valid or null callbacks for a component type.
@@ -210,16 +202,19 @@ void DecodedFrame(Input& in) {
   }
 }
 
-void ReleaseHeld(size_t keep) {
-  std::vector<VencOutFrame*> frames;
-  {
-    std::lock_guard<std::mutex> lock(g_heldLock);
-    while (g_held.size() > keep) {
-      frames.push_back(g_held.back());
-      g_held.pop_back();
-    }
+// The newest held frame while more than `keep` are held; given back outside the lock.
+VencOutFrame* PopHeld(size_t keep = 0) {
+  std::lock_guard<std::mutex> lock(g_heldLock);
+  if (g_held.size() <= keep) {
+    return nullptr;
   }
-  for (VencOutFrame* frame : frames) {
+  VencOutFrame* frame = g_held.back();
+  g_held.pop_back();
+  return frame;
+}
+
+void ReleaseHeld(size_t keep) {
+  while (VencOutFrame* frame = PopHeld(keep)) {
     TavoVideoReleaseVEncFrame(frame);
   }
 }
@@ -230,7 +225,8 @@ void RunOne(Input& in) {
   tagTavoVideoComponentParam record;
   switch (in.Byte() % 16) {
     case 0: {  // the component's container; sometimes without "portId"
-      DataContainer* container = TavoVideoGetDataContainer(ContainerName(component).c_str());
+      DataContainer* container = TavoVideoGetDataContainer(
+          ("Node[" + std::to_string(component) + "]PresentParam").c_str());
       const uint8_t flags = in.Byte();
       container->SetDataByString<uint32_t>("imgNo", kNodeIds[flags % std::size(kNodeIds)]);
       if ((flags & 0x80U) == 0) {
@@ -332,15 +328,7 @@ void RunOne(Input& in) {
       VencOutFrame foreign{};
       in.Fill(&foreign, sizeof(foreign));
       TavoVideoReleaseVEncFrame(&foreign);
-      VencOutFrame* given = nullptr;
-      {
-        std::lock_guard<std::mutex> lock(g_heldLock);
-        if (!g_held.empty()) {
-          given = g_held.back();
-          g_held.pop_back();
-        }
-      }
-      if (given != nullptr) {
+      if (VencOutFrame* given = PopHeld()) {
         TavoVideoReleaseVEncFrame(given);
         TavoVideoReleaseVEncFrame(given);
       }

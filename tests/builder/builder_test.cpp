@@ -75,8 +75,6 @@ TEST(BuilderTest, TearDownClimbsOnlyThroughNodesLeftWithoutOutputs) {
   }
 }
 
-// A second bind of one link is refused: the host rows' test.
-
 // A sink that takes no upstream link.
 class RefusingSink : public NamedNode {
  public:
@@ -96,9 +94,9 @@ TEST(BuilderTest, BindFailingAfterTheForwardLinkLeavesItInPlace) {
   OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
   frame.SetReleaseTarget(input);
   EXPECT_EQ(input->SendBuffer(&frame), 0U);
-  EXPECT_EQ(static_cast<CountingNode*>(sink.get())->handled.Get(), 0);
   EXPECT_TRUE(static_cast<CountingNode*>(input.get())->released.WaitFor(1));
   input->DealTaskHandler(true);
+  EXPECT_EQ(static_cast<CountingNode*>(sink.get())->handled.Get(), 0);
   input->DisconnectFromNode(sink, true);
   VideoVlinkNode::DeleteNodeByUnique(3);
   VideoVlinkNode::DeleteNodeByUnique(23);

@@ -59,23 +59,17 @@ TEST(NamedThreadWakeTest, WakeUpsAreNeverLost) {
   int taken = 0;
   CountLatch done;
   constexpr int kItems = 2000;
-  ASSERT_EQ(thread.Start([&] {
-    for (;;) {
-      const bool more = thread.WaitFor(60000, [&] {
-        std::lock_guard<std::mutex> guard(lock);
-        return queued > taken;
-      });
-      if (!more) {
-        return;
-      }
+  const auto body = [&] {
+    while (thread.WaitFor(60000, [&] {
       std::lock_guard<std::mutex> guard(lock);
-      while (taken < queued) {
-        ++taken;
-        done.Add();
-      }
+      return queued > taken;
+    })) {
+      std::lock_guard<std::mutex> guard(lock);
+      done.Add(queued - taken);
+      taken = queued;
     }
-  }),
-            0);
+  };
+  ASSERT_EQ(thread.Start(body), 0);
   for (int i = 0; i < kItems; ++i) {
     {
       std::lock_guard<std::mutex> guard(lock);

@@ -13,28 +13,11 @@
 
 namespace {
 
-// Pushes interleaved with pops force many side swaps; the order must survive all of them,
-// also with producers racing each other.
+// Pops racing the pushes force many side swaps; each producer's order must survive all of
+// them, and nothing may be lost.
 TEST(DuelNonblockingQueueTest, KeepsOrderAcrossSideSwapsAndRacingProducersLoseNothing) {
   DuelNonblockingQueue<int> queue;
   EXPECT_FALSE(queue.Pop().has_value());
-  int next = 0;
-  int expected = 0;
-  for (int round = 0; round < 50; ++round) {
-    for (int i = 0; i < round % 7 + 1; ++i) {
-      queue.Push(next++);
-    }
-    for (int i = 0; i < round % 5; ++i) {
-      if (auto item = queue.Pop()) {
-        EXPECT_EQ(*item, expected++);
-      }
-    }
-  }
-  while (auto item = queue.Pop()) {
-    EXPECT_EQ(*item, expected++);
-  }
-  EXPECT_EQ(expected, next);
-
   constexpr int kPerProducer = 20000;
   std::vector<std::thread> producers;
   for (int p = 0; p < 2; ++p) {

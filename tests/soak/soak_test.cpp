@@ -102,8 +102,10 @@ size_t ResidentKb() {
 
 class Soak : public ::testing::Test {
  protected:
-  uint32_t Create(const Component& c, tagTavoVideoComponentParam* param) {
-    return m_host.Create(c.type, c.id, c.node, param);
+  // Created with the record Record gives it.
+  uint32_t Create(const Component& c, uint32_t variant = 0) {
+    HostParam p = Record(c, variant);
+    return m_host.Create(c.type, c.id, c.node, p.get());
   }
   uint32_t Destroy(const Component& c) { return m_host.Destroy(c.type, c.id); }
   uint32_t Bind(const Link& l) {
@@ -165,8 +167,7 @@ class Soak : public ::testing::Test {
     EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(kBackgroundChannel, 1), 0U);
     for (const Component* c : {&kTest, &kEncTest, &kDecoder, &kVoDecoder, &kVirCam, &kScreen,
                                &kEncScreen, &kVoScreen, &kCamera, &kEncCamera, &kVoCamera}) {
-      HostParam p = Record(*c);
-      EXPECT_EQ(Create(*c, p.get()), 0U) << "component " << c->id;
+      EXPECT_EQ(Create(*c), 0U) << "component " << c->id;
     }
     m_host.Store(kScreenAsInput.id, kScreenAsInput.node);
     for (const Link& link : kLinks) {
@@ -203,8 +204,8 @@ class Soak : public ::testing::Test {
           bound[i] = false;
           if (random() % 4 == 0) {
             EXPECT_EQ(Destroy(link.sink), 0U);
-            HostParam p = Record(link.sink, static_cast<uint32_t>(random()));
-            EXPECT_EQ(Create(link.sink, p.get()), 0U) << "component " << link.sink.id;
+            EXPECT_EQ(Create(link.sink, static_cast<uint32_t>(random())), 0U)
+                << "component " << link.sink.id;
           }
         } else {
           EXPECT_EQ(Bind(link), 0U) << "sink " << link.sink.id;
@@ -218,6 +219,11 @@ class Soak : public ::testing::Test {
     threads.emplace_back([&] {
       std::minstd_rand random(2);
       const std::pair<uint32_t, uint32_t> sizes[] = {{640, 480}, {320, 240}};
+      tagTavoVideoMouseParam mouse{};
+      mouse.screenComponentId = kScreen.id;
+      mouse.framerate = 30;
+      mouse.shape = 7;
+      mouse.cursorCallback = OnCursor;
       while (!stop) {
         {
           std::lock_guard<std::mutex> lock(linkLock);
@@ -228,12 +234,7 @@ class Soak : public ::testing::Test {
         const auto& [w, h] = sizes[random() % 2];
         EXPECT_EQ(TavoVideoSetCapResolution(kCameraNode, w, h), 0U);
         EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(kBackgroundChannel, random() % 2), 0U);
-        tagTavoVideoMouseParam mouse{};
-        mouse.screenComponentId = kScreen.id;
         mouse.independent = static_cast<uint8_t>(random() % 2);
-        mouse.framerate = 30;
-        mouse.shape = 7;
-        mouse.cursorCallback = OnCursor;
         EXPECT_EQ(TavoVideoMouseSetParam(kMouse, &mouse), 0U);
         EXPECT_EQ(random() % 2 == 0 ? TavoVideoShowMouse(kMouse) : TavoVideoHideMouse(kMouse), 0U);
         TagTavoVideoSnapshotStorage storage{};
