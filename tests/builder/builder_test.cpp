@@ -130,14 +130,13 @@ TEST(BuilderFactoryTest, IdsTypesAndASinkLinkedToItsStartedInputBeforeItStarts) 
   EXPECT_TRUE(logs.HasModule("vi node is nullptr", 1));
 
   Register(5101);
-  ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<StartProbe>(5102));
+  auto sink =
+      std::static_pointer_cast<StartProbe>(VideoVlinkNode::CreateNodeByUnique<StartProbe>(5102));
   std::shared_ptr<VlinkBuilder> builder = VlinkBuilderFactory::GetInstance().GetBuilder(5101);
   ASSERT_TRUE(builder);
   ASSERT_EQ(builder->BindVo(5102), 0U);
-  auto sink = VideoVlinkNode::GetNodeByUnique<StartProbe>(5102);
   EXPECT_TRUE(sink->linkedToStartedInput) << "the sink was started before it was linked";
   EXPECT_EQ(builder->UnBindVo(5102), 0U);
-  sink.reset();
   VideoVlinkNode::DeleteNodeByUnique(5102);
   VideoVlinkNode::DeleteNodeByUnique(5101);
   VlinkBuilderFactory::GetInstance().DeleteBuilder(5101);
