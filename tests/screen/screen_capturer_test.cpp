@@ -517,6 +517,11 @@ pid_t ServerPid() {
   return -1;
 }
 
+// Where there is no poll() system call, poll() is made with ppoll().
+#ifndef SYS_poll
+#define SYS_poll SYS_ppoll
+#endif
+
 // True while the capture thread waits in poll(), that is for the server's answer (between
 // frames it waits on a condition variable).
 bool CaptureThreadWaitsForTheServer() {
