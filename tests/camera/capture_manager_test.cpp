@@ -14,17 +14,12 @@
 
 namespace {
 
-// Packed I420 of width x height with strides width and width/2, as the manager lays it out.
-struct RefI420 {
-  RefI420(uint32_t w, uint32_t h) : width(w), height(h), bytes(size_t{w} * h * 3 / 2) {}
-  uint8_t* Y() { return bytes.data(); }
-  uint8_t* U() { return bytes.data() + size_t{width} * height; }
-  uint8_t* V() { return U() + size_t{width} * height / 4; }
-  int SY() const { return static_cast<int>(width); }
-  int SUV() const { return static_cast<int>(width / 2); }
-  uint32_t width;
-  uint32_t height;
-  std::vector<uint8_t> bytes;
+// The planes of a packed I420 picture of w x h in `bytes`, as the manager lays it out:
+// strides w and w/2.
+struct Planes {
+  Planes(std::vector<uint8_t>& bytes, int w, int h)
+      : y(bytes.data()), u(y + size_t(w) * h), v(u + size_t(w) * h / 4) {}
+  uint8_t *y, *u, *v;
 };
 
 // A frame over `input`, owned by the test; after a conversion the block is the frame's.
@@ -47,24 +42,22 @@ std::vector<uint8_t> PictureOf(const _PEL_V_FRAME& frame) {
 // libyuv's own I420 of a w x h `fourcc` sample, turned by `rotation`.
 std::vector<uint8_t> Oracle(const std::vector<uint8_t>& in, uint32_t fourcc, int w, int h,
                             uint32_t rotation = 0) {
-  const bool turned = rotation == 90 || rotation == 270;
-  RefI420 out(turned ? h : w, turned ? w : h);
-  EXPECT_EQ(libyuv::ConvertToI420(in.data(), in.size(), out.Y(), out.SY(), out.U(), out.SUV(),
-                                  out.V(), out.SUV(), 0, 0, w, h, w, h,
-                                  static_cast<libyuv::RotationMode>(rotation), fourcc),
+  const int ow = rotation == 90 || rotation == 270 ? h : w;
+  std::vector<uint8_t> out(size_t(w) * h * 3 / 2);
+  Planes o(out, ow, ow == w ? h : w);
+  EXPECT_EQ(libyuv::ConvertToI420(in.data(), in.size(), o.y, ow, o.u, ow / 2, o.v, ow / 2, 0, 0, w,
+                                  h, w, h, static_cast<libyuv::RotationMode>(rotation), fourcc),
             0);
-  return out.bytes;
+  return out;
 }
 
 // libyuv's mirror of a packed I420 picture.
 std::vector<uint8_t> Mirrored(std::vector<uint8_t> in, int w, int h) {
-  RefI420 src(w, h);
-  RefI420 out(w, h);
-  src.bytes = std::move(in);
-  EXPECT_EQ(libyuv::I420Mirror(src.Y(), src.SY(), src.U(), src.SUV(), src.V(), src.SUV(), out.Y(),
-                               out.SY(), out.U(), out.SUV(), out.V(), out.SUV(), w, h),
-            0);
-  return out.bytes;
+  std::vector<uint8_t> out(in.size());
+  Planes i(in, w, h), o(out, w, h);
+  EXPECT_EQ(
+      libyuv::I420Mirror(i.y, w, i.u, w / 2, i.v, w / 2, o.y, w, o.u, w / 2, o.v, w / 2, w, h), 0);
+  return out;
 }
 
 struct FormatCase {
@@ -105,11 +98,11 @@ TEST_F(CaptureManagerTest, EveryFormatMatchesLibyuvByteForByte) {
       ASSERT_EQ(manager.FrameConvert(frame), 0U);
       ASSERT_NE(frame.data, input.data());
       EXPECT_EQ(PictureOf(frame), c.copyOnly ? input : Oracle(input, c.fourcc, width, height));
-      EXPECT_EQ(frame.rotation, 90U);
-      EXPECT_EQ(frame.format, c.copyOnly ? c.format : PELV_IMAGE_FORMAT_I420);
-      EXPECT_EQ(frame.dataSize,
-                c.copyOnly ? input.size() : DevCaptureManager::BlockSize(width, height));
-      EXPECT_EQ(frame.stride, c.format == PELV_IMAGE_FORMAT_NV21 && !c.copyOnly ? width : 0U);
+      EXPECT_EQ((std::vector<size_t>{frame.rotation, frame.format, frame.dataSize, frame.stride}),
+                (std::vector<size_t>{
+                    90, c.copyOnly ? c.format : PELV_IMAGE_FORMAT_I420,
+                    c.copyOnly ? input.size() : DevCaptureManager::BlockSize(width, height),
+                    c.format == PELV_IMAGE_FORMAT_NV21 && !c.copyOnly ? width : 0U}));
       DevCaptureManager::ReleaseBuffer(frame.data);
     }
   }
