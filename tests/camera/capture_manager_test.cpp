@@ -64,7 +64,7 @@ struct FormatCase {
   const char* name;
   uint32_t format;
   bool copyOnly;
-  uint32_t halfBytesPerPixel;  // input bytes per pixel, times two
+  uint32_t halfBytesPerPixel;  // input bytes per pixel, times two; 0: a JPEG of a picture
   uint32_t fourcc;             // libyuv's name of the format; copies are their input
 };
 
@@ -76,6 +76,7 @@ const FormatCase kFormats[] = {
     {"NV21", PELV_IMAGE_FORMAT_NV21, false, 3, libyuv::FOURCC_NV21},
     {"RGB24", PELV_IMAGE_FORMAT_RGB24, false, 6, libyuv::FOURCC_24BG},
     {"ABGR", PELV_IMAGE_FORMAT_ABGR, false, 8, libyuv::FOURCC_ABGR},
+    {"MJPEG", PELV_IMAGE_FORMAT_MJPEG, false, 0, libyuv::FOURCC_MJPG},
 };
 
 class CaptureManagerTest : public ::testing::Test {
@@ -91,7 +92,9 @@ TEST_F(CaptureManagerTest, EveryFormatMatchesLibyuvByteForByte) {
     for (auto [width, height] : sizes) {
       SCOPED_TRACE(std::string(c.name) + " " + std::to_string(width));
       std::vector<uint8_t> input =
-          RandomBytes(size_t{width} * height * c.halfBytesPerPixel / 2, seed++);
+          c.halfBytesPerPixel == 0
+              ? EncodeI420Jpeg(MakePatternI420(width, height, seed++).data(), width, height)
+              : RandomBytes(size_t{width} * height * c.halfBytesPerPixel / 2, seed++);
       _PEL_V_FRAME frame = FrameOver(input, c.format, width, height);
       frame.copyOnly = c.copyOnly ? 1 : 0;
       frame.rotation = 90;  // carried, not applied
@@ -105,16 +108,6 @@ TEST_F(CaptureManagerTest, EveryFormatMatchesLibyuvByteForByte) {
                     c.format == PELV_IMAGE_FORMAT_NV21 && !c.copyOnly ? width : 0U}));
       DevCaptureManager::ReleaseBuffer(frame.data);
     }
-  }
-  for (auto [width, height] : {std::pair<uint32_t, uint32_t>{1280, 720}, {96, 56}}) {
-    SCOPED_TRACE("MJPEG " + std::to_string(width));
-    const std::vector<uint8_t> picture = MakePatternI420(width, height, 3);
-    std::vector<uint8_t> jpeg = EncodeI420Jpeg(picture.data(), width, height);
-    _PEL_V_FRAME frame = FrameOver(jpeg, PELV_IMAGE_FORMAT_MJPEG, width, height);
-    ASSERT_EQ(manager.ConvertToI420(frame), 0U);
-    EXPECT_EQ(PictureOf(frame), Oracle(jpeg, libyuv::FOURCC_MJPG, width, height));
-    EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(width, height));
-    DevCaptureManager::ReleaseBuffer(frame.data);
   }
 }
 
@@ -208,7 +201,7 @@ TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCallerAndNoCapturerNoS
     }
   }
   for (const FormatCase& c : kFormats) {
-    if (!c.copyOnly) {  // one byte short
+    if (!c.copyOnly && c.halfBytesPerPixel != 0) {  // one byte short
       const size_t size = 64 * 48 * c.halfBytesPerPixel / 2 - 1;
       EXPECT_EQ(convert(RandomBytes(size, 3), c.format, 64, 48), 1U) << c.name;
     }
