@@ -42,7 +42,11 @@ struct CameraTypeNode : CountingNode {  // the camera's node type, another class
 
 class CameraLinkTest : public ::testing::Test {
  protected:
-  CameraLinkTest() : m_deviceOverride(m_device) {
+  // The camera behind a fake V4L2 device; the inference client and the image wrapper behind a
+  // fake loader.
+  CameraLinkTest() : m_deviceOverride(m_device), m_loaderOverride(m_loader) {
+    m_loader.AddLibrary(BackgroundVirtualityNode::kClientLibrary, FakeComputingClient::Symbols());
+    m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
     FakeCameraConfig config = TypicalCamera(kBus);
     config.formats = {DiscreteFormat(V4L2_PIX_FMT_YUYV, {{320, 240}, {640, 480}}, {{1, 30}})};
     m_device.AddCamera(0, config);
@@ -124,6 +128,9 @@ class CameraLinkTest : public ::testing::Test {
   FakeHost m_host{HostEntries::Linked()};  // checks no frame reference is dropped twice
   FakeV4l2Device m_device;
   ScopedSeamOverride<CaptureDevice> m_deviceOverride;
+  FakeDynamicLoader m_loader;
+  ScopedSeamOverride<DynamicLoader> m_loaderOverride;
+  FakeComputingClient m_client;
   LogCapture m_log;
   std::vector<std::shared_ptr<CameraCaptureNode>> m_cameraNodes;
   std::map<uint32_t, std::shared_ptr<CountingNode>> m_sinks;
@@ -132,18 +139,6 @@ class CameraLinkTest : public ::testing::Test {
   std::atomic<uint32_t> m_lastWidth{0};
   std::atomic<int> m_wrongStamps{0};
   std::vector<FrameRef> m_held;
-};
-
-// The inference client and the image wrapper behind a fake loader.
-class CameraEffectTest : public CameraLinkTest {
- protected:
-  CameraEffectTest() : m_loaderOverride(m_loader) {
-    m_loader.AddLibrary(BackgroundVirtualityNode::kClientLibrary, FakeComputingClient::Symbols());
-    m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
-  }
-  FakeDynamicLoader m_loader;
-  ScopedSeamOverride<DynamicLoader> m_loaderOverride;
-  FakeComputingClient m_client;
 };
 
 // Two sinks share one virtual-background node and the camera starts once; unbinding one
@@ -270,7 +265,7 @@ TEST_F(CameraLinkTest, CaptureSizeIsCheckedAndTakesEffectAtTheNextStart) {
 // Settings given before the camera exists reach the virtual-background node at bind. Text
 // channels answer as without an overlay proxy; channels of another kind, or never made, are
 // kept nowhere.
-TEST_F(CameraEffectTest, OverlaySettingsStoredBeforeTheLinkApplyAtBind) {
+TEST_F(CameraLinkTest, OverlaySettingsStoredBeforeTheLinkApplyAtBind) {
   TempDir dir;
   const std::string bgPath = dir.Write("bg.bmp", SolidBmp24(16, 9, 255, 0, 0));
   uint32_t queue = 0;
