@@ -36,7 +36,10 @@ PY
 files() { git ls-files -- "$@" | grep -E '\.(c|cc|cpp|cxx|h|hh|hpp)$' || true; }
 tests=$(files tests fuzz)
 code=$(files . ':!tests' ':!fuzz' ':!bench')
-t=$(count $tests | tee /tmp/count-tests.txt | awk '{s+=$1} END {print s}')
-c=$(count $code | tee /tmp/count-code.txt | awk '{s+=$1} END {print s}')
-if [[ "${1:-}" == -v ]]; then sort -rn /tmp/count-tests.txt; fi
+# Per-file counts in a file of this run's own: several checkouts may count at once.
+listing=$(mktemp)
+trap 'rm -f "$listing"' EXIT
+t=$(count $tests | tee "$listing" | awk '{s+=$1} END {print s}')
+c=$(count $code | awk '{s+=$1} END {print s}')
+if [[ "${1:-}" == -v ]]; then sort -rn "$listing"; fi
 python3 -c "print(f'tests {$t}  code {$c}  share {$t/$c:.3f}')"

@@ -14,17 +14,12 @@
 
 namespace {
 
-// Packed I420 of width x height with strides width and width/2, as the manager lays it out.
-struct RefI420 {
-  RefI420(uint32_t w, uint32_t h) : width(w), height(h), bytes(size_t{w} * h * 3 / 2) {}
-  uint8_t* Y() { return bytes.data(); }
-  uint8_t* U() { return bytes.data() + size_t{width} * height; }
-  uint8_t* V() { return U() + size_t{width} * height / 4; }
-  int SY() const { return static_cast<int>(width); }
-  int SUV() const { return static_cast<int>(width / 2); }
-  uint32_t width;
-  uint32_t height;
-  std::vector<uint8_t> bytes;
+// The planes of a packed I420 picture of w x h in `bytes`, as the manager lays it out:
+// strides w and w/2.
+struct Planes {
+  Planes(std::vector<uint8_t>& bytes, int w, int h)
+      : y(bytes.data()), u(y + size_t(w) * h), v(u + size_t(w) * h / 4) {}
+  uint8_t *y, *u, *v;
 };
 
 // A frame over `input`, owned by the test; after a conversion the block is the frame's.
@@ -47,31 +42,29 @@ std::vector<uint8_t> PictureOf(const _PEL_V_FRAME& frame) {
 // libyuv's own I420 of a w x h `fourcc` sample, turned by `rotation`.
 std::vector<uint8_t> Oracle(const std::vector<uint8_t>& in, uint32_t fourcc, int w, int h,
                             uint32_t rotation = 0) {
-  const bool turned = rotation == 90 || rotation == 270;
-  RefI420 out(turned ? h : w, turned ? w : h);
-  EXPECT_EQ(libyuv::ConvertToI420(in.data(), in.size(), out.Y(), out.SY(), out.U(), out.SUV(),
-                                  out.V(), out.SUV(), 0, 0, w, h, w, h,
-                                  static_cast<libyuv::RotationMode>(rotation), fourcc),
+  const int ow = rotation == 90 || rotation == 270 ? h : w;
+  std::vector<uint8_t> out(size_t(w) * h * 3 / 2);
+  Planes o(out, ow, ow == w ? h : w);
+  EXPECT_EQ(libyuv::ConvertToI420(in.data(), in.size(), o.y, ow, o.u, ow / 2, o.v, ow / 2, 0, 0, w,
+                                  h, w, h, static_cast<libyuv::RotationMode>(rotation), fourcc),
             0);
-  return out.bytes;
+  return out;
 }
 
 // libyuv's mirror of a packed I420 picture.
 std::vector<uint8_t> Mirrored(std::vector<uint8_t> in, int w, int h) {
-  RefI420 src(w, h);
-  RefI420 out(w, h);
-  src.bytes = std::move(in);
-  EXPECT_EQ(libyuv::I420Mirror(src.Y(), src.SY(), src.U(), src.SUV(), src.V(), src.SUV(), out.Y(),
-                               out.SY(), out.U(), out.SUV(), out.V(), out.SUV(), w, h),
-            0);
-  return out.bytes;
+  std::vector<uint8_t> out(in.size());
+  Planes i(in, w, h), o(out, w, h);
+  EXPECT_EQ(
+      libyuv::I420Mirror(i.y, w, i.u, w / 2, i.v, w / 2, o.y, w, o.u, w / 2, o.v, w / 2, w, h), 0);
+  return out;
 }
 
 struct FormatCase {
   const char* name;
   uint32_t format;
   bool copyOnly;
-  uint32_t halfBytesPerPixel;  // input bytes per pixel, times two
+  uint32_t halfBytesPerPixel;  // input bytes per pixel, times two; 0: a JPEG of a picture
   uint32_t fourcc;             // libyuv's name of the format; copies are their input
 };
 
@@ -83,6 +76,7 @@ const FormatCase kFormats[] = {
     {"NV21", PELV_IMAGE_FORMAT_NV21, false, 3, libyuv::FOURCC_NV21},
     {"RGB24", PELV_IMAGE_FORMAT_RGB24, false, 6, libyuv::FOURCC_24BG},
     {"ABGR", PELV_IMAGE_FORMAT_ABGR, false, 8, libyuv::FOURCC_ABGR},
+    {"MJPEG", PELV_IMAGE_FORMAT_MJPEG, false, 0, libyuv::FOURCC_MJPG},
 };
 
 class CaptureManagerTest : public ::testing::Test {
@@ -98,30 +92,22 @@ TEST_F(CaptureManagerTest, EveryFormatMatchesLibyuvByteForByte) {
     for (auto [width, height] : sizes) {
       SCOPED_TRACE(std::string(c.name) + " " + std::to_string(width));
       std::vector<uint8_t> input =
-          RandomBytes(size_t{width} * height * c.halfBytesPerPixel / 2, seed++);
+          c.halfBytesPerPixel == 0
+              ? EncodeI420Jpeg(MakePatternI420(width, height, seed++).data(), width, height)
+              : RandomBytes(size_t{width} * height * c.halfBytesPerPixel / 2, seed++);
       _PEL_V_FRAME frame = FrameOver(input, c.format, width, height);
       frame.copyOnly = c.copyOnly ? 1 : 0;
       frame.rotation = 90;  // carried, not applied
       ASSERT_EQ(manager.FrameConvert(frame), 0U);
       ASSERT_NE(frame.data, input.data());
       EXPECT_EQ(PictureOf(frame), c.copyOnly ? input : Oracle(input, c.fourcc, width, height));
-      EXPECT_EQ(frame.rotation, 90U);
-      EXPECT_EQ(frame.format, c.copyOnly ? c.format : PELV_IMAGE_FORMAT_I420);
-      EXPECT_EQ(frame.dataSize,
-                c.copyOnly ? input.size() : DevCaptureManager::BlockSize(width, height));
-      EXPECT_EQ(frame.stride, c.format == PELV_IMAGE_FORMAT_NV21 && !c.copyOnly ? width : 0U);
+      EXPECT_EQ((std::vector<size_t>{frame.rotation, frame.format, frame.dataSize, frame.stride}),
+                (std::vector<size_t>{
+                    90, c.copyOnly ? c.format : PELV_IMAGE_FORMAT_I420,
+                    c.copyOnly ? input.size() : DevCaptureManager::BlockSize(width, height),
+                    c.format == PELV_IMAGE_FORMAT_NV21 && !c.copyOnly ? width : 0U}));
       DevCaptureManager::ReleaseBuffer(frame.data);
     }
-  }
-  for (auto [width, height] : {std::pair<uint32_t, uint32_t>{1280, 720}, {96, 56}}) {
-    SCOPED_TRACE("MJPEG " + std::to_string(width));
-    const std::vector<uint8_t> picture = MakePatternI420(width, height, 3);
-    std::vector<uint8_t> jpeg = EncodeI420Jpeg(picture.data(), width, height);
-    _PEL_V_FRAME frame = FrameOver(jpeg, PELV_IMAGE_FORMAT_MJPEG, width, height);
-    ASSERT_EQ(manager.ConvertToI420(frame), 0U);
-    EXPECT_EQ(PictureOf(frame), Oracle(jpeg, libyuv::FOURCC_MJPG, width, height));
-    EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(width, height));
-    DevCaptureManager::ReleaseBuffer(frame.data);
   }
 }
 
@@ -215,7 +201,7 @@ TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCallerAndNoCapturerNoS
     }
   }
   for (const FormatCase& c : kFormats) {
-    if (!c.copyOnly) {  // one byte short
+    if (!c.copyOnly && c.halfBytesPerPixel != 0) {  // one byte short
       const size_t size = 64 * 48 * c.halfBytesPerPixel / 2 - 1;
       EXPECT_EQ(convert(RandomBytes(size, 3), c.format, 64, 48), 1U) << c.name;
     }
@@ -243,10 +229,7 @@ TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCallerAndNoCapturerNoS
 // capture lock.
 class ScriptedCapturer final : public IDevCaptureProxy {
  public:
-  uint32_t Init(std::string cameraId) override {
-    id = cameraId;
-    return initResult;
-  }
+  uint32_t Init(std::string) override { return initResult; }
   uint32_t CaptureStart(tagCameraCaptureParams*) override { return startResult; }
   uint32_t CaptureStop() override {
     stopEntered.Add();
@@ -255,7 +238,6 @@ class ScriptedCapturer final : public IDevCaptureProxy {
   }
   void SetCaptureCallback(CaptureFrameCallback cb) override { callback = std::move(cb); }
 
-  std::string id;
   uint32_t initResult = 0;
   uint32_t startResult = 0;
   CaptureFrameCallback callback;
@@ -271,7 +253,6 @@ TEST_F(CaptureManagerTest, FramePathConvertsPacesFailuresDropsWhileStoppedAndPas
   ScriptedCapturer& capturer = *owned;
   manager.SetDevCaptureProxy(std::move(owned));
   ASSERT_EQ(manager.Init("usb-1"), 0U);
-  EXPECT_EQ(capturer.id, "usb-1");
   std::vector<uint32_t> handed;  // formats of the frames handed on
   manager.SetCaptureCallback([&](_PEL_V_FRAME& frame) {
     handed.push_back(frame.format);

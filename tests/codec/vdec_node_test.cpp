@@ -63,64 +63,6 @@ tagTavoVideoVDecParam DecParam(uint32_t imgNo, const char* watermark = nullptr) 
   return param;
 }
 
-// The decoder is registered, as builders find it there.
-class VdecNodeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    g_decoder = &m_host;
-    m_decoder = std::static_pointer_cast<VirtualDecoderNode>(
-        VideoVlinkNode::CreateNodeByUnique<VirtualDecoderNode>(70));
-    ASSERT_TRUE(m_decoder);
-  }
-  void TearDown() override {
-    VideoVlinkNode::DeleteNodeByUnique(70);
-    for (tagOS_S_VIDEO_CODEC_IMG_INFO* frame : m_host.kept) {
-      DeleteFrame(frame);
-    }
-    g_decoder = nullptr;
-  }
-  HostDecoder m_host;
-  std::shared_ptr<VirtualDecoderNode> m_decoder;
-};
-
-// Bad frames stay with the host (frames before the start, or null, are the host rows' test),
-// the freeze strategy reaches only the next frame, and frames the host refuses on their way
-// back are freed by the library (the leak checker proves record and buffer were freed).
-// That every frame comes back once, through any sinks or none, is the host rows' test.
-TEST_F(VdecNodeTest, ReceivedFramesFromCheckToReturn) {
-  LogCapture logs;
-  EXPECT_EQ(m_decoder->SetParam(DecParam(226)), 1U);
-  ASSERT_EQ(m_decoder->SetParam(DecParam(70)), 0U);
-  ASSERT_EQ(m_decoder->StartProcess(), 0U);
-  tagOS_S_VIDEO_CODEC_IMG_INFO* frame = NewFrame();
-  EXPECT_EQ(m_decoder->ReceiveVdecFrame(32, 70, frame), 1U);
-  EXPECT_TRUE(logs.HasModule("invalid vdecId[32]!", 1));
-  OsvGraphicBuffer* buffer = std::exchange(frame->pBuffer, nullptr);
-  EXPECT_EQ(m_decoder->ReceiveVdecFrame(0, 70, frame), 1U);
-  EXPECT_TRUE(logs.HasModule("null pBuffer!", 1));
-  frame->pBuffer = buffer;
-  DeleteFrame(frame);
-
-  m_decoder->SetDecFreeze({});
-  EXPECT_TRUE(logs.HasModule("[DEC_70] freeze strategy is empty.", 1));
-  m_decoder->SetDecFreeze({7, 9});
-  tagOS_S_VIDEO_CODEC_IMG_INFO* first = NewFrame();
-  tagOS_S_VIDEO_CODEC_IMG_INFO* second = NewFrame();
-  ASSERT_EQ(m_decoder->ReceiveVdecFrame(31, 70, first), 0U);  // 31 and negative ids pass
-  ASSERT_EQ(m_decoder->ReceiveVdecFrame(-1, 70, second), 0U);
-  ASSERT_TRUE(m_host.backCount.WaitFor(2));
-  m_decoder->DealTaskHandler(true);
-  EXPECT_EQ(first->defreezeStrategy, 7U);
-  EXPECT_EQ(second->defreezeStrategy, 0U);
-  EXPECT_TRUE(logs.HasModule("[DEC_70] Vdec revice first frame.", 3));
-
-  m_host.answer = 0;
-  ASSERT_EQ(m_decoder->ReceiveVdecFrame(0, 70, NewFrame()), 0U);
-  ASSERT_TRUE(m_host.backCount.WaitFor(3));
-  m_decoder->DealTaskHandler(true);
-  EXPECT_EQ(logs.CountModule("[DEC_70] ReleaseFrame failed! force delete buffer!", 1), 1U);
-}
-
 uint32_t g_outPort = 0;
 uint32_t OnVirtualOut(uint32_t port, void* target, uint32_t targetSize, void* source,
                       uint32_t sourceSize) {
@@ -129,14 +71,57 @@ uint32_t OnVirtualOut(uint32_t port, void* target, uint32_t targetSize, void* so
   return 0;
 }
 
-// The watermark reaches previews as they are bound and when it changes; a virtual camera gets
-// none, and hands records to the host only once the bind has started it.
-TEST_F(VdecNodeTest, WatermarkFollowsBindsAndUpdatesAndTheVirtualCameraWaitsForItsStart) {
+// Bad frames stay with the host (frames before the start, or null, are the host rows' test),
+// the freeze strategy reaches only the next frame, and frames the host refuses on their way
+// back are freed by the library (the leak checker proves record and buffer were freed).
+// That every frame comes back once, through any sinks or none, is the host rows' test.
+// Then the watermark reaches previews as they are bound and when it changes; a virtual camera
+// gets none, and hands records to the host only once the bind has started it. The decoder is
+// registered, as builders find it there.
+TEST(VdecNodeTest, ReceivedFramesFromCheckToReturnAndTheWatermarkFollowsBinds) {
+  HostDecoder host;
+  g_decoder = &host;
   LogCapture logs;
+  auto decoder = std::static_pointer_cast<VirtualDecoderNode>(
+      VideoVlinkNode::CreateNodeByUnique<VirtualDecoderNode>(70));
+  ASSERT_TRUE(decoder);
+  EXPECT_EQ(decoder->SetParam(DecParam(226)), 1U);
+  ASSERT_EQ(decoder->SetParam(DecParam(70)), 0U);
+  ASSERT_EQ(decoder->StartProcess(), 0U);
+  tagOS_S_VIDEO_CODEC_IMG_INFO* frame = NewFrame();
+  EXPECT_EQ(decoder->ReceiveVdecFrame(32, 70, frame), 1U);
+  EXPECT_TRUE(logs.HasModule("invalid vdecId[32]!", 1));
+  OsvGraphicBuffer* buffer = std::exchange(frame->pBuffer, nullptr);
+  EXPECT_EQ(decoder->ReceiveVdecFrame(0, 70, frame), 1U);
+  EXPECT_TRUE(logs.HasModule("null pBuffer!", 1));
+  frame->pBuffer = buffer;
+  DeleteFrame(frame);
+
+  decoder->SetDecFreeze({});
+  EXPECT_TRUE(logs.HasModule("[DEC_70] freeze strategy is empty.", 1));
+  decoder->SetDecFreeze({7, 9});
+  tagOS_S_VIDEO_CODEC_IMG_INFO* first = NewFrame();
+  tagOS_S_VIDEO_CODEC_IMG_INFO* second = NewFrame();
+  ASSERT_EQ(decoder->ReceiveVdecFrame(31, 70, first), 0U);  // 31 and negative ids pass
+  ASSERT_EQ(decoder->ReceiveVdecFrame(-1, 70, second), 0U);
+  ASSERT_TRUE(host.backCount.WaitFor(2));
+  decoder->DealTaskHandler(true);
+  EXPECT_EQ(first->defreezeStrategy, 7U);
+  EXPECT_EQ(second->defreezeStrategy, 0U);
+  EXPECT_TRUE(logs.HasModule("[DEC_70] Vdec revice first frame.", 3));
+
+  host.answer = 0;
+  ASSERT_EQ(decoder->ReceiveVdecFrame(0, 70, NewFrame()), 0U);
+  ASSERT_TRUE(host.backCount.WaitFor(3));
+  decoder->DealTaskHandler(true);
+  EXPECT_EQ(logs.CountModule("[DEC_70] ReleaseFrame failed! force delete buffer!", 1), 1U);
+
   g_outPort = 0;
-  ASSERT_EQ(m_decoder->SetParam(DecParam(70, "ROOM 4")), 0U);
-  auto first = VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(41);
-  auto second = VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(42);
+  ASSERT_EQ(decoder->SetParam(DecParam(70, "ROOM 4")), 0U);
+  auto vo41 = std::static_pointer_cast<VideoPreviewNode>(
+      VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(41));
+  auto vo42 = std::static_pointer_cast<VideoPreviewNode>(
+      VideoVlinkNode::CreateNodeByUnique<VideoPreviewNode>(42));
   auto camera = std::static_pointer_cast<VirtualCameraNode>(
       VideoVlinkNode::CreateNodeByUnique<VirtualCameraNode>(43));
   VoDevInfo info{};
@@ -159,20 +144,25 @@ TEST_F(VdecNodeTest, WatermarkFollowsBindsAndUpdatesAndTheVirtualCameraWaitsForI
   EXPECT_EQ(camera->AcquireBuffer(record), 0U);
   EXPECT_EQ(g_outPort, 3U);
   std::string text;
-  EXPECT_TRUE(std::static_pointer_cast<VideoPreviewNode>(second)->GetWaterMark(70, text));
+  EXPECT_TRUE(vo42->GetWaterMark(70, text));
   EXPECT_EQ(text, "ROOM 4");
   // Each bind pushes to every preview already linked: the first one heard it three times.
   EXPECT_EQ(logs.CountModule("[VO_41] SetWaterMarkParam imgNo:70, content:ROOM 4", 3), 3U);
 
-  m_decoder->UpdateParam(DecParam(70));  // watermark off
-  EXPECT_FALSE(std::static_pointer_cast<VideoPreviewNode>(first)->GetWaterMark(70, text));
-  EXPECT_FALSE(std::static_pointer_cast<VideoPreviewNode>(second)->GetWaterMark(70, text));
+  decoder->UpdateParam(DecParam(70));  // watermark off
+  EXPECT_FALSE(vo41->GetWaterMark(70, text));
+  EXPECT_FALSE(vo42->GetWaterMark(70, text));
 
   for (uint32_t id : {41U, 42U, 43U}) {
     EXPECT_EQ(builder->UnBindVo(id), 0U);
     VideoVlinkNode::DeleteNodeByUnique(id);
   }
   VlinkBuilderFactory::GetInstance().DeleteBuilder(70);
+  VideoVlinkNode::DeleteNodeByUnique(70);
+  for (tagOS_S_VIDEO_CODEC_IMG_INFO* kept : host.kept) {
+    DeleteFrame(kept);
+  }
+  g_decoder = nullptr;
 }
 
 }  // namespace

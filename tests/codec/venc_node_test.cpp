@@ -44,37 +44,26 @@ uint32_t OnFrame(uint32_t imgNo, uint32_t hostKey, uint32_t hostSubKey, VencOutF
   return accept;
 }
 
-class VencNodeTest : public ::testing::Test {
- protected:
-  void SetUp() override { g_host = &m_host; }
-  void TearDown() override {
-    for (VencOutFrame* record : m_host.records) {
-      std::free(record);
-    }
-    g_host = nullptr;
-  }
+VencDevInfo ValidInfo(uint32_t imgNo) {
+  VencDevInfo info{};
+  info.imgNo = imgNo;
+  info.hostTag = 0x7A6;
+  info.hostKey = 11;
+  info.hostSubKey = 12;
+  info.width = 1280;
+  info.height = 720;
+  info.frameRate = 30;
+  info.encOutFunc = OnFrame;
+  info.encCreateFunc = OnCreate;
+  return info;
+}
 
-  static VencDevInfo ValidInfo(uint32_t imgNo) {
-    VencDevInfo info{};
-    info.imgNo = imgNo;
-    info.hostTag = 0x7A6;
-    info.hostKey = 11;
-    info.hostSubKey = 12;
-    info.width = 1280;
-    info.height = 720;
-    info.frameRate = 30;
-    info.encOutFunc = OnFrame;
-    info.encCreateFunc = OnCreate;
-    return info;
-  }
-
-  HostSide m_host;
-};
-
-// Refused records are not kept, each start creates the host encoder once, a host error
-// callback may use the encoder from another thread, and deleting a started node from the
-// registry stops it first.
-TEST_F(VencNodeTest, ParametersStartsErrorsAndDeletion) {
+// Refused records are not kept. Records carry the host's values, and their sequence runs on
+// across a stop; each start creates the host encoder once. A host error callback may use the
+// encoder from another thread, and deleting a started node from the registry stops it first.
+TEST(VencNodeTest, ParametersRecordsStartsErrorsAndDeletion) {
+  HostSide host;
+  g_host = &host;
   LogCapture logs;
   ASSERT_TRUE(VideoVlinkNode::CreateNodeByUnique<VirtualEncoderNode>(6));
   auto node = VideoVlinkNode::GetNodeByUnique<VirtualEncoderNode>(6);
@@ -100,10 +89,40 @@ TEST_F(VencNodeTest, ParametersStartsErrorsAndDeletion) {
 
   EXPECT_EQ(node->StartProcess(), 0U);
   EXPECT_EQ(node->StartProcess(), 0U);
-  EXPECT_EQ(m_host.creates, 1);
+  EXPECT_EQ(host.creates, 1);
+  auto source = std::make_shared<CountingNode>(50);
+  Link(source, node);
+  OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
+  frame.SetReleaseTarget(source);
+  // Offered with the host answering `accept`; an accepted frame is then given back. Each
+  // offered frame returns to its producer once.
+  auto offer = [&](uint32_t accept, int offered) {
+    host.accept = accept;
+    source->SendBuffer(&frame);
+    ASSERT_TRUE(host.offered.WaitFor(offered));
+    node->DealTaskHandler(true);
+    if (accept == 1) {
+      EXPECT_EQ(frame.GetRefCount(), 1U);  // the host still holds it
+      node->ReleaseBuffer(host.records.back()->buffer);
+    }
+    ASSERT_TRUE(source->released.WaitFor(offered));
+    source->DealTaskHandler(true);
+  };
+  offer(1, 1);
+  offer(0, 2);  // refused: the record is freed, the reference dropped
+  ASSERT_EQ(host.copies.size(), 2U);
+  const VencOutFrame& first = host.copies[0];
+  EXPECT_EQ(std::tuple(first.imgNo, first.hostKey, first.hostSubKey, first.hostTag, first.buffer,
+                       first.sequence),
+            std::tuple(6U, 11U, 12U, 0x7A6U, &frame, uint64_t{0}));
+  EXPECT_EQ(host.copies[1].sequence, 1U);
+  EXPECT_GE(host.copies[1].timestampUs, first.timestampUs);
   EXPECT_EQ(node->StopProcess(), 0U);
   EXPECT_EQ(node->StartProcess(), 0U);
-  EXPECT_EQ(m_host.creates, 2);
+  EXPECT_EQ(host.creates, 2);
+  offer(1, 3);
+  EXPECT_EQ(host.copies[2].sequence, 2U);
+  Unlink(source, node);
 
   // The host may, from its error callback, have another thread change the encoder and wait
   // for it: the callback runs without the encoder's locks.
@@ -124,47 +143,10 @@ TEST_F(VencNodeTest, ParametersStartsErrorsAndDeletion) {
   EXPECT_EQ(node->GetParam().hostKey, 9U);
   EXPECT_EQ(VideoVlinkNode::DeleteNodeByUnique(6), 0);
   EXPECT_FALSE(node->IsStarted());
-}
-
-TEST_F(VencNodeTest, RecordsCarryTheHostValuesAndCountEveryOfferedFrame) {
-  auto source = std::make_shared<CountingNode>(50);
-  auto encoder = std::make_shared<VirtualEncoderNode>(5);
-  ASSERT_EQ(encoder->SetParam(ValidInfo(5)), 0U);
-  ASSERT_EQ(encoder->StartProcess(), 0U);
-  Link(source, encoder);
-  OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
-  frame.SetReleaseTarget(source);
-  auto offer = [&](uint32_t accept, int offered) {
-    m_host.accept = accept;
-    source->SendBuffer(&frame);
-    ASSERT_TRUE(m_host.offered.WaitFor(offered));
-  };
-
-  offer(1, 1);
-  offer(0, 2);  // refused: the record is freed, the reference dropped
-  encoder->DealTaskHandler(true);
-  ASSERT_EQ(m_host.copies.size(), 2U);
-  const VencOutFrame& first = m_host.copies[0];
-  EXPECT_EQ(std::tuple(first.imgNo, first.hostKey, first.hostSubKey, first.hostTag, first.buffer,
-                       first.sequence),
-            std::tuple(5U, 11U, 12U, 0x7A6U, &frame, uint64_t{0}));
-  EXPECT_EQ(m_host.copies[1].sequence, 1U);
-  EXPECT_GE(m_host.copies[1].timestampUs, first.timestampUs);
-  // The host still holds the accepted frame.
-  EXPECT_EQ(frame.GetRefCount(), 1U);
-  encoder->ReleaseBuffer(m_host.records[0]->buffer);  // back to its producer
-  ASSERT_TRUE(source->released.WaitFor(1));
-  source->DealTaskHandler(true);
-
-  // Stop and start again: the sequence carries on.
-  encoder->StopProcess();
-  encoder->StartProcess();
-  offer(1, 3);
-  EXPECT_EQ(m_host.copies[2].sequence, 2U);
-  encoder->ReleaseBuffer(m_host.records[1]->buffer);
-  ASSERT_TRUE(source->released.WaitFor(2));
-  source->DealTaskHandler(true);
-  Unlink(source, encoder);
+  for (VencOutFrame* record : host.records) {
+    std::free(record);
+  }
+  g_host = nullptr;
 }
 
 }  // namespace

@@ -185,13 +185,13 @@ TEST_F(RenderAdapterTest, HostFailuresAndFramesTheHostNeverGets) {
 
   tagOS_S_SOFT_VO_CHN_PARAM param = Channel();
   DevRenderManager* out = nullptr;
-  EXPECT_EQ(TavoVideoRenderCreate(nullptr, &out), kFailure);
-  EXPECT_EQ(TavoVideoRenderCreate(&param, nullptr), kFailure);
+  EXPECT_EQ(
+      (std::vector{TavoVideoRenderCreate(nullptr, &out), TavoVideoRenderCreate(&param, nullptr),
+                   TavoVideoRenderFrame(nullptr, nullptr),
+                   TavoVideoRenderSetParams(nullptr, param.params), TavoVideoRenderStop(nullptr),
+                   TavoVideoRenderDelete(nullptr)}),
+      (std::vector{kFailure, kFailure, 0U, 0U, 0U, 0U}));
   EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(TavoVideoRenderFrame(nullptr, nullptr), 0U);
-  EXPECT_EQ(TavoVideoRenderSetParams(nullptr, param.params), 0U);
-  EXPECT_EQ(TavoVideoRenderStop(nullptr), 0U);
-  EXPECT_EQ(TavoVideoRenderDelete(nullptr), 0U);
   OsvGraphicBuffer empty(nullptr);  // no memory, no size
   Manager yuv = Create(nullptr);
   EXPECT_EQ(TavoVideoRenderFrame(yuv.get(), frame.get()), 1U);

@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 #include <X11/extensions/XTest.h>
 // clang-format on
-#include <sys/shm.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "core/tavo_video_os_seams.h"
@@ -24,13 +27,13 @@ constexpr uint32_t kHeight = 240;
 
 class ScreenCapturerTest : public ScreenTest {};
 
-// "wait recreate link!" lines per trace channel. A channel's callback cannot be removed
-// again; these stay registered and count only that line.
-std::atomic<int> g_recreateLines[3];
-template <int channel>
+// "wait recreate link!" lines on trace channel 2, the capturer's (sent elsewhere, they would
+// not be counted). A channel's callback cannot be removed again; this one stays registered
+// and counts only that line.
+std::atomic<int> g_recreateLines{0};
 void CountRecreateLines(uint32_t /*level*/, const char* text) {
   if (std::strstr(text, "wait recreate link!") != nullptr) {
-    ++g_recreateLines[channel];
+    ++g_recreateLines;
   }
 }
 
@@ -192,11 +195,8 @@ TEST_F(ScreenCapturerTest, CursorIsBlendedExactlyClippedAndOnlyWhereDrawn) {
 // its cursor drawn in, nothing changing at all, and an encoder resize. Then the monitor
 // is resized and moved.
 TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabsAndTheMonitorIsFollowed) {
-  OS_VLink_Debug_TraceRegister(0, &CountRecreateLines<0>);
-  OS_VLink_Debug_TraceRegister(2, &CountRecreateLines<2>);
-  for (auto& count : g_recreateLines) {
-    count = 0;  // a repeated run counts afresh
-  }
+  OS_VLink_Debug_TraceRegister(2, &CountRecreateLines);
+  g_recreateLines = 0;  // a repeated run counts afresh
   OS_VLink_Debug_SetTraceLevel(4);
   StartServer({{kWidth, kHeight}});
   ASSERT_TRUE(m_server->SplitScreen(0, 2));  // port 1 is the right half
@@ -263,9 +263,9 @@ TEST_F(ScreenCapturerTest, DamageDrivenFramesEqualWholeGrabsAndTheMonitorIsFollo
   EXPECT_EQ(m_logs.CountModule("wait recreate link! count[100]"), 1u);
   EXPECT_EQ(byWhole->GetMonitorChangeCount(), 101u);
   EXPECT_EQ(whole.Count(), sent);
-  // The capturer's lines go to trace channel 2, and only there.
+  // The capturer's lines go to trace channel 2.
   OS_VLink_Debug_SetTraceLevel(0);
-  EXPECT_EQ(std::pair(g_recreateLines[0].load(), g_recreateLines[2].load()), std::pair(0, 2));
+  EXPECT_EQ(g_recreateLines.load(), 2);
   ASSERT_TRUE(m_server->SetMonitor(0, "part1", 160, 240, 160, 0));
   EXPECT_TRUE(WaitUntilTrue([&] { return byWhole->ScreenCaptureProcess() == 0; }));
   EXPECT_GE(byWhole->GetMonitorChangeCount(), 101u);  // never reset
@@ -362,9 +362,9 @@ TEST_F(ScreenCapturerTest, FramesComeAtThePeriodOverManyFrames) {
 TEST_F(ScreenCapturerTest, BadInputNoDisplayNoSharedMemoryAndReplacedBuffers) {
   StartServer({{kWidth, kHeight}});
   X11ScreenCapturer bare(90);
-  EXPECT_EQ(bare.SetCaptureParams(Params(0, 240, 30)), 1u);
-  EXPECT_EQ(bare.SetCaptureParams(Params(320, 0, 30)), 1u);
-  EXPECT_EQ(bare.SetCaptureParams(Params(320, 240, 0)), 1u);
+  for (const ViDevInfo& bad : {Params(0, 240, 30), Params(320, 0, 30), Params(320, 240, 0)}) {
+    EXPECT_EQ(bare.SetCaptureParams(bad), 1u);
+  }
   EXPECT_EQ(m_logs.CountModule("Invalid param for screen capture!", 1), 3u);
   EXPECT_EQ(bare.SetCaptureParams(Params(1, 1, 1)), 0u);
   EXPECT_EQ(bare.SetSendFrameCallback(nullptr), 1u);
@@ -407,9 +407,6 @@ TEST_F(ScreenCapturerTest, BadInputNoDisplayNoSharedMemoryAndReplacedBuffers) {
   FakeSharedMemory memory;
   ScopedSeamOverride<SharedMemorySystem> memorySeam(memory);
   const size_t before = CountOwnShmSegments();
-  const int own = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-  EXPECT_EQ(CountOwnShmSegments(), before + 1);  // the counter itself sees one of ours
-  shmctl(own, IPC_RMID, nullptr);
   memory.getError = ENOSPC;
   EXPECT_EQ(noDisplay->Init(), 1u);
   EXPECT_TRUE(m_logs.HasModule("shmget failed, errono = 28, No space left on device", 1));
@@ -419,20 +416,16 @@ TEST_F(ScreenCapturerTest, BadInputNoDisplayNoSharedMemoryAndReplacedBuffers) {
   EXPECT_EQ(noDisplay->Init(), 1u);
   EXPECT_TRUE(m_logs.HasModule("shmat failed, errono = 13", 1));
   EXPECT_EQ(CountOwnShmSegments(), before);
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
   memory.attachError = 0;
-  for (int run = 1; run <= 2; ++run) {
+  for (int run = 1; run <= 2; ++run) {  // the second after a stop
     ASSERT_EQ(noDisplay->StartCapture(), 0u);
     EXPECT_EQ(CountOwnShmSegments(), before);
-    EXPECT_EQ(memory.removes.load(), memory.gets.load());
     ASSERT_TRUE(blind.WaitFrames(run));
     if (run == 1) {
       noDisplay->StopCapture();
-      EXPECT_EQ(memory.detaches.load(), memory.attaches.load());
     }
   }
   noDisplay.reset();
-  EXPECT_EQ(CountOwnShmSegments(), before);
   EXPECT_EQ(memory.detaches.load(), memory.attaches.load());
   EXPECT_EQ(memory.removes.load(), memory.gets.load());
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
@@ -511,52 +504,66 @@ std::ptrdiff_t CountOwnDescriptors() {
                        std::filesystem::directory_iterator{});
 }
 
-TEST_F(ScreenCapturerTest, ADisplayThatGoesAwayMidCaptureIsSurvivedAndLetGo) {
-  StartServer({{kWidth, kHeight}});
-  const size_t descriptors = CountOwnDescriptors();
-  FrameSink sink;
-  auto capturer = MakeCapturer(sink);
-  // The cursor sampled apart too: two threads on the connection when it goes.
-  ASSERT_EQ(capturer->SetCaptureCursorParams(Cursor(false, true, 60)), 0u);
-  ASSERT_EQ(capturer->StartCapture(), 0u);
-  ASSERT_TRUE(sink.WaitFrames(2));
-  m_server->Kill();
-  const int seen = sink.Count();
-  ASSERT_TRUE(WaitUntilTrue([&] { return m_logs.HasModule("ScreenCaptureProcess failed!", 1); }));
-  EXPECT_LE(sink.Count(), seen + 1);
-  EXPECT_TRUE(m_logs.HasModule("X display connection lost", 1));
-  EXPECT_EQ(capturer->StopCapture(), 0u);
-  EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
-  // The lost connection was closed: its socket is not kept (the fixture's own connection
-  // went with the server).
-  EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-  EXPECT_EQ(CountOwnDescriptors(), descriptors - 1);
+// The pid of the test's X server: our child named Xvfb.
+pid_t ServerPid() {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::ifstream stat(entry.path() / "stat");
+    std::string pid, name, state;
+    pid_t parent = 0;
+    if (stat >> pid >> name >> state >> parent && name == "(Xvfb)" && parent == getpid()) {
+      return std::stoi(pid);
+    }
+  }
+  return -1;
 }
 
-// A server that stops answering mid-capture (as one stopped with SIGSTOP) does not hold up
-// a stop; one that drops connections while it resets is asked again; a display that takes
-// connections and never answers is given up after the answer time.
-TEST_F(ScreenCapturerTest, ServersThatStopAnsweringOrDropConnections) {
+// Where there is no poll() system call, poll() is made with ppoll().
+#ifndef SYS_poll
+#define SYS_poll SYS_ppoll
+#endif
+
+// True while the capture thread waits in poll(), that is for the server's answer (between
+// frames it waits on a condition variable).
+bool CaptureThreadWaitsForTheServer() {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path() / "comm"), call(task.path() / "syscall");
+    std::string name;
+    long number = -1;
+    if (std::getline(comm, name) && name.rfind("ScreenCapSend", 0) == 0 && call >> number &&
+        (number == SYS_poll || number == SYS_ppoll)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// A server that stops answering mid-capture (stopped with SIGSTOP) does not hold up a stop;
+// a display that takes connections and never answers is given up after the answer time; one
+// that drops connections while it resets is asked again. A display that goes away
+// mid-capture is survived and its connection let go.
+TEST_F(ScreenCapturerTest, ServersThatStopAnsweringDropConnectionsOrGoAway) {
   StartServer({{kWidth, kHeight}});
-  FreezableXProxy proxy(m_server->Name());
-  m_displaySystem->SetName(proxy.Name());
+  const pid_t server = ServerPid();
+  ASSERT_GT(server, 0);
+  // A stopped server would hold up its own teardown.
+  std::unique_ptr<const pid_t, void (*)(const pid_t*)> resume(
+      &server, [](const pid_t* pid) { kill(*pid, SIGCONT); });
   FrameSink sink;
   auto capturer = MakeCapturer(sink);
   capturer->UseDamage(false);  // every frame asks the server, still screen or not
   ASSERT_EQ(capturer->StartCapture(), 0u);
   ASSERT_TRUE(sink.WaitFrames(2));
-  proxy.Freeze();  // the capture thread's next frame waits for ever
-  ASSERT_TRUE(WaitUntilTrue([&] { return proxy.HeldBytes() > 0; }));
+  kill(server, SIGSTOP);  // the capture thread's next frame waits for ever
+  ASSERT_TRUE(WaitUntilTrue(CaptureThreadWaitsForTheServer));
   EXPECT_EQ(capturer->StopCapture(), 0u);
   EXPECT_TRUE(m_logs.HasModule("Capturer[90] capture thread stuck in the X server", 1));
   EXPECT_EQ(m_displaySystem->opens.load(), m_displaySystem->closes.load());
-
   m_displaySystem->answerTimeoutMs = 200;
   EXPECT_EQ(capturer->Init(), 1u);
+  resume.reset();
 
-  m_displaySystem->SetName(m_server->Name());
   m_displaySystem->dropOpens = 2;
-  const int seen = sink.Count();
+  int seen = sink.Count();
   ASSERT_EQ(capturer->StartCapture(), 0u);
   EXPECT_EQ(m_displaySystem->dropOpens.load(), 0);  // both dropped opens asked again
   ASSERT_TRUE(sink.WaitFrames(seen + 2));
@@ -571,6 +578,23 @@ TEST_F(ScreenCapturerTest, ServersThatStopAnsweringOrDropConnections) {
   InstallX11ErrorHandlers(display);
   X11Connection(display).Cut();
   EXPECT_FALSE(IsX11DisplayLost(display));
+
+  // The cursor sampled apart too: two threads on the connection when it goes.
+  const size_t descriptors = CountOwnDescriptors();
+  ASSERT_EQ(capturer->SetCaptureCursorParams(Cursor(false, true, 60)), 0u);
+  ASSERT_EQ(capturer->StartCapture(), 0u);
+  ASSERT_TRUE(sink.WaitFrames(sink.Count() + 2));
+  m_server->Kill();
+  seen = sink.Count();
+  ASSERT_TRUE(WaitUntilTrue([&] { return m_logs.HasModule("ScreenCaptureProcess failed!", 1); }));
+  EXPECT_LE(sink.Count(), seen + 1);
+  EXPECT_TRUE(m_logs.HasModule("X display connection lost", 1));
+  EXPECT_EQ(capturer->StopCapture(), 0u);
+  EXPECT_EQ(capturer->ScreenCaptureProcess(), 1u);
+  // The lost connection was closed: its socket is not kept (the fixture's own connection
+  // went with the server). The one cut above was closed too, not opened here.
+  EXPECT_EQ(m_displaySystem->opens.load() + 1, m_displaySystem->closes.load());
+  EXPECT_EQ(CountOwnDescriptors(), descriptors - 1);
 }
 
 }  // namespace

@@ -1,15 +1,6 @@
 #include "tests/screen/screen_test_support.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <cstddef>
-#include <cstring>
 #include <thread>
 
 std::vector<uint8_t> PackI420(const OsvGraphicBuffer& frame) {
@@ -71,83 +62,6 @@ bool WaitUntilTrue(const std::function<bool()>& condition, std::chrono::seconds 
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
-}
-
-namespace {
-
-// Binds (or connects) `fd` to the abstract socket `path`, as X servers listen.
-int OnAbstract(int fd, const std::string& path, bool connectTo) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path + 1, path.data(), path.size());
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
-  auto* at = reinterpret_cast<sockaddr*>(&address);
-  return connectTo ? connect(fd, at, length) : bind(fd, at, length);
-}
-
-}  // namespace
-
-FreezableXProxy::FreezableXProxy(const std::string& serverName) {
-  m_serverPath = "/tmp/.X11-unix/X" + serverName.substr(1, serverName.find('.') - 1);
-  m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  for (int number = 6000 + getpid() % 1000; number < 7100; ++number) {
-    if (OnAbstract(m_listener, "/tmp/.X11-unix/X" + std::to_string(number), false) == 0) {
-      m_name = ":" + std::to_string(number);
-      break;
-    }
-  }
-  listen(m_listener, 16);
-  m_thread = std::thread([this] { Pump(); });
-}
-
-FreezableXProxy::~FreezableXProxy() {
-  m_closed = true;
-  shutdown(m_listener, SHUT_RDWR);  // wakes the pump's poll
-  m_thread.join();
-  close(m_listener);
-}
-
-void FreezableXProxy::Pump() {
-  std::vector<std::pair<int, int>> pairs;  // (client, server)
-  while (!m_closed) {
-    std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
-    for (const auto& pair : pairs) {
-      fds.push_back({pair.first, POLLIN, 0});
-      fds.push_back({pair.second, static_cast<short>(m_frozen ? 0 : POLLIN), 0});
-    }
-    if (poll(fds.data(), fds.size(), -1) <= 0) {
-      continue;
-    }
-    if ((fds[0].revents & POLLIN) != 0 && !m_closed) {
-      const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-      const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      if (client >= 0 && OnAbstract(server, m_serverPath, true) == 0) {
-        pairs.emplace_back(client, server);
-      } else {
-        close(client);
-        close(server);
-      }
-    }
-    for (size_t i = 1; i < fds.size(); ++i) {
-      if ((fds[i].revents & (POLLIN | POLLHUP)) == 0) {
-        continue;
-      }
-      const auto& pair = pairs[(i - 1) / 2];
-      const int from = (i % 2 == 1) ? pair.first : pair.second;
-      const int to = (i % 2 == 1) ? pair.second : pair.first;
-      char buffer[65536];
-      const ssize_t got = read(from, buffer, sizeof(buffer));
-      if (got > 0 && m_frozen) {
-        m_held += static_cast<size_t>(got);
-      } else if (got > 0) {
-        (void)send(to, buffer, static_cast<size_t>(got), MSG_NOSIGNAL);
-      }
-    }
-  }
-  for (const auto& pair : pairs) {
-    close(pair.first);
-    close(pair.second);
-  }
 }
 
 void ScreenTest::StartServer(const std::vector<XvfbScreen>& screens, int defaultScreen) {

@@ -5,12 +5,10 @@
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/tavo_video_frame_ref.h"
@@ -54,29 +52,6 @@ class FrameSink {
 // millisecond until it holds or the generous limit passes.
 bool WaitUntilTrue(const std::function<bool()>& condition,
                    std::chrono::seconds limit = kGenerousTimeout);
-
-// An X display that forwards to a real server until it is frozen: then it answers nothing,
-// as a server stopped with SIGSTOP.
-class FreezableXProxy {
- public:
-  explicit FreezableXProxy(const std::string& serverName);
-  ~FreezableXProxy();
-  const std::string& Name() const { return m_name; }
-  void Freeze() { m_frozen = true; }
-  // Bytes clients sent since the freeze (requests waiting for ever).
-  size_t HeldBytes() const { return m_held.load(); }
-
- private:
-  void Pump();
-
-  std::string m_name;
-  std::string m_serverPath;
-  int m_listener = -1;
-  std::atomic<bool> m_frozen{false};
-  std::atomic<bool> m_closed{false};
-  std::atomic<size_t> m_held{0};
-  std::thread m_thread;
-};
 
 // A private X server with the display seam pointed at it.
 class ScreenTest : public ::testing::Test {
