@@ -26,6 +26,7 @@
 #include "tavo_video_vlink.h"
 #include "tests/support/fake_host.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/own_process.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
@@ -58,17 +59,6 @@ bool ReturnsInTime(const std::function<void()>& call) {
   std::fprintf(stderr, "a call into the library did not return: %s\n",
                ::testing::UnitTest::GetInstance()->current_test_info()->name());
   std::_Exit(1);
-}
-
-// Threads of this process with the given name.
-int ThreadsNamed(const std::string& name) {
-  int count = 0;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::string text;
-    std::ifstream(task.path() / "comm") >> text;  // names hold no blanks
-    count += text == name ? 1 : 0;
-  }
-  return count;
 }
 
 // Public: the table-driven test drives it from lambdas.
@@ -290,7 +280,7 @@ TEST_F(CarelessHostTest, UnloadWithALinkRunningBadImageFilesAndRecordsGivenBackW
     EXPECT_EQ(std::pair(first.width, first.height),
               black ? std::pair(1920U, 1080U) : std::pair(16U, 16U));
     EXPECT_EQ(logs.HasModule("Failed to open file!", 1), black);
-    EXPECT_EQ(ThreadsNamed("VLINK_TEST_SEND"), 1);
+    EXPECT_EQ(CountOwnThreadsNamed("VLINK_TEST_SEND"), 1U);
     VencOutFrame* record = Host().TakeHeld();
     auto release = Host().entries().releaseEnc;
     VencOutFrame foreign{};  // freeing it would abort: still the host's
@@ -299,7 +289,7 @@ TEST_F(CarelessHostTest, UnloadWithALinkRunningBadImageFilesAndRecordsGivenBackW
               (std::vector<uint32_t>{0, 1, 1}));  // the second: already given back
     Host().GiveBack();
     Unload(false);  // nothing destroyed
-    EXPECT_EQ(ThreadsNamed("VLINK_TEST_SEND"), 0);
+    EXPECT_EQ(CountOwnThreadsNamed("VLINK_TEST_SEND"), 0U);
     Load();
   }
 }
@@ -332,7 +322,7 @@ TEST_F(CarelessHostTest, RacingHostThreadsLeaveNothingRunning) {
   host.Unbind(kEnc, kTest, 701, 700);
   EXPECT_EQ(host.Destroy(kTest, 700), 0U);
   EXPECT_EQ(host.Destroy(kEnc, 701), 0U);
-  EXPECT_EQ(ThreadsNamed("VLINK_TEST_SEND"), 0);
+  EXPECT_EQ(CountOwnThreadsNamed("VLINK_TEST_SEND"), 0U);
   const int offered = host.offered.Get();
   Unload();  // joins whatever the library still runs: a late frame would show now
   EXPECT_EQ(offered, m_lateCheck) << "a frame came after the last destroy";

@@ -19,6 +19,7 @@
 #include "screen/tavo_video_vlink_x11_display.h"
 #include "tests/screen/screen_test_support.h"
 #include "tests/support/fake_os.h"
+#include "tests/support/own_process.h"
 
 namespace {
 
@@ -499,11 +500,6 @@ TEST_F(ScreenCapturerTest, BadInputNoDisplayNoSharedMemoryAndReplacedBuffers) {
   EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
 }
 
-std::ptrdiff_t CountOwnDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                       std::filesystem::directory_iterator{});
-}
-
 // The pid of the test's X server: our child named Xvfb.
 pid_t ServerPid() {
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
@@ -525,16 +521,12 @@ pid_t ServerPid() {
 // True while the capture thread waits in poll(), that is for the server's answer (between
 // frames it waits on a condition variable).
 bool CaptureThreadWaitsForTheServer() {
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream comm(task.path() / "comm"), call(task.path() / "syscall");
-    std::string name;
-    long number = -1;
-    if (std::getline(comm, name) && name.rfind("ScreenCapSend", 0) == 0 && call >> number &&
-        (number == SYS_poll || number == SYS_ppoll)) {
-      return true;
-    }
-  }
-  return false;
+  return CountOwnThreads([](const std::string& name, const std::filesystem::path& task) {
+           long number = -1;
+           return name.rfind("ScreenCapSend", 0) == 0 &&
+                  std::ifstream(task / "syscall") >> number &&
+                  (number == SYS_poll || number == SYS_ppoll);
+         }) > 0;
 }
 
 // A server that stops answering mid-capture (stopped with SIGSTOP) does not hold up a stop;

@@ -10,7 +10,6 @@
 //
 // VLINK_SOAK_SECONDS sets the run's length (default 30; the long run is documented in the
 // README).
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -36,6 +35,7 @@
 #include "tests/support/fake_computing_client.h"
 #include "tests/support/fake_host.h"
 #include "tests/support/fake_os.h"
+#include "tests/support/own_process.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wrapper_symbols.h"
 #include "tools/common/fake_v4l2_device.h"
@@ -80,19 +80,6 @@ const Link kLinks[] = {{kEncTest, kTest},     {kVoDecoder, kDecoder},      {kVir
 uint32_t OnVirtualOut(uint32_t, void*, uint32_t, void*, uint32_t) { return 0; }
 int32_t OnCursor(VlinkCursorSendData*, uint32_t, uint32_t) { return 0; }
 
-// What the process holds, read from /proc.
-size_t CountEntries(const char* dir) {
-  size_t count = 0;
-  if (DIR* d = opendir(dir)) {
-    while (readdir(d) != nullptr) {
-      ++count;
-    }
-    closedir(d);
-  }
-  return count;
-}
-size_t Threads() { return CountEntries("/proc/self/task"); }
-size_t Descriptors() { return CountEntries("/proc/self/fd"); }
 size_t ResidentKb() {
   std::ifstream statm("/proc/self/statm");
   size_t pages = 0, resident = 0;
@@ -325,8 +312,8 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
   // A short first run makes what lives for the process (the pool's threads, the image
   // library's own workers) before the counts are taken.
   RunLinks(1, background);
-  const size_t threadsBefore = Threads();
-  const size_t descriptorsBefore = Descriptors();
+  const size_t threadsBefore = CountOwnThreads();
+  const size_t descriptorsBefore = CountOwnDescriptors();
   const std::vector<size_t> resident = RunLinks(seconds, background);
 
   // The host checks at its end that every decoded frame came back exactly once and no frame
@@ -336,11 +323,11 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
   EXPECT_GT(m_host.rendered.Get(), 0);
   // Threads end when their nodes go; the worker pool and the fakes' threads were counted
   // before. Give the last joins a moment, with a limit.
-  for (int i = 0; i < 200 && Threads() > threadsBefore; ++i) {
+  for (int i = 0; i < 200 && CountOwnThreads() > threadsBefore; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  EXPECT_LE(Threads(), threadsBefore);
-  EXPECT_LE(Descriptors(), descriptorsBefore);
+  EXPECT_LE(CountOwnThreads(), threadsBefore);
+  EXPECT_LE(CountOwnDescriptors(), descriptorsBefore);
   EXPECT_EQ(camera.OpenDescriptors(), 0U);
   EXPECT_EQ(camera.Mappings(), 0U);
   EXPECT_EQ(CountOwnShmSegments(), 0U);
