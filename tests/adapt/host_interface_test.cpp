@@ -73,7 +73,7 @@ TEST_F(HostInterfaceTest, ExportsOnlyTheHostInterfaceAndTheGuideNamesEach) {
 std::string g_lastTrace;
 void RememberTrace(uint32_t /*level*/, const char* text) { g_lastTrace = text; }
 
-TEST_F(HostInterfaceTest, TraceControlsAndContainersWorkThroughTheExports) {
+TEST_F(HostInterfaceTest, TraceControlsContainersAndInertEntryPointsThroughTheExports) {
   LogCapture logs;
   auto* init = EXPORTED(TavoVideoVlinkInit);
   auto* setLevel = EXPORTED(TavoVideoSetTraceLevel);
@@ -104,10 +104,9 @@ TEST_F(HostInterfaceTest, TraceControlsAndContainersWorkThroughTheExports) {
   EXPECT_NE(g_lastTrace.find("Cannot release dataContainer[Node[40]PresentParam]"),
             std::string::npos);
   EXPECT_EQ(setLevel(0), 0U);
-}
 
-// The renderer's answers to a null manager are its own tests.
-TEST_F(HostInterfaceTest, InertEntryPointsAnswerTheirFixedCodes) {
+  // The inert entry points answer their fixed codes (the renderer's answers to a null manager
+  // are its own tests).
   EXPECT_EQ(EXPORTED(TavoVideoVlinkVoSetDefaultImage)(4242), 1U);
   const tagTavoVideoSnapshotFuncMap* snapshot = nullptr;
   uint32_t count = 99;
