@@ -106,8 +106,7 @@ TEST(VdecNodeTest, ReceivedFramesFromCheckToReturnAndTheWatermarkFollowsBinds) {
   ASSERT_EQ(decoder->ReceiveVdecFrame(-1, 70, second), 0U);
   ASSERT_TRUE(host.backCount.WaitFor(2));
   decoder->DealTaskHandler(true);
-  EXPECT_EQ(first->defreezeStrategy, 7U);
-  EXPECT_EQ(second->defreezeStrategy, 0U);
+  EXPECT_EQ(std::pair(first->defreezeStrategy, second->defreezeStrategy), std::pair(7UL, 0UL));
   EXPECT_TRUE(logs.HasModule("[DEC_70] Vdec revice first frame.", 3));
 
   host.answer = 0;

@@ -98,8 +98,7 @@ TEST(ImageConvertTest, BmpDatAndRgbMatchLibyuvOrAreRefused) {
     uint8_t* image = &sentinel;
     const int32_t rc = Transbmp2Yuv(dir.Write(name, c.file).c_str(), &w, &h, &image);
     ASSERT_EQ(rc == 0, !c.i420.empty());
-    EXPECT_EQ(w, c.width);
-    EXPECT_EQ(h, c.height);
+    EXPECT_EQ(std::pair(w, h), std::pair(c.width, c.height));
     if (rc == 0) {
       EXPECT_EQ(Take(image, size_t{w} * h * 3 / 2), c.i420);
     } else {

@@ -108,8 +108,7 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
                                            c.height, TAVO_VIDEO_VLINK_FORMAT_I420));
     Insert(*sinks.back());
   }
-  EXPECT_EQ(m_node->GetFormatTaskCount(), 1U);
-  EXPECT_EQ(m_node->GetSizeTaskCount(), 4U);
+  EXPECT_EQ(std::pair(m_node->GetFormatTaskCount(), m_node->GetSizeTaskCount()), std::pair(1U, 4U));
   OsvGraphicBuffer* source = Source(96, 64, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   auto* argb = reinterpret_cast<uint32_t*>(source->GetImageAddr(0));
   for (uint32_t i = 0; i < 96 * 64; ++i) {
@@ -171,8 +170,7 @@ TEST_F(ImageProcessNodeTest, UnsupportedStepsAndFullPoolsSkipOnlyTheirBranch) {
   EXPECT_TRUE(!first || m_logs.HasModule("[IMG_20001] not support format[12]!"));
   Push(argb, {&pass, &argbSame});  // the eleventh: refused for the held branch only
   EXPECT_TRUE(!first || m_logs.HasModule("[IMG_20001] buffer too many!"));
-  EXPECT_EQ(slow.node->handled.Get(), 10);
-  EXPECT_EQ(argbSmall.node->handled.Get(), 0);
+  EXPECT_EQ(std::pair(slow.node->handled.Get(), argbSmall.node->handled.Get()), std::pair(10, 0));
   // Plus the one the ARGB scaling takes before it gives up.
   const size_t pooled = ImageProcessNode::kMaxBuffersPerTask + 1;
   EXPECT_EQ(m_node->GetPoolBufferCount(), pooled);
@@ -210,9 +208,9 @@ TEST_F(ImageProcessNodeTest, ResettingAndRemovingSinksParksHeldBuffers) {
 
   ASSERT_EQ(m_node->DisconnectFromNode(b.node, true), 0U);
   ASSERT_EQ(m_node->DisconnectFromNode(a.node, true), 0U);
-  EXPECT_EQ(m_node->GetSizeTaskCount(), 0U);
-  EXPECT_EQ(m_node->GetFormatTaskCount(), 0U);
-  EXPECT_EQ(m_node->GetReleaseBufferCount(), 2U);
+  EXPECT_EQ(std::tuple(m_node->GetSizeTaskCount(), m_node->GetFormatTaskCount(),
+                       m_node->GetReleaseBufferCount()),
+            std::tuple(0U, 0U, 2U));
   EXPECT_EQ(a.held.at(0)->GetImageInfo().width, 32U);
   b.ReleaseHeld();
   EXPECT_EQ(m_node->GetReleaseBufferCount(), 2U);

@@ -61,8 +61,7 @@ TEST_P(RenderPlacementTest, PlacesTheImage) {
   EXPECT_TRUE(SameFloat(rect.left, want.left) && SameFloat(rect.top, want.top) &&
               SameFloat(rect.right, want.right) && SameFloat(rect.bottom, want.bottom))
       << rect.left << " " << rect.top << " " << rect.right << " " << rect.bottom;
-  EXPECT_EQ(rect.width, want.width);
-  EXPECT_EQ(rect.height, want.height);
+  EXPECT_EQ(std::pair(rect.width, rect.height), std::pair(want.width, want.height));
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, RenderPlacementTest, ::testing::ValuesIn(kPlacements),

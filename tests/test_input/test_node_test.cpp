@@ -47,8 +47,8 @@ TEST(TestNodeTest, PicksTheReaderFromTheHeaderAndThePathAndRefusesBadInput) {
     TestInputInputNode node(50);
     ASSERT_EQ(node.SetParam(Info(path, 32, 16)), 0U);
     ASSERT_EQ(node.ReadImage(path.c_str()), 0U);
-    EXPECT_EQ(node.GetParam().width, c.width);
-    EXPECT_EQ(node.GetParam().height, c.height);
+    EXPECT_EQ(std::pair(node.GetParam().width, node.GetParam().height),
+              std::pair(c.width, c.height));
     EXPECT_EQ(node.GetCacheSize(), TestInputInputNode::kCacheSize);
   }
   // A zero frame rate is refused and a missing file fails the start.
@@ -94,8 +94,7 @@ TEST(TestNodeTest, CacheWalkSkipsTheSlotHandedOutLastAndHeldFramesOutliveTheNode
 
   // Every buffer describes the one shared image, stamped with the component's number.
   const OsvGraphicBufferInfo info = handedOut[0]->GetImageInfo();
-  EXPECT_EQ(info.stride[1], 8U);
-  EXPECT_EQ(info.size, 16U * 16U * 3U / 2U);
+  EXPECT_EQ(std::pair(info.stride[1], info.size), std::pair(8U, 16U * 16U * 3U / 2U));
   EXPECT_EQ(handedOut[0]->GetImageAddr(0), handedOut[5]->GetImageAddr(0));
   EXPECT_EQ(handedOut[0]->GetImageAddr(2), handedOut[0]->GetImageAddr(1) + 64);
   EXPECT_EQ(handedOut[0]->GetSrcImgNo(), 50U);
