@@ -73,7 +73,7 @@ TEST(VlinkNodeTest, FanOutSkipsAStoppedReceiverAndUnsentFramesGoBack) {
   EXPECT_EQ(source->released.Get(), 3);  // each frame went back once
 }
 
-TEST(VlinkNodeTest, ConnectAndDisconnectMatchNeighboursByIdAndRefuseLoops) {
+TEST(VlinkNodeTest, NeighboursMatchByIdLoopsAreRefusedAndLinksReportTheFailedStep) {
   LogCapture logs;
   auto node = MakeNode(1, false);
   auto peer = MakeNode(2, false);
@@ -94,22 +94,20 @@ TEST(VlinkNodeTest, ConnectAndDisconnectMatchNeighboursByIdAndRefuseLoops) {
   EXPECT_EQ(node->DisconnectFromNode(nullptr, true), 0U);
   // A host's ids can name a node as its own sink or close a ring; frames would go round for
   // ever (and a watermark walk would never end).
-  auto c = MakeNode(3, false);
+  auto third = MakeNode(3, false);
   EXPECT_EQ(node->ConnectToNode(node), 1U);
   ASSERT_EQ(node->ConnectToNode(peer), 0U);
-  ASSERT_EQ(peer->ConnectToNode(c), 0U);
-  EXPECT_EQ(c->ConnectToNode(node), 1U);
-  EXPECT_EQ(c->ConnectToNode(peer), 1U);
-  EXPECT_EQ(node->ConnectToNode(c), 0U);  // a second path is no loop
-  EXPECT_FALSE(c->HasNextNodes());
-  peer->DisconnectFromNode(c, true);
-  node->DisconnectFromNode(peer, true);
-  node->DisconnectFromNode(c, true);
-}
+  ASSERT_EQ(peer->ConnectToNode(third), 0U);
+  EXPECT_EQ(third->ConnectToNode(node), 1U);
+  EXPECT_EQ(third->ConnectToNode(peer), 1U);
+  EXPECT_EQ(node->ConnectToNode(third), 0U);  // a second path is no loop
+  EXPECT_FALSE(third->HasNextNodes());
+  for (const auto& linked : {node, peer}) {
+    vlink::DropNeighbours(linked);
+  }
 
-// Each step of a link can fail; the caller learns which, and either keeps what was made
-// (a host's bind) or has it taken off again.
-TEST(VlinkNodeTest, LinkReportsTheFailedStepAndKeepsOrUndoesWhatWasMade) {
+  // Each step of a link can fail; the caller learns which, and either keeps what was made
+  // (a host's bind) or has it taken off again.
   const struct {
     const char* name;
     std::function<void(CountingNode& sender, CountingNode& receiver)> arrange;
@@ -149,14 +147,12 @@ TEST(VlinkNodeTest, LinkReportsTheFailedStepAndKeepsOrUndoesWhatWasMade) {
       vlink::DropNeighbours(receiver);
     }
   }
-  auto sender = MakeNode(1, false);
-  auto receiver = MakeNode(2, false);
-  ASSERT_EQ(vlink::LinkNodes(sender, receiver).code, 0U);
-  EXPECT_TRUE(receiver->IsStarted());
-  EXPECT_EQ(vlink::UnlinkNodes(sender, receiver).code, 0U);
-  EXPECT_EQ(vlink::UnlinkNodes(sender, receiver, vlink::UnlinkOrder::kReceiverFirst).failed,
+  ASSERT_EQ(vlink::LinkNodes(node, peer).code, 0U);
+  EXPECT_TRUE(peer->IsStarted());
+  EXPECT_EQ(vlink::UnlinkNodes(node, peer).code, 0U);
+  EXPECT_EQ(vlink::UnlinkNodes(node, peer, vlink::UnlinkOrder::kReceiverFirst).failed,
             vlink::LinkStep::kReceiverSide);
-  receiver->StopProcess();
+  peer->StopProcess();
 }
 
 TEST(VlinkNodeTest, QueuedTasksKeepTheirNodeAliveAndAStopWaitsForThem) {
