@@ -37,8 +37,15 @@ NodePtr Register(uint32_t id, bool processing = false) {
   return node;
 }
 
+// A sink that takes no upstream link.
+class RefusingSink : public NamedNode {
+ public:
+  explicit RefusingSink(uint32_t id) : NamedNode(id) {}
+  uint32_t ConnectFromNode(NodePtr) override { return 7; }
+};
+
 // input 1 -> processing 10 -> processing 11 -> {output 20, output 21}
-TEST(BuilderTest, TearDownClimbsOnlyThroughNodesLeftWithoutOutputs) {
+TEST(BuilderTest, TearDownClimbsOnlyThroughNodesLeftWithoutOutputsAndFailedBindsStay) {
   LogCapture logs;
   NodePtr input = Register(1);
   NodePtr outer = Register(10, true);
@@ -70,36 +77,24 @@ TEST(BuilderTest, TearDownClimbsOnlyThroughNodesLeftWithoutOutputs) {
 
   EXPECT_EQ(builder.UnBindVo(21), 1U);
   EXPECT_TRUE(logs.HasModule("can't find link! vi[1] vo[21]", 1));
-  for (uint32_t id : {1U, 20U, 21U}) {
-    VideoVlinkNode::DeleteNodeByUnique(id);
-  }
-}
 
-// A sink that takes no upstream link.
-class RefusingSink : public NamedNode {
- public:
-  explicit RefusingSink(uint32_t id) : NamedNode(id) {}
-  uint32_t ConnectFromNode(NodePtr) override { return 7; }
-};
-
-// Nothing is rolled back: the forward link made before the failing step stays, the sink is
-// neither linked back nor started, and what the input sends it comes straight back.
-TEST(BuilderTest, BindFailingAfterTheForwardLinkLeavesItInPlace) {
-  NodePtr input = Register(3);
-  NodePtr sink = VideoVlinkNode::CreateNodeByUnique<RefusingSink>(23);
-  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, sink), 7U);
-  EXPECT_EQ(input->GetNextConnectListCopy(), (VideoVlinkNode::NodeList{sink}));
-  EXPECT_TRUE(sink->GetPrevConnectListCopy().empty());
-  EXPECT_FALSE(sink->IsStarted());
+  // A bind failing after the forward link rolls nothing back: the forward link stays, the
+  // sink is neither linked back nor started, and what the input sends it comes straight back.
+  NodePtr refusing = VideoVlinkNode::CreateNodeByUnique<RefusingSink>(23);
+  EXPECT_EQ(VlinkBuilder::ConnectAndStartNode(input, refusing), 7U);
+  EXPECT_EQ(input->GetNextConnectListCopy(), (VideoVlinkNode::NodeList{refusing}));
+  EXPECT_TRUE(refusing->GetPrevConnectListCopy().empty());
+  EXPECT_FALSE(refusing->IsStarted());
   OsvGraphicBuffer frame(16, 16, TAVO_VIDEO_VLINK_FORMAT_I420);
   frame.SetReleaseTarget(input);
   EXPECT_EQ(input->SendBuffer(&frame), 0U);
   EXPECT_TRUE(static_cast<CountingNode*>(input.get())->released.WaitFor(1));
   input->DealTaskHandler(true);
-  EXPECT_EQ(static_cast<CountingNode*>(sink.get())->handled.Get(), 0);
-  input->DisconnectFromNode(sink, true);
-  VideoVlinkNode::DeleteNodeByUnique(3);
-  VideoVlinkNode::DeleteNodeByUnique(23);
+  EXPECT_EQ(static_cast<CountingNode*>(refusing.get())->handled.Get(), 0);
+  input->DisconnectFromNode(refusing, true);
+  for (uint32_t id : {1U, 20U, 21U, 23U}) {
+    VideoVlinkNode::DeleteNodeByUnique(id);
+  }
 }
 
 // A sink that notes, when it starts, whether it already knows its started input.
