@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 
 #include "core/tavo_video_named_thread.h"
 #include "tests/support/fake_os.h"

@@ -4,7 +4,6 @@
 #include <functional>
 #include <future>
 #include <set>
-#include <thread>
 
 #include "core/tavo_video_node_link.h"
 #include "core/tavo_video_vlink_node.h"

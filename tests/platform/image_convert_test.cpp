@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <libyuv.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
