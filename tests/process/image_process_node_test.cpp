@@ -61,34 +61,41 @@ class ImageProcessNodeTest : public ::testing::Test {
     ASSERT_EQ(m_node->StartProcess(), 0U);
   }
   void TearDown() override {
+    m_sinks.clear();  // stopped first: each waits out the frames still on their way to it
     m_node->StopProcess();
     m_node.reset();
-    for (OsvGraphicBuffer* source : m_sources) {
+    for (const auto& source : m_sources) {
       EXPECT_TRUE(source->IsAvailable()) << "a source frame was never given back";
-      delete source;
     }
     EXPECT_EQ(OsvGraphicBuffer::GetUnderflowCount(), m_underflows);
   }
   OsvGraphicBuffer* Source(uint32_t width, uint32_t height, uint32_t format) {
-    auto* source = new OsvGraphicBuffer(width, height, format, true);
+    auto& source =
+        m_sources.emplace_back(std::make_unique<OsvGraphicBuffer>(width, height, format, true));
     source->SetSrcImgNo(kSrcImgNo);
-    m_sources.push_back(source);
-    return source;
+    return source.get();
+  }
+  // A sink (made from Sink's arguments) linked after the node, kept until the test ends.
+  template <class... Args>
+  Sink& Add(Args... args) {
+    Sink& sink = *m_sinks.emplace_back(std::make_unique<Sink>(args...));
+    EXPECT_EQ(m_node->ConnectToNode(sink.node), 0U);
+    return sink;
   }
   // Hands one frame to the node as the pool would, and waits until each sink got it.
-  void Push(OsvGraphicBuffer* source, std::initializer_list<Sink*> sinks) {
+  void Push(OsvGraphicBuffer* source, const std::vector<Sink*>& sinks) {
     FrameRef frame = FrameRef::Share(source);
     EXPECT_EQ(m_node->HandleBuffer(frame), 0U);
     for (Sink* sink : sinks) {
       ASSERT_TRUE(sink->node->handled.WaitFor(++sink->pushed));
     }
   }
-  void Insert(Sink& sink) { ASSERT_EQ(m_node->ConnectToNode(sink.node), 0U); }
 
   LogCapture m_logs;
   uint64_t m_underflows = 0;
   std::shared_ptr<ImageProcessNode> m_node;
-  std::vector<OsvGraphicBuffer*> m_sources;
+  std::vector<std::unique_ptr<OsvGraphicBuffer>> m_sources;
+  std::vector<std::unique_ptr<Sink>> m_sinks;
 };
 
 // Every branch of the size decision: a sink gets the converted frame itself only when both
@@ -100,15 +107,13 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
   const struct {
     uint32_t width, height;
   } cases[] = {{96, 64}, {96, 30}, {40, 64}, {40, 30}, {40, 30}};
-  std::vector<std::unique_ptr<Sink>> sinks;
-  sinks.push_back(std::make_unique<Sink>(9, false));  // takes the frame as it comes
-  Insert(*sinks[0]);
+  std::vector<Sink*> sinks = {&Add(9, false)};  // the first takes the frame as it comes
   for (const auto& c : cases) {
-    sinks.push_back(std::make_unique<Sink>(static_cast<uint32_t>(10 + sinks.size()), true, c.width,
-                                           c.height, TAVO_VIDEO_VLINK_FORMAT_I420));
-    Insert(*sinks.back());
+    sinks.push_back(&Add(static_cast<uint32_t>(10 + sinks.size()), true, c.width, c.height,
+                         TAVO_VIDEO_VLINK_FORMAT_I420));
   }
-  EXPECT_EQ(std::pair(m_node->GetFormatTaskCount(), m_node->GetSizeTaskCount()), std::pair(1U, 4U));
+  EXPECT_EQ(m_node->GetFormatTaskCount(), 1U);
+  EXPECT_EQ(m_node->GetSizeTaskCount(), 4U);
   OsvGraphicBuffer* source = Source(96, 64, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   auto* argb = reinterpret_cast<uint32_t*>(source->GetImageAddr(0));
   for (uint32_t i = 0; i < 96 * 64; ++i) {
@@ -116,8 +121,7 @@ TEST_F(ImageProcessNodeTest, EachWantedSizeGetsExactlyItsSizeAndEqualOnesShareIt
   }
   constexpr size_t kFrames = 4;
   for (size_t i = 0; i < kFrames; ++i) {
-    Push(source, {sinks[0].get(), sinks[1].get(), sinks[2].get(), sinks[3].get(), sinks[4].get(),
-                  sinks[5].get()});
+    Push(source, sinks);
   }
   std::vector<uint8_t> full(96 * 64 * 3 / 2);
   libyuv::ARGBToI420(reinterpret_cast<uint8_t*>(argb), 96 * 4, full.data(), 96,
@@ -155,13 +159,11 @@ bool FirstRun() {
 // ten buffers are all held is refused until one comes back: each skips only its branch.
 TEST_F(ImageProcessNodeTest, UnsupportedStepsAndFullPoolsSkipOnlyTheirBranch) {
   const bool first = FirstRun();
-  Sink pass(1, false);
-  Sink argbSame(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  Sink argbSmall(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_ARGB);
-  Sink slow(4, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);  // the conversion's own buffers
-  for (Sink* sink : {&pass, &argbSame, &argbSmall, &slow}) {
-    Insert(*sink);
-  }
+  Sink& pass = Add(1, false);
+  Sink& argbSame = Add(2, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  Sink& argbSmall = Add(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_ARGB);
+  // Holds the conversion's own buffers.
+  Sink& slow = Add(4, true, 64, 48, TAVO_VIDEO_VLINK_FORMAT_I420, true);
   OsvGraphicBuffer* argb = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   for (size_t i = 0; i < ImageProcessNode::kMaxBuffersPerTask; ++i) {
     Push(argb, {&pass, &argbSame, &slow});
@@ -188,10 +190,8 @@ TEST_F(ImageProcessNodeTest, UnsupportedStepsAndFullPoolsSkipOnlyTheirBranch) {
 // goes while both hold its buffers (unbound without being stopped): they stay valid for their
 // holders (the address checker sees any use after a free) until the last one lets go.
 TEST_F(ImageProcessNodeTest, ResettingAndRemovingSinksParksHeldBuffers) {
-  Sink a(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
-  Sink b(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
-  Insert(a);
-  Insert(b);
+  Sink& a = Add(2, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
+  Sink& b = Add(3, true, 32, 24, TAVO_VIDEO_VLINK_FORMAT_I420, true);
   OsvGraphicBuffer* source = Source(64, 48, TAVO_VIDEO_VLINK_FORMAT_ARGB);
   Push(source, {&a, &b});
   EXPECT_EQ(m_node->RemoveImageProcess(std::make_shared<CountingNode>(4), true), 1U);
@@ -208,9 +208,9 @@ TEST_F(ImageProcessNodeTest, ResettingAndRemovingSinksParksHeldBuffers) {
 
   ASSERT_EQ(m_node->DisconnectFromNode(b.node, true), 0U);
   ASSERT_EQ(m_node->DisconnectFromNode(a.node, true), 0U);
-  EXPECT_EQ(std::tuple(m_node->GetSizeTaskCount(), m_node->GetFormatTaskCount(),
-                       m_node->GetReleaseBufferCount()),
-            std::tuple(0U, 0U, 2U));
+  EXPECT_EQ(m_node->GetSizeTaskCount(), 0U);
+  EXPECT_EQ(m_node->GetFormatTaskCount(), 0U);
+  EXPECT_EQ(m_node->GetReleaseBufferCount(), 2U);
   EXPECT_EQ(a.held.at(0)->GetImageInfo().width, 32U);
   b.ReleaseHeld();
   EXPECT_EQ(m_node->GetReleaseBufferCount(), 2U);
