@@ -90,31 +90,23 @@ uint32_t TakeArmed(ArmedCall kind) {
 // One of the component tables, as the host gets it.
 template <class Func>
 struct Rows {
+  explicit Rows(uint32_t (*get)(const tagTavoVideoFuncMapRow<Func>**, uint32_t*)) {
+    get(&row, &count);
+  }
+  const tagTavoVideoFuncMapRow<Func>& Pick(Input& in) const { return row[in.Byte() % count]; }
+
   const tagTavoVideoFuncMapRow<Func>* row = nullptr;
   uint32_t count = 0;
-  const tagTavoVideoFuncMapRow<Func>& Pick(Input& in) const { return row[in.Byte() % count]; }
 };
 
-struct Tables {
-  Rows<TavoVideoCreateNodeFunc> create;
-  Rows<TavoVideoBindNodeFunc> bind, unbind;
-  Rows<TavoVideoDestroyNodeFunc> destroy;
-  Rows<TavoVideoUpdateNodeFunc> update;
-
-  Tables() {
-    TavoVideoVlinkInit(0, 0, {});
-    TavoVideoGetCreateNodeFuncMap(&create.row, &create.count);
-    TavoVideoGetBindNodeFuncMap(&bind.row, &bind.count);
-    TavoVideoGetUnBindNodeFuncMap(&unbind.row, &unbind.count);
-    TavoVideoGetDestroyNodeFuncMap(&destroy.row, &destroy.count);
-    TavoVideoGetUpdateNodeFuncMap(&update.row, &update.count);
-  }
-};
-
-const Tables& GetTables() {
-  static const Tables tables;
-  return tables;
-}
+// The component tables are the library's constants: read once, at load.
+const struct Tables {
+  Rows<TavoVideoCreateNodeFunc> create{TavoVideoGetCreateNodeFuncMap};
+  Rows<TavoVideoBindNodeFunc> bind{TavoVideoGetBindNodeFuncMap};
+  Rows<TavoVideoBindNodeFunc> unbind{TavoVideoGetUnBindNodeFuncMap};
+  Rows<TavoVideoDestroyNodeFunc> destroy{TavoVideoGetDestroyNodeFuncMap};
+  Rows<TavoVideoUpdateNodeFunc> update{TavoVideoGetUpdateNodeFuncMap};
+} g_tables;
 
 int Render(uint32_t window, TavoVideoRenderImgHeader*) {
   if (const uint32_t component = TakeArmed(kStopRender); component != UINT32_MAX) {
@@ -125,16 +117,15 @@ int Render(uint32_t window, TavoVideoRenderImgHeader*) {
     record.vo.winNum = 1;
     record.vo.windows[0].winHandle = window;
     record.vo.renderCb = Render;
-    const Tables& t = GetTables();
-    Find(t.update.row, t.update.count, TAVO_VIDEO_COMPONENT_PREVIEW)(component, &record);
+    Find(g_tables.update.row, g_tables.update.count, TAVO_VIDEO_COMPONENT_PREVIEW)(component,
+                                                                                   &record);
   }
   return 0;
 }
 
 uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*) {
   if (const uint32_t component = TakeArmed(kDestroyDecoder); component != UINT32_MAX) {
-    const Tables& t = GetTables();
-    Find(t.destroy.row, t.destroy.count, TAVO_VIDEO_COMPONENT_DECODER)(component);
+    Find(g_tables.destroy.row, g_tables.destroy.count, TAVO_VIDEO_COMPONENT_DECODER)(component);
   }
   return 0;  // the library frees the frame
 }
@@ -189,11 +180,11 @@ void FillRecord(Input& in, uint32_t type, tagTavoVideoComponentParam& record) {
   }
 }
 
-void UnbindComponent(const Tables& tables, uint32_t component) {
-  for (uint32_t row = 0; row < tables.unbind.count; ++row) {
+void UnbindComponent(uint32_t component) {
+  for (uint32_t row = 0; row < g_tables.unbind.count; ++row) {
     for (uint32_t other = 0; other < kComponents; ++other) {
-      tables.unbind.row[row].func(component, other);
-      tables.unbind.row[row].func(other, component);
+      g_tables.unbind.row[row].func(component, other);
+      g_tables.unbind.row[row].func(other, component);
     }
   }
 }
@@ -237,8 +228,7 @@ void WithRecord(Input& in, uint32_t component, const Rows<Func>& rows) {
 }
 
 void BindOrUnbind(Input& in, uint32_t component) {
-  const Tables& tables = GetTables();
-  const auto& rows = in.Byte() & 1U ? tables.bind : tables.unbind;
+  const auto& rows = in.Byte() & 1U ? g_tables.bind : g_tables.unbind;
   rows.Pick(in).func(component, in.Byte() % kComponents);
 }
 
@@ -257,14 +247,14 @@ void (*const kCalls[16])(Input& in, uint32_t component) = {
         container->SetDataByString<uint32_t>("portId", component);
       }
     },
-    [](Input& in, uint32_t component) { WithRecord(in, component, GetTables().create); },
+    [](Input& in, uint32_t component) { WithRecord(in, component, g_tables.create); },
     BindOrUnbind,
     BindOrUnbind,
     [](Input& in, uint32_t component) {
-      UnbindComponent(GetTables(), component);
-      GetTables().destroy.Pick(in).func(component);
+      UnbindComponent(component);
+      g_tables.destroy.Pick(in).func(component);
     },
-    [](Input& in, uint32_t component) { WithRecord(in, component, GetTables().update); },
+    [](Input& in, uint32_t component) { WithRecord(in, component, g_tables.update); },
     [](Input& in, uint32_t) { DecodedFrame(in); },
     [](Input& in, uint32_t) { ReleaseHeld(in.Byte() % 4U); },
     [](Input& in, uint32_t) {
@@ -334,6 +324,7 @@ void (*const kCalls[16])(Input& in, uint32_t component) = {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   unsetenv("DISPLAY");  // screens fail to open instead of capturing whatever is there
+  TavoVideoVlinkInit(0, 0, {});
   const std::string base = "/tmp/vlink_host_call_fuzzer_" + std::to_string(getpid());
   g_fifo = base + ".dat";
   g_folder = base + "_folder.dat";
@@ -354,13 +345,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     kCalls[in.Byte() % std::size(kCalls)](in, component);
   }
   g_armed = kNone;
-  const Tables& tables = GetTables();
   for (uint32_t component = 0; component < kComponents; ++component) {
-    UnbindComponent(tables, component);
+    UnbindComponent(component);
   }
   for (uint32_t component = 0; component < kComponents; ++component) {
-    for (uint32_t row = 0; row < tables.destroy.count; ++row) {
-      tables.destroy.row[row].func(component);
+    for (uint32_t row = 0; row < g_tables.destroy.count; ++row) {
+      g_tables.destroy.row[row].func(component);
     }
     TavoVideoMouseStop(component % 3U);
     TavoVideoVlinkOverlayParamDestroy(component % 4U);
