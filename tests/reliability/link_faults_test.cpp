@@ -207,7 +207,6 @@ TEST_F(CameraFaultsTest, AHoldingSinkCostsNothingAndAnUnpluggedLinkIsBuiltAgain)
   held.clear();                                 // the held frames come back now, once each
   camera->DealTaskHandler(true);
   EXPECT_EQ(camera->GetBufferCount(), 0U) << "a camera frame did not come back";
-  EXPECT_EQ(std::pair(m_device.OpenDescriptors(), m_device.Mappings()), std::pair(0UL, 0UL));
   camera.reset();
 
   // Back, but without memory for the converted copies: each frame is dropped at the camera,
