@@ -15,7 +15,8 @@
 // destroyed node that neighbours still hold stays alive by design), then checks that every
 // encoder frame it received came back and that no frame was released twice.
 //
-// Input: a sequence of operations, each an opcode byte and the bytes it reads.
+// Input: a sequence of operations, each a component byte, an opcode byte and the bytes the
+// call reads.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,6 +35,10 @@
 #include "tests/support/table_rows.h"
 
 namespace {
+
+// Node ids around every limit the library checks.
+const uint32_t kNodeIds[] = {0, 1, 50, 89, 90, 91, 150, 225, 226, 10001};
+constexpr uint32_t kComponents = 8;
 
 class Input {
  public:
@@ -54,16 +59,13 @@ class Input {
       static_cast<uint8_t*>(out)[i] = Byte();
     }
   }
+  uint32_t Node() { return kNodeIds[Byte() % std::size(kNodeIds)]; }
 
  private:
   const uint8_t* m_data;
   size_t m_size;
   size_t m_pos = 0;
 };
-
-// Node ids around every limit the library checks.
-const uint32_t kNodeIds[] = {0, 1, 50, 89, 90, 91, 150, 225, 226, 10001};
-constexpr uint32_t kComponents = 8;
 
 // Frames the encoder callback took, given back later in random order.
 std::mutex g_heldLock;
@@ -85,28 +87,26 @@ uint32_t TakeArmed(ArmedCall kind) {
   return armed >> 8;  // the component
 }
 
-struct Tables {
-  const tagTavoVideoCreateFuncMap* create = nullptr;
-  const tagTavoVideoBindFuncMap* bind = nullptr;
-  const tagTavoVideoBindFuncMap* unbind = nullptr;
-  const tagTavoVideoDestroyFuncMap* destroy = nullptr;
-  const tagTavoVideoUpdateFuncMap* update = nullptr;
-  uint32_t createCount = 0, bindCount = 0, unbindCount = 0, destroyCount = 0, updateCount = 0;
-
-  Tables() {
-    TavoVideoVlinkInit(0, 0, {});
-    TavoVideoGetCreateNodeFuncMap(&create, &createCount);
-    TavoVideoGetBindNodeFuncMap(&bind, &bindCount);
-    TavoVideoGetUnBindNodeFuncMap(&unbind, &unbindCount);
-    TavoVideoGetDestroyNodeFuncMap(&destroy, &destroyCount);
-    TavoVideoGetUpdateNodeFuncMap(&update, &updateCount);
+// One of the component tables, as the host gets it.
+template <class Func>
+struct Rows {
+  explicit Rows(uint32_t (*get)(const tagTavoVideoFuncMapRow<Func>**, uint32_t*)) {
+    get(&row, &count);
   }
+  const tagTavoVideoFuncMapRow<Func>& Pick(Input& in) const { return row[in.Byte() % count]; }
+
+  const tagTavoVideoFuncMapRow<Func>* row = nullptr;
+  uint32_t count = 0;
 };
 
-const Tables& GetTables() {
-  static const Tables tables;
-  return tables;
-}
+// The component tables are the library's constants: read once, at load.
+const struct Tables {
+  Rows<TavoVideoCreateNodeFunc> create{TavoVideoGetCreateNodeFuncMap};
+  Rows<TavoVideoBindNodeFunc> bind{TavoVideoGetBindNodeFuncMap};
+  Rows<TavoVideoBindNodeFunc> unbind{TavoVideoGetUnBindNodeFuncMap};
+  Rows<TavoVideoDestroyNodeFunc> destroy{TavoVideoGetDestroyNodeFuncMap};
+  Rows<TavoVideoUpdateNodeFunc> update{TavoVideoGetUpdateNodeFuncMap};
+} g_tables;
 
 int Render(uint32_t window, TavoVideoRenderImgHeader*) {
   if (const uint32_t component = TakeArmed(kStopRender); component != UINT32_MAX) {
@@ -117,16 +117,15 @@ int Render(uint32_t window, TavoVideoRenderImgHeader*) {
     record.vo.winNum = 1;
     record.vo.windows[0].winHandle = window;
     record.vo.renderCb = Render;
-    const Tables& t = GetTables();
-    Find(t.update, t.updateCount, TAVO_VIDEO_COMPONENT_PREVIEW)(component, &record);
+    Find(g_tables.update.row, g_tables.update.count, TAVO_VIDEO_COMPONENT_PREVIEW)(component,
+                                                                                   &record);
   }
   return 0;
 }
 
 uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*) {
   if (const uint32_t component = TakeArmed(kDestroyDecoder); component != UINT32_MAX) {
-    const Tables& t = GetTables();
-    Find(t.destroy, t.destroyCount, TAVO_VIDEO_COMPONENT_DECODER)(component);
+    Find(g_tables.destroy.row, g_tables.destroy.count, TAVO_VIDEO_COMPONENT_DECODER)(component);
   }
   return 0;  // the library frees the frame
 }
@@ -181,11 +180,11 @@ void FillRecord(Input& in, uint32_t type, tagTavoVideoComponentParam& record) {
   }
 }
 
-void UnbindComponent(const Tables& tables, uint32_t component) {
-  for (uint32_t row = 0; row < tables.unbindCount; ++row) {
+void UnbindComponent(uint32_t component) {
+  for (uint32_t row = 0; row < g_tables.unbind.count; ++row) {
     for (uint32_t other = 0; other < kComponents; ++other) {
-      tables.unbind[row].func(component, other);
-      tables.unbind[row].func(other, component);
+      g_tables.unbind.row[row].func(component, other);
+      g_tables.unbind.row[row].func(other, component);
     }
   }
 }
@@ -196,7 +195,7 @@ void DecodedFrame(Input& in) {
   const uint32_t width = (in.Byte() % 8U + 1U) * 16U;
   const uint32_t height = (in.Byte() % 8U + 1U) * 16U;
   frame->pBuffer = new OsvGraphicBuffer(width, height, 0, false, false);
-  if (TavoVideoReceiveVDecFrame(in.Byte(), kNodeIds[in.Byte() % std::size(kNodeIds)], frame) != 0) {
+  if (TavoVideoReceiveVDecFrame(in.Byte(), in.Node(), frame) != 0) {
     delete frame->pBuffer;  // refused: the host keeps it
     std::free(frame);
   }
@@ -219,12 +218,27 @@ void ReleaseHeld(size_t keep) {
   }
 }
 
-void RunOne(Input& in) {
-  const Tables& tables = GetTables();
-  const uint32_t component = in.Byte() % kComponents;
+// A create or update row, on a record of fuzz bytes for its type.
+template <class Func>
+void WithRecord(Input& in, uint32_t component, const Rows<Func>& rows) {
+  const auto& row = rows.Pick(in);
   tagTavoVideoComponentParam record;
-  switch (in.Byte() % 16) {
-    case 0: {  // the component's container; sometimes without "portId"
+  FillRecord(in, row.type, record);
+  row.func(component, (in.Byte() & 7U) != 0 ? &record : nullptr);
+}
+
+void BindOrUnbind(Input& in, uint32_t component) {
+  const auto& rows = in.Byte() & 1U ? g_tables.bind : g_tables.unbind;
+  rows.Pick(in).func(component, in.Byte() % kComponents);
+}
+
+void SetTraceLevel(Input& in, uint32_t) {
+  TavoVideoSetTraceLevel(static_cast<int>(in.Byte() % 6U) - 1);
+}
+
+// The host's calls, one per opcode; each reads the bytes it needs.
+void (*const kCalls[16])(Input& in, uint32_t component) = {
+    [](Input& in, uint32_t component) {  // the container; sometimes without "portId"
       DataContainer* container = TavoVideoGetDataContainer(
           ("Node[" + std::to_string(component) + "]PresentParam").c_str());
       const uint8_t flags = in.Byte();
@@ -232,71 +246,45 @@ void RunOne(Input& in) {
       if ((flags & 0x80U) == 0) {
         container->SetDataByString<uint32_t>("portId", component);
       }
-      break;
-    }
-    case 1: {
-      const auto& row = tables.create[in.Byte() % tables.createCount];
-      FillRecord(in, row.type, record);
-      row.func(component, (in.Byte() & 7U) != 0 ? &record : nullptr);
-      break;
-    }
-    case 2:
-    case 3: {
-      const auto* rows = in.Byte() & 1U ? tables.bind : tables.unbind;
-      rows[in.Byte() % tables.bindCount].func(component, in.Byte() % kComponents);
-      break;
-    }
-    case 4: {
-      UnbindComponent(tables, component);
-      tables.destroy[in.Byte() % tables.destroyCount].func(component);
-      break;
-    }
-    case 5: {
-      const auto& row = tables.update[in.Byte() % tables.updateCount];
-      FillRecord(in, row.type, record);
-      row.func(component, (in.Byte() & 7U) != 0 ? &record : nullptr);
-      break;
-    }
-    case 6:
-      DecodedFrame(in);
-      break;
-    case 7:
-      ReleaseHeld(in.Byte() % 4U);
-      break;
-    case 8: {
+    },
+    [](Input& in, uint32_t component) { WithRecord(in, component, g_tables.create); },
+    BindOrUnbind,
+    BindOrUnbind,
+    [](Input& in, uint32_t component) {
+      UnbindComponent(component);
+      g_tables.destroy.Pick(in).func(component);
+    },
+    [](Input& in, uint32_t component) { WithRecord(in, component, g_tables.update); },
+    [](Input& in, uint32_t) { DecodedFrame(in); },
+    [](Input& in, uint32_t) { ReleaseHeld(in.Byte() % 4U); },
+    [](Input& in, uint32_t) {
       tagTavoVideoMouseParam mouse{};
       in.Fill(&mouse, sizeof(mouse));
       mouse.cursorCallback = Pick(in, Cursor);
       const uint32_t mouseId = in.Byte() % 3U;
-      using MouseCall = uint32_t (*)(uint32_t);
-      const MouseCall calls[] = {nullptr, TavoVideoShowMouse, TavoVideoHideMouse,
-                                 TavoVideoMouseStop, TavoVideoMouseStop};
+      uint32_t (*const calls[])(uint32_t) = {nullptr, TavoVideoShowMouse, TavoVideoHideMouse,
+                                             TavoVideoMouseStop, TavoVideoMouseStop};
       if (const uint8_t which = in.Byte() % 5U; which == 0U) {
         TavoVideoMouseSetParam(mouseId, (in.Byte() & 7U) != 0 ? &mouse : nullptr);
       } else {
         calls[which](mouseId);
       }
-      break;
-    }
-    case 9: {
+    },
+    [](Input& in, uint32_t) {
       TagTavoVideoSnapshotStorage storage{};
       in.Fill(&storage, sizeof(storage));
-      TavoVideoVlinkSnapShot(in.Byte() % 2U ? 99U : kNodeIds[in.Byte() % std::size(kNodeIds)],
-                             &storage);
-      break;
-    }
-    case 10:
-      TavoVideoSetCapResolution(kNodeIds[in.Byte() % std::size(kNodeIds)], in.Word() % 4000U,
-                                in.Word() % 4000U);
-      break;
-    case 11: {
+      TavoVideoVlinkSnapShot(in.Byte() % 2U ? 99U : in.Node(), &storage);
+    },
+    [](Input& in, uint32_t) {
+      TavoVideoSetCapResolution(in.Node(), in.Word() % 4000U, in.Word() % 4000U);
+    },
+    [](Input& in, uint32_t) {
       const uint32_t channel = in.Byte() % 4U;
       uint32_t queue = 0;
       tagTavoVideoOverlayParam overlay{};
       switch (in.Byte() % 4) {
         case 0:
-          TavoVideoVlinkOverlayParamCreate(kNodeIds[in.Byte() % std::size(kNodeIds)], channel,
-                                           &queue, in.Byte() % 4U);
+          TavoVideoVlinkOverlayParamCreate(in.Node(), channel, &queue, in.Byte() % 4U);
           break;
         case 1:
           TavoVideoVlinkOverlayParamEnable(channel, in.Word());
@@ -309,21 +297,18 @@ void RunOne(Input& in) {
           TavoVideoVlinkOverlayParamDestroy(channel);
           break;
       }
-      break;
-    }
-    case 12: {
-      const uint32_t nodeId = kNodeIds[in.Byte() % std::size(kNodeIds)];
+    },
+    [](Input& in, uint32_t component) {
+      const uint32_t nodeId = in.Node();
       std::vector<TavoVideoDefreezeStrategy> strategies(in.Byte() % 3U, in.Word());
       TavoVideoVlinkFreezeLastFrame(nodeId, 0, in.Byte() & 1U ? &strategies : nullptr);
       TavoVideoVlinkVoStopRender(component, in.Word());
       TavoVideoVlinkVoSetDefaultImage(nodeId);
       TavoVideoReportEncError(component, in.Word());
-      break;
-    }
-    case 14:
-      g_armed = (component << 8) | (in.Byte() % 4U + 1U);
-      break;
-    case 15: {
+    },
+    SetTraceLevel,
+    [](Input& in, uint32_t component) { g_armed = (component << 8) | (in.Byte() % 4U + 1U); },
+    [](Input& in, uint32_t) {
       // Records the library never issued, or has taken back already: refused, untouched.
       VencOutFrame foreign{};
       in.Fill(&foreign, sizeof(foreign));
@@ -332,18 +317,14 @@ void RunOne(Input& in) {
         TavoVideoReleaseVEncFrame(given);
         TavoVideoReleaseVEncFrame(given);
       }
-      break;
-    }
-    default:
-      TavoVideoSetTraceLevel(static_cast<int>(in.Byte() % 6U) - 1);
-      break;
-  }
-}
+    },
+};
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   unsetenv("DISPLAY");  // screens fail to open instead of capturing whatever is there
+  TavoVideoVlinkInit(0, 0, {});
   const std::string base = "/tmp/vlink_host_call_fuzzer_" + std::to_string(getpid());
   g_fifo = base + ".dat";
   g_folder = base + "_folder.dat";
@@ -360,16 +341,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t underflows = OsvGraphicBuffer::GetUnderflowCount();
   Input in(data, size);
   for (int calls = 0; !in.Empty() && calls < 64; ++calls) {
-    RunOne(in);
+    const uint32_t component = in.Byte() % kComponents;
+    kCalls[in.Byte() % std::size(kCalls)](in, component);
   }
   g_armed = kNone;
-  const Tables& tables = GetTables();
   for (uint32_t component = 0; component < kComponents; ++component) {
-    UnbindComponent(tables, component);
+    UnbindComponent(component);
   }
   for (uint32_t component = 0; component < kComponents; ++component) {
-    for (uint32_t row = 0; row < tables.destroyCount; ++row) {
-      tables.destroy[row].func(component);
+    for (uint32_t row = 0; row < g_tables.destroy.count; ++row) {
+      g_tables.destroy.row[row].func(component);
     }
     TavoVideoMouseStop(component % 3U);
     TavoVideoVlinkOverlayParamDestroy(component % 4U);

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
@@ -44,21 +43,20 @@ void OnTrace2(uint32_t, const char* text) {
              (std::strstr(text, "BackgroundVirtualityBaseNode StartProcess") != nullptr ? 2 : 0);
 }
 
-// Runs call on another thread: false when it has not returned within the limit. A call that
-// hangs inside the library cannot be unloaded under, so the process ends there.
-bool ReturnsInTime(const std::function<void()>& call) {
+// Runs call on another thread and waits for it to return, with a limit. A call that hangs
+// inside the library cannot be unloaded under, so the process ends there.
+void RunWithinLimit(const std::function<void()>& call) {
   auto done = std::make_shared<std::promise<void>>();
   std::future<void> returned = done->get_future();
   std::thread([done, call] {
     call();
     done->set_value();
   }).detach();
-  if (returned.wait_for(kCallLimit) == std::future_status::ready) {
-    return true;
+  if (returned.wait_for(kCallLimit) != std::future_status::ready) {
+    std::fprintf(stderr, "a call into the library did not return: %s\n",
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::_Exit(1);
   }
-  std::fprintf(stderr, "a call into the library did not return: %s\n",
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-  std::_Exit(1);
 }
 
 // Public: the table-driven test drives it from lambdas.
@@ -106,8 +104,7 @@ class CarelessHostTest : public ::testing::Test {
     HostParam encoder = FakeHost::EncoderParam(0);
     ASSERT_EQ(Host().Create(kTest, component, node, test.get()), 0U);
     ASSERT_EQ(Host().Create(kEnc, component + 1, 5, encoder.get()), 0U);
-    ASSERT_TRUE(ReturnsInTime(
-        [&] { EXPECT_EQ(Host().Bind(kEnc, kTest, component + 1, component), bound); }));
+    RunWithinLimit([&] { EXPECT_EQ(Host().Bind(kEnc, kTest, component + 1, component), bound); });
   }
   // A decoder (node 20, imgNo 150) into a preview (node 21) with window 0x51.
   void DecoderIntoPreview() {
@@ -222,7 +219,7 @@ TEST_F(CarelessHostTest, CallsFromInsideCallbacksReturn) {
          host.onRender = [&](uint32_t) {
            codes = {set(manager, channel.params), stop(manager), remove(manager)};
          };
-         ASSERT_TRUE(ReturnsInTime([&] { EXPECT_EQ(frame(manager, &buffer), 0U); }));
+         RunWithinLimit([&] { EXPECT_EQ(frame(manager, &buffer), 0U); });
          EXPECT_EQ(codes, (std::vector<uint32_t>{0, 0, 0}));
        }},
       {"destroy an encoder from its encoder callback",
@@ -255,7 +252,7 @@ TEST_F(CarelessHostTest, CallsFromInsideCallbacksReturn) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ASSERT_TRUE(ReturnsInTime([&] { c.run(*this, Host()); }));
+    RunWithinLimit([&] { c.run(*this, Host()); });
     Unload();  // the next case starts on a fresh library and host
     Load();
   }

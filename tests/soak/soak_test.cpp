@@ -254,17 +254,12 @@ class Soak : public ::testing::Test {
       t.join();
     }
 
-    // Take everything down, as a host does: unbind, destroy the sinks (their last frames
+    // Take everything down, as a host does: unbind and destroy the sinks (their last frames
     // have reached the host then), give back what the host holds, destroy the inputs (a
     // test image keeps frames still held at its destruction for good).
     for (size_t i = 0; i < std::size(kLinks); ++i) {
-      if (bound[i]) {
-        EXPECT_EQ(Unbind(kLinks[i]), 0U);
-      }
-    }
-    for (const Component* c :
-         {&kEncTest, &kVoDecoder, &kVirCam, &kEncScreen, &kVoScreen, &kEncCamera, &kVoCamera}) {
-      EXPECT_EQ(Destroy(*c), 0U);
+      EXPECT_EQ(bound[i] ? Unbind(kLinks[i]) : 0U, 0U);
+      EXPECT_EQ(Destroy(kLinks[i].sink), 0U);
     }
     m_host.GiveBack(FakeHost::kAnyCode);
     for (const Component* c : {&kTest, &kDecoder, &kScreen, &kCamera}) {
@@ -318,7 +313,6 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
 
   // The host checks at its end that every decoded frame came back exactly once and no frame
   // was released twice.
-  EXPECT_TRUE(m_host.AllBack()) << "decoded frames lost";
   EXPECT_GT(m_host.offered.Get(), 0);
   EXPECT_GT(m_host.rendered.Get(), 0);
   // Threads end when their nodes go; the worker pool and the fakes' threads were counted
@@ -328,8 +322,7 @@ TEST_F(Soak, EveryLinkKindChurnsWhileFramesFlow) {
   }
   EXPECT_LE(CountOwnThreads(), threadsBefore);
   EXPECT_LE(CountOwnDescriptors(), descriptorsBefore);
-  EXPECT_EQ(camera.OpenDescriptors(), 0U);
-  EXPECT_EQ(camera.Mappings(), 0U);
+  EXPECT_EQ(std::pair(camera.OpenDescriptors(), camera.Mappings()), std::pair(0UL, 0UL));
   EXPECT_EQ(CountOwnShmSegments(), 0U);
 
   // The last third of the run must not grow over the middle one: before it the allocators'

@@ -136,8 +136,7 @@ class FakeHost {
   std::vector<VencOutFrame*> m_held;
   std::vector<Encoded> m_encoded;
   std::map<uint64_t, int> m_renderedByWindow;
-  std::map<tagOS_S_VIDEO_CODEC_IMG_INFO*, int> m_returned;
-  std::deque<tagOS_S_VIDEO_CODEC_IMG_INFO*> m_records;
+  std::deque<tagOS_S_VIDEO_CODEC_IMG_INFO> m_records;  // every record pushed
   int m_accepted = 0;
   std::vector<std::pair<uint32_t, uint32_t>> m_components;
   std::vector<Link> m_links;
