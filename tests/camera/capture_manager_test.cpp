@@ -147,20 +147,16 @@ TEST_F(CaptureManagerTest, RotationAndMirrorMatchLibyuvAndOddSizesFitTheirBlocks
     const std::vector<uint8_t> converted = PictureOf(frame);
     EXPECT_EQ(converted, Oracle(input, libyuv::FOURCC_NV12, 640, 480, applied));
 
-    const uint32_t width = frame.width;
-    const uint32_t height = frame.height;
-    uint8_t* block = frame.data;
+    const _PEL_V_FRAME before = frame;
     frame.rotation = angle;
-    ASSERT_EQ(manager.TransRotate(frame), 0U);  // frees the old block: ASan checks
-    if (applied == 0) {
-      EXPECT_EQ(frame.data, block);  // the frame stays as it is
-    } else {
-      EXPECT_EQ(frame.width, angle == 180 ? width : height);
-      EXPECT_EQ(frame.rotation, 0U);
-      EXPECT_EQ(frame.dataSize, DevCaptureManager::BlockSize(frame.width, frame.height));
-    }
+    ASSERT_EQ(manager.TransRotate(frame), 0U);           // frees the old block: ASan checks
+    EXPECT_EQ(frame.data == before.data, applied == 0);  // no turn: the frame stays as it is
+    EXPECT_EQ(
+        (std::vector{frame.width, frame.rotation, frame.dataSize}),
+        (std::vector{applied % 180 == 0 ? before.width : before.height, applied == 0 ? angle : 0U,
+                     DevCaptureManager::BlockSize(frame.width, frame.height)}));
     const std::vector<uint8_t> turned = PictureOf(frame);
-    EXPECT_EQ(turned, Oracle(converted, libyuv::FOURCC_I420, width, height, applied));
+    EXPECT_EQ(turned, Oracle(converted, libyuv::FOURCC_I420, before.width, before.height, applied));
 
     frame.mirror = 1;
     ASSERT_EQ(manager.MirrorYuvI420(frame), 0U);
@@ -291,10 +287,7 @@ TEST_F(CaptureManagerTest, FramePathConvertsPacesFailuresDropsWhileStoppedAndPas
 
   std::thread stopper([&] { EXPECT_EQ(manager.CaptureStop(), 0U); });
   ASSERT_TRUE(capturer.stopEntered.WaitFor(1));
-  int result = 0;
-  std::thread frameThread([&] { result = push(PELV_IMAGE_FORMAT_YUY2, 64, 48, good); });
-  frameThread.join();  // never waits for the lock
-  EXPECT_EQ(result, 1);
+  EXPECT_EQ(push(PELV_IMAGE_FORMAT_YUY2, 64, 48, good), 1);  // never waits for the lock
   capturer.stopGate.Open();
   stopper.join();
   EXPECT_FALSE(manager.IsCapturing());
