@@ -119,10 +119,7 @@ TEST_F(BackgroundNodeTest, MissingLibraryOrFunctionLeavesTheEffectOff) {
 // the request returns (the answer then waits for its frame) or later. A frame of a new size
 // waits for those in flight before the task is retuned.
 TEST_F(BackgroundNodeTest, EachFrameGetsItsOwnMaskAndANewSizeWaitsForFramesInFlight) {
-  m_client.Change([](Knobs& k) {
-    k.inline_ = true;
-    k.alternate = true;
-  });
+  m_client.Change([](Knobs& k) { k = {.alternate = true, .inline_ = true}; });
   ASSERT_EQ(m_node->SetEnable(true), 0U);
   constexpr int kFrames = 12;
   for (int i = 1; i <= kFrames; ++i) {
@@ -131,10 +128,7 @@ TEST_F(BackgroundNodeTest, EachFrameGetsItsOwnMaskAndANewSizeWaitsForFramesInFli
   ASSERT_TRUE(AllReleased());
   // The sink counts a frame after letting go of it: the last may still be on its way.
   ASSERT_TRUE(m_sink->handled.WaitFor(kFrames));
-  m_client.Change([](Knobs& k) {
-    k.inline_ = false;
-    k.hold = true;
-  });
+  m_client.Change([](Knobs& k) { k = {.hold = true, .alternate = true}; });
   for (int i = kFrames + 1; i <= 2 * kFrames; ++i) {
     Submit(i);
   }
@@ -189,10 +183,7 @@ TEST_F(BackgroundNodeTest, EachFailureDropsOnlyItsFrame) {
 // double releases), nothing is left behind (the sanitizer build checks leaks), and
 // switching on again reuses the task.
 TEST_F(BackgroundNodeTest, SwitchingOffReleasesFramesInFlightOnceAndOnAgainReusesTheTask) {
-  Knobs cases[3];
-  cases[0].hold = true;
-  cases[1].hold = cases[1].answerAfterStop = true;
-  cases[2].twice = true;
+  const Knobs cases[] = {{.hold = true}, {.hold = true, .answerAfterStop = true}, {.twice = true}};
   uint32_t number = 0;
   for (const Knobs& knobs : cases) {
     m_client.Change([&](Knobs& k) { k = knobs; });
@@ -238,11 +229,7 @@ TEST_F(BackgroundNodeTest, FailedStartsAndStopsAreReportedAndCostNoFrame) {
   // The client refuses to stop: the node says so and keeps what is in flight until it is
   // destroyed, which releases it.
   ASSERT_EQ(m_node->SetEnable(false), 0U);
-  m_client.Change([](Knobs& k) {
-    k = Knobs{};
-    k.hold = true;
-    k.stopResult = -4;
-  });
+  m_client.Change([](Knobs& k) { k = {.stopResult = -4, .hold = true}; });
   ASSERT_EQ(m_node->SetEnable(true), 0U);
   Submit(3);
   ASSERT_TRUE(m_client.requests.WaitFor(1));
