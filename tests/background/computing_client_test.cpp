@@ -73,13 +73,6 @@ class ComputingClientTest : public ::testing::Test {
     }
     g_answers = nullptr;
   }
-  uint32_t Create(const std::string& model, int width, int height) {
-    uint32_t id = 0;
-    EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(model, width, height), &id), 0);
-    m_tasks.push_back(id);
-    EXPECT_EQ(TavoComputingStartTask(id), 0);
-    return id;
-  }
   int Submit(uint32_t id, const cv::Mat& bgr) {
     TavoComputingBufferParams buffer{};
     const int got = TavoComputingGetBuffer(id, &buffer);
@@ -102,7 +95,14 @@ class ComputingClientTest : public ::testing::Test {
 // effect (background_real_client_test); here, the client's contract.
 TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadModelsAreRefused) {
   const cv::Mat frame(72, 128, CV_8UC3, cv::Scalar(40, 90, 200));
-  const uint32_t id = Create(Model(kLandscape), 128, 72);
+  uint32_t task = 0;
+  auto create = [&](const TavoComputingTaskParams& params) {
+    return TavoComputingCreateTask({1, 1, 30}, params, &task);
+  };
+  ASSERT_EQ(create(TaskParams(Model(kLandscape), 128, 72)), 0);
+  const uint32_t id = task;
+  m_tasks.push_back(id);
+  ASSERT_EQ(TavoComputingStartTask(id), 0);
   std::vector<TavoComputingBufferParams> lent(2);
   for (auto& buffer : lent) {
     ASSERT_EQ(TavoComputingGetBuffer(id, &buffer), 0);
@@ -152,10 +152,6 @@ TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadMod
   std::ifstream(Model(kLandscape), std::ios::binary)
       .read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(head.size()));
   const std::string truncated = dir.Write("truncated", head);
-  uint32_t task = 0;
-  auto create = [&](const TavoComputingTaskParams& params) {
-    return TavoComputingCreateTask({1, 1, 30}, params, &task);
-  };
   for (const std::string& model : {(dir.Path() / "none").string(), corrupt, truncated}) {
     EXPECT_EQ(create(TaskParams(model, 64, 36)), TAVO_COMPUTING_ERR_MODEL);
   }
