@@ -69,8 +69,7 @@ class CameraLinkTest : public ::testing::Test {
       camera->DealTaskHandler(true);  // the releases those queued
       EXPECT_EQ(camera->GetBufferCount(), 0U) << "a frame did not come back";
     }
-    EXPECT_EQ(m_device.OpenDescriptors(), 0U);
-    EXPECT_EQ(m_device.Mappings(), 0U);
+    EXPECT_EQ(std::pair(m_device.OpenDescriptors(), m_device.Mappings()), std::pair(0UL, 0UL));
     ResetOpencvBinding();
   }
 
