@@ -44,8 +44,8 @@ TavoComputingTaskParams TaskParams(const std::string& model, int width, int heig
 
 // What one test's requests got back.
 struct Answers {
-  std::mutex lock;  // guards everything below
-  std::vector<std::vector<uint8_t>> masks;
+  std::mutex lock;                  // guards everything below
+  std::vector<uint32_t> maskSizes;  // 0 for an answer without a mask
   std::vector<std::thread::id> threads;
   CountLatch count;
 };
@@ -55,8 +55,7 @@ void OnAnswer(unsigned int, int, TavoComputingBufferParams result) {
   {
     std::lock_guard<std::mutex> lock(g_answers->lock);
     g_answers->threads.push_back(std::this_thread::get_id());
-    const auto* data = static_cast<const uint8_t*>(result.data);
-    g_answers->masks.emplace_back(data, data + (data == nullptr ? 0 : result.size));
+    g_answers->maskSizes.push_back(result.data == nullptr ? 0 : result.size);
   }
   g_answers->count.Add();
 }
@@ -132,7 +131,7 @@ TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadMod
   ASSERT_EQ(Submit(id, frame), 0);
   ASSERT_TRUE(m_answers.count.WaitFor(3));
   EXPECT_NE(m_answers.threads.back(), std::this_thread::get_id());  // on its own thread
-  EXPECT_EQ(m_answers.masks.back().size(), 128U * 72U);
+  EXPECT_EQ(m_answers.maskSizes.back(), 128U * 72U);
   ASSERT_EQ(TavoComputingStopTask(id), 0);  // returns once the last answer is booked
   TavoComputingResourceUsage usage{};
   ASSERT_EQ(TavoComputingQueryResourceUsage(id, &usage), 0);
@@ -144,7 +143,7 @@ TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadMod
             0);
   ASSERT_EQ(Submit(id, cv::Mat(36, 64, CV_8UC3, cv::Scalar(1, 2, 3))), 0);
   ASSERT_TRUE(m_answers.count.WaitFor(4));
-  EXPECT_EQ(m_answers.masks.back().size(), 64U * 36U);
+  EXPECT_EQ(m_answers.maskSizes.back(), 64U * 36U);
   // Bad models and records are task.
   TempDir dir;
   const std::string corrupt = dir.Write("corrupt", {8, 7, 0x12, 0xFF, 1, 2, 3});
