@@ -215,8 +215,6 @@ TEST(SegmenterTest, SmoothingKeepsAStillSceneSteadyAndRefinementNarrowsTheSoftBa
     ASSERT_GT(length, 0);
     width[aided] = cv::countNonZero((mask >= 70) & (mask <= 249)) / length;
   }
-  std::printf("changing mask pixels: raw %.5f smoothed %.5f; soft band: raw %.1f refined %.1f\n",
-              flicker[0], flicker[1], width[0], width[1]);
   EXPECT_LT(flicker[1], 0.6 * flicker[0]);
   EXPECT_LT(flicker[1], 0.008);
   EXPECT_LT(width[1], 0.6 * width[0]);
@@ -284,7 +282,6 @@ TEST(BackgroundRealClientTest, ReplacesTheBackgroundOfAPersonPhoto) {
   const double faceKept = cv::countNonZero(faceDiff <= 3) / static_cast<double>(face.area());
   const double wallGreen =
       cv::countNonZero(cv::abs(after(wall) - greenLuma[0]) <= 3) / static_cast<double>(wall.area());
-  std::printf("face kept %.3f, wall replaced %.3f\n", faceKept, wallGreen);
   EXPECT_GE(faceKept, 0.95);
   EXPECT_GE(wallGreen, 0.95);
 }
