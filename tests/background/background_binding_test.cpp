@@ -1,7 +1,10 @@
+// The image-operations wrapper binding and the queue that hands masks to the effect's thread.
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "background/tavo_video_opencv_binding.h"
 #include "background/tavo_video_thread_safe_queue.h"
@@ -28,16 +31,10 @@ TEST(OsThreadSafeQueueTest, TimeoutsAndHandOver) {
   producer.join();
 }
 
-class BindingTest : public ::testing::Test {
- protected:
-  BindingTest() : m_override(m_loader) {}
-  void SetUp() override { ResetOpencvBinding(); }
-  void TearDown() override { ResetOpencvBinding(); }
-  FakeDynamicLoader m_loader;
-  ScopedSeamOverride<DynamicLoader> m_override;
-};
-
-TEST_F(BindingTest, MissingLibraryOrFunctionFallsBackAndTheLibraryOpensOnceForManyThreads) {
+TEST(BindingTest, MissingLibraryOrFunctionFallsBackAndTheLibraryOpensOnceForManyThreads) {
+  FakeDynamicLoader loader;
+  ScopedSeamOverride<DynamicLoader> use(loader);
+  ResetOpencvBinding();
   std::string missing;
   EXPECT_EQ(cvbind::CMatCreateEmpty(), nullptr);
   EXPECT_TRUE(cvbind::CMatEmpty(nullptr));  // an unusable wrapper looks like an empty image
@@ -45,7 +42,7 @@ TEST_F(BindingTest, MissingLibraryOrFunctionFallsBackAndTheLibraryOpensOnceForMa
   EXPECT_FALSE(OpencvWrapperUsable(&missing));
   EXPECT_NE(missing.find("cannot open shared object file"), std::string::npos);
 
-  m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols("CMatRows"));
+  loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols("CMatRows"));
   CMat* mat = cvbind::CMatCreate(4, 5, cvbind::C_CV_8UC1());  // retried: now there
   ASSERT_NE(mat, nullptr);
   EXPECT_EQ(cvbind::CMatRows(mat), 0);  // this one is missing
@@ -55,7 +52,7 @@ TEST_F(BindingTest, MissingLibraryOrFunctionFallsBackAndTheLibraryOpensOnceForMa
   EXPECT_EQ(missing, "CMatRows");
   // Many first calls from many threads open the full library once.
   ResetOpencvBinding();
-  m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
+  loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
   std::vector<std::thread> threads;
   Gate start;
   for (int i = 0; i < 8; ++i) {
@@ -71,8 +68,9 @@ TEST_F(BindingTest, MissingLibraryOrFunctionFallsBackAndTheLibraryOpensOnceForMa
   for (auto& thread : threads) {
     thread.join();
   }
-  EXPECT_EQ(m_loader.OpenCount(), 1);
+  EXPECT_EQ(loader.OpenCount(), 1);
   EXPECT_TRUE(OpencvWrapperUsable());
+  ResetOpencvBinding();  // before the loader it bound through goes
 }
 
 }  // namespace

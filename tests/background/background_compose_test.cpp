@@ -1,3 +1,5 @@
+// The image operations of the virtual background: the frame's RGB copy, the blend and the
+// background image.
 #include <gtest/gtest.h>
 #include <libyuv.h>
 

@@ -1,9 +1,9 @@
 // The real inference client and segmenter on the real model: the client's buffers, answers
-// and refusals, and what the segmenter's aids do to a person photo. Needs the set-up of
-// scripts/install-models.sh (models and astronaut.png).
+// and refusals, what the segmenter's aids do to a person photo, and the whole effect on that
+// photo. Needs the set-up of scripts/install-models.sh (models and astronaut.png).
 #include <gtest/gtest.h>
+#include <libyuv.h>
 
-#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -13,10 +13,14 @@
 #include <thread>
 #include <vector>
 
+#include "background/tavo_video_background_virtuality.h"
+#include "background/tavo_video_opencv_binding.h"
 #include "platform/adapt_common/om_cust_util.h"
 #include "platform/computing_client/tavo_computing_client.h"
 #include "platform/computing_client/tavo_computing_segmenter.h"
+#include "tests/support/build_tree_loader.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_nodes.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -40,8 +44,8 @@ TavoComputingTaskParams TaskParams(const std::string& model, int width, int heig
 
 // What one test's requests got back.
 struct Answers {
-  std::mutex lock;  // guards everything below
-  std::vector<std::vector<uint8_t>> masks;
+  std::mutex lock;                  // guards everything below
+  std::vector<uint32_t> maskSizes;  // 0 for an answer without a mask
   std::vector<std::thread::id> threads;
   CountLatch count;
 };
@@ -51,8 +55,7 @@ void OnAnswer(unsigned int, int, TavoComputingBufferParams result) {
   {
     std::lock_guard<std::mutex> lock(g_answers->lock);
     g_answers->threads.push_back(std::this_thread::get_id());
-    const auto* data = static_cast<const uint8_t*>(result.data);
-    g_answers->masks.emplace_back(data, data + (data == nullptr ? 0 : result.size));
+    g_answers->maskSizes.push_back(result.data == nullptr ? 0 : result.size);
   }
   g_answers->count.Add();
 }
@@ -68,13 +71,6 @@ class ComputingClientTest : public ::testing::Test {
       EXPECT_EQ(TavoComputingDestroyTask(id), 0);
     }
     g_answers = nullptr;
-  }
-  uint32_t Create(const std::string& model, int width, int height) {
-    uint32_t id = 0;
-    EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(model, width, height), &id), 0);
-    m_tasks.push_back(id);
-    EXPECT_EQ(TavoComputingStartTask(id), 0);
-    return id;
   }
   int Submit(uint32_t id, const cv::Mat& bgr) {
     TavoComputingBufferParams buffer{};
@@ -95,10 +91,17 @@ class ComputingClientTest : public ::testing::Test {
 };
 
 // Whether the mask covers the person and leaves the background is checked on the whole
-// effect (background_real_client_test); here, the client's contract.
+// effect (the last test here); here, the client's contract.
 TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadModelsAreRefused) {
   const cv::Mat frame(72, 128, CV_8UC3, cv::Scalar(40, 90, 200));
-  const uint32_t id = Create(Model(kLandscape), 128, 72);
+  uint32_t task = 0;
+  auto create = [&](const TavoComputingTaskParams& params) {
+    return TavoComputingCreateTask({1, 1, 30}, params, &task);
+  };
+  ASSERT_EQ(create(TaskParams(Model(kLandscape), 128, 72)), 0);
+  const uint32_t id = task;
+  m_tasks.push_back(id);
+  ASSERT_EQ(TavoComputingStartTask(id), 0);
   std::vector<TavoComputingBufferParams> lent(2);
   for (auto& buffer : lent) {
     ASSERT_EQ(TavoComputingGetBuffer(id, &buffer), 0);
@@ -128,7 +131,7 @@ TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadMod
   ASSERT_EQ(Submit(id, frame), 0);
   ASSERT_TRUE(m_answers.count.WaitFor(3));
   EXPECT_NE(m_answers.threads.back(), std::this_thread::get_id());  // on its own thread
-  EXPECT_EQ(m_answers.masks.back().size(), 128U * 72U);
+  EXPECT_EQ(m_answers.maskSizes.back(), 128U * 72U);
   ASSERT_EQ(TavoComputingStopTask(id), 0);  // returns once the last answer is booked
   TavoComputingResourceUsage usage{};
   ASSERT_EQ(TavoComputingQueryResourceUsage(id, &usage), 0);
@@ -140,7 +143,7 @@ TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadMod
             0);
   ASSERT_EQ(Submit(id, cv::Mat(36, 64, CV_8UC3, cv::Scalar(1, 2, 3))), 0);
   ASSERT_TRUE(m_answers.count.WaitFor(4));
-  EXPECT_EQ(m_answers.masks.back().size(), 64U * 36U);
+  EXPECT_EQ(m_answers.maskSizes.back(), 64U * 36U);
   // Bad models and records are task.
   TempDir dir;
   const std::string corrupt = dir.Write("corrupt", {8, 7, 0x12, 0xFF, 1, 2, 3});
@@ -148,18 +151,15 @@ TEST_F(ComputingClientTest, BuffersAreBoundedEveryRequestIsAnsweredOnceAndBadMod
   std::ifstream(Model(kLandscape), std::ios::binary)
       .read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(head.size()));
   const std::string truncated = dir.Write("truncated", head);
-  uint32_t task = 0;
   for (const std::string& model : {(dir.Path() / "none").string(), corrupt, truncated}) {
-    EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(model, 64, 36), &task),
-              TAVO_COMPUTING_ERR_MODEL);
+    EXPECT_EQ(create(TaskParams(model, 64, 36)), TAVO_COMPUTING_ERR_MODEL);
   }
   TavoComputingTaskParams unterminated = TaskParams(Model(kLandscape), 64, 36);
   std::memset(unterminated.modelPath, 'a', sizeof unterminated.modelPath);
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, unterminated, &task), TAVO_COMPUTING_ERR_ARGUMENT);
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(Model(kLandscape), 2561, 1440), &task),
-            TAVO_COMPUTING_ERR_ARGUMENT);  // mask would not fit 3,686,400 bytes
-  EXPECT_EQ(TavoComputingCreateTask({1, 1, 30}, TaskParams(Model(kLandscape), 2560, 1440), &task),
-            0);
+  EXPECT_EQ(create(unterminated), TAVO_COMPUTING_ERR_ARGUMENT);
+  // The mask of 2561 x 1440 would not fit its 3,686,400 bytes.
+  EXPECT_EQ(create(TaskParams(Model(kLandscape), 2561, 1440)), TAVO_COMPUTING_ERR_ARGUMENT);
+  EXPECT_EQ(create(TaskParams(Model(kLandscape), 2560, 1440)), 0);
   m_tasks.push_back(task);
   EXPECT_EQ(TavoComputingStartTask(999999), TAVO_COMPUTING_ERR_ARGUMENT);
 }
@@ -215,11 +215,75 @@ TEST(SegmenterTest, SmoothingKeepsAStillSceneSteadyAndRefinementNarrowsTheSoftBa
     ASSERT_GT(length, 0);
     width[aided] = cv::countNonZero((mask >= 70) & (mask <= 249)) / length;
   }
-  std::printf("changing mask pixels: raw %.5f smoothed %.5f; soft band: raw %.1f refined %.1f\n",
-              flicker[0], flicker[1], width[0], width[1]);
   EXPECT_LT(flicker[1], 0.6 * flicker[0]);
   EXPECT_LT(flicker[1], 0.008);
   EXPECT_LT(width[1], 0.6 * width[0]);
+}
+
+// The whole effect as the library runs it: the node loads the real inference client and the
+// real image-operations wrapper by name and replaces the background of a person photo.
+TEST(BackgroundRealClientTest, ReplacesTheBackgroundOfAPersonPhoto) {
+  BuildTreeLoader loader(VLINK_LOADABLE_DIR);
+  ScopedSeamOverride<DynamicLoader> use(loader);
+  ResetOpencvBinding();
+  const cv::Mat photo = cv::imread(VLINK_TESTDATA_DIR "/astronaut.png", cv::IMREAD_COLOR);
+  ASSERT_FALSE(photo.empty()) << "run scripts/install-models.sh";
+  cv::Mat bgr;
+  cv::resize(photo(cv::Rect(0, 64, 512, 288)), bgr, cv::Size(1280, 720));
+  auto* frame = new OsvGraphicBuffer(1280, 720, TAVO_VIDEO_VLINK_FORMAT_I420);
+  const OsvGraphicBufferInfo info = frame->GetImageInfo();
+  libyuv::RGB24ToI420(bgr.data, static_cast<int>(bgr.step[0]), frame->GetImageAddr(0),
+                      info.stride[0], frame->GetImageAddr(1), info.stride[1],
+                      frame->GetImageAddr(2), info.stride[2], 1280, 720);
+  const cv::Mat before = cv::Mat(720, 1280, CV_8U, frame->GetImageAddr(0), info.stride[0]).clone();
+
+  TempDir dir;
+  const std::string green = dir.Write("green.bmp", SolidBmp24(32, 18, 0, 255, 0));
+  auto producer = std::make_shared<CountingNode>(1, OS_E_MPP_DEV_CAMERA);
+  producer->onRelease = [](OsvGraphicBuffer* buffer) { delete buffer; };
+  auto sink = std::make_shared<CountingNode>(2);
+  std::mutex lock;  // guards after
+  cv::Mat after;
+  sink->onFrame = [&](OsvGraphicBuffer* out) {
+    std::lock_guard<std::mutex> hold(lock);
+    after = cv::Mat(720, 1280, CV_8U, out->GetImageAddr(0), out->GetImageInfo().stride[0]).clone();
+  };
+  auto node = std::make_shared<BackgroundVirtualityNode>(10001);
+  Link(node, sink);
+  ASSERT_EQ(sink->StartProcess(), 0U);
+  ASSERT_EQ(node->StartProcess(), 0U);
+  BackgroundVirtualityParams param{{}, 1280, 720, 30, 0};
+  std::strncpy(param.bgImagePath, green.c_str(), sizeof param.bgImagePath - 1);
+  ASSERT_EQ(node->SetParam(param), 0U);
+  ASSERT_EQ(node->SetEnable(true), 0U);
+  ASSERT_TRUE(node->IsRunning()) << "the client or the wrapper did not load";
+  frame->SetReleaseTarget(producer);
+  {
+    FrameRef mine = FrameRef::Share(frame);
+    producer->SendBuffer(node, frame);
+  }
+  ASSERT_TRUE(sink->handled.WaitFor(1));
+  ASSERT_TRUE(producer->released.WaitFor(1));
+  node->Shutdown();
+  sink->Shutdown();
+  Unlink(node, sink);
+  node.reset();
+  ResetOpencvBinding();
+
+  std::lock_guard<std::mutex> hold(lock);
+  const uint8_t rgb[12] = {0, 255, 0, 0, 255, 0, 0, 255, 0, 0, 255, 0};
+  uint8_t greenLuma[4], u = 0, v = 0;
+  libyuv::RGB24ToI420(rgb, 6, greenLuma, 2, &u, 1, &v, 1, 2, 2);
+  // The face (about x 420..700, y 0..330 of the frame) stays; the wall top right goes green.
+  const cv::Rect face(470, 60, 180, 220);
+  const cv::Rect wall(1100, 0, 180, 120);
+  cv::Mat faceDiff;
+  cv::absdiff(after(face), before(face), faceDiff);
+  const double faceKept = cv::countNonZero(faceDiff <= 3) / static_cast<double>(face.area());
+  const double wallGreen =
+      cv::countNonZero(cv::abs(after(wall) - greenLuma[0]) <= 3) / static_cast<double>(wall.area());
+  EXPECT_GE(faceKept, 0.95);
+  EXPECT_GE(wallGreen, 0.95);
 }
 
 }  // namespace

@@ -103,7 +103,6 @@ TEST_F(CapturerTest, ProbesAllSixtyFourPathsOrFindsTheWantedCameraBehindOthers) 
   device.AddCamera(4, TypicalCamera("usb-0000:00:14.0"));      // a prefix of the wanted one
   device.AddCamera(63, TypicalCamera("usb-0000:00:14.0-30"));  // a longer id is no match
   EXPECT_EQ(Start(640, 480, 30), 1U);
-  EXPECT_EQ(device.OpenedPaths().back(), "/dev/video63");
   EXPECT_TRUE(log.HasModule("not found match usb-0000:00:14.0-3 capture", 1));
   EXPECT_TRUE(log.HasModule("failed to open Capture Device", 1));
   ExpectNothingLeft();

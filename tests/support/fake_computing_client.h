@@ -39,8 +39,6 @@ class FakeComputingClient {
     }
     s_current = nullptr;
   }
-  FakeComputingClient(const FakeComputingClient&) = delete;
-  FakeComputingClient& operator=(const FakeComputingClient&) = delete;
 
   // The ten entry points by name, less `omit`.
   static std::map<std::string, void*> Symbols(const std::string& omit = "") {
