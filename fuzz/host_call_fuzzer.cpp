@@ -99,14 +99,16 @@ struct Rows {
   uint32_t count = 0;
 };
 
-// The component tables are the library's constants: read once, at load.
-const struct Tables {
+// The component tables are the library's constants: read once, after the library's init
+// (LLVMFuzzerInitialize), as a host does.
+struct Tables {
   Rows<TavoVideoCreateNodeFunc> create{TavoVideoGetCreateNodeFuncMap};
   Rows<TavoVideoBindNodeFunc> bind{TavoVideoGetBindNodeFuncMap};
   Rows<TavoVideoBindNodeFunc> unbind{TavoVideoGetUnBindNodeFuncMap};
   Rows<TavoVideoDestroyNodeFunc> destroy{TavoVideoGetDestroyNodeFuncMap};
   Rows<TavoVideoUpdateNodeFunc> update{TavoVideoGetUpdateNodeFuncMap};
-} g_tables;
+};
+const Tables* g_tables = nullptr;
 
 int Render(uint32_t window, TavoVideoRenderImgHeader*) {
   if (const uint32_t component = TakeArmed(kStopRender); component != UINT32_MAX) {
@@ -117,15 +119,15 @@ int Render(uint32_t window, TavoVideoRenderImgHeader*) {
     record.vo.winNum = 1;
     record.vo.windows[0].winHandle = window;
     record.vo.renderCb = Render;
-    Find(g_tables.update.row, g_tables.update.count, TAVO_VIDEO_COMPONENT_PREVIEW)(component,
-                                                                                   &record);
+    Find(g_tables->update.row, g_tables->update.count, TAVO_VIDEO_COMPONENT_PREVIEW)(component,
+                                                                                     &record);
   }
   return 0;
 }
 
 uint32_t DecoderRelease(uint32_t, tagOS_S_VIDEO_CODEC_IMG_INFO*) {
   if (const uint32_t component = TakeArmed(kDestroyDecoder); component != UINT32_MAX) {
-    Find(g_tables.destroy.row, g_tables.destroy.count, TAVO_VIDEO_COMPONENT_DECODER)(component);
+    Find(g_tables->destroy.row, g_tables->destroy.count, TAVO_VIDEO_COMPONENT_DECODER)(component);
   }
   return 0;  // the library frees the frame
 }
@@ -181,10 +183,10 @@ void FillRecord(Input& in, uint32_t type, tagTavoVideoComponentParam& record) {
 }
 
 void UnbindComponent(uint32_t component) {
-  for (uint32_t row = 0; row < g_tables.unbind.count; ++row) {
+  for (uint32_t row = 0; row < g_tables->unbind.count; ++row) {
     for (uint32_t other = 0; other < kComponents; ++other) {
-      g_tables.unbind.row[row].func(component, other);
-      g_tables.unbind.row[row].func(other, component);
+      g_tables->unbind.row[row].func(component, other);
+      g_tables->unbind.row[row].func(other, component);
     }
   }
 }
@@ -228,7 +230,7 @@ void WithRecord(Input& in, uint32_t component, const Rows<Func>& rows) {
 }
 
 void BindOrUnbind(Input& in, uint32_t component) {
-  const auto& rows = in.Byte() & 1U ? g_tables.bind : g_tables.unbind;
+  const auto& rows = in.Byte() & 1U ? g_tables->bind : g_tables->unbind;
   rows.Pick(in).func(component, in.Byte() % kComponents);
 }
 
@@ -247,14 +249,14 @@ void (*const kCalls[16])(Input& in, uint32_t component) = {
         container->SetDataByString<uint32_t>("portId", component);
       }
     },
-    [](Input& in, uint32_t component) { WithRecord(in, component, g_tables.create); },
+    [](Input& in, uint32_t component) { WithRecord(in, component, g_tables->create); },
     BindOrUnbind,
     BindOrUnbind,
     [](Input& in, uint32_t component) {
       UnbindComponent(component);
-      g_tables.destroy.Pick(in).func(component);
+      g_tables->destroy.Pick(in).func(component);
     },
-    [](Input& in, uint32_t component) { WithRecord(in, component, g_tables.update); },
+    [](Input& in, uint32_t component) { WithRecord(in, component, g_tables->update); },
     [](Input& in, uint32_t) { DecodedFrame(in); },
     [](Input& in, uint32_t) { ReleaseHeld(in.Byte() % 4U); },
     [](Input& in, uint32_t) {
@@ -325,6 +327,8 @@ void (*const kCalls[16])(Input& in, uint32_t component) = {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   unsetenv("DISPLAY");  // screens fail to open instead of capturing whatever is there
   TavoVideoVlinkInit(0, 0, {});
+  static const Tables tables;
+  g_tables = &tables;
   const std::string base = "/tmp/vlink_host_call_fuzzer_" + std::to_string(getpid());
   g_fifo = base + ".dat";
   g_folder = base + "_folder.dat";
@@ -349,8 +353,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     UnbindComponent(component);
   }
   for (uint32_t component = 0; component < kComponents; ++component) {
-    for (uint32_t row = 0; row < g_tables.destroy.count; ++row) {
-      g_tables.destroy.row[row].func(component);
+    for (uint32_t row = 0; row < g_tables->destroy.count; ++row) {
+      g_tables->destroy.row[row].func(component);
     }
     TavoVideoMouseStop(component % 3U);
     TavoVideoVlinkOverlayParamDestroy(component % 4U);

@@ -1,7 +1,6 @@
-// Camera links as the host drives them (camera rows, binds behind the shared
-// virtual-background node, capture-size and overlay controls, stops with frames
-// out) over a fake V4L2 camera. Every frame the camera wraps must come back
-// exactly once.
+// Camera links as the host drives them (camera rows, binds behind the shared virtual-background
+// node, capture-size and overlay controls, stops with frames out) over a fake V4L2 camera.
+// Every frame the camera wraps must come back exactly once.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -27,7 +26,7 @@
 
 namespace {
 
-constexpr const char *kBus = "usb-0000:00:14.0-1";
+constexpr const char* kBus = "usb-0000:00:14.0-1";
 constexpr uint32_t kCamera = TAVO_VIDEO_COMPONENT_CAMERA, kEnc = TAVO_VIDEO_COMPONENT_ENCODER;
 
 std::shared_ptr<BackgroundVirtualityNode> BgNodeOf(uint32_t cameraId) {
@@ -43,8 +42,8 @@ struct CameraTypeNode : CountingNode {  // the camera's node type, another class
 
 class CameraLinkTest : public ::testing::Test {
  protected:
-  // The camera behind a fake V4L2 device; the inference client and the image
-  // wrapper behind a fake loader.
+  // The camera behind a fake V4L2 device; the inference client and the image wrapper behind a
+  // fake loader.
   CameraLinkTest() : m_deviceOverride(m_device), m_loaderOverride(m_loader) {
     m_loader.AddLibrary(BackgroundVirtualityNode::kClientLibrary, FakeComputingClient::Symbols());
     m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
@@ -62,11 +61,11 @@ class CameraLinkTest : public ::testing::Test {
   void TearDown() override {
     LetGo();
     m_host.Finish();  // unbinds and destroys what the test made
-    for (auto &[id, sink] : m_sinks) {
+    for (auto& [id, sink] : m_sinks) {
       sink->DealTaskHandler(true);  // frames still queued to it go back first
       VideoVlinkNode::DeleteNodeByUnique(id);
     }
-    for (const std::shared_ptr<CameraCaptureNode> &camera : m_cameraNodes) {
+    for (const std::shared_ptr<CameraCaptureNode>& camera : m_cameraNodes) {
       camera->DealTaskHandler(true);  // the releases those queued
       EXPECT_EQ(camera->GetBufferCount(), 0U) << "a frame did not come back";
     }
@@ -75,7 +74,7 @@ class CameraLinkTest : public ::testing::Test {
   }
 
   uint32_t CreateCamera(uint32_t component, uint32_t nodeId, uint32_t width, uint32_t height,
-                        const char *cameraId = kBus) {
+                        const char* cameraId = kBus) {
     HostParam param = FakeHost::Zeroed();
     param->camera.width = width;
     param->camera.height = height;
@@ -94,7 +93,7 @@ class CameraLinkTest : public ::testing::Test {
     m_host.Store(component, nodeId);
     VideoVlinkNode::CreateNodeByUnique<CountingNode>(nodeId);
     auto sink = VideoVlinkNode::GetNodeByUnique<CountingNode>(nodeId);
-    sink->onFrame = [this](OsvGraphicBuffer *frame) {
+    sink->onFrame = [this](OsvGraphicBuffer* frame) {
       m_lastWidth = frame->GetImageInfo().width;
       m_wrongStamps += frame->GetSrcImgNo() != m_stamp ? 1 : 0;
     };
@@ -102,8 +101,8 @@ class CameraLinkTest : public ::testing::Test {
     return sink;
   }
 
-  // A camera bound to a sink that keeps up to `keep` of its frames until LetGo,
-  // once frames flow.
+  // A camera bound to a sink that keeps up to `keep` of its frames until LetGo, once frames
+  // flow.
   std::pair<std::shared_ptr<CameraCaptureNode>, std::shared_ptr<CountingNode>>
   CameraWithHoldingSink(uint32_t component, uint32_t nodeId, uint32_t sinkComponent,
                         uint32_t sinkId, size_t keep) {
@@ -141,10 +140,10 @@ class CameraLinkTest : public ::testing::Test {
   std::vector<FrameRef> m_held;
 };
 
-// Ids without terminator, unknown components and missing middle nodes are
-// refused. A capture size is checked against the capture limits and kept at
-// once, captured from the next start; other kinds of node are left alone. A
-// node never given valid parameters cannot start, and has no overlay to reach.
+// Ids without terminator, unknown components and missing middle nodes are refused. A capture size
+// is checked against the capture limits and kept at once, captured from the next start; other kinds
+// of node are left alone. A node never given valid parameters cannot start, and has no overlay to
+// reach.
 TEST_F(CameraLinkTest, BadIdsSizesComponentsAndMissingMiddleNodesAreRefused) {
   const std::string full(192, 'a');
   EXPECT_EQ(CreateCamera(711, 11, 640, 480, full.c_str()), 1U);
@@ -168,12 +167,11 @@ TEST_F(CameraLinkTest, BadIdsSizesComponentsAndMissingMiddleNodesAreRefused) {
   const uint32_t limits[][3] = {{3840, 2160, 0}, {2160, 3840, 0}, {100, 2161, 0},
                                 {1, 1, 0},       {640, 480, 0},   {3841, 100, 1},
                                 {2200, 2161, 1}, {0, 480, 1},     {640, 0, 1}};
-  for (const auto &[width, height, result] : limits) {
+  for (const auto& [width, height, result] : limits) {
     EXPECT_EQ(TavoVideoSetCapResolution(7, width, height), result) << width << "x" << height;
   }
   EXPECT_EQ(m_device.CurrentFormat(0).width, 320U);  // still the old size
-  // A stop erases the middle node: a bind that is not the first cannot link any
-  // more.
+  // A stop erases the middle node: a bind that is not the first cannot link any more.
   ASSERT_EQ(camera->StopProcess(), 0U);
   AddSink(734, 24);
   EXPECT_EQ(Bind(734, 732), 1U);
@@ -193,9 +191,8 @@ TEST_F(CameraLinkTest, BadIdsSizesComponentsAndMissingMiddleNodesAreRefused) {
   EXPECT_EQ(fresh->CloseIvr(), 1U);
 }
 
-// The stop gives up after its bounded wait; held frames are freed once when let
-// go. Frames that come back while the stop waits end the wait at once, not at
-// its limit.
+// The stop gives up after its bounded wait; held frames are freed once when let go. Frames
+// that come back while the stop waits end the wait at once, not at its limit.
 TEST_F(CameraLinkTest, StopWithFramesHeldWaitsUntilTheyComeBackOrItsLimit) {
   auto [camera, sink] = CameraWithHoldingSink(740, 8, 741, 25, 3);
   auto begin = std::chrono::steady_clock::now();
@@ -207,8 +204,7 @@ TEST_F(CameraLinkTest, StopWithFramesHeldWaitsUntilTheyComeBackOrItsLimit) {
   LetGo();  // TearDown checks that every frame came back
 
   auto [quick, quickSink] = CameraWithHoldingSink(745, 10, 746, 33, 1000);
-  // Let go of the frames once capture has stopped, i.e. while the stop waits
-  // for them.
+  // Let go of the frames once capture has stopped, i.e. while the stop waits for them.
   std::thread host([&, quickSink = quickSink] {
     for (int i = 0; i < 20000 && m_device.IsStreaming(0); ++i) {
       std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -223,11 +219,10 @@ TEST_F(CameraLinkTest, StopWithFramesHeldWaitsUntilTheyComeBackOrItsLimit) {
   EXPECT_LT(took, std::chrono::milliseconds(CameraCaptureNode::kReleaseWaitMs));
 }
 
-// Settings given before the camera exists reach the virtual-background node at
-// bind; two sinks share that node and the camera starts once; unbinding one
-// leaves the other receiving; destroying the camera removes the middle node.
-// Text channels answer as without an overlay proxy; channels of another kind,
-// or never made, are kept nowhere.
+// Settings given before the camera exists reach the virtual-background node at bind; two sinks
+// share that node and the camera starts once; unbinding one leaves the other receiving; destroying
+// the camera removes the middle node. Text channels answer as without an overlay proxy; channels of
+// another kind, or never made, are kept nowhere.
 TEST_F(CameraLinkTest, SinksShareTheBackgroundNodeWhichTakesTheSettingsStoredBefore) {
   TempDir dir;
   const std::string bgPath = dir.Write("bg.bmp", SolidBmp24(16, 9, 255, 0, 0));
@@ -274,8 +269,7 @@ TEST_F(CameraLinkTest, SinksShareTheBackgroundNodeWhichTakesTheSettingsStoredBef
   EXPECT_EQ(TavoVideoVlinkOverlayParamSet(802, &overlay), 1U);
   EXPECT_TRUE(m_log.HasModule("m_csnProxy is null", 1));
   EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(802, 1), 0U);  // on: nothing to do
-  EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(802, 0),
-            1U);  // off: closes the text overlay
+  EXPECT_EQ(TavoVideoVlinkOverlayParamEnable(802, 0), 1U);  // off: closes the text overlay
   EXPECT_TRUE(m_log.HasModule("m_csnProxy is null", 3));
   EXPECT_EQ(TavoVideoVlinkOverlayParamDestroy(802), 1U);
   for (uint32_t channel : {803U, 804U}) {

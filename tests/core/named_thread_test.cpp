@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-
 #include "core/tavo_video_named_thread.h"
 #include "tests/support/fake_os.h"
 #include "tests/support/wait.h"
