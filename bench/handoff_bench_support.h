@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -35,11 +36,7 @@ namespace handoff_bench {
 using Clock = std::chrono::steady_clock;
 
 constexpr int64_t kFramesPerRun = 20000;  // keeps the whole program well under half a minute
-constexpr double kPacedSeconds = 1.5;     // a paced run sends this long
-// Paced runs come in rounds, ours and the yardstick's alternating and taking turns at going
-// first: a slow spell of the machine, which moves wake-up latency more than anything
-// measured here, then lands on both sides alike. Their samples are pooled.
-constexpr int kPacedRounds = 4;
+constexpr double kPacedSeconds = 8;       // a paced run sends this long
 constexpr size_t kPooledFrames = 16;
 constexpr uint32_t kFrameWidth = 1280;
 constexpr uint32_t kFrameHeight = 720;
@@ -84,10 +81,11 @@ struct RunFigures {
 // Every operator new of the process, counted by the benchmark program.
 extern std::atomic<uint64_t> g_allocations;
 
-// Frames a run sends: as many as fit the saturated budget, or kPacedSeconds at the pace.
+// Frames a run sends: as many as fit the saturated budget, or kPacedSeconds at the pace
+// from each of the two sides of a paced run.
 inline int64_t FramesFor(int64_t paceHz) {
   return paceHz == 0 ? kFramesPerRun
-                     : static_cast<int64_t>(kPacedSeconds * static_cast<double>(paceHz));
+                     : 2 * static_cast<int64_t>(kPacedSeconds * static_cast<double>(paceHz));
 }
 
 // Keeps the other core busy during paced runs, so a receiver that sleeps must be woken on
@@ -369,24 +367,15 @@ struct SendResult {
   uint64_t allocations = 0;
 };
 
-// Sends one frame per iteration: takes a free one from the pool, then send(frame, seq),
-// which says whether the link took it. paceHz 0 sends as fast as frames come back;
-// otherwise one frame every 1/paceHz seconds. Measures from the first send until the last
-// frame reached every receiver.
+// Sends one frame per iteration, as fast as frames come back: takes a free one from the
+// pool, then send(frame, seq), which says whether the link took it. Measures from the first
+// send until the last frame reached every receiver.
 template <class Pool, class Send>
-SendResult SendFrames(benchmark::State& state, Pool& pool, DeliveryLog& log, Send send,
-                      int64_t paceHz = 0) {
+SendResult SendFrames(benchmark::State& state, Pool& pool, DeliveryLog& log, Send send) {
   uint32_t seq = 0;
   const Clock::time_point start = Clock::now();
   const uint64_t allocationsBefore = g_allocations.load();
-  const auto period = paceHz == 0
-                          ? Clock::duration::zero()
-                          : std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(
-                                static_cast<int64_t>(1e9 / static_cast<double>(paceHz))));
   for (auto _ : state) {
-    if (paceHz != 0) {
-      std::this_thread::sleep_until(start + period * seq);
-    }
     auto* frame = pool.Acquire();
     if (frame == nullptr) {
       state.SkipWithError("no frame came back to the producer");
@@ -408,11 +397,62 @@ SendResult SendFrames(benchmark::State& state, Pool& pool, DeliveryLog& log, Sen
           g_allocations.load() - allocationsBefore};
 }
 
-// Checks the run and publishes its counters; call once nothing can touch the frames.
-// Nothing when the run failed (already reported to the benchmark).
+// One side of a paced run: where its frames come from, its log, and how it sends a frame
+// (false when the link refused it).
+struct PacedSide {
+  FramePool& pool;
+  DeliveryLog& log;
+  std::function<bool(OsvGraphicBuffer& frame, uint32_t seq)> send;
+};
+
+// A paced run puts both sides of a comparison into one run, each sending at paceHz, their
+// frames half a period apart, so that both meet the machine in the same state: on a
+// virtual machine wake-up latency moves from one second to the next by more than anything
+// measured here, and runs made one after the other each caught a spell of their own. Heap
+// allocations count for the side whose frame went out last: a frame is delivered long before
+// the other side's is due.
+inline std::array<SendResult, 2> SendSideBySide(benchmark::State& state, int64_t paceHz,
+                                                const std::array<PacedSide*, 2>& sides) {
+  const auto step = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::nanoseconds(static_cast<int64_t>(0.5e9 / static_cast<double>(paceHz))));
+  std::array<uint32_t, 2> seq{};
+  std::array<uint64_t, 2> allocations{};
+  uint64_t tick = 0;
+  const Clock::time_point start = Clock::now();
+  uint64_t mark = g_allocations.load();
+  for (auto _ : state) {
+    const size_t side = tick % 2;
+    std::this_thread::sleep_until(start + step * tick++);
+    const uint64_t now = g_allocations.load();
+    allocations[1 - side] += now - mark;
+    mark = now;
+    PacedSide& sender = *sides[side];
+    OsvGraphicBuffer* frame = sender.pool.Acquire();
+    if (frame == nullptr) {
+      state.SkipWithError("no frame came back to the producer");
+      break;
+    }
+    sender.log.MarkSent(seq[side]);
+    if (!sender.send(*frame, seq[side]++)) {
+      state.SkipWithError("the link refused a frame");
+      break;
+    }
+  }
+  for (PacedSide* waited : sides) {
+    if (!state.error_occurred() && !waited->log.WaitAllDelivered()) {
+      state.SkipWithError("not every frame reached every receiver");
+    }
+  }
+  allocations[(tick + 1) % 2] += g_allocations.load() - mark;
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  return {SendResult{seconds, allocations[0]}, SendResult{seconds, allocations[1]}};
+}
+
+// Checks the run and publishes its counters, their names after prefix; call once nothing can
+// touch the frames. Nothing when the run failed (already reported to the benchmark).
 inline std::optional<RunFigures> Report(benchmark::State& state, const DeliveryLog& log,
                                         bool allFramesReturned, const SendResult& sent,
-                                        size_t fanOut) {
+                                        size_t fanOut, const std::string& prefix = "") {
   if (state.error_occurred()) {
     return std::nullopt;
   }
@@ -427,11 +467,11 @@ inline std::optional<RunFigures> Report(benchmark::State& state, const DeliveryL
   RunFigures run = log.Figures(sent.seconds);
   run.allocsPerDelivery = static_cast<double>(sent.allocations) /
                           static_cast<double>(log.Frames() * std::max<size_t>(fanOut, 1));
-  state.counters["allocs_per_frame_sink"] = run.allocsPerDelivery;
-  state.counters["fps"] =
+  state.counters[prefix + "allocs_per_frame_sink"] = run.allocsPerDelivery;
+  state.counters[prefix + "fps"] =
       benchmark::Counter(static_cast<double>(log.Frames()), benchmark::Counter::kIsRate);
-  state.counters["p50_us"] = run.p50Us;
-  state.counters["p99_us"] = run.p99Us;
+  state.counters[prefix + "p50_us"] = run.p50Us;
+  state.counters[prefix + "p99_us"] = run.p99Us;
   return run;
 }
 
