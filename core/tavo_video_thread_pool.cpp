@@ -166,7 +166,7 @@ int ThreadPool::WakeSleepers(int wanted) {
     for (int i = 0; i < calls; ++i) {
       called[i] = m_idle.back();
       m_idle.pop_back();
-      called[i]->called = true;
+      called[i]->called.store(true, std::memory_order_relaxed);
     }
     // Called workers look from now on: nobody need call others for the same work.
     m_lookers += calls;
@@ -188,31 +188,40 @@ std::optional<QueuedTask> ThreadPool::PopCounted() {
 }
 
 std::optional<QueuedTask> ThreadPool::Take(WorkSignal& own) {
-  std::unique_lock<std::mutex> lock(m_takeLock);
   for (;;) {
+    // The queue guards itself: a look needs no take lock, so workers woken together do not
+    // queue up on it.
     if (std::optional<QueuedTask> task = PopCounted()) {
       return task;
     }
     if (!m_running.load()) {
       return std::nullopt;
     }
+    std::unique_lock<std::mutex> lock(m_takeLock);
     // Stop looking and announce the sleep, then look once more: a push that saw neither
-    // (WakeForQueued, WakeSleepers) is seen by this pop.
+    // (WakeForQueued, WakeSleepers) is seen by this pop. Running is checked again under the
+    // lock: a stop since the check above posted only the workers listed then.
     --m_lookers;
     ++m_sleepers;
     std::optional<QueuedTask> task = PopCounted();
-    own.called = false;
-    if (!task) {
+    own.called.store(false, std::memory_order_relaxed);
+    if (!task && m_running.load()) {
       m_idle.push_back(&own);
       lock.unlock();
       own.Wait();
+      // A call took it off the list and counted it as looking before posting: nothing
+      // left to undo, and no lock to wait for.
+      if (own.called.load(std::memory_order_acquire)) {
+        --m_sleepers;
+        continue;
+      }
       lock.lock();
-      if (!own.called) {
+      if (!own.called.load(std::memory_order_relaxed)) {
         m_idle.erase(std::find(m_idle.begin(), m_idle.end(), &own));  // still listed
       }
     }
     --m_sleepers;
-    if (!own.called) {
+    if (!own.called.load(std::memory_order_relaxed)) {
       ++m_lookers;  // a call counted it as looking already
     }
     if (task) {
@@ -248,8 +257,9 @@ void ThreadPool::ThreadFunc(WorkSignal* own) {
     // held the last reference to a node, that node's destructor waits for this very task.
     task.reset();
     ++m_lookers;
-    // Only WaitAllEnd listens; it registers under the take lock before it checks the
-    // queue, and the task was popped under that lock, so a waiter is never missed.
+    // Only WaitAllEnd listens. It counts itself before it looks at the queue, under the
+    // take lock; a look that still found this task came before the pop, so this load sees
+    // the waiter, and the notify under that lock cannot fall between its look and its wait.
     if (m_running.load() && m_progressWaiters.load() > 0) {
       std::lock_guard<std::mutex> lock(m_takeLock);
       m_progressSignal.notify_all();

@@ -69,7 +69,8 @@ class ThreadPool {
     void Wait();
 
     sem_t wake;
-    bool called = false;  // guarded by m_takeLock
+    // Written under m_takeLock; its worker reads it without the lock once woken.
+    std::atomic<bool> called{false};
   };
   static constexpr int kMaxCallsAtOnce = 16;
 
@@ -87,9 +88,9 @@ class ThreadPool {
 
   const unsigned long m_threadCount;
   // Lock order: pool lock, then the queue's locks; take lock, then the queue's locks. No
-  // task (and so no host callback) runs under either.
+  // task (and so no host callback) runs under either. Pops take only the queue's locks.
   std::mutex m_poolLock;  // guards start, stop, adding and m_workers
-  std::mutex m_takeLock;  // held by workers while they look for work and sleep
+  std::mutex m_takeLock;  // held by workers from their last look until they sleep
   std::vector<std::thread> m_workers;
   bool m_stopping = false;  // Stop is joining the workers; guarded by m_poolLock
   std::atomic<bool> m_running{false};
