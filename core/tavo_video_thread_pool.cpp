@@ -194,18 +194,18 @@ std::optional<QueuedTask> ThreadPool::Take(WorkSignal& own) {
     if (std::optional<QueuedTask> task = PopCounted()) {
       return task;
     }
+    std::unique_lock<std::mutex> lock(m_takeLock);
+    // Under the lock: a stop posts only the workers listed at that moment.
     if (!m_running.load()) {
       return std::nullopt;
     }
-    std::unique_lock<std::mutex> lock(m_takeLock);
     // Stop looking and announce the sleep, then look once more: a push that saw neither
-    // (WakeForQueued, WakeSleepers) is seen by this pop. Running is checked again under the
-    // lock: a stop since the check above posted only the workers listed then.
+    // (WakeForQueued, WakeSleepers) is seen by this pop.
     --m_lookers;
     ++m_sleepers;
     std::optional<QueuedTask> task = PopCounted();
     own.called.store(false, std::memory_order_relaxed);
-    if (!task && m_running.load()) {
+    if (!task) {
       m_idle.push_back(&own);
       lock.unlock();
       own.Wait();
