@@ -137,3 +137,13 @@ TEST(ScopeGuardTest, CleanupRunsExactlyOnce) {
 }
 
 }  // namespace
+
+// A stop that lands while workers are between a look at the queue and their sleep: each
+// must see it, or the stop waits for a worker nobody wakes.
+TEST(ThreadPoolTest, StopsRacingWorkersOnTheirWayToSleepNeverHang) {
+  ThreadPool pool(4);
+  for (int i = 0; i < 500; ++i) {
+    pool.Stop();
+    pool.Start();
+  }
+}
