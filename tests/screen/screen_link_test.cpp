@@ -134,17 +134,16 @@ TEST_F(ScreenLinkTest, SnapshotsMouseSettingsBeforeTheScreenStartsAndAHostHoldin
   auto* snapshot = Entry<decltype(TavoVideoVlinkSnapShot)>("TavoVideoVlinkSnapShot");
   TagTavoVideoSnapshotStorage storage{};
   storage.queueId = 0x7e;  // no such host queue
-  storage.format = 2;
-  EXPECT_EQ(snapshot(99, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("snapshot: the format[2] is unsupported", 1));
-  storage.format = 3;
-  EXPECT_EQ(snapshot(99, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("imgNo[90] ScreenCaptureNode::CapturePicture failed!", 1));
-  EXPECT_TRUE(m_logs.HasModule("CapturePicture[99] failed!", 1));
-  EXPECT_EQ(snapshot(100, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("imgNo[91] ScreenCaptureNode::CapturePicture failed!", 1));
-  EXPECT_EQ(snapshot(89, &storage), 1U);
-  EXPECT_TRUE(m_logs.HasModule("[SCREEN_89] invalid imgNo[89]", 1));
+  for (const auto& [id, format, line] :
+       {std::tuple{99u, 2u, "snapshot: the format[2] is unsupported"},
+        std::tuple{99u, 3u, "imgNo[90] ScreenCaptureNode::CapturePicture failed!"},
+        std::tuple{99u, 3u, "CapturePicture[99] failed!"},
+        std::tuple{100u, 3u, "imgNo[91] ScreenCaptureNode::CapturePicture failed!"},
+        std::tuple{89u, 3u, "[SCREEN_89] invalid imgNo[89]"}}) {
+    storage.format = format;
+    EXPECT_EQ(snapshot(id, &storage), 1U);
+    EXPECT_TRUE(m_logs.HasModule(line, 1)) << line;
+  }
 
   auto* setMouse = Entry<decltype(TavoVideoMouseSetParam)>("TavoVideoMouseSetParam");
   auto* showMouse = Entry<decltype(TavoVideoShowMouse)>("TavoVideoShowMouse");

@@ -48,30 +48,27 @@ class FakeX11DisplaySystem final : public X11DisplaySystem {
 class FakeSharedMemory final : public SharedMemorySystem {
  public:
   int Get(size_t size, int flags) override {
-    if (getError != 0) {
-      errno = getError;
-      return -1;
-    }
-    const int id = SharedMemorySystem::Real().Get(size, flags);
+    const int id = Fails(getError) ? -1 : Real().Get(size, flags);
     gets += id != -1 ? 1 : 0;
     return id;
   }
   void* Attach(int id) override {
-    if (attachError != 0) {
-      errno = attachError;
-      return reinterpret_cast<void*>(-1);
-    }
-    void* address = SharedMemorySystem::Real().Attach(id);
+    void* address = Fails(attachError) ? reinterpret_cast<void*>(-1) : Real().Attach(id);
     attaches += address != reinterpret_cast<void*>(-1) ? 1 : 0;
     return address;
   }
   int Detach(const void* address) override {
     ++detaches;
-    return SharedMemorySystem::Real().Detach(address);
+    return Real().Detach(address);
   }
   int Remove(int id) override {
     ++removes;
-    return SharedMemorySystem::Real().Remove(id);
+    return Real().Remove(id);
+  }
+  // Whether a call fails with `error` (in errno) instead of reaching the system.
+  static bool Fails(int error) {
+    errno = error;
+    return error != 0;
   }
 
   // Calls that reached the system, successful ones for gets and attaches.
@@ -97,11 +94,7 @@ class FakeHostShmQueue final : public HostShmQueue {
     }
     std::lock_guard<std::mutex> lock(m_lock);
     m_hidden[buffer] = *buffer;
-    buffer->capacity = 0;
-    buffer->queueId = 0;
-    if (nullMemory) {
-      buffer->mem = nullptr;  // a handle without memory
-    }
+    *buffer = {nullMemory ? nullptr : buffer->mem, buffer->usedLen, 0, 0};  // or without memory
     return buffer;
   }
   int32_t Write(uint32_t queueId, OsShmAdvancedBuffer** buffers, uint32_t count) override {
@@ -127,14 +120,10 @@ class FakeHostShmQueue final : public HostShmQueue {
  private:
   void Restore(OsShmAdvancedBuffer* buffer) {
     std::lock_guard<std::mutex> lock(m_lock);
-    auto it = m_hidden.find(buffer);
-    if (buffer == nullptr || it == m_hidden.end()) {
-      return;
+    if (auto hidden = m_hidden.extract(buffer)) {
+      *buffer = {hidden.mapped().mem, buffer->usedLen, hidden.mapped().capacity,
+                 hidden.mapped().queueId};
     }
-    buffer->mem = it->second.mem;
-    buffer->capacity = it->second.capacity;
-    buffer->queueId = it->second.queueId;
-    m_hidden.erase(it);
   }
   std::mutex m_lock;                                             // guards m_hidden
   std::map<OsShmAdvancedBuffer*, OsShmAdvancedBuffer> m_hidden;  // as handed out
