@@ -4,6 +4,7 @@
 #include <X11/extensions/XTest.h>
 // clang-format on
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -59,8 +60,7 @@ TEST_F(ScreenCapturerTest, PortsNumberMonitorsAcrossScreensDefaultFirst) {
       {1, 0, 0, 1, 0, 160, 240, 96, 64},   {1, 0, 160, 2, 1, 160, 240, 0, 0},
   };
   for (const PortCase& c : cases) {
-    SCOPED_TRACE("default screen " + std::to_string(c.defaultScreen) + " port " +
-                 std::to_string(c.port));
+    SCOPED_TRACE(testing::Message() << "default screen " << c.defaultScreen << " port " << c.port);
     m_displaySystem->SetName(m_server->Name(c.defaultScreen));
     FrameSink sink;
     auto capturer = MakeCapturer(sink, c.port, c.encWidth, c.encHeight);
@@ -488,17 +488,12 @@ TEST_F(ScreenCapturerTest, BadInputNoDisplayNoSharedMemoryAndReplacedBuffers) {
   EXPECT_FALSE(m_logs.HasModule("no available buffer!"));
 }
 
-// The pid of the test's X server: our child named Xvfb.
-pid_t ServerPid() {
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::ifstream stat(entry.path() / "stat");
-    std::string pid, name, state;
-    pid_t parent = 0;
-    if (stat >> pid >> name >> state >> parent && name == "(Xvfb)" && parent == getpid()) {
-      return std::stoi(pid);
-    }
-  }
-  return -1;
+// The pid of the test's X server: the peer of a connection to it.
+pid_t ServerPid(Display* display) {
+  ucred peer{};  // pid 0 when the call fails
+  socklen_t size = sizeof(peer);
+  getsockopt(ConnectionNumber(display), SOL_SOCKET, SO_PEERCRED, &peer, &size);
+  return peer.pid;
 }
 
 // Where there is no poll() system call, poll() is made with ppoll().
@@ -523,7 +518,7 @@ bool CaptureThreadWaitsForTheServer() {
 // mid-capture is survived and its connection let go.
 TEST_F(ScreenCapturerTest, ServersThatStopAnsweringDropConnectionsOrGoAway) {
   StartServer({{kWidth, kHeight}});
-  const pid_t server = ServerPid();
+  const pid_t server = ServerPid(m_server->Connection());
   ASSERT_GT(server, 0);
   // A stopped server would hold up its own teardown.
   std::unique_ptr<const pid_t, void (*)(const pid_t*)> resume(

@@ -11,12 +11,6 @@ namespace {
 
 constexpr uint32_t kQueue = 0x5a;
 
-uint32_t Get32(const uint8_t* at) {
-  uint32_t value = 0;
-  std::memcpy(&value, at, 4);
-  return value;
-}
-
 // Every picture goes through the fake queue, whose handles carry only the two fields the
 // platform's do.
 class SnapshotTest : public ScreenTest {
@@ -52,11 +46,11 @@ class SnapshotTest : public ScreenTest {
       return picture;
     }
     const auto* memory = static_cast<const uint8_t*>(buffer->mem);
-    picture.header = {Get32(memory),      Get32(memory + 4),  Get32(memory + 8),
-                      Get32(memory + 20), Get32(memory + 24), uint32_t{memory[28]},
-                      Get32(memory + 32)};
-    picture.stamp = Get32(memory + 40) | uint64_t{Get32(memory + 44)} << 32;
-    const uint32_t size = Get32(memory);
+    uint32_t word[12];  // the record's 32-bit fields
+    std::memcpy(word, memory, sizeof(word));
+    picture.header = {word[0], word[1], word[2], word[5], word[6], uint32_t{memory[28]}, word[8]};
+    picture.stamp = word[10] | uint64_t{word[11]} << 32;
+    const uint32_t size = word[0];
     EXPECT_EQ(buffer->usedLen, size + kSnapshotHeaderBytes);
     picture.pixels.resize(size / 4);
     std::memcpy(picture.pixels.data(), memory + kSnapshotHeaderBytes, size);
