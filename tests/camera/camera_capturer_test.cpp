@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 #include <thread>
 
 #include "camera/tavo_video_vlink_camera_capturer_linux.h"
@@ -31,6 +32,10 @@ using CameraChange = std::function<void(FakeCameraConfig&, FakeCameraFaults&)>;
 const CameraChange kAsIs = [](FakeCameraConfig&, FakeCameraFaults&) {};
 CameraChange IoctlFails(unsigned long request, int error = EIO) {
   return [=](FakeCameraConfig&, FakeCameraFaults& f) { f.ioctlErrno[request] = error; };
+}
+// The typical camera refusing `fourccs` on every try and set.
+CameraChange Refusing(std::set<uint32_t> fourccs) {
+  return [=](FakeCameraConfig&, FakeCameraFaults& f) { f.refusedFormats = fourccs; };
 }
 // The typical camera with `only` for its formats.
 CameraChange Only(const FakeCameraFormat& only) {
@@ -128,9 +133,7 @@ TEST_F(CapturerTest, ProbesAllSixtyFourPathsOrFindsTheWantedCameraBehindOthers) 
 // earlier candidates or silently substituted its own. MJPEG needs one side a multiple of 8. The
 // first frame is the camera's sequence 0 in the agreed format and size.
 TEST_F(CapturerTest, FormatOrderFollowsTheSizeAndTheAgreedFormatDecidesTheRawType) {
-  const CameraChange refused = [](FakeCameraConfig&, FakeCameraFaults& f) {
-    f.refusedFormats = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420};
-  };
+  const CameraChange refused = Refusing({V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420});
   auto only = [](uint32_t fourcc, uint32_t width, uint32_t height) {
     return Only(DiscreteFormat(fourcc, {{width, height}}, {{1, 30}}));
   };
@@ -226,11 +229,8 @@ TEST_F(CapturerTest, RateFailuresKeepTheDriverRateAndFailedStartsLeaveNothing) {
        "Invalid FrameInterval Fraction Parameters."},
       {Stepwise(&FakeCameraFormat::step, {1, 0}), 0, "Invalid FrameInterval Fraction Parameters."},
       {Stepwise(&FakeCameraFormat::step, {0, 30}), 0, "Invalid FrameInterval Parameters."},
-      {[](auto& c, auto&) {
-         c.formats[1].discreteIntervals = {{1, 0}};
-       },
-       0, "Failed to enum framerate."},
-
+      {Only(DiscreteFormat(V4L2_PIX_FMT_YUV420, {{640, 480}}, {{1, 0}})), 0,
+       "Failed to enum framerate."},
       {IoctlFails(VIDIOC_REQBUFS, ENOMEM), 1, "Get mmap buffers failed. error"},
       {IoctlFails(VIDIOC_QUERYBUF, EINVAL), 1, "VIDIOC_QUERYBUF failed"},
       {[](auto&, auto& f) { f.mmapFailAt = 2; }, 1, "mmap failed"},  // the third
@@ -240,10 +240,8 @@ TEST_F(CapturerTest, RateFailuresKeepTheDriverRateAndFailedStartsLeaveNothing) {
       {IoctlFails(VIDIOC_S_FMT, EBUSY), 1, "set video formats failed. rawVideoType:1, error:16"},
       {Only(DiscreteFormat(V4L2_PIX_FMT_MJPEG, {{962, 542}}, {{1, 30}})), 1,
        "capture MJPEG format. width and height must be a multiple of 8. ", 30, 962, 542},
-      {[](auto&, auto& f) {
-         f.refusedFormats = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_YUYV};
-       },
-       1, "not found suitable video formats"},
+      {Refusing({V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUV420, V4L2_PIX_FMT_YUYV}), 1,
+       "not found suitable video formats"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.message) + " " + std::to_string(&c - cases));

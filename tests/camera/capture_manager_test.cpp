@@ -25,13 +25,7 @@ struct Planes {
 // A frame over `input`, owned by the test; after a conversion the block is the frame's.
 _PEL_V_FRAME FrameOver(std::vector<uint8_t>& input, uint32_t format, uint32_t width,
                        uint32_t height) {
-  _PEL_V_FRAME frame{};
-  frame.format = format;
-  frame.width = width;
-  frame.height = height;
-  frame.data = input.data();
-  frame.dataSize = static_cast<uint32_t>(input.size());
-  return frame;
+  return {format, width, height, input.data(), static_cast<uint32_t>(input.size()), 0, 0, 0, 0};
 }
 
 // The I420 picture a converted frame holds.

@@ -15,13 +15,8 @@ using Bytes = std::vector<uint8_t>;
 // An ARGB frame over `pixels` (width x height, rows of 4 x width bytes).
 std::unique_ptr<OsvGraphicBuffer> WrapArgb(Bytes& pixels, uint32_t width, uint32_t height) {
   auto frame = std::make_unique<OsvGraphicBuffer>(pixels.data());
-  OsvGraphicBufferInfo info{};
-  info.width = width;
-  info.height = height;
-  info.stride[0] = width * 4;
-  info.size = static_cast<uint32_t>(pixels.size());
-  info.format = TAVO_VIDEO_VLINK_FORMAT_ARGB;
-  frame->SetImageInfo(info);
+  const uint32_t size = static_cast<uint32_t>(pixels.size());
+  frame->SetImageInfo({width, height, {width * 4}, size, TAVO_VIDEO_VLINK_FORMAT_ARGB, 0, 0});
   frame->SetImageAddr(pixels.data(), nullptr, nullptr);
   return frame;
 }
