@@ -92,19 +92,14 @@ inline int64_t FramesFor(int64_t paceHz) {
 // a loaded machine, as in a call.
 class BusyCore {
  public:
-  explicit BusyCore(bool enabled) {
-    if (enabled) {
-      m_spinner = std::thread([this] {
-        while (!m_stop.load(std::memory_order_relaxed)) {
-        }
-      });
-    }
-  }
+  BusyCore()
+      : m_spinner([this] {
+          while (!m_stop.load(std::memory_order_relaxed)) {
+          }
+        }) {}
   ~BusyCore() {
     m_stop.store(true);
-    if (m_spinner.joinable()) {
-      m_spinner.join();
-    }
+    m_spinner.join();
   }
   BusyCore(const BusyCore&) = delete;
   BusyCore& operator=(const BusyCore&) = delete;
@@ -300,20 +295,23 @@ class LockedQueueFanOut {
   LockedQueueFanOut& operator=(const LockedQueueFanOut&) = delete;
   ~LockedQueueFanOut() { Stop(); }
 
-  void Send(OsvGraphicBuffer* frame) {
+  // Stamps the frame with its number and queues it once per receiver; always taken.
+  bool Send(OsvGraphicBuffer& frame, uint32_t seq) {
+    frame.SetSrcImgNo(seq);
     // Every reference is taken before any is queued, so no receiver can free it early.
     for (size_t i = 0; i < m_fanOut; ++i) {
-      frame->IncreaseRef();
+      frame.IncreaseRef();
     }
     {
       std::lock_guard<std::mutex> lock(m_lock);
       for (size_t i = 0; i < m_fanOut; ++i) {
-        m_queue.push(frame);
+        m_queue.push(&frame);
       }
     }
     for (size_t i = 0; i < m_fanOut; ++i) {
       m_ready.notify_one();
     }
+    return true;
   }
 
   // Lets the consumers drain the queue, then joins them.

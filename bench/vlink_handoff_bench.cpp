@@ -132,12 +132,9 @@ void BM_QueueBaseline(benchmark::State& state) {
     return;
   }
   handoff_bench::LockedQueueFanOut queue(fanOut, pool, log);
-  const handoff_bench::SendResult sent =
-      handoff_bench::SendFrames(state, pool, log, [&queue](OsvGraphicBuffer& frame, uint32_t seq) {
-        frame.SetSrcImgNo(seq);
-        queue.Send(&frame);
-        return true;
-      });
+  const handoff_bench::SendResult sent = handoff_bench::SendFrames(
+      state, pool, log,
+      [&queue](OsvGraphicBuffer& frame, uint32_t seq) { return queue.Send(frame, seq); });
   queue.Stop();
   if (const auto run = handoff_bench::Report(state, log, pool.AllReturned(), sent, fanOut)) {
     PoolBaseline(state, *run);
@@ -210,7 +207,7 @@ void BM_VlinkHandoff(benchmark::State& state) {
 void BM_PacedSideBySide(benchmark::State& state) {
   const auto fanOut = static_cast<size_t>(state.range(0));
   const auto frames = static_cast<size_t>(state.max_iterations / 2);
-  handoff_bench::BusyCore busy(true);
+  handoff_bench::BusyCore busy;
   DeliveryLog ourLog(frames, fanOut);
   DeliveryLog baseLog(frames, fanOut);
   FramePool ourPool;
@@ -226,12 +223,9 @@ void BM_PacedSideBySide(benchmark::State& state) {
     handoff_bench::PacedSide ours{ourPool, ourLog, [&link](OsvGraphicBuffer& frame, uint32_t seq) {
                                     return link.Send(frame, seq);
                                   }};
-    handoff_bench::PacedSide base{basePool, baseLog,
-                                  [&queue](OsvGraphicBuffer& frame, uint32_t seq) {
-                                    frame.SetSrcImgNo(seq);
-                                    queue.Send(&frame);
-                                    return true;
-                                  }};
+    handoff_bench::PacedSide base{
+        basePool, baseLog,
+        [&queue](OsvGraphicBuffer& frame, uint32_t seq) { return queue.Send(frame, seq); }};
     sent = handoff_bench::SendSideBySide(state, state.range(1), {&ours, &base});
     queue.Stop();
   }
