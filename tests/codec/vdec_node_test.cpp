@@ -90,10 +90,8 @@ TEST(VdecNodeTest, ReceivedFramesFromCheckToReturnAndTheWatermarkFollowsBinds) {
   ASSERT_EQ(decoder->StartProcess(), 0U);
   tagOS_S_VIDEO_CODEC_IMG_INFO* frame = NewFrame();
   EXPECT_EQ(decoder->ReceiveVdecFrame(32, 70, frame), 1U);
-  EXPECT_TRUE(logs.HasModule("invalid vdecId[32]!", 1));
   OsvGraphicBuffer* buffer = std::exchange(frame->pBuffer, nullptr);
   EXPECT_EQ(decoder->ReceiveVdecFrame(0, 70, frame), 1U);
-  EXPECT_TRUE(logs.HasModule("null pBuffer!", 1));
   frame->pBuffer = buffer;
   DeleteFrame(frame);
 
@@ -128,7 +126,6 @@ TEST(VdecNodeTest, ReceivedFramesFromCheckToReturnAndTheWatermarkFollowsBinds) {
   info.height = 720;
   info.virtualOutFunc = OnVirtualOut;
   EXPECT_EQ(camera->SetParam(info), 1U);
-  EXPECT_TRUE(logs.HasModule("invalid width [0] or height [720]!", 1));
   info.width = 1280;
   ASSERT_EQ(camera->SetParam(info), 0U);
   tagOS_S_VIDEO_CODEC_IMG_INFO record{};
