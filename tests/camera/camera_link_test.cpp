@@ -29,13 +29,6 @@ namespace {
 constexpr const char* kBus = "usb-0000:00:14.0-1";
 constexpr uint32_t kCamera = TAVO_VIDEO_COMPONENT_CAMERA, kEnc = TAVO_VIDEO_COMPONENT_ENCODER;
 
-std::shared_ptr<BackgroundVirtualityNode> BgNodeOf(uint32_t cameraId) {
-  uint32_t bgId = 0;
-  return CameraCaptureNode::GetBgVirtualNodeId(cameraId, bgId) == 0
-             ? VideoVlinkNode::GetNodeByUnique<BackgroundVirtualityNode>(bgId)
-             : nullptr;
-}
-
 struct CameraTypeNode : CountingNode {  // the camera's node type, another class
   explicit CameraTypeNode(uint32_t id) : CountingNode(id, OS_E_MPP_DEV_CAMERA) {}
 };
@@ -236,7 +229,9 @@ TEST_F(CameraLinkTest, SinksShareTheBackgroundNodeWhichTakesTheSettingsStoredBef
   auto first = AddSink(720, 21);
   auto second = AddSink(721, 22);
   ASSERT_EQ(Bind(720, 700), 0U);
-  std::shared_ptr<BackgroundVirtualityNode> bgNode = BgNodeOf(5);
+  uint32_t bgId = 0;
+  ASSERT_EQ(CameraCaptureNode::GetBgVirtualNodeId(5, bgId), 0U);
+  auto bgNode = VideoVlinkNode::GetNodeByUnique<BackgroundVirtualityNode>(bgId);
   ASSERT_TRUE(bgNode);
   EXPECT_TRUE(bgNode->IsRunning());
   EXPECT_STREQ(bgNode->GetParam().bgImagePath, bgPath.c_str());
