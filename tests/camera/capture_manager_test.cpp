@@ -154,7 +154,6 @@ TEST_F(CaptureManagerTest, RotationAndMirrorMatchLibyuvAndOddSizesFitTheirBlocks
   _PEL_V_FRAME empty{};
   empty.mirror = 1;
   EXPECT_EQ(manager.MirrorYuvI420(empty), 1U);
-  EXPECT_TRUE(log.HasModule("libyuv::I420Mirror failed [-1]!", 1));
   EXPECT_EQ(empty.mirror, 1);
 }
 
@@ -174,10 +173,8 @@ TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCallerAndNoCapturerNoS
   for (auto [width, height] : {std::pair<uint32_t, uint32_t>{8193, 100}, {100, 8193}}) {
     EXPECT_EQ(convert(few, PELV_IMAGE_FORMAT_YUY2, width, height), DevCaptureManager::kFailed);
   }
-  EXPECT_TRUE(log.HasModule("fetal! frame size invalid [100-8193].", 1));
   _PEL_V_FRAME nothing{};  // no format either: the missing data is what refuses it
   EXPECT_EQ(manager.ConvertToI420(nothing), DevCaptureManager::kFailed);
-  EXPECT_TRUE(log.HasModule("frame data is null.", 1));
   for (uint32_t format : {100U, 102U, 104U, 105U, 106U, 201U, 205U, 300U}) {
     for (auto [width, height] : {std::pair<uint32_t, uint32_t>{0, 16}, {16, 0}, {0, 0}}) {
       EXPECT_NE(convert(few, format, width, height), 0U) << format << " " << width << "x" << height;
@@ -189,7 +186,6 @@ TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCallerAndNoCapturerNoS
       EXPECT_EQ(convert(RandomBytes(size, 3), c.format, 64, 48), 1U) << c.name;
     }
   }
-  EXPECT_TRUE(log.HasModule("frame data too short [4607 < 4608], format[100] [64-48].", 1));
   const std::vector<uint8_t> picture = MakePatternI420(320, 240, 1);
   const std::vector<uint8_t> jpeg = EncodeI420Jpeg(picture.data(), 320, 240);
   const std::vector<uint8_t> damaged[] = {RandomBytes(4096, 11),
@@ -200,12 +196,10 @@ TEST_F(CaptureManagerTest, BadFramesAreRefusedAndLeftToTheCallerAndNoCapturerNoS
     EXPECT_EQ(convert(bytes, PELV_IMAGE_FORMAT_MJPEG, 320, 240), 1U) << bytes.size();
   }
   EXPECT_EQ(convert(jpeg, PELV_IMAGE_FORMAT_MJPEG, 640, 480), 1U);  // another size than the frame
-  EXPECT_TRUE(log.HasModule("ConvertToI420 fail. ret = ", 1));
   // Start and stop need a capturer.
   tagCameraCaptureParams params{};
   EXPECT_EQ(manager.CaptureStart(&params), 1U);
   EXPECT_EQ(manager.CaptureStop(), 1U);
-  EXPECT_EQ(log.CountModule("m_devCaptureProxy is null", 1), 2U);
 }
 
 // A capturer whose results the test sets; its stop waits for stopGate, holding the manager's
@@ -248,7 +242,6 @@ TEST_F(CaptureManagerTest, FramePathConvertsPacesFailuresDropsWhileStoppedAndPas
   };
   std::vector<uint8_t> good = RandomBytes(64 * 48 * 2, 4);
   EXPECT_EQ(push(PELV_IMAGE_FORMAT_YUY2, 64, 48, good), 1);  // not started: dropped
-  EXPECT_TRUE(log.HasModule("m_captureMutex lock fail or capture is stopped", 1));
 
   tagCameraCaptureParams params{};
   ASSERT_EQ(manager.CaptureStart(&params), 0U);
@@ -285,7 +278,6 @@ TEST_F(CaptureManagerTest, FramePathConvertsPacesFailuresDropsWhileStoppedAndPas
   EXPECT_TRUE(manager.IsCapturing());  // stays set until stop
   capturer.initResult = 1;
   EXPECT_EQ(manager.Init("usb-2"), 1U);
-  EXPECT_TRUE(log.HasModule("m_devCaptureProxy Init fail", 1));
   EXPECT_EQ(manager.CaptureStart(nullptr), 1U);
 }
 

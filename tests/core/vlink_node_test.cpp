@@ -23,9 +23,6 @@ std::shared_ptr<CountingNode> MakeNode(uint32_t id, bool start) {
 // Fan-out hands each started receiver its own reference and skips a stopped one.
 // Without receivers, or once stopped, the producer still gets its frames back.
 TEST(VlinkNodeTest, FanOutSkipsAStoppedReceiverAndUnsentFramesGoBack) {
-  static int runs = 0;  // the empty-list line is paced per process: a repeated run sees it once
-  const bool first = runs++ == 0;
-  LogCapture logs;
   auto source = MakeNode(1, true);
   auto a = MakeNode(2, true);
   auto stopped = MakeNode(3, false);
@@ -62,7 +59,6 @@ TEST(VlinkNodeTest, FanOutSkipsAStoppedReceiverAndUnsentFramesGoBack) {
     Unlink(source, sink);
   }
   EXPECT_EQ(source->SendBuffer(&frame), 0U);
-  EXPECT_TRUE(!first || logs.HasModule("[TEST_1] m_nextNodes is empty!", 1));
   ASSERT_TRUE(source->released.WaitFor(2));
   source->StopProcess();
   frame.IncreaseRef();
@@ -73,14 +69,12 @@ TEST(VlinkNodeTest, FanOutSkipsAStoppedReceiverAndUnsentFramesGoBack) {
 }
 
 TEST(VlinkNodeTest, NeighboursMatchByIdLoopsAreRefusedAndLinksReportTheFailedStep) {
-  LogCapture logs;
   auto node = MakeNode(1, false);
   auto peer = MakeNode(2, false);
   auto impostor = MakeNode(2, false);  // another object with the same id
   EXPECT_EQ(node->ConnectToNode(peer), 0U);
   EXPECT_EQ(node->ConnectToNode(peer), 1U);
   EXPECT_EQ(node->ConnectToNode(impostor), 1U);
-  EXPECT_TRUE(logs.HasModule("[TEST_1] m_nextNodes has m_nodeId[2]", 1));
   EXPECT_EQ(node->ConnectFromNode(peer), 0U);  // both upstream and downstream
 
   EXPECT_EQ(node->DisconnectFromNode(impostor, true), 0U);
@@ -89,7 +83,6 @@ TEST(VlinkNodeTest, NeighboursMatchByIdLoopsAreRefusedAndLinksReportTheFailedSte
   EXPECT_EQ(node->DisconnectFromNode(peer, true), 0U);
   EXPECT_FALSE(node->HasNextNodes());
   EXPECT_EQ(node->DisconnectFromNode(peer, true), 1U);
-  EXPECT_TRUE(logs.HasModule("[TEST_1] Node[2] is not attached", 2));
   EXPECT_EQ(node->DisconnectFromNode(nullptr, true), 0U);
   // A host's ids can name a node as its own sink or close a ring; frames would go round for
   // ever (and a watermark walk would never end).
