@@ -85,9 +85,6 @@ TEST_F(ComposeTest, BackgroundImageIsKeptOnFailuresAndRescaledOnlyWhenTheSizeCha
   for (const BackgroundVirtualityParams& param : cases) {
     EXPECT_EQ(m_node->SetParam(param), 1U);
   }
-  EXPECT_TRUE(
-      m_log.HasModule("read image faild, file path[" + (m_dir.Path() / "missing.png").string()));
-  EXPECT_TRUE(m_log.HasModule("read image faild, file path[" + corrupt + "]"));
   expectBackground(LumaOf(255, 0, 0), 1);  // still the blue one SetUp loaded
   m_node->SetParam(Params(m_bgPath, 40, 20));
   EXPECT_EQ(g_resizes.load(), 2);  // scaled when loaded for a known frame size
@@ -123,7 +120,6 @@ TEST_F(ComposeTest, FrameCopyIsLibyuvsRgb24AndAnySizeIsBlendedWithinItsBuffer) {
   turned.rotation = 90;  // would need a 18 x 32 copy
   frame->SetImageInfo(turned);
   EXPECT_EQ(m_node->DataConvertBeforeVirtual(frame.get(), &rgb), 1U);
-  EXPECT_TRUE(m_log.HasModule("ConvertToARGB Error"));
   // Frames of other sizes than 1280 x 720 are blended whole and never past their buffers
   // (the sanitizer build would catch an over-read); half person, half background here.
   for (const auto& [width, height] : {std::pair{20U, 10U}, std::pair{1290U, 730U}}) {

@@ -42,13 +42,30 @@ inline uint8_t LumaOf(uint8_t b, uint8_t g, uint8_t r) {
   return yuv[0];
 }
 
+// The real clock, counting sleeps: the node sleeps only while a frame-size change waits for
+// the frames in flight.
+class SleepCountingClock final : public Clock {
+ public:
+  uint64_t NowUs() override { return Clock::Real().NowUs(); }
+  void SleepMs(uint32_t milliseconds) override {
+    sleeps.Add();
+    Clock::Real().SleepMs(milliseconds);
+  }
+  bool WaitFor(std::unique_lock<std::mutex>& lock, std::condition_variable& signal,
+               uint32_t milliseconds, const std::function<bool()>& done) override {
+    return Clock::Real().WaitFor(lock, signal, milliseconds, done);
+  }
+  CountLatch sleeps;
+};
+
 class BackgroundLinkTest : public ::testing::Test {
  protected:
   static constexpr uint32_t kWidth = 64;
   static constexpr uint32_t kHeight = 36;
   static constexpr uint8_t kFrameLuma = 180;
 
-  BackgroundLinkTest() : m_loaderOverride(m_loader), m_threadsOverride(m_threads) {
+  BackgroundLinkTest()
+      : m_loaderOverride(m_loader), m_threadsOverride(m_threads), m_clockOverride(m_clock) {
     m_loader.AddLibrary(BackgroundVirtualityNode::kClientLibrary, FakeComputingClient::Symbols());
     m_loader.AddLibrary("libtavo_video_opencv_wrapper.so", WrapperSymbols());
   }
@@ -130,6 +147,8 @@ class BackgroundLinkTest : public ::testing::Test {
   FakeThreadSystem m_threads;
   ScopedSeamOverride<DynamicLoader> m_loaderOverride;
   ScopedSeamOverride<ThreadSystem> m_threadsOverride;
+  SleepCountingClock m_clock;  // outlives the fake client's thread, which waits on it
+  ScopedSeamOverride<Clock> m_clockOverride;
   FakeComputingClient m_client;
   LogCapture m_log;
   TempDir m_dir;
